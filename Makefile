@@ -1,0 +1,57 @@
+# make demo    text from a real model through the operators        make build     environment and package
+# make test    all tests                                           make scalar    kernel tests, one strand a work-item
+# make bench   every operator beside what one would use instead    make sanitize  all tests under ASan and UBSan
+# make format  clang-format on all sources                         make clean     removes builds, keeps .venv
+#
+# MARCH=x86-64-v3 builds for that instruction set instead of this machine's; ARGS="..." goes on to pytest or bench.
+
+SHELL := /bin/bash
+PYTHON := .venv/bin/python
+CMAKE := .venv/bin/cmake
+PROMPT ?= The three primary colors are
+
+CPP := $(wildcard *.cpp *.h batch/*.cpp batch/*.h formats/*.h formats/*.cpp includes/*.h) \
+       $(shell find host -name '*.cpp' -o -name '*.h' -o -name '*.hpp')
+PACKAGE := $(CPP) $(wildcard orrery/*.py host/orrery_host/*.py) CMakeLists.txt host/CMakeLists.txt pyproject.toml
+NATIVE_TESTS := $(wildcard tests/native/*.cpp tests/native/*.h)
+KERNEL_TESTS = $(wildcard $(addprefix tests/,test_linear_xpu_kernel.py test_bmm_xpu_kernel.py test_sdp.py \
+                 test_norm.py test_rope.py))
+
+.PHONY: demo test build bench scalar sanitize format clean
+.DELETE_ON_ERROR:
+
+demo: build
+	@$(PYTHON) -m orrery generate --format q4_0 $(ARGS) '$(PROMPT)'
+
+build: build/installed
+
+.venv/installed: requirements.txt tools/setup.sh
+	@tools/setup.sh
+	@touch $@
+
+build/installed: .venv/installed tools/install.sh $(PACKAGE)
+	@tools/install.sh
+	@touch $@
+
+# The same objects again with the modules that only the tests import; nothing of the package is compiled twice.
+test: build
+	@$(CMAKE) --build build/install
+	PYTHONPATH=$(CURDIR)/build/install/python $(PYTHON) -m pytest $(ARGS)
+	@$(MAKE) --no-print-directory scalar
+
+scalar: .venv/installed
+	@$(CMAKE) --preset scalar -DCMAKE_MAKE_PROGRAM=$(CURDIR)/.venv/bin/ninja $(if $(MARCH),-DORRERY_MARCH=$(MARCH))
+	@$(CMAKE) --build --preset scalar
+	PYTHONPATH=$(CURDIR)/build/scalar/python $(PYTHON) -m pytest $(KERNEL_TESTS) $(ARGS)
+
+sanitize: .venv/installed
+	@tools/sanitize.sh $(ARGS)
+
+bench: build
+	@$(PYTHON) -m bench $(ARGS)
+
+format: .venv/installed
+	@.venv/bin/clang-format -i $(CPP) $(NATIVE_TESTS)
+
+clean:
+	rm -rf build

@@ -1,0 +1,271 @@
+"""What is measured: each case gives rows of ours against a peer."""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+from functools import partial
+from pathlib import Path
+from types import ModuleType
+from typing import Callable
+
+import torch
+import torch.nn.functional as F
+
+from orrery.formats import FORMATS, Format, dequantize, quantize
+
+from . import decode
+from .measure import Call, Flush, call_cost, interleaved
+from .report import Bar, Row
+
+# Largest distance of our result from the float32 product, as a part of its length: a guard against timing a wrong
+# answer. Half and bfloat16 round every partial sum, over up to 4096 terms.
+_NEAR = {torch.float32: 1e-4, torch.float16: 3e-2, torch.bfloat16: 2e-1}
+
+
+@dataclass
+class Setting:
+    """What all cases share. `ops` is None where the peers are measured alone."""
+
+    ops: ModuleType | None
+    threads: int
+    quick: bool
+    flush: Flush
+    model: Path | None
+
+    def runs(self, full: int) -> int:
+        return max(3, full // 8) if self.quick else full
+
+    def both(self, ours: Call, peer: Call | None, runs: int, cold: bool = True) -> tuple[float | None, float | None]:
+        calls = {}
+        if self.ops is not None:
+            calls["ours"] = ours
+        if peer is not None:
+            calls["peer"] = peer
+        times = interleaved(calls, self.runs(runs), self.flush if cold else lambda: None)
+        return times.get("ours"), times.get("peer")
+
+    def on_device(self, tensor: torch.Tensor) -> torch.Tensor:
+        return tensor.to("xpu") if self.ops is not None else tensor
+
+    def check(self, name: str, ours: Call, reference: torch.Tensor, limit: float) -> None:
+        if self.ops is None:
+            return
+        result = ours().cpu().float()
+        distance = float((result - reference).norm() / reference.norm())
+        if not distance <= limit:
+            raise ArithmeticError(f"{name}: the result is {distance:.2g} away from the reference, {limit:g} is allowed")
+
+
+def random_weight(fmt: Format, rows: int, columns: int) -> tuple[torch.Tensor, torch.Tensor]:
+    """The bytes of a random matrix and its float32 values. The same 64 rows come again and again: quantizing is slow."""
+    part = torch.randn(64, columns, generator=torch.Generator().manual_seed(0)) * 0.03
+    planes = fmt.planes(quantize(fmt, part))
+    data = torch.cat([plane.repeat(rows // 64, 1).view(-1) for plane in planes])
+    return data, dequantize(fmt, data, columns)
+
+
+def _linear_row(setting: Setting, format_name: str, dtype: torch.dtype, bars: list[Bar]) -> Row:
+    fmt, size = FORMATS[format_name], 4096
+    weight, dense = random_weight(fmt, size, size)
+    x = torch.randn(1, size, generator=torch.Generator().manual_seed(1)).to(dtype)
+    type_name = str(dtype).removeprefix("torch.")
+    name = f"forward_new {format_name} {size}x{size} {type_name}"
+    device_x, device_weight = setting.on_device(x), setting.on_device(weight)
+
+    def ours() -> torch.Tensor:
+        return setting.ops.forward_new(device_x, device_weight, fmt.code, 0)
+
+    setting.check(name, ours, x.float() @ dense.T, _NEAR[dtype])
+    peer_weight = dense.to(dtype)
+    times = setting.both(ours, lambda: F.linear(x, peer_weight), 60)
+    return Row(name, *times, f"torch linear {type_name}", bytes=weight.numel(), bars=bars)
+
+
+def linear(setting: Setting) -> list[Row]:
+    """One input row through q4_0, the shape of a 7B model's projection."""
+    bars = [Bar("bandwidth", 0.4), Bar("speed", 5.0)]
+    return [_linear_row(setting, "q4_0", torch.float32, bars)]
+
+
+def formats(setting: Setting) -> list[Row]:
+    """The other linear formats in float."""
+    return [_linear_row(setting, name, torch.float32, []) for name in FORMATS if name != "q4_0"]
+
+
+def types(setting: Setting) -> list[Row]:
+    """q4_0 in the other value types, each against PyTorch's product in the same type."""
+    return [_linear_row(setting, "q4_0", dtype, []) for dtype in (torch.float16, torch.bfloat16)]
+
+
+def small(setting: Setting) -> list[Row]:
+    """Small matrices, held to the byte rate of a 4096 x 4096 one that is measured in the same turns."""
+    fmt = FORMATS["q4_0"]
+    shapes = [(4096, 4096), (1536, 576), (576, 1536)]
+    calls: dict[tuple[str, int], Call] = {}
+    for rows, columns in shapes:
+        weight, dense = random_weight(fmt, rows, columns)
+        x = torch.randn(1, columns)
+        if setting.ops is not None:
+            ours = partial(setting.ops.forward_new, setting.on_device(x), setting.on_device(weight), fmt.code, 0)
+            setting.check(f"forward_new q4_0 {rows}x{columns}", ours, x @ dense.T, _NEAR[torch.float32])
+            calls["ours", rows] = ours
+        calls["peer", rows] = partial(F.linear, x, dense)
+    times = interleaved(calls, setting.runs(100), setting.flush)
+    large = times.get(("ours", 4096))
+    return [
+        Row(
+            f"forward_new q4_0 {rows}x{columns} float32",
+            times.get(("ours", rows)),
+            times.get(("peer", rows)),
+            "torch linear float32",
+            bytes=fmt.size(rows, columns),
+            byte_rate=fmt.size(4096, 4096) / large if large else None,
+            bars=[Bar("byte time", 2.5)],
+        )
+        for rows, columns in shapes[1:]
+    ]
+
+
+def empty(setting: Setting) -> list[Row]:
+    """From the Python call to its return, with no work inside and everything in cache."""
+    x, no_rows, nothing = torch.randn(1, 64), torch.empty(0, 64), torch.empty(0, dtype=torch.uint8)
+    row, norm_weight = torch.empty(0, 64), torch.ones(64)
+    frequencies, positions = torch.ones(32), torch.empty(1, 0, dtype=torch.int64)
+    query, key = torch.empty(1, 9, 0, 64), torch.empty(1, 3, 0, 64)
+    d = setting.on_device
+    x_d, nothing_d, row_d, norm_d = d(x), d(nothing), d(row), d(norm_weight)
+    rotary = [d(frequencies), d(positions), d(query), d(key)]
+    ops = setting.ops
+    cases: list[tuple[str, Call, Call | None, str]] = [
+        (
+            "forward_new, no output",
+            lambda: ops.forward_new(x_d, nothing_d, FORMATS["q4_0"].code, 0),
+            lambda: F.linear(x, no_rows),
+            "torch linear, no output",
+        ),
+        (
+            "rms_norm, no rows",
+            lambda: ops.rms_norm(norm_d, row_d, 1e-5),
+            lambda: F.rms_norm(row, (64,), norm_weight, 1e-5),
+            "torch rms_norm, no rows",
+        ),
+        ("rotary_half_inplaced, no rows", lambda: ops.rotary_half_inplaced(*rotary), None, ""),
+    ]
+    rows = []
+    for name, ours, peer, peer_name in cases:
+        calls = {"ours": ours} if ops is not None else {}
+        if peer is not None:
+            calls["peer"] = peer
+        times = call_cost(calls, setting.runs(40))
+        rows.append(
+            Row(f"empty: {name}", times.get("ours"), times.get("peer"), peer_name, bars=[Bar("microseconds", 8.0)])
+        )
+    return rows
+
+
+def sdp(setting: Setting) -> list[Row]:
+    """One query over 2048 keys: 32 heads, 8 key/value heads, head size 128."""
+    generator = torch.Generator().manual_seed(2)
+    q = torch.randn(1, 32, 1, 128, generator=generator)
+    k, v = (torch.randn(1, 8, 2048, 128, generator=generator) for _ in range(2))
+    q_d, k_d, v_d = (setting.on_device(t) for t in (q, k, v))
+
+    def ours() -> torch.Tensor:
+        return setting.ops.sdp(q_d, k_d, v_d, None)
+
+    def peer() -> torch.Tensor:
+        return F.scaled_dot_product_attention(q, k, v, enable_gqa=True)
+
+    setting.check("sdp", ours, peer(), 1e-4)
+    times = setting.both(ours, peer, 60)
+    return [
+        Row(
+            "sdp 1 over 2048 keys float32",
+            *times,
+            "torch sdpa, gqa",
+            bytes=(k.numel() + v.numel()) * 4,
+            bars=[Bar("speed", 1.0)],
+        )
+    ]
+
+
+def norm(setting: Setting) -> list[Row]:
+    """rms_norm of one row of 4096."""
+    generator = torch.Generator().manual_seed(3)
+    x, weight = torch.randn(1, 4096, generator=generator), torch.randn(4096, generator=generator)
+    x_d, weight_d = setting.on_device(x), setting.on_device(weight)
+
+    def ours() -> torch.Tensor:
+        return setting.ops.rms_norm(weight_d, x_d, 1e-5)
+
+    def peer() -> torch.Tensor:
+        return F.rms_norm(x, (4096,), weight, 1e-5)
+
+    setting.check("rms_norm", ours, peer(), 1e-4)
+    cold = setting.both(ours, peer, 200)
+    warm = setting.both(ours, peer, 2000, cold=False)
+    return [
+        Row("rms_norm 1x4096 float32", *cold, "torch rms_norm", bars=[Bar("speed", 1.0)]),
+        Row("rms_norm 1x4096 float32, in cache", *warm, "torch rms_norm"),
+    ]
+
+
+def rotary(setting: Setting) -> list[Row]:
+    """One position: 32 query and 8 key heads of 128, against the usual lines of PyTorch."""
+    inverse = 10000.0 ** (-torch.arange(64, dtype=torch.float32) / 64)
+    position = torch.tensor([[7]])
+    q, k = torch.randn(1, 32, 1, 128), torch.randn(1, 8, 1, 128)
+    inverse_d, position_d, q_d, k_d = (setting.on_device(t) for t in (inverse, position, q, k))
+
+    def ours() -> None:
+        setting.ops.rotary_half_inplaced(inverse_d, position_d, q_d, k_d)
+
+    def turned(t: torch.Tensor, cos: torch.Tensor, sin: torch.Tensor) -> torch.Tensor:
+        low, high = t.chunk(2, dim=-1)
+        return t * cos + torch.cat((-high, low), dim=-1) * sin
+
+    def peer() -> tuple[torch.Tensor, torch.Tensor]:
+        angles = position[:, None, :, None] * inverse
+        angles = torch.cat((angles, angles), dim=-1)
+        cos, sin = angles.cos(), angles.sin()
+        return turned(q, cos, sin), turned(k, cos, sin)
+
+    if setting.ops is not None:
+        expected, _ = peer()
+        probe, probe_key = setting.on_device(q), setting.on_device(k)
+        setting.ops.rotary_half_inplaced(inverse_d, position_d, probe, probe_key)
+        setting.check("rotary_half_inplaced", lambda: probe, expected, 1e-4)
+    times = setting.both(ours, peer, 200)
+    return [Row("rotary_half_inplaced 32+8 heads of 128", *times, "torch, eager")]
+
+
+def bmm(setting: Setting) -> list[Row]:
+    """Nine heads' scores over 2048 keys as a batched product."""
+    a, b = torch.randn(9, 1, 64), torch.randn(9, 64, 2048)
+    a_d, b_d, c_d = (setting.on_device(t) for t in (a, b, torch.empty(9, 1, 2048)))
+
+    def ours() -> torch.Tensor:
+        return setting.ops.bmm(a_d, b_d, c_d)
+
+    setting.check("bmm", ours, torch.bmm(a, b), 1e-4)
+    times = setting.both(ours, lambda: torch.bmm(a, b), 60)
+    return [Row("bmm 9 x 1x64 x 64x2048 float32", *times, "torch bmm", bytes=b.numel() * 4)]
+
+
+def model_decode(setting: Setting) -> list[Row]:
+    """Tokens per second of the real model, ours and llama.cpp's in turns."""
+    return decode.rows(setting.ops is not None, setting.threads, setting.quick, setting.model)
+
+
+CASES: dict[str, Callable[[Setting], list[Row]]] = {
+    "linear": linear,
+    "formats": formats,
+    "types": types,
+    "small": small,
+    "empty": empty,
+    "sdp": sdp,
+    "norm": norm,
+    "rotary": rotary,
+    "bmm": bmm,
+    "decode": model_decode,
+}

@@ -1,0 +1,116 @@
+"""Clocks: medians of interleaved runs with cold caches, and the machine's read bandwidth."""
+
+from __future__ import annotations
+
+import os
+import platform
+import time
+from pathlib import Path
+from statistics import median
+from typing import Callable, Hashable, Mapping, TypeVar
+
+import torch
+
+Call = Callable[[], object]
+Key = TypeVar("Key", bound=Hashable)
+_MIB = 1 << 20
+
+
+def last_level_cache() -> int:
+    """Bytes of the largest cache that the system tells of, 32 MiB where it tells of none."""
+    sizes = []
+    for entry in Path("/sys/devices/system/cpu/cpu0/cache").glob("index*/size"):
+        text = entry.read_text().strip()
+        sizes.append(int(text.rstrip("KMG")) * {"K": 1 << 10, "M": _MIB, "G": 1 << 30}.get(text[-1], 1))
+    return max(sizes, default=32 * _MIB)
+
+
+class Flush:
+    """Evicts every cache by writing, then reading, twice the last level's size.
+
+    Both passes run on PyTorch's threads, so the pool is as awake before a measured call as it is between the
+    operations of a model.
+    """
+
+    def __init__(self) -> None:
+        self._buffer = torch.zeros(2 * last_level_cache() // 4)
+
+    def __call__(self) -> None:
+        self._buffer.add_(1.0)
+        self._buffer.max()
+
+
+@torch.inference_mode()
+def interleaved(calls: Mapping[Key, Call], runs: int, before: Call = lambda: None) -> dict[Key, float]:
+    """Median seconds of each call; in a run each is timed once in turn, with `before` ahead of each."""
+    times: dict[Key, list[float]] = {name: [] for name in calls}
+    for call in calls.values():
+        call()
+    for _ in range(runs):
+        for name, call in calls.items():
+            before()
+            start = time.perf_counter()
+            call()
+            times[name].append(time.perf_counter() - start)
+    return {name: median(samples) for name, samples in times.items()}
+
+
+def call_cost(calls: Mapping[str, Call], runs: int, batch: int = 1000) -> dict[str, float]:
+    """Median seconds of one call among many in a row: what is left when the work itself is nothing."""
+
+    def repeat(call: Call) -> Call:
+        def loop() -> None:
+            for _ in range(batch):
+                call()
+
+        return loop
+
+    loops = {name: repeat(call) for name, call in calls.items()}
+    return {name: seconds / batch for name, seconds in interleaved(loops, runs).items()}
+
+
+def read_bandwidth(runs: int = 9, size: int | None = None) -> float:
+    """Bytes a second that the current number of threads reads from memory.
+
+    The buffer is eight times the last-level cache. Several reductions are tried, since which of them saturates the
+    memory depends on the vector units, and the best median counts.
+    """
+    buffer = torch.ones((size or 8 * last_level_cache()) // 4)
+    rows = buffer.view(-1, 16384)
+    readers = {
+        "sum": lambda: buffer.sum(),
+        "max": lambda: buffer.max(),
+        "aminmax": lambda: torch.aminmax(buffer),
+        "rows": lambda: rows.sum(1),
+    }
+    return buffer.numel() * 4 / min(interleaved(readers, runs).values())
+
+
+def processor_name() -> str:
+    try:
+        for line in Path("/proc/cpuinfo").read_text().splitlines():
+            if line.startswith("model name"):
+                return line.split(":", 1)[1].strip()
+    except OSError:
+        pass
+    return platform.processor() or platform.machine()
+
+
+def usable_cores() -> int:
+    return len(os.sched_getaffinity(0)) if hasattr(os, "sched_getaffinity") else os.cpu_count() or 1
+
+
+def machine(threads: int) -> dict[str, object]:
+    """What a reader needs to know to compare these numbers with others."""
+    return {
+        "processor": processor_name(),
+        "cores": usable_cores(),
+        "threads": threads,
+        "last_level_cache_mib": last_level_cache() // _MIB,
+        "memory_gib": round(os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 2**30, 1),
+        "vector_units": torch.backends.cpu.get_cpu_capability(),
+        "system": f"{platform.system()} {platform.release()}",
+        "python": platform.python_version(),
+        "torch": str(torch.__version__),
+        "load_average": round(os.getloadavg()[0], 2),
+    }

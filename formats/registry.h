@@ -1,0 +1,94 @@
+// The weight formats by code: sizes, layout, and where the planes of a split tensor lie.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+namespace orrery {
+
+enum class weight_layout { none, split, block_array };
+
+struct format_row {
+  int32_t code;
+  const char* name;
+  int32_t elements;  // of one block
+  uint64_t bytes;    // of one block, all planes together
+  weight_layout layout;
+  int32_t quant_bytes;  // of one block in the quant plane (both quant planes of fp6); 0 for a block array
+  int32_t scale_bytes;  // of one block in the scale plane
+};
+
+// clang-format off
+inline constexpr format_row format_rows[] = {
+    {2,  "q4_0",     64,  34,  weight_layout::split,       32, 2},
+    {3,  "q4_1",     64,  36,  weight_layout::split,       32, 4},
+    {6,  "q5_0",     64,  44,  weight_layout::block_array, 0,  0},
+    {7,  "q5_1",     64,  44,  weight_layout::block_array, 0,  0},
+    {8,  "q8_0",     64,  68,  weight_layout::split,       64, 4},
+    {9,  "q8_1",     32,  36,  weight_layout::none,        0,  0},  // quantized activations, no weight format
+    {10, "nf4",      64,  34,  weight_layout::split,       32, 2},
+    {11, "nf3",      64,  26,  weight_layout::split,       24, 2},
+    {15, "fp8_e4m3", 64,  68,  weight_layout::split,       64, 4},
+    {16, "fp4",      64,  34,  weight_layout::split,       32, 2},
+    {19, "fp8_e5m2", 64,  68,  weight_layout::split,       64, 4},
+    {21, "iq2_xxs",  256, 66,  weight_layout::block_array, 0,  0},
+    {22, "",         256, 74,  weight_layout::none,        0,  0},  // sizes only
+    {23, "q2_k",     256, 84,  weight_layout::block_array, 0,  0},
+    {24, "iq1_s",    256, 50,  weight_layout::block_array, 0,  0},
+    {25, "",         256, 56,  weight_layout::none,        0,  0},  // sizes only
+    {26, "q6_k",     256, 210, weight_layout::block_array, 0,  0},
+    {27, "q4_k",     256, 144, weight_layout::block_array, 0,  0},
+    {28, "q5_k",     256, 176, weight_layout::block_array, 0,  0},
+    {29, "fp6",      64,  50,  weight_layout::split,       48, 2},
+};
+// clang-format on
+
+inline constexpr int32_t format_codes = 30;
+
+namespace detail {
+
+template <typename Value>
+constexpr std::array<Value, format_codes> by_code(Value format_row::*field) {
+  std::array<Value, format_codes> table{};
+  for (const format_row& row : format_rows) table[row.code] = row.*field;
+  return table;
+}
+
+}  // namespace detail
+
+inline constexpr std::array<int32_t, format_codes> block_elems = detail::by_code(&format_row::elements);
+inline constexpr std::array<uint64_t, format_codes> block_bytes = detail::by_code(&format_row::bytes);
+
+// The row of a code that a weight may have, else null: holes of the table, and sizes without a reader, have none.
+constexpr const format_row* find_weight_format(int32_t code) {
+  for (const format_row& row : format_rows) {
+    if (row.code == code && row.layout != weight_layout::none) return &row;
+  }
+  return nullptr;
+}
+
+// Remainders are dropped without notice, as the readers' addresses never depend on them.
+constexpr uint64_t rows_of_weight(int32_t code, uint64_t weight_bytes, uint64_t state_size) {
+  const uint64_t blocks = weight_bytes / block_bytes[code];
+  return static_cast<uint64_t>(block_elems[code]) * blocks / state_size;
+}
+
+// Positions of planes are 32-bit: the product wraps, and a split matrix of 2^31 elements or more has no valid position.
+constexpr int32_t wrapped_blocks(uint64_t output_size, uint64_t state_size) {
+  return static_cast<int32_t>(static_cast<uint32_t>(output_size * state_size)) / 64;
+}
+
+// Byte position of the scale plane of a split format; 0 for a block array, which has none.
+constexpr uint32_t scale_offset(int32_t code, uint64_t output_size, uint64_t state_size) {
+  const format_row* row = find_weight_format(code);
+  if (row == nullptr || row->layout != weight_layout::split) return 0;
+  if (row->quant_bytes == 64) return static_cast<uint32_t>(output_size * state_size) & ~63u;
+  return static_cast<uint32_t>(wrapped_blocks(output_size, state_size) * row->quant_bytes);
+}
+
+// fp6 keeps the two high bits of each code in a plane of their own, behind 32 bytes a block.
+constexpr uint32_t fp6_second_plane(uint64_t output_size, uint64_t state_size) {
+  return static_cast<uint32_t>(wrapped_blocks(output_size, state_size) * 32);
+}
+
+}  // namespace orrery

@@ -1,0 +1,27 @@
+// Devices, their streams with the queues behind them, and events.
+#pragma once
+
+#include <c10/core/Device.h>
+#include <c10/core/Stream.h>
+
+#include <sycl/sycl.hpp>
+
+namespace orrery::host {
+
+c10::DeviceIndex device_count();
+c10::DeviceIndex current_device();
+void set_current_device(c10::DeviceIndex device);
+
+// The index itself, the current device for -1, an error for a device that is not there.
+c10::DeviceIndex checked_device(c10::DeviceIndex device);
+
+c10::Stream current_stream(c10::DeviceIndex device);
+void set_current_stream(c10::Stream stream);
+sycl::queue& queue_of(c10::Stream stream);
+
+// Between two recorded events of the guard.
+double elapsed_milliseconds(const void* begin, const void* end);
+
+void register_guard(int devices);
+
+}  // namespace orrery::host

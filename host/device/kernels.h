@@ -1,0 +1,8 @@
+// The kernels of the xpu device.
+#pragma once
+
+namespace orrery::host {
+
+void register_kernels();
+
+}  // namespace orrery::host

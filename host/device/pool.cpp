@@ -1,0 +1,185 @@
+#include "pool.h"
+
+#include <sys/mman.h>
+
+#include <bit>
+
+#include "allocator.h"
+
+namespace orrery::host {
+namespace {
+
+constexpr size_t page = 4096;
+constexpr size_t huge_page = size_t(2) << 20;
+// Free blocks are kept up to this sum, so that the scratch of a step is not faulted in anew by the next one.
+constexpr size_t most_free_bytes = size_t(128) << 20;
+constexpr size_t small_limit = size_t(1) << 20;  // PyTorch's border between its small and large pool
+
+size_t round_up(size_t n, size_t step) { return (n + step - 1) / step * step; }
+
+// Four to eight sizes a doubling: few enough for reuse, and unused pages of a block are never committed.
+size_t capacity_for(size_t bytes) {
+  const size_t step = std::bit_floor(bytes) / 4;
+  return round_up(bytes, step < page ? page : step);
+}
+
+block* map_block(size_t capacity, c10::DeviceIndex device) {
+  const size_t alignment = capacity >= huge_page ? huge_page : page;
+  const size_t mapped = capacity + slack_bytes + alignment - page;
+  void* mapping = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (mapping == MAP_FAILED) return nullptr;
+  char* data = reinterpret_cast<char*>(round_up(reinterpret_cast<size_t>(mapping), alignment));
+  // Huge pages for what the tensor fills, never for the slack: one touched byte there would commit 2 MiB.
+  const size_t huge = capacity / huge_page * huge_page;
+  if (huge) madvise(data, huge, MADV_HUGEPAGE);
+  madvise(data + huge, capacity + slack_bytes - huge, MADV_NOHUGEPAGE);
+  return new block{data, capacity, 0, mapping, mapped, device};
+}
+
+void unmap(block* unused) {
+  munmap(unused->mapping, unused->mapped);
+  delete unused;
+}
+
+size_t stat_pool(size_t capacity) {
+  using c10::CachingAllocator::StatType;
+  return size_t(capacity < small_limit ? StatType::SMALL_POOL : StatType::LARGE_POOL);
+}
+
+void add(c10::CachingAllocator::StatArray& stat, size_t of_pool, size_t amount) {
+  stat[0].increase(amount);
+  stat[of_pool].increase(amount);
+}
+
+void subtract(c10::CachingAllocator::StatArray& stat, size_t of_pool, size_t amount) {
+  stat[0].decrease(amount);
+  stat[of_pool].decrease(amount);
+}
+
+template <typename Function>
+void for_each_stat(c10::CachingDeviceAllocator::DeviceStats& stats, Function apply) {
+  for (auto* array : {&stats.allocation, &stats.segment, &stats.active, &stats.allocated_bytes, &stats.reserved_bytes,
+                      &stats.active_bytes, &stats.requested_bytes})
+    for (auto& stat : *array) apply(stat);
+}
+
+}  // namespace
+
+void* pool::take(size_t bytes, c10::DeviceIndex device) {
+  const size_t capacity = capacity_for(bytes);
+  const size_t of_pool = stat_pool(capacity);
+  std::lock_guard lock(mutex_);
+  block* taken = take_free(capacity, device);
+  if (!taken) taken = take_new(capacity, device);
+  auto& stats = stats_of(device);
+  if (!taken) {
+    ++stats.num_ooms;
+    return nullptr;
+  }
+  taken->requested = bytes;
+  add(stats.allocation, of_pool, 1);
+  add(stats.active, of_pool, 1);
+  add(stats.allocated_bytes, of_pool, bytes);
+  add(stats.active_bytes, of_pool, bytes);
+  add(stats.requested_bytes, of_pool, bytes);
+  return taken->data;
+}
+
+block* pool::take_free(size_t capacity, c10::DeviceIndex device) {
+  const auto found = free_.find(capacity);
+  if (found == free_.end() || found->second.empty()) return nullptr;
+  block* taken = found->second.back();
+  found->second.pop_back();
+  free_bytes_ -= capacity;
+  if (taken->device != device) {
+    count_out(*taken);
+    taken->device = device;
+    count_in(*taken);
+  }
+  return taken;
+}
+
+block* pool::take_new(size_t capacity, c10::DeviceIndex device) {
+  block* taken = map_block(capacity, device);
+  if (!taken) {
+    ++stats_of(device).num_alloc_retries;
+    release_free_locked();
+    taken = map_block(capacity, device);
+  }
+  if (!taken) return nullptr;
+  blocks_[taken->data] = taken;
+  ++stats_of(device).num_device_alloc;
+  count_in(*taken);
+  return taken;
+}
+
+void pool::count_in(const block& b) {
+  add(stats_of(b.device).reserved_bytes, stat_pool(b.capacity), b.capacity);
+  add(stats_of(b.device).segment, stat_pool(b.capacity), 1);
+}
+
+void pool::count_out(const block& b) {
+  subtract(stats_of(b.device).reserved_bytes, stat_pool(b.capacity), b.capacity);
+  subtract(stats_of(b.device).segment, stat_pool(b.capacity), 1);
+}
+
+bool pool::give_back(void* data) noexcept {
+  std::lock_guard lock(mutex_);
+  const auto found = blocks_.find(data);
+  if (found == blocks_.end()) return false;
+  block* used = found->second;
+  const size_t of_pool = stat_pool(used->capacity);
+  auto& stats = stats_of(used->device);
+  subtract(stats.allocation, of_pool, 1);
+  subtract(stats.active, of_pool, 1);
+  subtract(stats.allocated_bytes, of_pool, used->requested);
+  subtract(stats.active_bytes, of_pool, used->requested);
+  subtract(stats.requested_bytes, of_pool, used->requested);
+  free_[used->capacity].push_back(used);
+  free_bytes_ += used->capacity;
+  // All of them, so that sizes that nobody asks for any more cannot keep the ones in use out.
+  if (free_bytes_ > most_free_bytes) release_free_locked();
+  return true;
+}
+
+void pool::release_free() {
+  std::lock_guard lock(mutex_);
+  release_free_locked();
+}
+
+void pool::release_free_locked() {
+  for (auto& [capacity, blocks] : free_) {
+    for (block* unused : blocks) {
+      ++stats_of(unused->device).num_device_free;
+      count_out(*unused);
+      blocks_.erase(unused->data);
+      unmap(unused);
+    }
+    blocks.clear();
+  }
+  free_bytes_ = 0;
+}
+
+pool::device_stats& pool::stats_of(c10::DeviceIndex device) {
+  if (stats_.size() <= size_t(device)) stats_.resize(device + 1);
+  return stats_[device];
+}
+
+pool::device_stats pool::stats(c10::DeviceIndex device) {
+  std::lock_guard lock(mutex_);
+  return stats_of(device);
+}
+
+void pool::reset_peak(c10::DeviceIndex device) {
+  std::lock_guard lock(mutex_);
+  for_each_stat(stats_of(device), [](auto& stat) { stat.reset_peak(); });
+}
+
+void pool::reset_accumulated(c10::DeviceIndex device) {
+  std::lock_guard lock(mutex_);
+  auto& stats = stats_of(device);
+  for_each_stat(stats, [](auto& stat) { stat.reset_accumulated(); });
+  stats.num_alloc_retries = stats.num_ooms = stats.num_device_alloc = stats.num_device_free = 0;
+}
+
+}  // namespace orrery::host

@@ -1,0 +1,52 @@
+// Blocks of host pages with lazily committed slack behind them, kept for reuse.
+#pragma once
+
+#include <c10/core/CachingDeviceAllocator.h>
+
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+namespace orrery::host {
+
+struct block {
+  char* data;
+  size_t capacity;  // bytes before the slack
+  size_t requested;
+  void* mapping;
+  size_t mapped;
+  c10::DeviceIndex device;
+};
+
+// All devices share one pool: their memory is the same, only the statistics differ.
+class pool {
+ public:
+  // Memory of at least that size, or nullptr where the host has no more.
+  void* take(size_t bytes, c10::DeviceIndex device);
+  // False for memory that did not come from here.
+  bool give_back(void* data) noexcept;
+  void release_free();
+
+  c10::CachingDeviceAllocator::DeviceStats stats(c10::DeviceIndex device);
+  void reset_peak(c10::DeviceIndex device);
+  void reset_accumulated(c10::DeviceIndex device);
+
+ private:
+  using device_stats = c10::CachingDeviceAllocator::DeviceStats;
+
+  device_stats& stats_of(c10::DeviceIndex device);
+  block* take_free(size_t capacity, c10::DeviceIndex device);
+  block* take_new(size_t capacity, c10::DeviceIndex device);
+  void release_free_locked();
+  // A block that a device holds, in use or free.
+  void count_in(const block& b);
+  void count_out(const block& b);
+
+  std::mutex mutex_;
+  std::unordered_map<void*, block*> blocks_;              // all, by address
+  std::unordered_map<size_t, std::vector<block*>> free_;  // by capacity
+  size_t free_bytes_ = 0;
+  std::vector<device_stats> stats_;
+};
+
+}  // namespace orrery::host

@@ -1,0 +1,33 @@
+// exception and its error codes.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "ext.hpp"
+
+namespace sycl {
+
+enum class errc { success, runtime, kernel, nd_range, invalid, feature_not_supported };
+
+ORRERY_SYCL_API const std::error_category& sycl_category() noexcept;
+
+inline std::error_code make_error_code(errc e) noexcept { return {static_cast<int>(e), sycl_category()}; }
+
+class ORRERY_SYCL_API exception : public std::exception {
+ public:
+  exception(std::error_code code, std::string what) : code_(code), what_(std::move(what)) {}
+  exception(errc code, std::string what) : exception(make_error_code(code), std::move(what)) {}
+  const std::error_code& code() const noexcept { return code_; }
+  const char* what() const noexcept override { return what_.c_str(); }
+
+ private:
+  std::error_code code_;
+  std::string what_;
+};
+
+}  // namespace sycl
+
+template <>
+struct std::is_error_code_enum<sycl::errc> : std::true_type {};

@@ -1,0 +1,205 @@
+// Work-items. sycl::nd_item is the standard's; lane_item stands for N neighbouring work-items of a work-group at once.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "exception.hpp"
+#include "ext.hpp"
+#include "range.hpp"
+
+namespace sycl {
+
+namespace detail {
+
+enum class strand_state : uint8_t { ready, at_group_barrier, at_sub_group, left, finished };
+
+// One work-group as its strands see it. A strand is the flow of control of one sub-group, or of one work-item.
+struct group_state {
+  size_t group[3] = {0, 0, 0};
+  int strands = 0;
+  int arrived = 0;  // at the end of the group, see lane_item::when_last
+  struct fibers* running = nullptr;
+};
+
+ORRERY_SYCL_API void meet(group_state& g, int strand, strand_state at);
+ORRERY_SYCL_API void leave(group_state& g, int strand);
+// The exchange area of a work-group, one slot a strand; alternates so that one meeting a shuffle is enough.
+constexpr size_t exchange_slot = 16;
+ORRERY_SYCL_API char* exchange(group_state& g, int strand);
+// Bytes that live as long as the launch and belong to the calling thread; `fresh` on the first call of the launch.
+ORRERY_SYCL_API char* launch_scratch(size_t bytes, bool& fresh);
+
+template <int D>
+struct item_base {
+  group_state* state;
+  const nd_range<D>* ranges;
+  int strand;
+  size_t local_linear;
+
+  size_t group(int d = 0) const { return state->group[d]; }
+  size_t group_range(int d = 0) const { return ranges->get_group_range()[d]; }
+  size_t local_range(int d = 0) const { return ranges->get_local_range()[d]; }
+  size_t local(int d) const {
+    size_t rest = local_linear;
+    for (int i = D - 1; i > d; --i) rest /= local_range(i);
+    return rest % local_range(d);
+  }
+  size_t global(int d) const { return group(d) * local_range(d) + local(d); }
+};
+
+}  // namespace detail
+
+class sub_group {
+ public:
+  sub_group(detail::group_state* g, int strand, int lane, int size) : g_(g), strand_(strand), lane_(lane), size_(size) {}
+  size_t get_local_linear_id() const { return lane_; }
+  size_t get_local_linear_range() const { return size_; }
+  void barrier() const { detail::meet(*g_, strand_, detail::strand_state::at_sub_group); }
+
+  template <typename T>
+  T read_lane(T value, int lane) const {
+    static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= detail::exchange_slot);
+    if (lane < 0 || lane >= size_) {
+      throw exception(errc::kernel, "A shuffle reads lane " + std::to_string(lane) + " of a sub-group of " +
+                                        std::to_string(size_) + ".");
+    }
+    // Slots of one size, since other sub-groups may be exchanging values of another type.
+    char* slots = detail::exchange(*g_, strand_);
+    std::memcpy(slots + detail::exchange_slot * strand_, &value, sizeof(T));
+    detail::meet(*g_, strand_, detail::strand_state::at_sub_group);
+    std::memcpy(&value, slots + detail::exchange_slot * (strand_ - lane_ + lane), sizeof(T));
+    return value;
+  }
+
+ private:
+  detail::group_state* g_;
+  int strand_, lane_, size_;
+};
+
+template <typename T>
+T select_from_group(const sub_group& sg, T value, size_t lane) {
+  return sg.read_lane(value, static_cast<int>(lane));
+}
+template <typename T>
+T permute_group_by_xor(const sub_group& sg, T value, size_t bits) {
+  return sg.read_lane(value, static_cast<int>(sg.get_local_linear_id() ^ bits));
+}
+
+template <int D = 1>
+class group {
+ public:
+  explicit group(const detail::item_base<D>& at) : at_(at) {}
+  size_t get_group_id(int d) const { return at_.group(d); }
+  size_t get_group_linear_id() const {
+    size_t n = 0;
+    for (int d = 0; d < D; ++d) n = n * at_.group_range(d) + at_.group(d);
+    return n;
+  }
+  void barrier() const { detail::meet(*at_.state, at_.strand, detail::strand_state::at_group_barrier); }
+
+ private:
+  detail::item_base<D> at_;
+};
+
+template <int D>
+void group_barrier(const group<D>& g) {
+  g.barrier();
+}
+inline void group_barrier(const sub_group& g) { g.barrier(); }
+
+template <int D = 1>
+class nd_item {
+ public:
+  explicit nd_item(const detail::item_base<D>& at, int sub_group_size) : at_(at), sg_(sub_group_size) {}
+  size_t get_global_id(int d) const { return at_.global(d); }
+  size_t get_local_id(int d) const { return at_.local(d); }
+  size_t get_group(int d) const { return at_.group(d); }
+  size_t get_group_range(int d) const { return at_.group_range(d); }
+  size_t get_local_range(int d) const { return at_.local_range(d); }
+  size_t get_global_range(int d) const { return at_.group_range(d) * at_.local_range(d); }
+  size_t get_local_linear_id() const { return at_.local_linear; }
+  size_t get_global_linear_id() const {
+    size_t n = 0;
+    for (int d = 0; d < D; ++d) n = n * get_global_range(d) + at_.global(d);
+    return n;
+  }
+  id<D> get_global_id() const {
+    id<D> all;
+    for (int d = 0; d < D; ++d) all[d] = at_.global(d);
+    return all;
+  }
+  id<D> get_local_id() const {
+    id<D> all;
+    for (int d = 0; d < D; ++d) all[d] = at_.local(d);
+    return all;
+  }
+  size_t get_group_linear_id() const { return get_group().get_group_linear_id(); }
+  group<D> get_group() const { return group<D>(at_); }
+  sub_group get_sub_group() const {
+    const size_t items = at_.ranges->get_local_range().size(), lane = at_.local_linear % sg_;
+    const size_t size = std::min<size_t>(sg_, items - (at_.local_linear - lane));
+    return sub_group(at_.state, at_.strand, static_cast<int>(lane), static_cast<int>(size));
+  }
+
+ private:
+  detail::item_base<D> at_;
+  int sg_;
+};
+
+template <int D = 1>
+class item {
+ public:
+  explicit item(id<D> at) : at_(at) {}
+  size_t get_id(int d) const { return at_[d]; }
+  id<D> get_id() const { return at_; }
+  size_t operator[](int d) const { return at_[d]; }
+
+ private:
+  id<D> at_;
+};
+
+namespace ext::orrery {
+
+// N work-items with neighbouring local ids: the value that a kernel generic over its item receives.
+template <int D, int N>
+class lane_item {
+ public:
+  static constexpr int lanes = N;
+  // Strands run one after another, so the last one to arrive may act for the whole group.
+  static constexpr bool last_acts_for_group = true;
+
+  lane_item(const detail::item_base<D>& at) : at_(at) {}
+  size_t group(int d = 0) const { return at_.group(d); }
+  size_t group_range(int d = 0) const { return at_.group_range(d); }
+  size_t local(int d = 0) const { return at_.local(d); }  // of the first lane
+  size_t local_linear() const { return at_.local_linear; }
+  size_t global(int d = 0) const { return at_.global(d); }
+  void barrier() const { detail::meet(*at_.state, at_.strand, detail::strand_state::at_group_barrier); }
+  // From here on the group goes on without this strand.
+  void leave() const { detail::leave(*at_.state, at_.strand); }
+  // Every strand calls this as its last act; the last one runs `whole`.
+  template <typename F>
+  void when_last(F&& whole) const {
+    if (++at_.state->arrived == at_.state->strands) whole();
+  }
+  // Values that all groups of a launch share, made once a launch and thread.
+  template <typename T, typename Fill>
+  const T* once_a_launch(size_t count, Fill&& fill) const {
+    bool fresh = false;
+    T* values = reinterpret_cast<T*>(detail::launch_scratch(count * sizeof(T), fresh));
+    if (fresh) fill(values);
+    return values;
+  }
+
+ private:
+  detail::item_base<D> at_;
+};
+
+}  // namespace ext::orrery
+
+}  // namespace sycl

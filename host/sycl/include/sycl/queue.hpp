@@ -1,0 +1,82 @@
+// device, event, queue and the info queries in use.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "ext.hpp"
+
+namespace sycl {
+
+class handler;
+
+namespace info {
+namespace device {
+struct name {
+  using return_type = std::string;
+};
+struct max_work_group_size {
+  using return_type = size_t;
+};
+struct max_compute_units {
+  using return_type = uint32_t;
+};
+struct local_mem_size {
+  using return_type = uint64_t;
+};
+}  // namespace device
+}  // namespace info
+
+class device {
+ public:
+  explicit device(int index = 0) : index_(index) {}
+  template <typename Info>
+  typename Info::return_type get_info() const;
+  int index() const { return index_; }
+  bool is_cpu() const { return true; }
+  bool is_gpu() const { return false; }
+  bool operator==(const device&) const = default;
+
+ private:
+  int index_;
+};
+
+template <>
+ORRERY_SYCL_API std::string device::get_info<info::device::name>() const;
+template <>
+ORRERY_SYCL_API size_t device::get_info<info::device::max_work_group_size>() const;
+template <>
+ORRERY_SYCL_API uint32_t device::get_info<info::device::max_compute_units>() const;
+template <>
+ORRERY_SYCL_API uint64_t device::get_info<info::device::local_mem_size>() const;
+
+// Complete as soon as it exists.
+class event {
+ public:
+  event() = default;
+  explicit event(uint64_t launch) : launch_(launch) {}
+  ORRERY_SYCL_API void wait();
+  void wait_and_throw() { wait(); }
+  // The number of the launch while launches are collected, else 0.
+  uint64_t launch() const { return launch_; }
+
+ private:
+  uint64_t launch_ = 0;
+};
+
+class queue {
+ public:
+  explicit queue(device d = device()) : device_(d) {}
+  device get_device() const { return device_; }
+  bool is_in_order() const { return true; }
+  void wait() {}
+  void wait_and_throw() {}
+  template <typename CommandGroup>
+  event submit(CommandGroup&& cgf, const ext::orrery::code_location& where = {});
+
+ private:
+  device device_;
+};
+
+}  // namespace sycl

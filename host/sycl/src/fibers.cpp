@@ -1,0 +1,225 @@
+#include "fibers.hpp"
+
+#include <boost/context/detail/fcontext.hpp>
+#include <boost/context/protected_fixedsize_stack.hpp>
+
+#include <algorithm>
+#include <memory>
+#include <numeric>
+#include <random>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/common_interface_defs.h>
+#endif
+
+namespace sycl::detail {
+
+namespace ctx = boost::context::detail;
+
+namespace {
+
+constexpr size_t stack_bytes = 256 * 1024;
+constexpr const char* no_barriers = "A kernel that declares no barriers met one.";
+
+// Thrown at a strand's meeting point to unwind it once its group has failed.
+struct abandoned {};
+
+struct fiber {
+  boost::context::stack_context stack;
+  ctx::fcontext_t at = nullptr;
+  strand_state state = strand_state::finished;
+  fibers* owner = nullptr;
+  int strand = 0;
+  bool started = false;  // in the group that runs
+};
+
+}  // namespace
+
+// A thread's fibers, kept from group to group.
+struct fibers {
+  std::vector<std::unique_ptr<fiber>> all;
+  const launch_plan* plan = nullptr;
+  group_state* group = nullptr;
+  ctx::fcontext_t scheduler = nullptr;
+  std::exception_ptr failure;
+  bool abandoning = false;
+  std::vector<char> exchange;
+  std::vector<uint8_t> parity;
+#if defined(__SANITIZE_ADDRESS__)
+  const void* scheduler_stack = nullptr;
+  size_t scheduler_size = 0;
+#endif
+
+  ~fibers() {
+    boost::context::protected_fixedsize_stack pool(stack_bytes);
+    for (auto& f : all) pool.deallocate(f->stack);
+  }
+
+  void grow(int strands) {
+    boost::context::protected_fixedsize_stack pool(stack_bytes);
+    while (static_cast<int>(all.size()) < strands) {
+      auto f = std::make_unique<fiber>();
+      f->stack = pool.allocate();
+      f->owner = this;
+      f->strand = static_cast<int>(all.size());
+      f->at = ctx::make_fcontext(f->stack.sp, f->stack.size, &fibers::main);
+      all.push_back(std::move(f));
+    }
+  }
+
+  // Runs a strand until it meets or ends.
+  void resume(fiber& f) {
+    f.started = true;
+#if defined(__SANITIZE_ADDRESS__)
+    void* fake = nullptr;
+    __sanitizer_start_switch_fiber(&fake, static_cast<char*>(f.stack.sp) - f.stack.size, f.stack.size);
+#endif
+    const ctx::transfer_t back = ctx::jump_fcontext(f.at, &f);
+#if defined(__SANITIZE_ADDRESS__)
+    __sanitizer_finish_switch_fiber(fake, nullptr, nullptr);
+#endif
+    f.at = back.fctx;
+  }
+
+  void suspend() {
+#if defined(__SANITIZE_ADDRESS__)
+    void* fake = nullptr;
+    __sanitizer_start_switch_fiber(&fake, scheduler_stack, scheduler_size);
+#endif
+    scheduler = ctx::jump_fcontext(scheduler, nullptr).fctx;
+#if defined(__SANITIZE_ADDRESS__)
+    __sanitizer_finish_switch_fiber(fake, &scheduler_stack, &scheduler_size);
+#endif
+  }
+
+  static void main(ctx::transfer_t from) {
+    auto& f = *static_cast<fiber*>(from.data);
+    auto& self = *f.owner;
+    self.scheduler = from.fctx;
+#if defined(__SANITIZE_ADDRESS__)
+    __sanitizer_finish_switch_fiber(nullptr, &self.scheduler_stack, &self.scheduler_size);
+#endif
+    for (;;) {
+      try {
+        self.plan->run_strand(self.plan->context, *self.group, f.strand);
+      } catch (const abandoned&) {
+      } catch (...) {
+        if (!self.failure) self.failure = std::current_exception();
+      }
+      if (f.state != strand_state::left) f.state = strand_state::finished;
+      self.suspend();
+    }
+  }
+};
+
+namespace {
+
+thread_local fibers mine;
+
+bool gone(const fiber& f) { return f.state == strand_state::finished || f.state == strand_state::left; }
+
+// Lets the strands [begin, end) go on if each one that is still there waits at `where`.
+bool release(fibers& set, int begin, int end, strand_state where) {
+  bool any = false;
+  for (int i = begin; i < end; ++i) {
+    const fiber& f = *set.all[i];
+    if (f.state == where) {
+      any = true;
+    } else if (f.state != strand_state::left) {
+      return false;
+    }
+  }
+  for (int i = begin; any && i < end; ++i) {
+    if (set.all[i]->state == where) set.all[i]->state = strand_state::ready;
+  }
+  return any;
+}
+
+void abandon(fibers& set, int strands) {
+  set.abandoning = true;
+  for (int i = 0; i < strands; ++i) {
+    fiber& f = *set.all[i];
+    if (!f.started) f.state = strand_state::finished;
+    while (!gone(f)) {
+      f.state = strand_state::ready;
+      set.resume(f);
+    }
+  }
+  set.abandoning = false;
+}
+
+}  // namespace
+
+void run_fibers(const launch_plan& plan, group_state& g, bool shuffle, uint64_t seed) {
+  fibers& set = mine;
+  const int strands = g.strands;
+  set.grow(strands);
+  set.plan = &plan;
+  set.group = &g;
+  set.failure = nullptr;
+  set.parity.assign(strands, 0);
+  g.running = &set;
+  for (int i = 0; i < strands; ++i) {
+    set.all[i]->state = strand_state::ready;
+    set.all[i]->started = false;
+  }
+
+  std::vector<int> order;
+  std::mt19937_64 random(seed);
+  if (shuffle) {
+    order.resize(strands);
+    std::iota(order.begin(), order.end(), 0);
+  }
+  const int per_sub_group = std::max(1, plan.sub_group_size / plan.lanes);
+  for (;;) {
+    if (shuffle) std::shuffle(order.begin(), order.end(), random);
+    bool waiting = false;
+    for (int k = 0; k < strands; ++k) {
+      fiber& f = *set.all[shuffle ? order[k] : k];
+      if (f.state == strand_state::ready) set.resume(f);
+      if (!gone(f)) waiting = true;
+      if (set.failure) break;
+    }
+    if (set.failure || !waiting) break;
+    bool progress = release(set, 0, strands, strand_state::at_group_barrier);
+    for (int i = 0; i < strands; i += per_sub_group) {
+      if (release(set, i, std::min(strands, i + per_sub_group), strand_state::at_sub_group)) progress = true;
+    }
+    if (!progress) {
+      set.failure = std::make_exception_ptr(exception(
+          errc::kernel, "A strand of a work-group ended, or met elsewhere, while others wait for it at a barrier."));
+      break;
+    }
+  }
+  g.running = nullptr;
+  if (set.failure) {
+    abandon(set, strands);
+    std::rethrow_exception(set.failure);
+  }
+}
+
+void meet(group_state& g, int strand, strand_state at) {
+  if (g.strands == 1) return;
+  if (!g.running) throw exception(errc::kernel, no_barriers);
+  fibers& set = *g.running;
+  fiber& f = *set.all[strand];
+  f.state = at;
+  set.suspend();
+  if (set.abandoning) throw abandoned{};
+}
+
+void leave(group_state& g, int strand) {
+  if (g.running) g.running->all[strand]->state = strand_state::left;
+}
+
+char* exchange(group_state& g, int strand) {
+  thread_local char alone[exchange_slot];
+  if (g.strands == 1) return alone;
+  if (!g.running) throw exception(errc::kernel, no_barriers);
+  fibers& set = *g.running;
+  set.exchange.resize(2 * exchange_slot * g.strands);
+  const size_t half = set.parity[strand]++ & 1;
+  return set.exchange.data() + half * exchange_slot * g.strands;
+}
+
+}  // namespace sycl::detail

@@ -1,0 +1,10 @@
+// Strands that can stop where they meet and go on later: each on a stack of its own, switched by Boost.Context.
+#pragma once
+
+#include "sycl/sycl.hpp"
+
+namespace sycl::detail {
+
+void run_fibers(const launch_plan& plan, group_state& g, bool shuffle, uint64_t seed);
+
+}  // namespace sycl::detail

@@ -1,0 +1,105 @@
+// The record of launches that tests and the bench read.
+#include <cxxabi.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "sycl/sycl.hpp"
+
+namespace sycl {
+
+namespace {
+
+struct numbered {
+  uint64_t launch;
+  ext::orrery::launch_record record;
+};
+
+std::mutex guard;
+std::vector<std::vector<numbered>> open_lists;
+std::atomic<int> open_count{0};
+uint64_t last_launch = 0;
+
+std::string demangled(const std::type_info& type) {
+  int status = 0;
+  char* text = abi::__cxa_demangle(type.name(), nullptr, nullptr, &status);
+  std::string name = status == 0 ? text : type.name();
+  std::free(text);
+  return name;
+}
+
+// "a<b::c>::kernel<c10::Half, 16>" is the kernel "kernel" and the instance "c10::Half, 16".
+void name_kernel(const std::string& type, ext::orrery::launch_record& r) {
+  size_t start = 0;
+  int depth = 0;
+  for (size_t i = 0; i + 1 < type.size(); ++i) {
+    if (std::strchr("<({[", type[i])) ++depth;
+    if (std::strchr(">)}]", type[i])) --depth;
+    if (depth == 0 && type[i] == ':' && type[i + 1] == ':') start = i + 2;
+  }
+  const size_t open = type.find('<', start);
+  r.kernel = type.substr(start, open - start);
+  if (open != std::string::npos) r.instance = type.substr(open + 1, type.rfind('>') - open - 1);
+}
+
+template <typename F>
+void each_record(uint64_t launch, F f) {
+  const std::lock_guard<std::mutex> lock(guard);
+  for (auto& list : open_lists) {
+    for (auto entry = list.rbegin(); entry != list.rend(); ++entry) {
+      if (entry->launch == launch) f(entry->record);
+    }
+  }
+}
+
+}  // namespace
+
+namespace detail {
+
+bool recording() { return open_count.load(std::memory_order_relaxed) > 0; }
+
+uint64_t add_record(ext::orrery::launch_record r, const std::type_info& kernel) {
+  name_kernel(demangled(kernel), r);
+  const std::lock_guard<std::mutex> lock(guard);
+  const uint64_t launch = ++last_launch;
+  for (auto& list : open_lists) list.push_back({launch, r});
+  return launch;
+}
+
+}  // namespace detail
+
+void event::wait() {
+  if (launch_) {
+    each_record(launch_, [](ext::orrery::launch_record& r) {
+      if (!r.name) r.waited = true;
+    });
+  }
+}
+
+namespace ext::orrery {
+
+void recording_begin() {
+  const std::lock_guard<std::mutex> lock(guard);
+  open_lists.emplace_back();
+  ++open_count;
+}
+
+std::vector<launch_record> recording_end() {
+  const std::lock_guard<std::mutex> lock(guard);
+  std::vector<launch_record> records;
+  if (open_lists.empty()) return records;
+  for (auto& entry : open_lists.back()) records.push_back(std::move(entry.record));
+  open_lists.pop_back();
+  --open_count;
+  return records;
+}
+
+void record(const std::string& name, const event& e) {
+  if (e.launch()) each_record(e.launch(), [&](launch_record& r) { r.name = name; });
+}
+
+}  // namespace ext::orrery
+
+}  // namespace sycl

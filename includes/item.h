@@ -1,0 +1,125 @@
+// What a kernel is run by. A kernel is generic over its item: Item::lanes work-items stand behind one item, the whole
+// sub-group on the host and one where the compiler makes the sub-group. Values that differ between work-items are
+// simd<T, Item::lanes>.
+//
+// The members that a kernel may use:
+//   lanes                                how many work-items with neighbouring local ids
+//   group(d), local(d), global(d)        ids in dimension d; of the first lane
+//   local_linear()                       linear local id of the first lane
+//   barrier()                            work-group barrier
+//   when_last(f), once_a_launch<T>(n, f) only under `if constexpr (Item::last_acts_for_group)`
+//
+// A kernel declares
+//   static constexpr int sub_group_size  the required sub-group size; 1 for explicit SIMD
+//   static constexpr bool has_barriers   false if its strands meet only through tree_sum at their end
+#pragma once
+
+#include <sycl/sycl.hpp>
+
+#include "simd.h"
+
+namespace orrery {
+
+#ifndef SYCL_EXT_ORRERY_HOST
+// One work-item of a device whose compiler makes the sub-groups.
+template <int D>
+class work_item {
+ public:
+  static constexpr int lanes = 1;
+  static constexpr bool last_acts_for_group = false;
+
+  explicit work_item(const sycl::nd_item<D>& at) : at_(at) {}
+  size_t group(int d = 0) const { return at_.get_group(d); }
+  size_t group_range(int d = 0) const { return at_.get_group_range(d); }
+  size_t local(int d = 0) const { return at_.get_local_id(d); }
+  size_t local_linear() const { return at_.get_local_linear_id(); }
+  size_t global(int d = 0) const { return at_.get_global_id(d); }
+  void barrier() const { sycl::group_barrier(at_.get_group()); }
+  void leave() const {}
+
+ private:
+  sycl::nd_item<D> at_;
+};
+#endif
+
+// The host can also run one strand a work-item, as a GPU does: a proof that the sources are plain work-item code.
+#if defined(SYCL_EXT_ORRERY_HOST) && !defined(ORRERY_HOST_ITEMS_SCALAR)
+template <typename Kernel>
+constexpr int lanes_of = Kernel::sub_group_size;
+#else
+template <typename Kernel>
+constexpr int lanes_of = 1;
+#endif
+
+template <int D, typename Kernel>
+void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel& kernel) {
+#ifdef SYCL_EXT_ORRERY_HOST
+  h.parallel_for_lanes<lanes_of<Kernel>, Kernel::sub_group_size>(range, kernel);
+#else
+  h.parallel_for(range, [kernel](sycl::nd_item<D> at) [[sycl::reqd_sub_group_size(Kernel::sub_group_size)]] {
+    kernel(work_item<D>(at));
+  });
+#endif
+}
+
+// Sum over the work-items of a group for R rows at once: pairs at distance WG / 2 first, then WG / 4, down to 1, which is
+// the halving tree over the group's WG values. `store(row, total)` runs once a row. A kernel's last act.
+template <int WG, int R, typename T, typename Item, int N, typename Store>
+void tree_sum(const Item& item, T* partial, const simd<T, N> (&acc)[R], Store store) {
+  const size_t l = item.local_linear();
+  if constexpr (N == WG) {
+    ORRERY_UNROLL for (int r = 0; r < R; ++r) store(r, fold(acc[r]));
+  } else if constexpr (N > 1 && Item::last_acts_for_group) {
+    ORRERY_UNROLL for (int r = 0; r < R; ++r) acc[r].store(partial + r * WG + l);
+    item.when_last([&] {
+      ORRERY_UNROLL for (int r = 0; r < R; ++r) store(r, fold(simd<T, WG>::load(partial + r * WG)));
+    });
+  } else {
+    static_assert(N == 1);
+    for (int r = 0; r < R; ++r) acc[r].store(partial + r * WG + l);
+    item.barrier();
+    for (size_t s = WG / 2; s >= 1; s /= 2) {
+      if (l < s) {
+        for (int r = 0; r < R; ++r) {
+          T* p = partial + r * WG + l;
+          (simd<T, 1>::load(p) + simd<T, 1>::load(p + s)).store(p);
+        }
+      }
+      item.barrier();
+    }
+    if (l == 0) {
+      for (int r = 0; r < R; ++r) store(r, partial[r * WG]);
+    }
+  }
+}
+
+// Work-item i's part of a row cut into GS runs in order, the first `count % GS` of them one longer: [begin(i), begin(i + 1)).
+template <int GS>
+struct even_split {
+  uint64_t per_item, remainder;
+  explicit even_split(uint64_t count) : per_item(count / GS), remainder(count % GS) {}
+  uint64_t begin(uint64_t i) const { return i * per_item + (i < remainder ? i : remainder); }
+};
+
+// The strands of a host group run one after another on one thread, so the last one may act for all of them.
+#if defined(SYCL_EXT_ORRERY_HOST) && !defined(ORRERY_HOST_ITEMS_SCALAR)
+constexpr bool last_finishes = true;
+#else
+constexpr bool last_finishes = false;
+#endif
+
+// The one meeting of an explicit-SIMD kernel, and its last act: when all GS work-items have come, `finish(i, end)` runs
+// for the work-items [i, end), one at a time on a GPU. The kernel's has_barriers is !last_finishes: 32 stacks and the
+// switches between them cost a group 2 us.
+template <int GS, typename Item, typename Finish>
+void meet_to_finish(const Item& item, Finish finish) {
+  if constexpr (last_finishes) {
+    item.when_last([&] { finish(0, GS); });
+  } else {
+    item.barrier();
+    const int i = static_cast<int>(item.local_linear());
+    finish(i, i + 1);
+  }
+}
+
+}  // namespace orrery

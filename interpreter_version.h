@@ -1,0 +1,24 @@
+// The test of the interpreter's version that stands before everything else in the module's entry point.
+#pragma once
+
+#include <Python.h>
+
+#include <cstring>
+
+namespace orrery {
+
+// With another interpreter the module's object layouts would not hold. Sets ImportError and returns false then.
+inline bool interpreter_fits(const char* version) {
+  constexpr const char* compiled = "3.10";
+  const size_t length = std::strlen(compiled);
+  const bool fits = std::strncmp(version, compiled, length) == 0 && !(version[length] >= '0' && version[length] <= '9');
+  if (!fits) {
+    PyErr_Format(PyExc_ImportError,
+                 "Python version mismatch: module was compiled for Python %s, but the interpreter version is "
+                 "incompatible: %s.",
+                 compiled, version);
+  }
+  return fits;
+}
+
+}  // namespace orrery

@@ -1,0 +1,38 @@
+// Launchers of the linear kernels: what the dispatch knows about a launch, without the kernels' headers.
+#pragma once
+
+#include <c10/core/Device.h>
+#include <c10/core/ScalarType.h>
+
+#include <cstdint>
+
+namespace orrery {
+
+// The template arguments of a single-row instance: sub-group size, work-group size, rows of the weight per group.
+struct row_shape {
+  int sub_group = 0;
+  int work_group = 0;
+  int rows = 0;
+
+  friend constexpr bool operator==(const row_shape&, const row_shape&) = default;
+};
+
+// One input row against the whole weight. The row condition was tested before; x and y hold elements of the input's
+// type.
+struct row_launch {
+  uint64_t state_size = 0;
+  uint64_t output_size = 0;
+  const uint8_t* weight = nullptr;
+  uint32_t scale_offset = 0;  // 0 where the format's kernel takes none
+  const void* x = nullptr;
+  void* y = nullptr;
+  c10::Device device{c10::DeviceType::XPU};
+};
+
+// Whether a format has its single-row kernel.
+bool has_single_row(int32_t qtype);
+
+// Submits the single-row kernel of one format that has one; `type` is Half, Float, Double or BFloat16.
+void launch_single_row(int32_t qtype, const row_shape& shape, c10::ScalarType type, const row_launch& args);
+
+}  // namespace orrery

@@ -1,0 +1,209 @@
+// The module: its entry point, its table of operations, and the wrappers that check tensors and open trace scopes.
+#include <ATen/core/Tensor.h>
+#include <ATen/record_function.h>
+#include <torch/csrc/utils/pybind.h>
+
+#include <stdexcept>
+#include <vector>
+
+#include "device_class.h"
+#include "interpreter_version.h"
+#include "operations.h"
+#include "signature.h"
+
+namespace orrery {
+namespace {
+
+using at::Tensor;
+using std::optional;
+
+// Function and line are part of the failure's record, so they are the operations' own and not this file's.
+void check_tensor(const Tensor& tensor, const char* word, const char* function, uint32_t line) {
+  if (!tensor.is_xpu()) {
+    c10::detail::torchCheckFail(function, "linear_xpu", line, std::string(word) + " must be a XPU tensor");
+  }
+  if (!tensor.is_contiguous()) {
+    c10::detail::torchCheckFail(function, "linear_xpu", line, std::string(word) + " must be contiguous");
+  }
+}
+
+// The input list is built only for a listener: without one a scope costs a test.
+class trace_scope {
+ public:
+  trace_scope(const char* name, const Tensor& recorded) : scope_(at::RecordScope::FUNCTION) {
+    if (!scope_.isActive()) return;
+    const std::vector<c10::IValue> inputs{recorded};
+    if (scope_.needsInputs()) {
+      scope_.before(name, c10::ArrayRef<const c10::IValue>(inputs.data(), inputs.size()), -1);
+    } else {
+      scope_.before(name, -1);
+    }
+  }
+
+ private:
+  at::RecordFunction scope_;
+};
+
+Tensor linear_forward_new(const Tensor& input, const Tensor& weight, int32_t qtype, int64_t seq_hint) {
+  check_tensor(input, "input", "linear_forward_new", 140);
+  check_tensor(weight, "weights", "linear_forward_new", 141);
+  const trace_scope scope("orrery_qlinear_forward", input);
+  return qlinear_dispatch(input, weight, qtype, seq_hint);
+}
+
+// The weight is recorded here, and the first tensor everywhere else.
+Tensor dequant(const Tensor& input, const Tensor& weight, int32_t) {
+  check_tensor(input, "input", "dequant", 191);
+  check_tensor(weight, "weight", "dequant", 192);
+  const trace_scope scope("orrery_xpu_dequant", weight);
+  not_built_yet("dequant");
+}
+
+Tensor bmm(const Tensor& A, const Tensor& B, const Tensor& C) {
+  check_tensor(A, "A", "bmm", 202);
+  check_tensor(B, "B", "bmm", 203);
+  check_tensor(C, "C", "bmm", 204);
+  const trace_scope scope("orrery_bmm", A);
+  return bmm_xpu(A, B, C);
+}
+
+std::vector<Tensor> linear_xpu_qkv(const Tensor& input, const Tensor& weight_q, const Tensor& weight_k,
+                                   const Tensor& weight_v, const Tensor&, const Tensor&, const Tensor&, int32_t,
+                                   int32_t, int64_t, int64_t, float) {
+  check_tensor(input, "input", "linear_xpu_qkv", 225);
+  check_tensor(weight_q, "weight_q", "linear_xpu_qkv", 226);
+  check_tensor(weight_k, "weight_k", "linear_xpu_qkv", 227);
+  check_tensor(weight_v, "weight_v", "linear_xpu_qkv", 228);
+  const trace_scope scope("orrery_qkv_forward", input);
+  not_built_yet("forward_qkv");
+}
+
+std::vector<Tensor> linear_xpu_qkv_bias(const Tensor& input, const Tensor& weight_q, const Tensor& weight_k,
+                                        const Tensor& weight_v, const Tensor&, const Tensor&, const Tensor&,
+                                        const Tensor&, const Tensor&, const Tensor&, int32_t, int32_t, int64_t, int64_t,
+                                        float) {
+  check_tensor(input, "input", "linear_xpu_qkv_bias", 256);
+  check_tensor(weight_q, "weight_q", "linear_xpu_qkv_bias", 257);
+  check_tensor(weight_k, "weight_k", "linear_xpu_qkv_bias", 258);
+  check_tensor(weight_v, "weight_v", "linear_xpu_qkv_bias", 259);
+  const trace_scope scope("orrery_qkv_bias_forward", input);
+  not_built_yet("forward_qkv_bias");
+}
+
+std::vector<Tensor> linear_xpu_qk(const Tensor& input, const Tensor& weight_q, const Tensor& weight_k, const Tensor&,
+                                  const Tensor&, int32_t, int64_t, int64_t, float) {
+  check_tensor(input, "input", "linear_xpu_qk", 283);
+  check_tensor(weight_q, "weight_q", "linear_xpu_qk", 284);
+  check_tensor(weight_k, "weight_k", "linear_xpu_qk", 285);
+  const trace_scope scope("orrery_qk_forward", input);
+  not_built_yet("forward_qk");
+}
+
+Tensor dequantize_rows(const Tensor& input, const Tensor& weight, int32_t, int64_t) {
+  check_tensor(input, "input", "dequantize_rows", 300);
+  check_tensor(weight, "weight", "dequantize_rows", 301);
+  const trace_scope scope("orrery_dequantize_rows", input);
+  not_built_yet("dequantize_rows");
+}
+
+void rope_q_and_k(const Tensor& query, const Tensor&, const Tensor&, const Tensor&, const Tensor&, float) {
+  const trace_scope scope("orrery_rope_forward", query);
+  not_built_yet("apply_rotary_embedding_half_q_and_k");
+}
+
+void rope_q_or_k(const Tensor& input, const Tensor&, const Tensor&, bool backward) {
+  const trace_scope scope(backward ? "orrery_rope_backward" : "orrery_rope_forward", input);
+  not_built_yet("apply_rotary_embedding_half_q_or_k");
+}
+
+void rope_cached(const Tensor& query, const Tensor&, const Tensor&, const Tensor&, const Tensor&, const Tensor&) {
+  const trace_scope scope("orrery_rope_forward", query);
+  not_built_yet("apply_rotary_embedding_half_q_and_k_cache_freq");
+}
+
+Tensor fused_rms_norm(const Tensor& input, at::IntArrayRef, const optional<Tensor>&, const optional<Tensor>&, double) {
+  const trace_scope scope("fused_rms_norm", input);
+  not_built_yet("fused_rms_norm");
+}
+
+Tensor fast_layer_norm(const Tensor& input, at::IntArrayRef, const optional<Tensor>&, const optional<Tensor>&, double) {
+  const trace_scope scope("fast_layer_norm", input);
+  not_built_yet("fused_layer_norm");
+}
+
+// An operation without kernels: its arguments are converted as they will be, then it says that it is not built.
+template <typename Result, typename... Arguments>
+void bind_unbuilt(pybind11::module_& m, const char* name, const char* doc, Result (*signature)(Arguments...)) {
+  bind_as(
+      m, name, [name](Arguments...) -> Result { not_built_yet(name); }, signature, doc);
+}
+
+template <typename Signature>
+constexpr Signature* signature = nullptr;
+
+using T = const Tensor&;
+using mask = const optional<Tensor>&;
+
+void register_operations(pybind11::module_& m) {
+  using pybind11::arg;
+  bind_operation(m, "forward_new", linear_forward_new, "Linear forward (XPU) new format");
+  bind_operation(m, "forward_qkv", linear_xpu_qkv, "Linear forward (XPU) qkv format", arg("input"), arg("weight_q"),
+                 arg("weight_k"), arg("weight_v"), arg("position_ids"), arg("cache_k"), arg("cache_v"),
+                 arg("src_0_qtype"), arg("src_0_vtype"), arg("kv_seq_len"), arg("head_size"),
+                 arg("rope_base") = 10000.0);
+  bind_operation(m, "forward_qkv_bias", linear_xpu_qkv_bias, "Linear forward (XPU) qkv with bias");
+  bind_operation(m, "forward_qk", linear_xpu_qk, "Linear forward (XPU) qk format");
+  bind_operation(m, "dequant", dequant, "Dequantize weight (XPU)");
+  bind_operation(m, "apply_rotary_embedding_half_q_and_k", rope_q_and_k, "Apply rotary embedding to qk (XPU)");
+  bind_operation(m, "apply_rotary_embedding_half_q_or_k", rope_q_or_k, "Apply rotary embedding to q/k (XPU)");
+  bind_operation(m, "apply_rotary_embedding_half_q_and_k_cache_freq", rope_cached,
+                 "Apply rotary embedding to qk (XPU) using cached sin/cos");
+  bind_operation(m, "bmm", bmm, "SYCL-based batch matrix multiplication");
+  bind_operation(m, "fused_rms_norm", fused_rms_norm, "fused rms norm");
+  bind_operation(m, "fused_layer_norm", fast_layer_norm, "fused layer norm");
+  bind_unbuilt(m, "mlp_forward_xpu", "fused mlp",
+               signature<Tensor(T, T, T, int64_t, int64_t, int64_t, int32_t, int32_t)>);
+  bind_unbuilt(m, "quantize_key_value", "quantize key value", signature<void(T, T, T, T)>);
+  bind_unbuilt(m, "dequantize_key_value", "dequantize key value", signature<void(T, T, T, T)>);
+  bind_unbuilt(m, "query_key_fp8_matmul", "query key matmul", signature<Tensor(T, T)>);
+  bind_unbuilt(m, "attn_value_fp8_matmul", "attn value matmul", signature<Tensor(T, T)>);
+  bind_unbuilt(m, "batch_forward", "batch forward",
+               signature<Tensor(T, T, int64_t, int64_t, int64_t, int32_t, int32_t)>);
+  bind_operation(m, "sdp", sdp, "sdp");
+  bind_unbuilt(m, "sdp_fp8", "fp8 sdp", signature<Tensor(T, T, T, mask)>);
+  bind_unbuilt(m, "sdp_causal", "sdp causal", signature<Tensor(T, T, T)>);
+  bind_unbuilt(m, "sdp_fp8_causal", "sdp fp8 causal", signature<Tensor(T, T, T)>);
+  bind_operation(m, "rms_norm", rms_norm, "new rms norm");
+  bind_operation(m, "rotary_half_inplaced", rotary_half_inplaced, "rotary half inplaced");
+  bind_operation(m, "rotary_two_inplaced", rotary_two_inplaced, "rotary two inplaced");
+  bind_unbuilt(m, "rwkv_linear_attention_v4", "rwkv v4 attention", signature<Tensor(T, T, T, T, T, T, T)>);
+  bind_unbuilt(m, "rwkv_linear_attention_v5", "rwkv v5 attention", signature<Tensor(T, T, T, T, T, T)>);
+  bind_unbuilt(m, "rwkv_time_shift", "rwkv time shift", signature<Tensor(T, T, T)>);
+  bind_operation(m, "dequantize_rows", dequantize_rows, "Dequantize rows of weight");
+  bind_unbuilt(m, "get_moe_indexes", "get moe indexes",
+               signature<std::vector<std::vector<std::vector<int>>>(T, int32_t)>);
+}
+
+PyObject* create_module() {
+  if (!load_failure().empty()) {
+    throw std::runtime_error("orrery_ops needs an xpu device: " + load_failure());
+  }
+  static PyModuleDef definition;
+  auto m = pybind11::module_::create_extension_module("orrery_ops", nullptr, &definition);
+  register_operations(m);
+  return m.ptr();
+}
+
+}  // namespace
+}  // namespace orrery
+
+// Written out because the binding library's macro makes a module of state size 0, initialised in two phases.
+extern "C" PYBIND11_EXPORT PyObject* PyInit_orrery_ops() {
+  if (!orrery::interpreter_fits(Py_GetVersion())) return nullptr;
+  pybind11::detail::ensure_internals();
+  try {
+    return orrery::create_module();
+  }
+  PYBIND11_CATCH_INIT_EXCEPTIONS
+  return nullptr;
+}

@@ -1,0 +1,37 @@
+// The host functions behind the operations of the module, one declaration each; every unit defines its own.
+#pragma once
+
+#include <ATen/core/Tensor.h>
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+namespace orrery {
+
+// linear_xpu_kernel
+at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t seq_hint);
+
+// bmm_xpu_kernel
+at::Tensor bmm_xpu(at::Tensor A, at::Tensor B, at::Tensor C);
+
+// sdp
+at::Tensor sdp(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+               const std::optional<at::Tensor>& mask);
+
+// norm
+at::Tensor rms_norm(const at::Tensor& weight, const at::Tensor& input, float eps);
+
+// rope
+void rotary_half_inplaced(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at::Tensor& query,
+                          const at::Tensor& key);
+void rotary_two_inplaced(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at::Tensor& query,
+                         const at::Tensor& key);
+
+// The one failure of an operation, a kernel family or a format whose kernels do not exist yet.
+[[noreturn]] inline void not_built_yet(const std::string& name) {
+  throw std::runtime_error("orrery_ops: " + name + " is not built yet");
+}
+
+}  // namespace orrery

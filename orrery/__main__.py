@@ -1,0 +1,5 @@
+import sys
+
+from orrery.cli import main
+
+sys.exit(main())

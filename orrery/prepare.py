@@ -1,0 +1,153 @@
+"""A model's matrices in one of our formats, made from a GGUF file once and kept in a cache file.
+
+The cache file is a JSON header behind its length, then the tensors' bytes one after the other. It is written under
+another name and moved into place, so a reader never sees half of one.
+"""
+
+from __future__ import annotations
+
+import hashlib
+import json
+import os
+from collections.abc import Iterator
+from dataclasses import asdict, dataclass
+from pathlib import Path
+
+import torch
+
+from orrery import formats, gguf_model
+from orrery.formats import Format
+from orrery.gguf_model import GGUFModel, Sizes
+from orrery.tokenizer import Vocabulary
+
+MAGIC = b"ORRERY01"
+# Rows dequantized at a time: a large vocabulary never stands in memory as floats.
+ROWS = 4096
+
+
+@dataclass(frozen=True)
+class Prepared:
+    """A model ready to run: byte tensors of quantized matrices and float32 norm weights, on one device."""
+
+    format: Format
+    sizes: Sizes
+    vocabulary: Vocabulary
+    tensors: dict[str, torch.Tensor]
+
+    @property
+    def quantized_bytes(self) -> int:
+        """Bytes of all quantized matrices."""
+        return sum(t.numel() for t in self.tensors.values() if t.dtype == torch.uint8)
+
+
+def load(path: Path, fmt: Format, device: str = "xpu", cache: bool = True) -> Prepared:
+    """The model of a GGUF file in format `fmt`, from the cache if it is there."""
+    gguf_model.check_magic(path)
+    file = cache_file(path, fmt)
+    if cache:
+        found = _read_cache(file, fmt, device)
+        if found:
+            return found
+    model = gguf_model.read(path)
+    tensors = {name: tensor.to(device) for name, tensor in _quantized(model, fmt)}
+    prepared = Prepared(fmt, model.sizes, model.vocabulary, tensors)
+    if cache:
+        _write_cache(file, prepared)
+    return prepared
+
+
+def matrices(sizes: Sizes, tied: bool) -> dict[str, tuple[str, ...]]:
+    """Our matrices and the tensors of the file whose rows they join.
+
+    Rows are independent, so query, key and value are one product, and so are gate and up.
+    """
+    joined: dict[str, tuple[str, ...]] = {"embedding": ("token_embd.weight",)}
+    if not tied:
+        joined["output"] = ("output.weight",)
+    for i in range(sizes.layers):
+        blk = f"blk.{i}"
+        joined[f"{i}.qkv"] = (f"{blk}.attn_q.weight", f"{blk}.attn_k.weight", f"{blk}.attn_v.weight")
+        joined[f"{i}.out"] = (f"{blk}.attn_output.weight",)
+        joined[f"{i}.gate_up"] = (f"{blk}.ffn_gate.weight", f"{blk}.ffn_up.weight")
+        joined[f"{i}.down"] = (f"{blk}.ffn_down.weight",)
+    return joined
+
+
+def norms(sizes: Sizes) -> dict[str, str]:
+    """Our norm weights and the file's."""
+    names = {"norm": "output_norm.weight"}
+    for i in range(sizes.layers):
+        names[f"{i}.attention_norm"] = f"blk.{i}.attn_norm.weight"
+        names[f"{i}.mlp_norm"] = f"blk.{i}.ffn_norm.weight"
+    return names
+
+
+def _quantized(model: GGUFModel, fmt: Format) -> Iterator[tuple[str, torch.Tensor]]:
+    from tqdm import tqdm
+
+    for name, source in norms(model.sizes).items():
+        yield name, model.rows(source).reshape(-1)
+    joined = matrices(model.sizes, "output.weight" not in model.stored)
+    total = sum(model.stored[source].shape[0] for sources in joined.values() for source in sources)
+    with tqdm(total=total, desc=f"quantizing to {fmt.name}", unit=" rows", unit_scale=True, delay=2) as progress:
+        for name, sources in joined.items():
+            rows = sum(model.stored[source].shape[0] for source in sources)
+            data = torch.empty(fmt.size(rows, model.stored[sources[0]].shape[1]), dtype=torch.uint8)
+            done = 0
+            for source in sources:
+                for first in range(0, model.stored[source].shape[0], ROWS):
+                    part = model.rows(source, first, ROWS)
+                    formats.quantize_rows(fmt, part, data, done)
+                    done += part.shape[0]
+                    progress.update(part.shape[0])
+            yield name, data
+
+
+def cache_file(path: Path, fmt: Format) -> Path:
+    """Where the prepared model lies: named by the source file's place, size and time, and by the format."""
+    stat = path.stat()
+    key = f"{path.resolve()} {stat.st_size} {stat.st_mtime_ns} {fmt.name} {MAGIC.decode()}"
+    root = Path(os.environ.get("XDG_CACHE_HOME") or Path.home() / ".cache")
+    return root / "orrery" / f"{hashlib.sha256(key.encode()).hexdigest()[:16]}-{fmt.name}.bin"
+
+
+def _write_cache(file: Path, prepared: Prepared) -> None:
+    """A cache that cannot be written is no failure: the next start is slower."""
+    tensors = [{"name": n, "dtype": str(t.dtype).removeprefix("torch."), "numel": t.numel()}
+               for n, t in prepared.tensors.items()]
+    header = json.dumps({
+        "sizes": asdict(prepared.sizes),
+        "vocabulary": asdict(prepared.vocabulary),
+        "tensors": tensors,
+        "bytes": sum(t.nbytes for t in prepared.tensors.values()),
+    }).encode()
+    temporary = file.with_suffix(f".{os.getpid()}.tmp")
+    try:
+        file.parent.mkdir(parents=True, exist_ok=True)
+        with open(temporary, "wb") as stream:
+            stream.write(MAGIC + len(header).to_bytes(8, "little") + header)
+            for tensor in prepared.tensors.values():
+                stream.write(tensor.cpu().numpy().data)
+        os.replace(temporary, file)
+    except OSError:
+        temporary.unlink(missing_ok=True)
+
+
+def _read_cache(file: Path, fmt: Format, device: str) -> Prepared | None:
+    try:
+        with open(file, "rb") as stream:
+            if stream.read(len(MAGIC)) != MAGIC:
+                return None
+            header = json.loads(stream.read(int.from_bytes(stream.read(8), "little")))
+            if stream.tell() + header["bytes"] != os.fstat(stream.fileno()).st_size:
+                return None
+            tensors = {}
+            for entry in header["tensors"]:
+                tensor = torch.empty(entry["numel"], dtype=getattr(torch, entry["dtype"]))
+                stream.readinto(memoryview(tensor.numpy()).cast("B"))
+                tensors[entry["name"]] = tensor.to(device)
+    except (OSError, ValueError, KeyError):
+        return None
+    vocabulary = header["vocabulary"]
+    vocabulary["stop"] = tuple(vocabulary["stop"])
+    return Prepared(fmt, Sizes(**header["sizes"]), Vocabulary(**vocabulary), tensors)

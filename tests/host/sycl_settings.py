@@ -1,0 +1,36 @@
+"""Settings of the host device for one test: changed inside a `with`, put back after it."""
+
+from __future__ import annotations
+
+from contextlib import contextmanager
+from typing import Any, Iterator
+
+import torch  # noqa: F401  its libraries first
+
+import orrery_native_tests as native
+
+
+@contextmanager
+def host_settings(**changes: Any) -> Iterator[None]:
+    before = native.configuration()
+    changed = native.Settings(before)
+    for name, value in changes.items():
+        setattr(changed, name, value)
+    native.configure(changed)
+    try:
+        yield
+    finally:
+        native.configure(before)
+
+
+@contextmanager
+def threads(count: int) -> Iterator[None]:
+    before = torch.get_num_threads()
+    torch.set_num_threads(count)
+    try:
+        yield
+    finally:
+        torch.set_num_threads(before)
+
+
+SCHEDULES = [{"shuffle": False}, {"shuffle": True, "seed": 1}, {"shuffle": True, "seed": 99}]

@@ -1,0 +1,35 @@
+"""Schedules: linear by default, drawn from a seed on request; more strands and groups than threads."""
+
+import pytest
+from sycl_settings import host_settings, native, threads
+
+
+def test_linear_order():
+    with threads(1):
+        assert native.strand_order(6, 3) == list(range(6)) * 3
+        assert native.group_order(40) == list(range(40))
+
+
+def test_shuffled_order_of_strands_changes_at_each_barrier():
+    with host_settings(shuffle=True, seed=11):
+        order = native.strand_order(32, 4)
+    rounds = [order[i : i + 32] for i in range(0, 128, 32)]
+    assert all(sorted(r) == list(range(32)) for r in rounds)
+    assert len({tuple(r) for r in rounds + [list(range(32))]}) == 5
+
+
+def test_shuffled_order_of_groups_depends_on_the_seed():
+    orders = []
+    for seed in (1, 2):
+        with host_settings(shuffle=True, seed=seed * 1000003), threads(1):
+            orders.append(native.group_order(64))
+    assert all(sorted(o) == list(range(64)) for o in orders)
+    assert orders[0] != orders[1] and list(range(64)) not in orders
+
+
+@pytest.mark.parametrize("count", [1, 2, 3, 7])
+def test_values_made_once_a_launch_and_thread(count):
+    with threads(count):
+        for _ in range(3):
+            made, right = native.shared_once(200)
+            assert right and 1 <= made <= count

@@ -1,0 +1,93 @@
+// Lets the tests ask for the decisions of the linear dispatch, the registry and the version test without a device.
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "formats/registry.h"
+#include "interpreter_version.h"
+#include "linear_dispatch.h"
+
+namespace py = pybind11;
+
+namespace {
+
+std::map<std::string, std::string> variables;
+std::vector<std::string> variables_read;
+
+const char* read_variable(const char* name) {
+  variables_read.emplace_back(name);
+  const auto found = variables.find(name);
+  return found == variables.end() ? nullptr : found->second.c_str();
+}
+
+c10::ScalarType scalar_type(const std::string& name) {
+  for (int code = 0; code < static_cast<int>(c10::ScalarType::NumOptions); ++code) {
+    const auto type = static_cast<c10::ScalarType>(code);
+    if (name == c10::toString(type)) return type;
+  }
+  throw std::invalid_argument("no scalar type is called " + name);
+}
+
+std::vector<uint64_t> without_trailing_ones(const std::array<uint64_t, 2>& range) {
+  if (range[1] == 1) return {range[0]};
+  return {range[0], range[1]};
+}
+
+py::dict as_dict(const orrery::linear_decision& d) {
+  py::dict out;
+  out["family"] = orrery::family_name(d.family);
+  out["kernel"] = d.kernel;
+  out["record"] = d.record;
+  out["global"] = py::tuple(py::cast(without_trailing_ones(d.global)));
+  out["local"] = py::tuple(py::cast(without_trailing_ones(d.local)));
+  out["sub_group"] = d.shape.sub_group;
+  out["work_group"] = d.shape.work_group;
+  out["rows"] = d.shape.rows;
+  out["row_multiple"] = d.row_multiple;
+  out["scale_offset"] = d.scale_offset;
+  out["quantizes_input"] = d.quantizes_input;
+  out["waits"] = d.waits;
+  out["tail"] = d.tail;
+  out["tile_rows"] = d.tile_rows;
+  out["tiles"] = d.tiles;
+  return out;
+}
+
+// The decision, and in "read" the variables that were asked for, in order.
+py::dict decide(int32_t qtype, const std::string& type, int64_t n, uint64_t state_size, uint64_t output_size,
+                int64_t seq_hint, uint32_t device_class, const std::map<std::string, std::string>& environment) {
+  orrery::linear_request request{qtype, scalar_type(type), n, state_size, output_size, seq_hint, device_class, {}};
+  variables = environment;
+  variables_read.clear();
+  request.settings = orrery::read_settings(request, read_variable);
+  py::dict out = as_dict(orrery::decide(request));
+  out["read"] = py::cast(variables_read);
+  return out;
+}
+
+bool version_fits(const std::string& version) {
+  if (!orrery::interpreter_fits(version.c_str())) throw py::error_already_set();
+  return true;
+}
+
+}  // namespace
+
+PYBIND11_MODULE(orrery_dispatch, m) {
+  m.def("decide", decide, py::arg("qtype"), py::arg("type"), py::arg("n"), py::arg("state_size"),
+        py::arg("output_size"), py::arg("seq_hint") = 0, py::arg("device_class") = 3,
+        py::arg("environment") = std::map<std::string, std::string>{});
+  m.def("device_class_of", [](const std::string& name) { return orrery::device_class_of(name); });
+  m.def("version_fits", version_fits);
+  m.def("rows_of_weight", orrery::rows_of_weight);
+  m.def("scale_offset", orrery::scale_offset);
+  m.def("fp6_second_plane", orrery::fp6_second_plane);
+  m.def("format_name", [](int32_t code) {
+    const orrery::format_row* row = orrery::find_weight_format(code);
+    return row == nullptr ? std::string() : std::string(row->name);
+  });
+  m.attr("block_elems") = py::cast(orrery::block_elems);
+  m.attr("block_bytes") = py::cast(orrery::block_bytes);
+}

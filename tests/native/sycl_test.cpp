@@ -1,0 +1,499 @@
+// Kernels that let tests/host/test_sycl_*.py look at the host's SYCL: each returns what its work-items saw.
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <array>
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <sycl/sycl.hpp>
+#include <vector>
+
+#include "includes/item.h"
+#include "native_test.h"
+
+namespace py = pybind11;
+
+namespace {
+
+using sizes = std::vector<size_t>;
+
+template <int D>
+sycl::range<D> as_range(const sizes& n) {
+  sycl::range<D> r;
+  for (int d = 0; d < D; ++d) r[d] = n.at(d);
+  return r;
+}
+
+template <typename F>
+auto with_dims(size_t dims, F f) {
+  switch (dims) {
+    case 1: return f(std::integral_constant<int, 1>());
+    case 2: return f(std::integral_constant<int, 2>());
+    case 3: return f(std::integral_constant<int, 3>());
+  }
+  throw std::invalid_argument("1 to 3 dimensions");
+}
+
+sycl::queue queue_of(int device = 0) { return sycl::ext::orrery::make_queue(device); }
+
+// One row a work-item: group, local and global id in each dimension, then local, group and global linear id.
+std::vector<sizes> item_ids(const sizes& global, const sizes& local) {
+  return with_dims(global.size(), [&](auto dims) {
+    constexpr int D = dims;
+    const sycl::nd_range<D> ranges(as_range<D>(global), as_range<D>(local));
+    std::vector<sizes> rows(ranges.get_global_range().size());
+    queue_of().submit([&](sycl::handler& h) {
+      h.parallel_for(ranges, [&](sycl::nd_item<D> it) {
+        sizes row;
+        for (int d = 0; d < D; ++d) row.push_back(it.get_group(d));
+        for (int d = 0; d < D; ++d) row.push_back(it.get_local_id()[d]);
+        for (int d = 0; d < D; ++d) row.push_back(it.get_global_id(d));
+        row.insert(row.end(), {it.get_local_linear_id(), it.get_group_linear_id(), it.get_global_linear_id()});
+        for (int d = 0; d < D; ++d) row.push_back(it.get_group_range(d));
+        for (int d = 0; d < D; ++d) row.push_back(it.get_local_range(d));
+        rows.at(it.get_global_linear_id()) = row;
+      });
+    });
+    return rows;
+  });
+}
+
+std::vector<sizes> range_ids(const sizes& global) {
+  return with_dims(global.size(), [&](auto dims) {
+    constexpr int D = dims;
+    const auto range = as_range<D>(global);
+    std::vector<sizes> rows(range.size());
+    queue_of().submit([&](sycl::handler& h) {
+      h.parallel_for(range, [&](sycl::item<D> it) {
+        size_t linear = 0;
+        for (int d = 0; d < D; ++d) linear = linear * range[d] + it.get_id(d);
+        const auto id = it.get_id();
+        rows.at(linear) = sizes(id.at.begin(), id.at.end());
+      });
+    });
+    return rows;
+  });
+}
+
+// First lanes' ids as a kernel generic over its item sees them; one row a strand.
+template <int Lanes>
+std::vector<sizes> lane_ids_of(const sizes& global, const sizes& local) {
+  return with_dims(global.size(), [&](auto dims) {
+    constexpr int D = dims;
+    const sycl::nd_range<D> ranges(as_range<D>(global), as_range<D>(local));
+    const size_t strands = ranges.get_local_range().size() / Lanes;
+    std::vector<sizes> rows(ranges.get_group_range().size() * strands);
+    queue_of().submit([&](sycl::handler& h) {
+      h.parallel_for_lanes<Lanes, Lanes>(ranges, [&](const auto& item) {
+        size_t group = 0;
+        for (int d = 0; d < D; ++d) group = group * item.group_range(d) + item.group(d);
+        sizes row;
+        for (int d = 0; d < D; ++d) row.push_back(item.group(d));
+        for (int d = 0; d < D; ++d) row.push_back(item.local(d));
+        row.push_back(item.local_linear());
+        rows.at(group * strands + item.local_linear() / Lanes) = row;
+      });
+    });
+    return rows;
+  });
+}
+
+std::vector<sizes> lane_ids(int lanes, const sizes& global, const sizes& local) {
+  switch (lanes) {
+    case 1: return lane_ids_of<1>(global, local);
+    case 8: return lane_ids_of<8>(global, local);
+    case 16: return lane_ids_of<16>(global, local);
+    case 32: return lane_ids_of<32>(global, local);
+  }
+  throw std::invalid_argument("1, 8, 16 or 32 lanes");
+}
+
+// `rounds` times: put a value into local memory, meet, take the right neighbour's and add 1. Without the meeting the
+// result depends on the order of the strands.
+std::vector<int> pass_around(size_t groups, size_t local, int rounds) {
+  std::vector<int> out(groups * local);
+  queue_of().submit([&](sycl::handler& h) {
+    sycl::local_accessor<char> odd(sycl::range<1>(3), h);  // the next accessor is aligned all the same
+    sycl::local_accessor<int> slot(sycl::range<1>(local), h);
+    h.parallel_for(sycl::nd_range<1>({groups * local}, {local}), [&, odd, slot](sycl::nd_item<1> it) {
+      const size_t l = it.get_local_id(0);
+      int value = static_cast<int>(it.get_global_id(0));
+      for (int r = 0; r < rounds; ++r) {
+        slot[l] = value;
+        odd[l % 3] = 1;
+        sycl::group_barrier(it.get_group());
+        value = slot[(l + 1) % local] + 1;
+        sycl::group_barrier(it.get_group());
+      }
+      out[it.get_global_id(0)] = value;
+    });
+  });
+  return out;
+}
+
+// What local memory holds when a group starts, as bytes; each group then fills it with 1.
+std::vector<int> local_memory_before(size_t groups, size_t bytes) {
+  std::vector<int> out(groups * bytes);
+  queue_of().submit([&](sycl::handler& h) {
+    sycl::local_accessor<uint8_t> memory(sycl::range<1>(bytes), h);
+    h.parallel_for(sycl::nd_range<1>({groups}, {1}), [&, memory](sycl::nd_item<1> it) {
+      for (size_t i = 0; i < bytes; ++i) out[it.get_group(0) * bytes + i] = memory[i];
+      for (size_t i = 0; i < bytes; ++i) memory[i] = 1;
+    });
+  });
+  return out;
+}
+
+// 1 for each accessor whose start is a multiple of 64 bytes and lies behind the one before.
+std::vector<bool> local_memory_places() {
+  std::vector<bool> out(3);
+  queue_of().submit([&](sycl::handler& h) {
+    sycl::local_accessor<char> a(sycl::range<1>(5), h);
+    sycl::local_accessor<double> b(sycl::range<1>(3), h);
+    sycl::local_accessor<float> c(sycl::range<1>(70), h);
+    h.parallel_for(sycl::nd_range<1>({1}, {1}), [&, a, b, c](sycl::nd_item<1>) {
+      const auto at = [](const void* p) { return reinterpret_cast<uintptr_t>(p); };
+      out[0] = at(a.get_pointer()) % 64 == 0;
+      out[1] = at(b.get_pointer()) % 64 == 0 && at(b.get_pointer()) >= at(a.get_pointer() + 5);
+      out[2] = at(c.get_pointer()) % 64 == 0 && at(c.get_pointer()) >= at(b.get_pointer() + 3);
+    });
+  });
+  return out;
+}
+
+// Sub-group sizes and the shuffled values, in the standard's form (sub-groups of 16).
+template <typename T>
+std::vector<T> shuffled(const std::string& kind, size_t local, const std::vector<T>& values, size_t argument) {
+  std::vector<T> out(values.size());
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({values.size()}, {local}), [&](sycl::nd_item<1> it) {
+      const auto sg = it.get_sub_group();
+      const size_t g = it.get_global_id(0);
+      if (kind == "xor") out[g] = sycl::permute_group_by_xor(sg, values[g], argument);
+      if (kind == "select") {
+        out[g] = sycl::select_from_group(sg, values[g], (sg.get_local_linear_id() + argument) % sg.get_local_linear_range());
+      }
+      if (kind == "size") out[g] = static_cast<T>(sg.get_local_linear_range());
+      if (kind == "butterfly") {
+        T sum = values[g];
+        for (size_t bits = 8; bits >= 1; bits /= 2) sum += sycl::permute_group_by_xor(sg, sum, bits);
+        out[g] = sum;
+      }
+    });
+  });
+  return out;
+}
+
+// Even sub-groups exchange doubles while odd ones exchange bytes, `rounds` times.
+std::vector<double> shuffle_two_types(size_t local, int rounds) {
+  std::vector<double> out(local);
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({local}, {local}), [&](sycl::nd_item<1> it) {
+      const auto sg = it.get_sub_group();
+      const size_t l = it.get_local_id(0), next = (sg.get_local_linear_id() + 1) % sg.get_local_linear_range();
+      double wide = static_cast<double>(l);
+      uint8_t byte = static_cast<uint8_t>(l);
+      for (int r = 0; r < rounds; ++r) {
+        if (l / 16 % 2 == 0) wide = sycl::select_from_group(sg, wide, next);
+        else byte = sycl::select_from_group(sg, byte, next);
+      }
+      out[l] = l / 16 % 2 == 0 ? wide : byte;
+    });
+  });
+  return out;
+}
+
+// Work-items in `away` end ("end") or leave ("leave") before the barrier; the others pass it and write 1.
+std::vector<int> some_go(const std::string& how, size_t local, const std::vector<bool>& away) {
+  std::vector<int> out(away.size());
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for_lanes<1, 1>(sycl::nd_range<1>({away.size()}, {local}), [&](const auto& item) {
+      if (away[item.global(0)]) {
+        if (how == "leave") item.leave();
+        return;
+      }
+      item.barrier();
+      out[item.global(0)] = 1;
+    });
+  });
+  return out;
+}
+
+struct throwing_kernel {
+  static constexpr int sub_group_size = 1;
+  size_t at;
+  const std::string* what;
+  std::vector<int>* started;
+  bool before_barrier;
+  template <typename Item>
+  void operator()(const Item& item) const {
+    (*started)[item.global(0)] = 1;
+    if (!before_barrier) item.barrier();
+    if (item.global(0) == at) {
+      if (*what == "number") throw 7;
+      throw std::runtime_error(*what);
+    }
+    item.barrier();
+    (*started)[item.global(0)] = 2;
+  }
+};
+
+struct throwing_kernel_without_barriers : throwing_kernel {
+  static constexpr bool has_barriers = false;
+  template <typename Item>
+  void operator()(const Item& item) const {
+    if (item.global(0) == at) throw std::runtime_error(*what);
+  }
+};
+
+struct lying_kernel {
+  static constexpr bool has_barriers = false;
+  template <typename Item>
+  void operator()(const Item& item) const {
+    item.barrier();
+  }
+};
+
+// The text of the sycl::exception ("" if none) and how far each work-item came; then the same queue runs another kernel.
+std::pair<std::string, std::vector<int>> kernel_throws(const std::string& form, const std::string& what, size_t global,
+                                                       size_t local, size_t at) {
+  auto queue = queue_of();
+  std::vector<int> started(global);
+  std::string text;
+  const sycl::nd_range<1> ranges({global}, {local});
+  const throwing_kernel kernel{at, &what, &started, form == "before"};
+  try {
+    queue.submit([&](sycl::handler& h) {
+      if (form == "no barriers") h.parallel_for_lanes<1, 1>(ranges, throwing_kernel_without_barriers{kernel});
+      else if (form == "lying") h.parallel_for_lanes<1, 1>(ranges, lying_kernel{});
+      else h.parallel_for_lanes<1, 1>(ranges, kernel);
+    });
+  } catch (const sycl::exception& e) {
+    if (e.code() != sycl::errc::kernel) throw std::runtime_error("not a kernel error");
+    text = e.what();
+  }
+  int sum = 0;
+  queue.submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({4}, {4}), [&](sycl::nd_item<1> it) {
+      sycl::group_barrier(it.get_group());
+      sum += static_cast<int>(it.get_local_id(0));
+    });
+  });
+  if (sum != 6) throw std::runtime_error("the queue is unusable after an exception");
+  return {text, started};
+}
+
+// "error code: text" of an nd_range launch, "" if it ran.
+std::string range_error(const sizes& global, const sizes& local, int lanes) {
+  try {
+    with_dims(global.size(), [&](auto dims) {
+      constexpr int D = dims;
+      const sycl::nd_range<D> ranges(as_range<D>(global), as_range<D>(local));
+      queue_of().submit([&](sycl::handler& h) {
+        if (lanes == 16) h.parallel_for_lanes<16, 16>(ranges, [](const auto&) {});
+        else h.parallel_for(ranges, [](sycl::nd_item<D>) {});
+      });
+    });
+  } catch (const sycl::exception& e) {
+    return (e.code() == sycl::errc::nd_range ? "nd_range: " : "other: ") + std::string(e.what());
+  }
+  return "";
+}
+
+template <typename T, int SG, int WG>
+struct sum_kernel {
+  static constexpr int sub_group_size = SG;
+  static constexpr bool has_barriers = false;
+  const T* in;  // two rows of WG values a group
+  T* out;
+  sycl::local_accessor<T> partial;
+
+  template <typename Item>
+  void operator()(const Item& item) const {
+    constexpr int N = Item::lanes;
+    orrery::simd<T, N> acc[2];
+    for (int r = 0; r < 2; ++r) {
+      const auto x = orrery::simd<T, N>::load(in + (item.group() * 2 + r) * WG + item.local_linear());
+      acc[r] = x * x + x;
+    }
+    orrery::tree_sum<WG>(item, partial.get_pointer(), acc,
+                         [&](int r, T total) { out[item.group() * 2 + r] = total; });
+  }
+};
+
+template <typename T, int SG, int WG>
+void tree_sums_of(bool scalar, py::buffer_info& in, py::buffer_info& out) {
+  const size_t groups = in.size / (2 * WG);
+  const sycl::nd_range<1> ranges({groups * WG}, {WG});
+  queue_of().submit([&](sycl::handler& h) {
+    const sum_kernel<T, SG, WG> kernel{static_cast<const T*>(in.ptr), static_cast<T*>(out.ptr),
+                                       sycl::local_accessor<T>(sycl::range<1>(2 * WG), h)};
+    if (scalar) h.parallel_for_lanes<1, SG>(ranges, kernel);
+    else h.parallel_for_lanes<SG, SG>(ranges, kernel);
+  });
+}
+
+template <typename T>
+void tree_sums_in(int sg, int wg, bool scalar, py::buffer_info& in, py::buffer_info& out) {
+  switch (sg * 1000 + wg) {
+    case 8008: return tree_sums_of<T, 8, 8>(scalar, in, out);
+    case 8032: return tree_sums_of<T, 8, 32>(scalar, in, out);
+    case 16016: return tree_sums_of<T, 16, 16>(scalar, in, out);
+    case 16064: return tree_sums_of<T, 16, 64>(scalar, in, out);
+    case 32032: return tree_sums_of<T, 32, 32>(scalar, in, out);
+    case 32128: return tree_sums_of<T, 32, 128>(scalar, in, out);
+  }
+  throw std::invalid_argument("no such sub-group and work-group size");
+}
+
+void tree_sums(const std::string& type, int sg, int wg, bool scalar, py::buffer in_buffer, py::buffer out_buffer) {
+  auto in = in_buffer.request(), out = out_buffer.request(true);
+  if (out.size != in.size / wg) throw std::invalid_argument("one result a row of WG values");
+  if (type == "half") tree_sums_in<c10::Half>(sg, wg, scalar, in, out);
+  else if (type == "bfloat16") tree_sums_in<c10::BFloat16>(sg, wg, scalar, in, out);
+  else if (type == "double") tree_sums_in<double>(sg, wg, scalar, in, out);
+  else tree_sums_in<float>(sg, wg, scalar, in, out);
+}
+
+// The order in which one group's strands, then a launch's groups, came to write (groups only with one thread).
+std::vector<int> strand_order(size_t strands, int rounds) {
+  std::vector<int> order;
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({strands}, {strands}), [&](sycl::nd_item<1> it) {
+      for (int r = 0; r < rounds; ++r) {
+        order.push_back(static_cast<int>(it.get_local_id(0)));
+        sycl::group_barrier(it.get_group());
+      }
+    });
+  });
+  return order;
+}
+
+std::vector<int> group_order(size_t groups) {
+  std::vector<int> order;
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({groups}, {1}),
+                   [&](sycl::nd_item<1> it) { order.push_back(static_cast<int>(it.get_group(0))); });
+  });
+  return order;
+}
+
+// How often values shared by a launch were made, and whether each group saw them.
+std::pair<int, bool> shared_once(size_t groups) {
+  std::atomic<int> made{0};
+  std::atomic<bool> right{true};
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for_lanes<16, 16>(sycl::nd_range<1>({groups * 16}, {16}), [&](const auto& item) {
+      const float* values = item.template once_a_launch<float>(100, [&](float* to) {
+        ++made;
+        for (int i = 0; i < 100; ++i) to[i] = static_cast<float>(i) + 0.5f;
+      });
+      for (int i = 0; i < 100; ++i) {
+        if (values[i] != static_cast<float>(i) + 0.5f) right = false;
+      }
+    });
+  });
+  return {made.load(), right.load()};
+}
+
+template <typename T, int N>
+struct named_kernel {
+  static constexpr int sub_group_size = 8;
+  template <typename Item>
+  void operator()(const Item&) const {}
+};
+template <typename T>
+struct outer {
+  struct plain_kernel {
+    static constexpr int sub_group_size = 8;
+    template <typename Item>
+    void operator()(const Item&) const {}
+  };
+};
+
+sycl::event launch_named(int device, const sizes& global, const sizes& local, size_t local_bytes, bool nested_name) {
+  return with_dims(global.size(), [&](auto dims) {
+    constexpr int D = dims;
+    const sycl::nd_range<D> ranges(as_range<D>(global), as_range<D>(local));
+    return queue_of(device).submit(
+        [&](sycl::handler& h) {
+          sycl::local_accessor<char> memory(sycl::range<1>(local_bytes), h);
+          if (nested_name) h.parallel_for_lanes<8, 8>(ranges, outer<named_kernel<int, 2>>::plain_kernel{});
+          else h.parallel_for_lanes<8, 8>(ranges, named_kernel<c10::Half, 16>{});
+        },
+        {"unit", "function", 31, 7});
+  });
+}
+
+std::vector<py::dict> recording_end() {
+  std::vector<py::dict> all;
+  for (const auto& r : sycl::ext::orrery::recording_end()) {
+    py::dict d;
+    d["name"] = r.name;
+    d["kernel"] = r.kernel;
+    d["instance"] = r.instance;
+    d["file"] = r.file;
+    d["function"] = r.function;
+    d["line"] = r.line;
+    d["column"] = r.column;
+    d["global_size"] = r.global_size;
+    d["local_size"] = r.local_size;
+    d["sub_group_size"] = r.sub_group_size;
+    d["local_memory"] = r.local_memory;
+    d["waited"] = r.waited;
+    d["device"] = r.device;
+    d["seconds"] = r.seconds;
+    all.push_back(d);
+  }
+  return all;
+}
+
+void configure(const sycl::ext::orrery::settings& s) { sycl::ext::orrery::configure(s); }
+
+}  // namespace
+
+PYBIND11_MODULE(orrery_native_tests, m) {
+  m.def("item_ids", &item_ids);
+  m.def("range_ids", &range_ids);
+  m.def("lane_ids", &lane_ids);
+  m.def("pass_around", &pass_around);
+  m.def("local_memory_before", &local_memory_before);
+  m.def("local_memory_places", &local_memory_places);
+  m.def("shuffled_float", &shuffled<float>);
+  m.def("shuffled_double", &shuffled<double>);
+  m.def("shuffled_int", &shuffled<int>);
+  m.def("shuffle_two_types", &shuffle_two_types);
+  m.def("some_go", &some_go);
+  m.def("kernel_throws", &kernel_throws);
+  m.def("range_error", &range_error);
+  m.def("tree_sums", &tree_sums);
+  m.def("strand_order", &strand_order);
+  m.def("group_order", &group_order);
+  m.def("shared_once", &shared_once);
+  m.def("launch", &launch_named, py::arg("device") = 0, py::arg("global_size") = sizes{16},
+        py::arg("local_size") = sizes{8}, py::arg("local_bytes") = 0, py::arg("nested_name") = false);
+  m.def("recording_begin", &sycl::ext::orrery::recording_begin);
+  m.def("recording_end", &recording_end);
+  m.def("record", &sycl::ext::orrery::record);
+  m.def("device_name", [] { return sycl::device().get_info<sycl::info::device::name>(); });
+  m.def("max_work_group_size", [] { return sycl::device().get_info<sycl::info::device::max_work_group_size>(); });
+  py::class_<sycl::event>(m, "Event").def("wait", &sycl::event::wait);
+  using sycl::ext::orrery::settings;
+  py::class_<settings>(m, "Settings")
+      .def(py::init<const settings&>())
+      .def_readwrite("device_name", &settings::device_name)
+      .def_readwrite("max_work_group_size", &settings::max_work_group_size)
+      .def_readwrite("device_count", &settings::device_count)
+      .def_readwrite("shuffle", &settings::shuffle)
+      .def_readwrite("seed", &settings::seed);
+  m.def("settings_from_environment", &sycl::ext::orrery::settings_from_environment);
+  m.def("configuration", [] { return sycl::ext::orrery::configuration(); });
+  m.def("configure", &configure);
+#ifdef ORRERY_HOST_ITEMS_SCALAR
+  m.attr("scalar_items") = true;
+#else
+  m.attr("scalar_items") = false;
+#endif
+  bind_simd(m);
+}

@@ -1,0 +1,66 @@
+"""An independent Llama: transformers' own, in float32 on the CPU, fed with any matrices under the file's names."""
+
+from __future__ import annotations
+
+import math
+from collections.abc import Callable
+
+import torch
+
+
+def halves(matrix: torch.Tensor, heads: int) -> torch.Tensor:
+    """Rows of a query or key matrix from even-odd pairs to two halves a head, the order that transformers expects."""
+    rows, cols = matrix.shape
+    return matrix.view(heads, rows // heads // 2, 2, cols).transpose(1, 2).reshape(rows, cols)
+
+
+class ReferenceLlama:
+    """Give it matrices with `load`, then ask for logits."""
+
+    def __init__(self, sizes) -> None:
+        from transformers import LlamaConfig, LlamaForCausalLM
+
+        self.sizes = sizes
+        config = LlamaConfig(
+            vocab_size=sizes.vocabulary, hidden_size=sizes.hidden, intermediate_size=sizes.feed_forward,
+            num_hidden_layers=sizes.layers, num_attention_heads=sizes.heads, num_key_value_heads=sizes.kv_heads,
+            head_dim=sizes.head_dim, max_position_embeddings=sizes.context, rms_norm_eps=sizes.eps,
+            rope_parameters={"rope_type": "default", "rope_theta": sizes.rope_base}, tie_word_embeddings=True,
+            attention_bias=False, mlp_bias=False,
+        )
+        self.model = LlamaForCausalLM(config).eval().float()
+
+    def load(self, matrix: Callable[[str], torch.Tensor]) -> None:
+        """Takes every tensor from `matrix`, called with the name that it has in the GGUF file."""
+        s = self.sizes
+        state = {"model.embed_tokens.weight": matrix("token_embd.weight"), "model.norm.weight": matrix("output_norm.weight")}
+        for i in range(s.layers):
+            ours, theirs = f"blk.{i}.", f"model.layers.{i}."
+            state |= {
+                theirs + "input_layernorm.weight": matrix(ours + "attn_norm.weight"),
+                theirs + "self_attn.q_proj.weight": halves(matrix(ours + "attn_q.weight"), s.heads),
+                theirs + "self_attn.k_proj.weight": halves(matrix(ours + "attn_k.weight"), s.kv_heads),
+                theirs + "self_attn.v_proj.weight": matrix(ours + "attn_v.weight"),
+                theirs + "self_attn.o_proj.weight": matrix(ours + "attn_output.weight"),
+                theirs + "post_attention_layernorm.weight": matrix(ours + "ffn_norm.weight"),
+                theirs + "mlp.gate_proj.weight": matrix(ours + "ffn_gate.weight"),
+                theirs + "mlp.up_proj.weight": matrix(ours + "ffn_up.weight"),
+                theirs + "mlp.down_proj.weight": matrix(ours + "ffn_down.weight"),
+            }
+        missing, unexpected = self.model.load_state_dict(state, strict=False)
+        assert not unexpected and set(missing) <= {"lm_head.weight"}, (missing, unexpected)
+
+    @torch.inference_mode()
+    def logits(self, tokens: list[int]) -> torch.Tensor:
+        """Logits [len(tokens), vocabulary]."""
+        return self.model(torch.tensor([tokens]), use_cache=False).logits[0]
+
+    def perplexity(self, tokens: list[int], window: int) -> float:
+        """Over the same windows as the runner's."""
+        loss, count = 0.0, 0
+        for first in range(0, len(tokens), window):
+            part = tokens[first : first + window]
+            if len(part) > 1:
+                loss += torch.nn.functional.cross_entropy(self.logits(part[:-1]), torch.tensor(part[1:]), reduction="sum").item()
+                count += len(part) - 1
+        return math.exp(loss / count)

@@ -1,0 +1,185 @@
+"""The benchmarks' arithmetic, table and files. Timings themselves are never asserted."""
+
+import json
+from pathlib import Path
+
+import gguf
+import numpy as np
+import pytest
+import torch
+from gguf.constants import GGMLQuantizationType as Type
+
+from bench import cases, llama, measure, report
+from bench.report import Bar, Row
+from orrery.formats import FORMATS, dequantize
+
+
+def test_speed_of_times_and_of_rates():
+    assert Row("t", ours=2.0, peer=3.0).speed() == 1.5
+    assert Row("r", ours=2.0, peer=4.0, per_second="tokens").speed() == 0.5
+    assert Row("alone", ours=2.0).speed() is None
+
+
+def test_byte_rate_of_times_and_of_rates():
+    assert Row("t", ours=0.5, bytes=100).rate() == 200
+    assert Row("r", ours=3.0, bytes=100, per_second="tokens").rate() == 300
+    assert Row("none", ours=3.0).rate() is None
+
+
+@pytest.mark.parametrize(
+    "bar, row, value, reached",
+    [
+        (Bar("bandwidth", 0.4), Row("", ours=0.5, bytes=20), 0.4, True),
+        (Bar("bandwidth", 0.41), Row("", ours=0.5, bytes=20), 0.4, False),
+        (Bar("speed", 5), Row("", ours=1.0, peer=4.9), 4.9, False),
+        (Bar("speed", 0.5), Row("", ours=120.0, peer=240.0, per_second="tokens"), 0.5, True),
+        (Bar("microseconds", 8), Row("", ours=7.5e-6), 7.5, True),
+        (Bar("microseconds", 8), Row("", ours=8.5e-6), 8.5, False),
+        (Bar("byte time", 2.5), Row("", ours=3.0, bytes=10, byte_rate=10.0), 3.0, False),
+        (Bar("byte time", 2.5), Row("", ours=2.0, bytes=10, byte_rate=10.0), 2.0, True),
+        (Bar("speed", 1), Row("", ours=1.0), None, None),
+        (Bar("byte time", 2.5), Row("", peer=1.0, bytes=10, byte_rate=10.0), None, None),
+    ],
+)
+def test_bars(bar, row, value, reached):
+    measured = row.value(bar, bandwidth=100.0)
+    assert measured == (None if value is None else pytest.approx(value, rel=1e-12))
+    assert reached is None or bar.reached(measured) is reached
+
+
+def test_bar_of_unknown_kind():
+    with pytest.raises(ValueError, match="unknown kind of bar: luck"):
+        Row("", ours=1.0).value(Bar("luck", 1.0), 1.0)
+
+
+def test_table_aligns_and_tells_what_was_met():
+    rows = [
+        Row("fast", ours=1e-3, peer=6e-3, peer_name="torch", bytes=10_000_000, bars=[Bar("speed", 5.0)]),
+        Row("slow", ours=2.0, peer=1.0, bars=[Bar("speed", 1.0)]),
+        Row("decode", ours=120.0, per_second="tokens", bars=[Bar("speed", 0.5)]),
+    ]
+    lines = report.table(rows, bandwidth=20e9).splitlines()
+    assert len(lines) == 5 and lines[1].replace(" ", "").strip("-") == ""
+    column = lines[0].index("speed-up")
+    assert lines[2][column:].startswith("6.00x") and lines[3][column:].startswith("0.50x")
+    assert "1.000 ms" in lines[2] and "10.00" in lines[2] and "50%" in lines[2] and "yes (6.00)" in lines[2]
+    assert "NO (0.50)" in lines[3] and "not measured" in lines[4] and "120.0 tokens/s" in lines[4]
+    assert report.summary(rows, 20e9) == "1 of 3 targets met, 1 not measured"
+
+
+@pytest.mark.parametrize("seconds, text", [(1.234e-6, "1.23 us"), (2.5e-4, "250.0 us"), (0.0031, "3.100 ms"), (2.0, "2.00 s")])
+def test_time_text(seconds, text):
+    assert report.time_text(seconds) == text
+
+
+def test_save_writes_json_and_plot(tmp_path):
+    rows = [Row("a", ours=1e-3, peer=2e-3, bytes=1000, bars=[Bar("speed", 1.0), Bar("bandwidth", 0.5)]), Row("b", peer=1.0)]
+    data, picture = report.save(rows, 1e7, measure.machine(3), tmp_path / "new", "run")
+    saved = json.loads(data.read_text())
+    assert saved["machine"]["threads"] == 3 and saved["read_bandwidth"] == 1e7
+    assert [bar["met"] for bar in saved["cases"][0]["bars"]] == [True, False]
+    assert saved["cases"][0]["speed"] == 2.0 and saved["cases"][1]["ours"] is None
+    assert picture.read_bytes().startswith(b"\x89PNG")
+
+
+def test_interleaved_takes_turns_and_the_median(monkeypatch):
+    now, order = [0.0], []
+    durations = {"a": iter([9.0, 1.0, 5.0, 3.0]), "b": iter([9.0, 2.0, 2.0, 8.0])}
+    monkeypatch.setattr(measure.time, "perf_counter", lambda: now[0])
+
+    def call(name):
+        def run():
+            order.append(name)
+            now[0] += next(durations[name])
+
+        return run
+
+    def before():
+        order.append("flush")
+        now[0] += 100
+
+    assert measure.interleaved({"a": call("a"), "b": call("b")}, 3, before) == {"a": 3.0, "b": 2.0}
+    assert order == ["a", "b"] + ["flush", "a", "flush", "b"] * 3
+
+
+def test_call_cost_divides_by_the_batch(monkeypatch):
+    now = [0.0]
+    monkeypatch.setattr(measure.time, "perf_counter", lambda: now[0])
+
+    def call():
+        now[0] += 0.25
+
+    assert measure.call_cost({"a": call}, runs=3, batch=10) == {"a": 0.25}
+
+
+def test_flush_covers_twice_the_last_level_cache():
+    flush = measure.Flush()
+    flush()
+    assert flush._buffer.numel() * 4 >= 2 * measure.last_level_cache() >= 1 << 20
+
+
+@pytest.mark.parametrize("name", FORMATS)
+def test_random_weight_is_what_it_says(name):
+    fmt = FORMATS[name]
+    data, dense = cases.random_weight(fmt, 128, 192)
+    assert data.numel() == fmt.size(128, 192) and dense.shape == (128, 192)
+    assert torch.equal(dequantize(fmt, data, 192), dense)
+    assert torch.equal(dense[:64], dense[64:]) and dense[:64].unique().numel() > 1000
+
+
+def _write_model(path: Path, matrix: np.ndarray) -> None:
+    writer = gguf.GGUFWriter(path, "llama")
+    writer.add_file_type(3)
+    writer.add_block_count(2)
+    writer.add_token_list(["a", "b\u00e9"])
+    writer.add_float32("llama.rope.freq_base", 1e5)
+    writer.add_tensor("blk.0.ffn_down.weight", gguf.quants.quantize(matrix, Type.Q4_1), raw_dtype=Type.Q4_1)
+    writer.add_tensor("token_embd.weight", gguf.quants.quantize(matrix, Type.Q8_0), raw_dtype=Type.Q8_0)
+    writer.add_tensor("output_norm.weight", matrix[0])
+    writer.write_header_to_file()
+    writer.write_kv_data_to_file()
+    writer.write_tensors_to_file()
+    writer.close()
+
+
+def test_q4_0_file_keeps_metadata_and_values(tmp_path, monkeypatch):
+    monkeypatch.setenv("XDG_CACHE_HOME", str(tmp_path / "cache"))
+    matrix = np.random.default_rng(0).standard_normal((3, 96)).astype(np.float32)
+    source = tmp_path / "tiny.Q4_1.gguf"
+    _write_model(source, matrix)
+
+    target = llama.q4_0_model(source)
+    assert target == tmp_path / "cache" / "orrery" / "tiny.Q4_0.gguf" and len(list(target.parent.iterdir())) == 1
+    before, after = gguf.GGUFReader(source), gguf.GGUFReader(target)
+    assert after.fields["general.file_type"].contents() == 2
+    for name, field in before.fields.items():
+        if not name.startswith("GGUF.") and name != "general.file_type":
+            assert after.fields[name].contents() == field.contents() and after.fields[name].types == field.types, name
+
+    old, new = ({t.name: t for t in reader.tensors} for reader in (before, after))
+    assert [t.tensor_type for t in after.tensors] == [Type.Q4_0, Type.Q8_0, Type.F32]
+    assert np.array_equal(new["token_embd.weight"].data, old["token_embd.weight"].data)
+    assert np.array_equal(new["output_norm.weight"].data, matrix[0])
+    start = gguf.quants.dequantize(old["blk.0.ffn_down.weight"].data, Type.Q4_1)
+    values = gguf.quants.dequantize(new["blk.0.ffn_down.weight"].data, Type.Q4_0)
+    # The scale is the block's extreme divided by -8, so a value is half a step off, and one step where 8 is cut to 7.
+    step = np.abs(start.reshape(-1, 32)).max(1, keepdims=True) / 8
+    distance = np.abs(values - start).reshape(-1, 32) / step
+    assert 0.2 < distance.max() <= 1.01
+
+    written = target.stat().st_mtime_ns
+    assert llama.q4_0_model(source) == target and target.stat().st_mtime_ns == written
+
+
+def test_failed_write_leaves_no_file(tmp_path, monkeypatch):
+    monkeypatch.setenv("XDG_CACHE_HOME", str(tmp_path))
+    source = tmp_path / "foreign.gguf"
+    source.write_bytes(b"not a model")
+    with pytest.raises(ValueError):
+        llama.q4_0_model(source)
+    assert list((tmp_path / "orrery").iterdir()) == []
+
+
+def test_peer_that_cannot_start_is_told(tmp_path):
+    with llama.Peer(tmp_path / "missing.gguf", 1) as peer, pytest.raises(RuntimeError, match="ended with status"):
+        peer.run("a", 1)

@@ -1,0 +1,129 @@
+"""The command line as a user meets it: processes, their output and their memory."""
+
+import os
+import re
+import subprocess
+import sys
+
+import pytest
+
+import runner_files
+
+
+@pytest.fixture(scope="module")
+def cache(tmp_path_factory):
+    return tmp_path_factory.mktemp("cache")
+
+
+def run(cache, *arguments, stdin=""):
+    environment = os.environ | {"XDG_CACHE_HOME": str(cache)}
+    return subprocess.run([sys.executable, "-m", "orrery", *map(str, arguments)], input=stdin, text=True,
+                          capture_output=True, env=environment, timeout=300)
+
+
+def sentence(result):
+    """The one line on standard error of a run that failed as it should."""
+    assert result.returncode == 2, result
+    assert result.stdout == ""
+    lines = result.stderr.splitlines()
+    assert len(lines) == 1, result.stderr
+    return lines[0]
+
+
+def test_missing_and_foreign_files(cache, tmp_path):
+    (tmp_path / "notes.txt").write_text("hello")
+    missing = sentence(run(cache, "generate", "--model", tmp_path / "none.gguf"))
+    assert missing == f"orrery: cannot read the model file {tmp_path}/none.gguf: No such file or directory"
+    foreign = sentence(run(cache, "generate", "--model", tmp_path / "notes.txt"))
+    assert foreign == f"orrery: {tmp_path}/notes.txt is not a GGUF file"
+
+
+def test_truncated_file(cache, tmp_path):
+    file = tmp_path / "tiny.gguf"
+    runner_files.write_tiny(file)
+    file.write_bytes(file.read_bytes()[:20000])
+    assert "truncated" in sentence(run(cache, "chat", "--model", file))
+
+
+def test_other_architecture(cache, tmp_path):
+    runner_files.write_tiny(tmp_path / "tiny.gguf", architecture="gpt2")
+    message = sentence(run(cache, "generate", "--model", tmp_path / "tiny.gguf"))
+    assert message == f"orrery: {tmp_path}/tiny.gguf holds a model of architecture 'gpt2', only 'llama' is served"
+
+
+@pytest.mark.parametrize("arguments, message", [
+    (["generate", "--format", "q3_k"], "orrery: unknown format 'q3_k', the formats are q4_0, q4_1, q5_0, q5_1, q8_0"),
+    (["generate", "--tokens", "0"], "orrery: argument --tokens: 0 is below 1"),
+    (["generate", "--top-p", "1.5"], "orrery: argument --top-p: 1.5 is not above 0 and at most 1"),
+    (["perplexity", "/nonexistent.txt"], "orrery: cannot read the text file /nonexistent.txt: No such file or directory"),
+    (["sing"], None),
+    ([], "orrery: the following arguments are required: COMMAND"),
+])
+def test_wrong_arguments(cache, arguments, message):
+    assert sentence(run(cache, *arguments)) == message if message else sentence(run(cache, *arguments))
+
+
+def test_context_overrun(cache, tmp_path):
+    runner_files.write_tiny(tmp_path / "tiny.gguf", context=64)
+    message = sentence(run(cache, "generate", "--model", tmp_path / "tiny.gguf", "abcd", "--tokens", "61"))
+    assert message == "orrery: 4 tokens of prompt and 61 of answer do not fit into the context of 64"
+    chat = run(cache, "chat", "--model", tmp_path / "tiny.gguf", "--tokens", "8", stdin="a" * 200 + "\n")
+    assert chat.returncode == 2 and len(chat.stderr.splitlines()) == 1 and "do not fit" in chat.stderr
+
+
+def test_formats_and_help(cache):
+    result = run(cache, "formats")
+    assert result.returncode == 0
+    assert re.search(r"^q5_1 +7 +64 +44 ", result.stdout, re.M)
+    for command in ("generate", "chat", "perplexity"):
+        text = run(cache, command, "--help").stdout
+        assert all(option in text for option in ("--model", "--format", "--dtype", "--threads"))
+
+
+def test_generate_speaks_english(cache):
+    result = run(cache, "generate", "The capital of France is", "--tokens", "12", "--threads", "2")
+    assert result.returncode == 0, result.stderr
+    text, speed = result.stdout.rstrip("\n").rsplit("\n", 1)
+    assert text.startswith("The capital of France is Paris")
+    assert re.fullmatch(r"\[q4_0, float32; prompt: 5 tokens, [\d.]+ tokens per second; "
+                        r"answer: \d+ tokens, [\d.]+ tokens per second\]", speed)
+
+
+def test_seed_decides(cache):
+    def text(seed):
+        result = run(cache, "generate", "My favourite", "--tokens", "16", "--temperature", "1.2", "--top-p", "0.95",
+                     "--seed", seed)
+        assert result.returncode == 0, result.stderr
+        return result.stdout.rsplit("\n[", 1)[0]
+
+    assert text(1) == text(1) != text(2)
+
+
+def test_chat_stops_at_the_end_token_and_remembers(cache):
+    result = run(cache, "chat", "--tokens", "60", stdin="My name is Ada. Say hello to me.\n\nWhat is my name?\n")
+    assert result.returncode == 0, result.stderr
+    counts = [int(n) for n in re.findall(r"answer: (\d+) tokens", result.stderr)]
+    prompts = [int(n) for n in re.findall(r"prompt: (\d+) tokens", result.stderr)]
+    assert len(counts) == 2 and min(counts) < 60
+    assert "<|im_end|>" not in result.stdout
+    assert "Ada" in result.stdout
+    # The second question alone is computed, not the whole conversation again.
+    assert prompts[1] < prompts[0]
+
+
+def peak(cache, code):
+    """Peak resident bytes of a fresh process that runs `code`."""
+    report = "\nimport resource, sys; sys.stderr.write(f'peak {resource.getrusage(resource.RUSAGE_SELF).ru_maxrss}')"
+    result = subprocess.run([sys.executable, "-c", code + report], text=True, capture_output=True,
+                            env=os.environ | {"XDG_CACHE_HOME": str(cache)}, timeout=300)
+    assert result.returncode == 0, result.stderr
+    return int(re.search(r"peak (\d+)$", result.stderr)[1]) * 1024
+
+
+@pytest.mark.parametrize("name, quantized", [("q4_0", 71442432), ("q8_0", 142884864)])
+@pytest.mark.parametrize("extra", [[], ["--no-cache"]])
+def test_memory(cache, name, quantized, extra):
+    baseline = peak(cache, "import torch, orrery_ops\ntorch.ones(1000, 1000, device='xpu') @ torch.ones(1000, 8, device='xpu')")
+    arguments = ["generate", "Hello", "--tokens", "16", "--format", name, *extra]
+    used = peak(cache, f"from orrery.cli import main\nassert main({arguments!r}) == 0") - baseline
+    assert quantized < used <= 3 * quantized
