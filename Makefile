@@ -8,7 +8,7 @@
 SHELL := /bin/bash
 PYTHON := .venv/bin/python
 CMAKE := .venv/bin/cmake
-PROMPT ?= The three primary colors are
+PROMPT ?= What is photosynthesis?
 
 CPP := $(wildcard *.cpp *.h batch/*.cpp batch/*.h formats/*.h formats/*.cpp includes/*.h) \
        $(shell find host -name '*.cpp' -o -name '*.h' -o -name '*.hpp')
@@ -21,7 +21,7 @@ KERNEL_TESTS = $(wildcard $(addprefix tests/,test_linear_xpu_kernel.py test_bmm_
 .DELETE_ON_ERROR:
 
 demo: build
-	@$(PYTHON) -m orrery generate --format q4_0 $(ARGS) '$(PROMPT)'
+	@$(PYTHON) -m orrery generate --format q4_0 --chat --tokens 100 $(ARGS) '$(PROMPT)'
 
 build: build/installed
 

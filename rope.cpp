@@ -93,8 +93,8 @@ template <template <typename, int> typename Kernel, typename T, int HD>
 void launch_rotary(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at::Tensor& query,
                    const at::Tensor& key, const char* record) {
   const uint64_t bsz = query.size(0), q_heads = query.size(1), seq_len = query.size(2), k_heads = key.size(1);
-  const Kernel<T, HD> kernel{{q_heads, rows_of<T>(query), rows_of<T>(key), position_ids.data_ptr<int64_t>(), seq_len,
-                              inv_freq.data_ptr<T>()}};
+  const Kernel<T, HD> kernel{
+      {q_heads, rows_of<T>(query), rows_of<T>(key), position_ids.data_ptr<int64_t>(), seq_len, inv_freq.data_ptr<T>()}};
   submit_kernel(
       [&](sycl::handler& h) {
         parallel_for(h, sycl::nd_range<3>({bsz, q_heads + k_heads, seq_len}, {1, 1, 1}), kernel);

@@ -93,7 +93,7 @@ void tree_sum(const Item& item, T* partial, const simd<T, N> (&acc)[R], Store st
   }
 }
 
-// Work-item i's part of a row cut into GS runs in order, the first `count % GS` of them one longer: [begin(i), begin(i + 1)).
+// A row cut into GS runs in order, the first `count % GS` of them one longer: work-item i has [begin(i), begin(i + 1)).
 template <int GS>
 struct even_split {
   uint64_t per_item, remainder;

@@ -1,4 +1,4 @@
-"""What the tests of explicit-SIMD kernels share: the order of additions in numpy, bit comparison, and dying processes."""
+"""What the tests of kernels share: the order of additions in numpy, bit comparison, dying processes, schedules."""
 
 from __future__ import annotations
 
@@ -18,7 +18,6 @@ import torch
 import orrery_host  # noqa: F401  (the device comes first)
 
 THREADS = (1, 2, 3, 7)
-NUMPY = {torch.float32: np.float32, torch.float16: np.float16, torch.int64: np.int64}
 
 
 def fold(x: np.ndarray) -> np.ndarray:
@@ -44,7 +43,9 @@ def float32_of(function: Callable[[np.ndarray], np.ndarray], x: np.ndarray) -> n
     return function(x.astype(np.float64)).astype(np.float32)
 
 
-def random(generator: np.random.Generator, shape: tuple[int, ...], dtype: torch.dtype, scale: float = 1.0) -> torch.Tensor:
+def random(
+    generator: np.random.Generator, shape: tuple[int, ...], dtype: torch.dtype, scale: float = 1.0
+) -> torch.Tensor:
     return torch.from_numpy((generator.standard_normal(shape) * scale).astype(np.float32)).to(dtype)
 
 

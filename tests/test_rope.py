@@ -28,7 +28,9 @@ def reference(operation: str, inv_freq: torch.Tensor, positions: torch.Tensor, x
     dtype, half = x.dtype, x.shape[3] // 2
     angle = inv_freq.cpu().numpy().astype(np.float32) * positions.cpu().numpy().astype(np.float32)[:, None, :, None]
     c, n = (float32_of(f, angle).astype(dtype) for f in (np.cos, np.sin))
-    first, second = (slice(0, half), slice(half, None)) if "half" in operation else (slice(0, None, 2), slice(1, None, 2))
+    first, second = slice(0, None, 2), slice(1, None, 2)
+    if operation == "rotary_half_inplaced":
+        first, second = slice(0, half), slice(half, None)
     x1, x2 = x[..., first], x[..., second]
     y = np.empty_like(x)
     y[..., first] = x1 * c - x2 * n
@@ -37,7 +39,7 @@ def reference(operation: str, inv_freq: torch.Tensor, positions: torch.Tensor, x
 
 
 def room(x: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
-    """Storage [batch, position, head, element + 3] of NaN, and the view of x in it as [batch, head, position, element]."""
+    """Storage [batch, position, head, element + 3] of NaN, and x in it seen as [batch, head, position, element]."""
     bsz, heads, seq, head_dim = x.shape
     storage = torch.full((bsz, seq, heads, head_dim + 3), float("nan"), dtype=x.dtype, device="xpu")
     view = storage[..., :head_dim].transpose(1, 2)
@@ -90,8 +92,8 @@ def test_position_beyond_float_acts_as_its_float(operation):
 
 @EVERY
 def test_turns_each_pair_by_its_angle(operation):
-    """A second opinion in complex float64. Float angles up to 12000 are off by 2^-11, which moves a pair of length below
-    6 by less than 3e-3."""
+    """A second opinion in complex float64. Float angles up to 9000 are off by at most 2^-11, which moves a pair of
+    length below 6 by less than 3e-3."""
     inv_freq, positions, query, key = case(3, FLOAT, 2, (3, 1), 7, 64)
     q, k = query.to("xpu"), key.to("xpu")
     getattr(orrery_ops, operation)(inv_freq, positions, q, k)

@@ -127,3 +127,16 @@ def test_memory(cache, name, quantized, extra):
     arguments = ["generate", "Hello", "--tokens", "16", "--format", name, *extra]
     used = peak(cache, f"from orrery.cli import main\nassert main({arguments!r}) == 0") - baseline
     assert quantized < used <= 3 * quantized
+
+
+def test_five_bits_on_a_device_that_reads_blocks_in_pairs(cache):
+    """Rows of 576 elements are 9 blocks, and the kernels of this device class add a tenth."""
+    arguments = [sys.executable, "-m", "orrery", "generate", "The capital of France is", "--tokens", "6", "--format", "q5_1"]
+    texts = []
+    for name in ("Rack Compute Card Apex", "Vela"):
+        environment = os.environ | {"XDG_CACHE_HOME": str(cache), "ORRERY_HOST_DEVICE_NAME": name}
+        result = subprocess.run(arguments, text=True, capture_output=True, env=environment, timeout=300)
+        assert result.returncode == 0, result.stderr
+        texts.append(result.stdout.rsplit("\n[", 1)[0])
+    assert texts[0] == texts[1]
+    assert texts[0].startswith("The capital of France is Paris")

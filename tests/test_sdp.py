@@ -208,7 +208,13 @@ def test_unsupported_head_dim(head_dim, dtype):
 
 @pytest.mark.parametrize(
     "dtype, mask_dtype",
-    [(torch.float64, None), (torch.bfloat16, None), (torch.bfloat16, FLOAT), (FLOAT, torch.bfloat16), (HALF, torch.bool)],
+    [
+        (torch.float64, None),
+        (torch.bfloat16, None),
+        (torch.bfloat16, FLOAT),
+        (FLOAT, torch.bfloat16),
+        (HALF, torch.bool),
+    ],
 )
 @pytest.mark.parametrize("head_dim", [64, 96, 128])
 def test_unsupported_type(dtype, mask_dtype, head_dim):

@@ -89,6 +89,8 @@ void twins::sync() {
     if (c10::Storage storage = xpu_storage(cpu.storage()); !storage.is_alias_of(xpu.storage()))
       impl->set_storage_keep_dtype(std::move(storage));
     if (!same_geometry(xpu, cpu)) impl->set_sizes_and_strides(cpu.sizes(), cpu.strides(), cpu.storage_offset());
+    if (xpu.is_conj() != cpu.is_conj()) impl->_set_conj(cpu.is_conj());
+    if (xpu.is_neg() != cpu.is_neg()) impl->_set_neg(cpu.is_neg());
   }
 }
 
