@@ -7,7 +7,7 @@
 
 SHELL := /bin/bash
 PYTHON := .venv/bin/python
-CMAKE := .venv/bin/cmake
+export PATH := $(CURDIR)/.venv/bin:$(PATH)
 PROMPT ?= What is photosynthesis?
 
 CPP := $(wildcard *.cpp *.h batch/*.cpp batch/*.h formats/*.h formats/*.cpp includes/*.h) \
@@ -35,14 +35,14 @@ build/installed: .venv/installed tools/install.sh $(PACKAGE)
 
 # The same objects again with the modules that only the tests import; nothing of the package is compiled twice.
 test: build
-	@$(CMAKE) --build build/install
+	@cmake --build build/install
 	PYTHONPATH=$(CURDIR)/build/install/python $(PYTHON) -m pytest $(ARGS)
-	@$(MAKE) --no-print-directory scalar
+	$(if $(ARGS),,@$(MAKE) --no-print-directory scalar)
 
 scalar: .venv/installed
-	@$(CMAKE) --preset scalar -DCMAKE_MAKE_PROGRAM=$(CURDIR)/.venv/bin/ninja $(if $(MARCH),-DORRERY_MARCH=$(MARCH))
-	@$(CMAKE) --build --preset scalar
-	PYTHONPATH=$(CURDIR)/build/scalar/python $(PYTHON) -m pytest $(KERNEL_TESTS) $(ARGS)
+	@cmake --preset scalar $(if $(MARCH),-DORRERY_MARCH=$(MARCH))
+	@cmake --build --preset scalar --target orrery_ops orrery_host_C orrery_host_python
+	PYTHONPATH=$(CURDIR)/build/scalar/python $(PYTHON) -m pytest $(or $(ARGS),$(KERNEL_TESTS))
 
 sanitize: .venv/installed
 	@tools/sanitize.sh $(ARGS)
@@ -51,7 +51,7 @@ bench: build
 	@$(PYTHON) -m bench $(ARGS)
 
 format: .venv/installed
-	@.venv/bin/clang-format -i $(CPP) $(NATIVE_TESTS)
+	@clang-format -i $(CPP) $(NATIVE_TESTS)
 
 clean:
 	rm -rf build

@@ -22,10 +22,9 @@ struct MatrixMultiplication {
 
   void operator()(const sycl::item<3>& item) const {
     const uint64_t batch = item.get_id(0), i = item.get_id(1), j = item.get_id(2);
-    const float* row = a + batch * a_batch + i * K;
-    const float* column = b + batch * b_batch + j;
+    const uint64_t row = batch * a_batch + i * K, column = batch * b_batch + j;
     float sum = 0.0f;
-    for (uint32_t l = 0; l < K; ++l) sum = sum + row[l] * column[l * N];
+    for (uint32_t l = 0; l < K; ++l) sum = sum + a[row + l] * b[column + l * N];
     c[batch * c_batch + i * N + j] = sum;
   }
 };

@@ -120,11 +120,15 @@ struct row_kernel : row_arguments<T> {
     int l;
 
     place(const row_kernel& k, uint64_t group, size_t l)
-        : weight(k.weight), scales(k.weight + k.scale_offset), first(R * group * k.state_size + run * l),
-          row_blocks(k.state_size / 64), l(static_cast<int>(l)) {}
+        : weight(k.weight),
+          scales(k.weight + k.scale_offset),
+          first(R * group * k.state_size + run * l),
+          row_blocks(k.state_size / 64),
+          l(static_cast<int>(l)) {}
 
     uint32_t block(uint64_t t, int r, int lane = 0) const {
-      return static_cast<uint32_t>((first + run * lane) / 64) + static_cast<uint32_t>(t * (chunk / 64) + r * row_blocks);
+      return static_cast<uint32_t>((first + run * lane) / 64) +
+             static_cast<uint32_t>(t * (chunk / 64) + r * row_blocks);
     }
     const uint8_t* quants(uint64_t t, int r, int lane = 0) const {
       constexpr int run_bytes = Format::quant_bytes / runs_per_block;
@@ -135,49 +139,66 @@ struct row_kernel : row_arguments<T> {
     }
   };
 
-  template <int N>
-  static simd<T, N> run_sum(const simd<T, N> (&in)[inputs], const simd<uint32_t, N> (&word)[Format::words],
-                            const uint8_t* scales) {
-    simd<T, N> s = in[0] * Format::template term<T>(word, 0);
-    ORRERY_UNROLL for (int k = 1; k < run; ++k) s += in[k] * Format::template term<T>(word, k);
-    if constexpr (Format::has_offset) {
-      return Format::template scaled<T, N, runs_per_block>(s, in[run], scales);
-    } else {
-      return Format::template scaled<T, N, runs_per_block>(s, scales);
+  // Adds the run's part to `Rows` accumulators. The rows' sums grow side by side, since each
+  // is one chain of dependent additions: 10% faster in float and 25% in half than row after row.
+  template <int N, int Rows>
+  static void add_runs(simd<T, N>* acc, const simd<T, N> (&in)[inputs],
+                       const simd<uint32_t, N> (&word)[Rows][Format::words], const uint8_t* const (&scales)[Rows]) {
+    simd<T, N> s[Rows];
+    ORRERY_UNROLL for (int r = 0; r < Rows; ++r) s[r] = in[0] * Format::template term<T>(word[r], 0);
+    ORRERY_UNROLL for (int k = 1; k < run; ++k) {
+      ORRERY_UNROLL for (int r = 0; r < Rows; ++r) s[r] += in[k] * Format::template term<T>(word[r], k);
+    }
+    ORRERY_UNROLL for (int r = 0; r < Rows; ++r) {
+      if constexpr (Format::has_offset) {
+        acc[r] += Format::template scaled<T, N, runs_per_block>(s[r], in[run], scales[r]);
+      } else {
+        acc[r] += Format::template scaled<T, N, runs_per_block>(s[r], scales[r]);
+      }
     }
   }
 
   template <int N>
-  simd<T, N> run_of(const simd<T, N> (&in)[inputs], const place<true>& at, uint64_t t, int r) const {
-    simd<uint32_t, N> word[Format::words];
-    load_words(at.quants(t, r), word);
-    return run_sum(in, word, at.scale(t, r));
+  void add_pass(simd<T, N> (&acc)[R], const simd<T, N> (&in)[inputs], const place<true>& at, uint64_t t) const {
+    constexpr int together = R % 2 == 0 ? 2 : 1;
+    ORRERY_UNROLL for (int r = 0; r < R; r += together) {
+      simd<uint32_t, N> word[together][Format::words];
+      const uint8_t* scales[together];
+      ORRERY_UNROLL for (int i = 0; i < together; ++i) {
+        load_words(at.quants(t, r + i), word[i]);
+        scales[i] = at.scale(t, r + i);
+      }
+      add_runs<N, together>(acc + r, in, word, scales);
+    }
   }
+  // Rare, and not worth a gather of its own: one lane after another.
   template <int N>
-  simd<T, N> run_of(const simd<T, N> (&in)[inputs], const place<false>& at, uint64_t t, int r) const {
-    // Rare, and not worth a gather of its own: one lane after another.
-    simd<T, N> sum;
+  void add_pass(simd<T, N> (&acc)[R], const simd<T, N> (&in)[inputs], const place<false>& at, uint64_t t) const {
     for (int lane = 0; lane < N; ++lane) {
-      simd<uint32_t, 1> word[Format::words];
-      load_words(at.quants(t, r, lane), word);
       simd<T, 1> own[inputs];
       for (int k = 0; k < inputs; ++k) own[k].set(0, in[k][lane]);
-      sum.set(lane, run_sum<1>(own, word, at.scale(t, r, lane))[0]);
+      for (int r = 0; r < R; ++r) {
+        simd<uint32_t, 1> word[1][Format::words];
+        load_words(at.quants(t, r, lane), word[0]);
+        simd<T, 1> sum(acc[r][lane]);
+        add_runs<1, 1>(&sum, own, word, {at.scale(t, r, lane)});
+        acc[r].set(lane, sum[0]);
+      }
     }
-    return sum;
   }
 
   template <int N, typename X, typename Place>
   void pass(simd<T, N> (&acc)[R], const X* x, const Place& at, uint64_t t, size_t l) const {
     simd<T, N> in[inputs];  // once for all R rows
     inputs_of_pass<N>(x, t, l, in);
-    ORRERY_UNROLL for (int r = 0; r < R; ++r) acc[r] += run_of(in, at, t, r);
+    add_pass(acc, in, at, t);
   }
   template <int N, typename X, typename Place>
   void masked_pass(simd<T, N> (&acc)[R], const X* x, const Place& at, uint64_t t, size_t l, mask<N> some) const {
-    simd<T, N> in[inputs];
-    inputs_of_pass<N>(x, t, l, in);
-    ORRERY_UNROLL for (int r = 0; r < R; ++r) acc[r] = select(some, acc[r] + run_of(in, at, t, r), acc[r]);
+    simd<T, N> more[R];
+    ORRERY_UNROLL for (int r = 0; r < R; ++r) more[r] = acc[r];
+    pass(more, x, at, t, l);
+    ORRERY_UNROLL for (int r = 0; r < R; ++r) acc[r] = select(some, more[r], acc[r]);
   }
 };
 
@@ -234,8 +255,8 @@ struct block_row_kernel : row_arguments<T> {
 template <typename Kernel, typename T>
 void launch_row_kernel(const row_launch& a, int work_group, int rows, const char* function) {
   const size_t groups = (a.output_size + rows - 1) / rows;
-  const row_arguments<T> arguments{a.state_size, a.output_size,  a.weight, a.scale_offset,
-                                   static_cast<const T*>(a.x), static_cast<T*>(a.y)};
+  const row_arguments<T> arguments{
+      a.state_size, a.output_size, a.weight, a.scale_offset, static_cast<const T*>(a.x), static_cast<T*>(a.y)};
   launch(a.device, sycl::nd_range<1>(groups * work_group, work_group), {"linear_xpu_kernel", function},
          [&](sycl::handler& h) {
            Kernel kernel;
@@ -249,10 +270,14 @@ void launch_row_kernel(const row_launch& a, int work_group, int rows, const char
 template <typename F>
 void with_value_type(c10::ScalarType type, F f) {
   switch (type) {
-    case c10::ScalarType::Half: return f(c10::Half());
-    case c10::ScalarType::Float: return f(float());
-    case c10::ScalarType::Double: return f(double());
-    default: return f(c10::BFloat16());
+    case c10::ScalarType::Half:
+      return f(c10::Half());
+    case c10::ScalarType::Float:
+      return f(float());
+    case c10::ScalarType::Double:
+      return f(double());
+    default:
+      return f(c10::BFloat16());
   }
 }
 

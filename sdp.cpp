@@ -26,8 +26,8 @@ struct operand {
   T* data = nullptr;
   uint64_t stride[Strides] = {};
 
-  T* at(uint64_t b, uint64_t h) const { return data + b * stride[0] + h * stride[1]; }
-  T* at(uint64_t b, uint64_t h, uint64_t r) const { return at(b, h) + r * stride[Strides - 1]; }
+  uint64_t offset(uint64_t b, uint64_t h) const { return b * stride[0] + h * stride[1]; }
+  uint64_t offset(uint64_t b, uint64_t h, uint64_t r) const { return offset(b, h) + r * stride[Strides - 1]; }
 };
 
 template <typename T, int Strides>
@@ -46,8 +46,8 @@ constexpr float log2_e = std::bit_cast<float>(0x3FB8AA3Bu);
 
 // Sums a vector and a float over the work-items of a group by the halving tree, in `local`, GS * (HD + 1) floats, and
 // calls store(d, sums of lanes d, d + 1, ..., sum of the floats). A kernel's last act. A GPU's work-item writes its
-// vector as a column and folds a few rows. On the host the last strand takes 16 lanes of all vectors at once: columns
-// would be 4096 stores of one float, longer than the walk over 500 keys.
+// vector as a column and folds a few rows. On the host the last strand takes 16 lanes of all vectors at once, where
+// columns would be 4096 stores of one float.
 template <int HD, typename Item, typename Store>
 void sum_over_group(const Item& item, float* local, const simd<float, HD>& acc, float sum, Store store) {
   const size_t tid = item.local_linear();
@@ -101,10 +101,8 @@ struct sdp_body {
   void operator()(const Item& item) const {
     const uint64_t b = item.global(0), h = item.global(1), r = item.group(2), tid = item.local_linear();
     const uint64_t kvh = h / q_per_kv;
-    const auto q = simd<T, HD>::load(query.at(b, h, r));
-    const T* k = key.at(b, kvh);
-    const T* v = value.at(b, kvh);
-    const M* m = mask.at(b, h, r);
+    const auto q = simd<T, HD>::load(query.data + query.offset(b, h, r));
+    const uint64_t k = key.offset(b, kvh), v = value.offset(b, kvh), m = mask.offset(b, h, r);
     const even_split<GS> range(context_length);
 
     simd<float, HD> acc;
@@ -112,27 +110,27 @@ struct sdp_body {
     for (uint64_t t = range.begin(tid), last = range.begin(tid + 1); t < last; t += keys) {
       const int n = static_cast<int>(std::min<uint64_t>(keys, last - t));
       float e[keys];
-      weights(q, k + t * HD, m, t, n, e);
+      weights(q, k + t * HD, m + t, n, e);
       for (int i = 0; i < n; ++i) {
-        acc += convert<float>(simd<T, HD>::load(v + (t + i) * HD)) * simd<float, HD>(e[i]);
+        acc += convert<float>(simd<T, HD>::load(value.data + v + (t + i) * HD)) * simd<float, HD>(e[i]);
         sum += e[i];
       }
     }
 
-    T* o = out.at(b, h, r);
+    T* o = out.data + out.offset(b, h, r);
     sum_over_group(item, local.get_pointer(), acc, sum, [&](int d, const auto& lanes, float total) {
       convert<T>(lanes / std::decay_t<decltype(lanes)>(total)).store(o + d);
     });
   }
 
  private:
-  // e[i] = 2^(log2(e) * (scale * dot(q, row i) + mask[t + i])) for n keys; no maximum is taken off.
-  static void weights(const simd<T, HD>& q, const T* row, const M* m, uint64_t t, int n, float (&e)[keys]) {
+  // e[i] = exp(scale * dot(q, key i) + mask i) for n keys from the offsets k and m on; no maximum is taken off.
+  void weights(const simd<T, HD>& q, uint64_t k, uint64_t m, int n, float (&e)[keys]) const {
     simd<T, keys> part[keys];
-    for (int i = 0; i < n; ++i) part[i] = fold_to<keys>(q * simd<T, HD>::load(row + i * HD));
+    for (int i = 0; i < n; ++i) part[i] = fold_to<keys>(q * simd<T, HD>::load(key.data + k + i * HD));
     auto x = convert<float>(fold_each(part)) * simd<float, keys>(scale_of(HD));
     if constexpr (masked) {
-      x += convert<float>(simd<M, keys>::load(m + t, orrery::mask<keys>::first(n)));
+      x += convert<float>(simd<M, keys>::load(mask.data + m, orrery::mask<keys>::first(n)));
     }
     native::exp2(x * simd<float, keys>(log2_e)).store(e);
   }

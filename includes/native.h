@@ -64,7 +64,7 @@ inline vector_t<double, W> sine(vector_t<double, W> x) {
   const D sum = x * 0.6366197723675814 + whole, n = sum - whole;
   const D r = x - n * 1.570796325802803 - n * 9.920935796805404e-10, z = r * r;
   const U quarter = bits_of<U>(sum) + Turn;
-  const D sin = r + r * z * polynomial(z, s), cos = 1.0 - z * 0.5 + z * z * polynomial(z, c);
+  const D sin = (z * polynomial(z, s) + 1.0) * r, cos = 1.0 - z * 0.5 + z * z * polynomial(z, c);
   const D value = (quarter & 1) != 0 ? cos : sin;
   return bits_of<D>(bits_of<U>(value) ^ ((quarter & 2) << 62));
 }

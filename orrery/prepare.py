@@ -6,6 +6,7 @@ another name and moved into place, so a reader never sees half of one.
 
 from __future__ import annotations
 
+import contextlib
 import hashlib
 import json
 import os
@@ -130,7 +131,8 @@ def _write_cache(file: Path, prepared: Prepared) -> None:
                 stream.write(tensor.cpu().numpy().data)
         os.replace(temporary, file)
     except OSError:
-        temporary.unlink(missing_ok=True)
+        with contextlib.suppress(OSError):
+            temporary.unlink()
 
 
 def _read_cache(file: Path, fmt: Format, device: str) -> Prepared | None:

@@ -67,13 +67,16 @@ def test_table_aligns_and_tells_what_was_met():
     assert report.summary(rows, 20e9) == "1 of 3 targets met, 1 not measured"
 
 
-@pytest.mark.parametrize("seconds, text", [(1.234e-6, "1.23 us"), (2.5e-4, "250.0 us"), (0.0031, "3.100 ms"), (2.0, "2.00 s")])
+@pytest.mark.parametrize(
+    "seconds, text", [(1.234e-6, "1.23 us"), (2.5e-4, "250.0 us"), (0.0031, "3.100 ms"), (2.0, "2.00 s")]
+)
 def test_time_text(seconds, text):
     assert report.time_text(seconds) == text
 
 
 def test_save_writes_json_and_plot(tmp_path):
-    rows = [Row("a", ours=1e-3, peer=2e-3, bytes=1000, bars=[Bar("speed", 1.0), Bar("bandwidth", 0.5)]), Row("b", peer=1.0)]
+    bars = [Bar("speed", 1.0), Bar("bandwidth", 0.5)]
+    rows = [Row("a", ours=1e-3, peer=2e-3, bytes=1000, bars=bars), Row("b", peer=1.0)]
     data, picture = report.save(rows, 1e7, measure.machine(3), tmp_path / "new", "run")
     saved = json.loads(data.read_text())
     assert saved["machine"]["threads"] == 3 and saved["read_bandwidth"] == 1e7

@@ -23,7 +23,8 @@ void free_block(void* data) { memory().give_back(data); }
 c10::DataPtr allocate(size_t bytes, c10::DeviceIndex on, c10::Device seen_as) {
   if (bytes == 0) return {nullptr, seen_as};
   void* taken = memory().take(bytes, on);
-  TORCH_CHECK_WITH(OutOfMemoryError, taken, "xpu:", int(on), " is out of host memory: ", bytes, " bytes were asked for.");
+  TORCH_CHECK_WITH(OutOfMemoryError, taken, "xpu:", int(on), " is out of host memory: ", bytes,
+                   " bytes were asked for.");
   return {taken, taken, &free_block, seen_as};
 }
 

@@ -5,8 +5,8 @@
 
 namespace orrery::host {
 
-// Kernels may read whole weight rows past a tensor, up to 8 of them; a row of 2^20 one-byte codes is the largest foreseen.
-// The pages are committed when touched, so it costs address space only.
+// Kernels may read whole weight rows past a tensor, up to 8 of them; a row of 2^20 one-byte codes is the largest
+// foreseen. The pages are committed when touched, so it costs address space only.
 inline constexpr size_t slack_bytes = size_t(8) << 20;
 
 // The allocator of one device; its storages grow on that device, whichever is current.

@@ -20,10 +20,15 @@ using tensor_list = c10::List<at::Tensor>;
 using optional_tensor_list = c10::List<std::optional<at::Tensor>>;
 
 // Operators that take CPU tensors beside those of a device: indices and sequence lengths.
-constexpr std::array<std::string_view, 9> mixed_devices = {
-    "aten::index",           "aten::index_put",       "aten::index_put_",
-    "aten::_index_put_impl_", "aten::_unsafe_index",  "aten::_unsafe_index_put",
-    "aten::_pack_padded_sequence", "aten::_ctc_loss", "aten::_ctc_loss_backward"};
+constexpr std::array<std::string_view, 9> mixed_devices = {"aten::index",
+                                                           "aten::index_put",
+                                                           "aten::index_put_",
+                                                           "aten::_index_put_impl_",
+                                                           "aten::_unsafe_index",
+                                                           "aten::_unsafe_index_put",
+                                                           "aten::_pack_padded_sequence",
+                                                           "aten::_ctc_loss",
+                                                           "aten::_ctc_loss_backward"};
 
 bool takes_mixed_devices(const c10::OperatorHandle& op) {
   return std::ranges::find(mixed_devices, std::string_view(op.operator_name().name)) != mixed_devices.end();

@@ -13,7 +13,8 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-// Stream 0 is the default one; the rest is handed out round robin, first the ordinary ones, then those of high priority.
+// Stream 0 is the default one; the rest is handed out round robin, first the ordinary ones, then those of high
+// priority.
 constexpr int pool_streams = 32;
 constexpr int streams = 1 + 2 * pool_streams;
 
@@ -111,15 +112,18 @@ c10::Stream current_stream(c10::DeviceIndex device) {
 }
 
 void set_current_stream(c10::Stream stream) {
-  TORCH_CHECK(stream.device_type() == c10::DeviceType::XPU, "A stream of ", stream.device(), " can't be current on xpu.");
+  TORCH_CHECK(stream.device_type() == c10::DeviceType::XPU, "A stream of ", stream.device(),
+              " can't be current on xpu.");
   const c10::DeviceIndex device = checked_device(stream.device_index());
-  TORCH_CHECK(stream.id() >= 0 && stream.id() < streams, "There is no stream ", stream.id(), " on xpu:", int(device), ".");
+  TORCH_CHECK(stream.id() >= 0 && stream.id() < streams, "There is no stream ", stream.id(), " on xpu:", int(device),
+              ".");
   if (current_streams.size() <= size_t(device)) current_streams.resize(device + 1);
   current_streams[device] = stream.id();
 }
 
 sycl::queue& queue_of(c10::Stream stream) {
-  TORCH_CHECK(stream.id() >= 0 && stream.id() < streams, "There is no stream ", stream.id(), " on ", stream.device(), ".");
+  TORCH_CHECK(stream.id() >= 0 && stream.id() < streams, "There is no stream ", stream.id(), " on ", stream.device(),
+              ".");
   auto& slot = (*devices)[checked_device(stream.device_index())].queues[stream.id()];
   sycl::queue* queue = slot.load(std::memory_order_acquire);
   if (queue) return *queue;

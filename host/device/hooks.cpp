@@ -15,7 +15,8 @@ namespace {
 class xpu_generator final : public c10::GeneratorImpl {
  public:
   xpu_generator(c10::DeviceIndex device, at::Generator cpu)
-      : GeneratorImpl({c10::DeviceType::XPU, device}, c10::DispatchKeySet(c10::DispatchKey::XPU)), cpu(std::move(cpu)) {}
+      : GeneratorImpl({c10::DeviceType::XPU, device}, c10::DispatchKeySet(c10::DispatchKey::XPU)),
+        cpu(std::move(cpu)) {}
 
   void set_current_seed(uint64_t seed) override { cpu.set_current_seed(seed); }
   void set_offset(uint64_t offset) override { cpu.set_offset(offset); }

@@ -61,7 +61,8 @@ at::Tensor copy_from_and_resize(const at::Tensor& source, const at::Tensor& to) 
 
 at::Tensor& set_nothing_(at::Tensor& self) {
   c10::Allocator& allocator = allocator_for(self.device());
-  return self.set_(c10::Storage(c10::Storage::use_byte_size_t(), 0, allocator.allocate(0), &allocator, true), 0, {0}, {});
+  return self.set_(c10::Storage(c10::Storage::use_byte_size_t(), 0, allocator.allocate(0), &allocator, true), 0, {0},
+                   {});
 }
 
 // A launch has ended when it returns: memory is never in use by a stream.
@@ -119,8 +120,7 @@ void register_kernels() {
   auto& aten = *new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::XPU, __FILE__, __LINE__);
   own_kernels(aten);
   shared_kernels(aten);
-  for (const char* name : composite_fallbacks)
-    aten.impl(name, torch::CppFunction::makeFromBoxedFunction<&fallback>());
+  for (const char* name : composite_fallbacks) aten.impl(name, torch::CppFunction::makeFromBoxedFunction<&fallback>());
 }
 
 }  // namespace orrery::host

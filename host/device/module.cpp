@@ -110,16 +110,18 @@ PYBIND11_MODULE(TORCH_EXTENSION_NAME, m) {
   });
   m.def("synchronize", [](int device) { checked_device(device); });
   m.def("current_stream", [](int device) { return stream_data(current_stream(device)); });
-  m.def("set_stream", [](int64_t id, int device, int type) {
-    set_current_stream(stream_from(id, device, type));
-    set_current_device(device);
-  }, py::arg("stream_id"), py::arg("device_index"), py::arg("device_type"));
+  m.def(
+      "set_stream",
+      [](int64_t id, int device, int type) {
+        set_current_stream(stream_from(id, device, type));
+        set_current_device(device);
+      },
+      py::arg("stream_id"), py::arg("device_index"), py::arg("device_type"));
   m.def("queue_address", [](int64_t id, int device, int type) {
     return reinterpret_cast<uintptr_t>(&queue_of(stream_from(id, device, type)));
   });
-  m.def("current_queue_address", [](int device) {
-    return reinterpret_cast<uintptr_t>(&queue_of(current_stream(device)));
-  });
+  m.def("current_queue_address",
+        [](int device) { return reinterpret_cast<uintptr_t>(&queue_of(current_stream(device))); });
   m.def("elapsed_milliseconds", [](uintptr_t begin, uintptr_t end) {
     return elapsed_milliseconds(reinterpret_cast<const void*>(begin), reinterpret_cast<const void*>(end));
   });

@@ -17,7 +17,8 @@ c10::DataPtr share_data(const c10::Storage& bytes, c10::Device device) {
 
 c10::Storage copy_to(const c10::Storage& bytes, c10::Device device) {
   c10::Allocator& allocator = device_allocator(device.index());
-  c10::Storage copy(c10::Storage::use_byte_size_t(), bytes.nbytes(), allocator.allocate(bytes.nbytes()), &allocator, true);
+  c10::Storage copy(c10::Storage::use_byte_size_t(), bytes.nbytes(), allocator.allocate(bytes.nbytes()), &allocator,
+                    true);
   if (bytes.nbytes()) std::memcpy(copy.mutable_data(), bytes.data(), bytes.nbytes());
   return copy;
 }
@@ -58,8 +59,8 @@ const c10::Storage& twins::cpu_storage(const c10::Storage& xpu) {
 c10::Storage twins::xpu_storage(const c10::Storage& cpu) {
   for (const auto& pair : storages_)
     if (pair.cpu.unsafeGetStorageImpl() == cpu.unsafeGetStorageImpl()) return pair.xpu;
-  c10::Storage xpu = has_slack(cpu.data_ptr()) ? share(cpu, device_, &device_allocator(device_.index()))
-                                               : copy_to(cpu, device_);
+  c10::Storage xpu =
+      has_slack(cpu.data_ptr()) ? share(cpu, device_, &device_allocator(device_.index())) : copy_to(cpu, device_);
   storages_.push_back({xpu, cpu});
   return xpu;
 }

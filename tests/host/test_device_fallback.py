@@ -19,16 +19,17 @@ with warnings.catch_warnings():
     warnings.simplefilter("ignore")
     from torch.testing._internal.common_methods_invocations import op_db
 
-UNSUPPORTED = {
+LEFT_OUT = {
     "sparse.sampled_addmm": "sparse tensors",
     "sparse.mm": "sparse tensors",
     "to_sparse": "sparse tensors",
     "tensor_split": "takes its indices on the CPU only, on every device",
+    "nn.functional.linear_cross_entropy": "chooses the type that it sums in by the device's name",
 }
 # What these hold is left open.
 UNDEFINED_VALUES = ("empty", "new_empty", "empty_like", "empty_permuted", "empty_strided", "new_empty_strided")
 SAMPLES = 3
-DTYPES = (torch.float32, torch.bfloat16, torch.complex64, torch.int64, torch.bool)
+DTYPES = (torch.float32, torch.bfloat16, torch.complex64, torch.int64)
 
 OPERATORS = {f"{op.name}.{op.variant_test_name}".rstrip("."): op for op in op_db if op.dtypes}
 
@@ -49,6 +50,7 @@ def cloned(value):
 
 
 def run(op, sample, place):
+    """The operator's result for the sample, its tensors put in place by the function given."""
     torch.manual_seed(7)
     return op.op(place(sample.input), *place(sample.args), **place(sample.kwargs))
 
@@ -79,11 +81,20 @@ def compare(name, got, expected):
             torch.testing.assert_close(one.cpu(), other, rtol=0, atol=0, equal_nan=True)
 
 
+@pytest.fixture
+def one_thread():
+    """The samples are tiny: waking other threads takes longer than they do."""
+    before = torch.get_num_threads()
+    torch.set_num_threads(1)
+    yield
+    torch.set_num_threads(before)
+
+
 @pytest.mark.parametrize("dtype", DTYPES, ids=lambda dtype: str(dtype).removeprefix("torch."))
-def test_operators(dtype):
+def test_operators(dtype, one_thread):
     checked, failed = 0, {}
     for label, op in OPERATORS.items():
-        if op.name in UNSUPPORTED or dtype not in op.dtypes:
+        if op.name in LEFT_OUT or dtype not in op.dtypes:
             continue
         with warnings.catch_warnings():
             warnings.simplefilter("ignore")
@@ -99,7 +110,7 @@ def test_operators(dtype):
 
 
 def test_names_above_are_operators():
-    assert UNSUPPORTED.keys() <= {op.name for op in op_db}
+    assert LEFT_OUT.keys() <= {op.name for op in op_db}
     assert len(OPERATORS) > 600
 
 

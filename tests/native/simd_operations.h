@@ -148,9 +148,11 @@ struct vectors {
     binary("subtract", [](V x, V y) { return x - y; });
     binary("multiply", [](V x, V y) { return x * y; });
     binary("divide", [](V x, V y) { return x / y; });
-    binary("add_to", [](V x, V y) { return x += y; });
-    binary("subtract_from", [](V x, V y) { return x -= y; });
-    binary("multiply_by", [](V x, V y) { return x *= y; });
+    if constexpr (N <= 16) {
+      binary("add_to", [](V x, V y) { return x += y; });
+      binary("subtract_from", [](V x, V y) { return x -= y; });
+      binary("multiply_by", [](V x, V y) { return x *= y; });
+    }
     binary("multiply_add", [](V x, V y) { return x * y + x; });
     unary("negate", [](V x) { return -x; });
     if constexpr (N <= 64) {
@@ -201,7 +203,7 @@ struct vectors {
     memory();
     pieces();
     arithmetic();
-    if constexpr (N == 1 || N == 8 || N == 16 || N == 32 || N == 48 || N == 256) {
+    if constexpr (N == 1 || N == 16 || N == 32) {
 #define X(To, name) convert_to<To>();
       ORRERY_TYPES(X)
 #undef X
@@ -223,10 +225,14 @@ void add_widths() {
   (vectors<T, N>::every(), ...);
 }
 
-// The widths in use.
+// The widths in use: wide vectors hold floating-point values.
 template <typename T>
 void add_type() {
-  add_widths<T, 1, 4, 8, 16, 32, 48, 64, 96, 128, 256>();
+  if constexpr (std::is_integral_v<T>) {
+    add_widths<T, 1, 8, 16, 32, 64>();
+  } else {
+    add_widths<T, 1, 4, 8, 16, 32, 48, 64, 96, 128, 256>();
+  }
 }
 
 void add_float_types();

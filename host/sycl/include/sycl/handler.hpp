@@ -96,10 +96,11 @@ class handler {
     struct context {
       const Kernel* kernel;
       const nd_range<D>* ranges;
+      range<D> groups;
     };
-    const context c{&kernel, &ranges};
+    const context c{&kernel, &ranges, ranges.get_group_range()};
     detail::launch_plan plan;
-    plan.groups = ranges.get_group_range().size();
+    plan.groups = c.groups.size();
     plan.local_items = local.size();
     plan.lanes = Lanes;
     plan.barriers = Barriers;
@@ -107,11 +108,12 @@ class handler {
     plan.local_memory = local_memory_;
     plan.context = &c;
     plan.set_group = [](const void* p, detail::group_state& g, size_t linear) {
-      const auto groups = static_cast<const context*>(p)->ranges->get_group_range();
-      for (int d = D - 1; d >= 0; --d) {
+      const auto& groups = static_cast<const context*>(p)->groups;
+      for (int d = D - 1; d > 0; --d) {
         g.group[d] = linear % groups[d];
         linear /= groups[d];
       }
+      g.group[0] = linear;
     };
     plan.run_strand = [](const void* p, detail::group_state& g, int strand) {
       const auto& c = *static_cast<const context*>(p);
