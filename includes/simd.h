@@ -1,9 +1,9 @@
 // simd<T, N>: N values of T, one a work-item (or one an element in explicit-SIMD kernels).
 //
 // Every operation rounds to T. Half and bfloat16 values live in registers as floats that have been rounded; one float
-// operation followed by one rounding is exact for half and is the definition of the operation for bfloat16. Nothing here
-// contracts or reorders. simd<T, 1> behaves as the scalar, so a kernel written with these types is plain work-item code
-// where the compiler makes the sub-group.
+// operation followed by one rounding is exact for half and is the definition of the operation for bfloat16. Nothing
+// here contracts or reorders. simd<T, 1> behaves as the scalar, so a kernel written with these types is plain work-item
+// code where the compiler makes the sub-group.
 #pragma once
 
 #include <c10/util/BFloat16.h>
@@ -68,9 +68,9 @@ constexpr int chunk_lanes() {
 }
 
 template <typename S>
-using int_like = std::conditional_t<sizeof(S) == 8, int64_t,
-                                    std::conditional_t<sizeof(S) == 4, int32_t,
-                                                       std::conditional_t<sizeof(S) == 2, int16_t, int8_t>>>;
+using int_like = std::conditional_t<
+    sizeof(S) == 8, int64_t,
+    std::conditional_t<sizeof(S) == 4, int32_t, std::conditional_t<sizeof(S) == 2, int16_t, int8_t>>>;
 
 template <typename S, int W, size_t... I>
 inline vector_t<S, W> iota_vector(std::index_sequence<I...>) {
@@ -86,11 +86,11 @@ inline vector_t<S, W> iota() {
   return iota_vector<S, W>(std::make_index_sequence<W>());
 }
 
-// The zero-masking forms of intrinsics with a full mask compile to the plain instruction; GCC's plain forms start from an
-// operand that it warns about.
+// The zero-masking forms of intrinsics with a full mask compile to the plain instruction; GCC's plain forms start from
+// an operand that it warns about.
 
-// Elementwise conversion. GCC 12 takes conversions that change the element's size apart lane by lane, so the ones in hot
-// loops are named here.
+// Elementwise conversion. GCC 12 takes conversions that change the element's size apart lane by lane, so the ones in
+// hot loops are named here.
 template <typename To, typename From, int W>
 inline vector_t<To, W> convert_vector(vector_t<From, W> v) {
   if constexpr (W == 1) {
@@ -130,7 +130,8 @@ template <int W>
 inline vector_t<float, W> round_half(vector_t<float, W> v) {
 #ifdef __AVX512F__
   if constexpr (W == 16) {
-    return (vector_t<float, 16>)_mm512_maskz_cvtph_ps(0xFFFF, _mm512_maskz_cvtps_ph(0xFFFF, (__m512)v, _MM_FROUND_TO_NEAREST_INT));
+    return (vector_t<float, 16>)_mm512_maskz_cvtph_ps(
+        0xFFFF, _mm512_maskz_cvtps_ph(0xFFFF, (__m512)v, _MM_FROUND_TO_NEAREST_INT));
   }
 #endif
 #ifdef __F16C__
@@ -168,9 +169,9 @@ inline vector_t<float, W> round_bfloat16(vector_t<float, W> v) {
   return v;
 }
 
-// A short float vector in the low lanes of one of W; the lanes above are anything. Up to 16 bytes stay in registers: through
-// memory the wide load waits for the narrow store, 8% of a q4_0 product of 576-element rows. For 32 bytes, what the
-// compiler makes of a register cast was measured 25% slower than memory.
+// A short float vector in the low lanes of one of W; the lanes above are anything. Up to 16 bytes stay in registers:
+// through memory the wide load waits for the narrow store, 8% of a q4_0 product of 576-element rows. For 32 bytes, what
+// the compiler makes of a register cast was measured 25% slower than memory.
 template <int W, typename V>
 inline vector_t<float, W> low_lanes(V few) {
   vector_t<float, W> wide{};
@@ -209,7 +210,8 @@ inline vector_t<held_t<T>, W> load_vector(const T* p) {
   if constexpr (std::is_same_v<T, c10::Half>) {
 #ifdef __AVX512F__
     if constexpr (W == 16) {
-      return (vector_t<float, 16>)_mm512_maskz_cvtph_ps(0xFFFF, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
+      return (vector_t<float, 16>)_mm512_maskz_cvtph_ps(0xFFFF,
+                                                        _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
     }
 #endif
 #ifdef __F16C__
@@ -256,7 +258,8 @@ inline void store_vector(T* p, vector_t<held_t<T>, W> v) {
   if constexpr (std::is_same_v<T, c10::Half>) {
 #ifdef __AVX512F__
     if constexpr (W == 16) {
-      _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), _mm512_maskz_cvtps_ph(0xFFFF, (__m512)v, _MM_FROUND_TO_NEAREST_INT));
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(p),
+                          _mm512_maskz_cvtps_ph(0xFFFF, (__m512)v, _MM_FROUND_TO_NEAREST_INT));
       return;
     }
 #endif
@@ -432,9 +435,7 @@ struct simd {
 
   chunk v[chunks];
 
-  simd() {
-    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) v[c] = chunk{};
-  }
+  simd() { ORRERY_UNROLL for (int c = 0; c < chunks; ++c) v[c] = chunk{}; }
   // The same value in every lane. The value is already one of T.
   simd(T value) {
     // x - 0 is x for every x, the zeros included; 0 + x is not.
@@ -459,9 +460,7 @@ struct simd {
     ORRERY_UNROLL for (int c = 0; c < chunks; ++c) std::memcpy(&r.v[c], p + c * W, sizeof(chunk));
     return r;
   }
-  void store(T* p) const {
-    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) detail::store_vector<T, W>(p + c * W, v[c]);
-  }
+  void store(T* p) const { ORRERY_UNROLL for (int c = 0; c < chunks; ++c) detail::store_vector<T, W>(p + c * W, v[c]); }
   void store(T* p, mask<N> m) const {
     if (m.every()) return store(p);
     ORRERY_UNROLL for (int c = 0; c < chunks; ++c) detail::store_some<T, W>(p + c * W, m.bits >> (c * W), v[c]);

@@ -15,7 +15,7 @@ def register() -> None:
     try:
         from orrery_host import _C
     except ImportError as error:
-        raise ImportError(f"orrery_host can't load its compiled part, built for another PyTorch perhaps: {error}") from None
+        raise ImportError(f"orrery_host can't load its compiled part (built for another PyTorch?): {error}") from None
     try:
         registered = _C.register_device()
     except ValueError as error:

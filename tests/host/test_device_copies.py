@@ -7,8 +7,19 @@ import orrery_host  # noqa: F401
 import pytest
 import torch
 
-DTYPES = [torch.float64, torch.float32, torch.float16, torch.bfloat16, torch.int64, torch.int32, torch.int16, torch.int8,
-          torch.uint8, torch.bool, torch.complex64]  # fmt: skip
+DTYPES = [
+    torch.float64,
+    torch.float32,
+    torch.float16,
+    torch.bfloat16,
+    torch.int64,
+    torch.int32,
+    torch.int16,
+    torch.int8,
+    torch.uint8,
+    torch.bool,
+    torch.complex64,
+]
 
 LAYOUTS = {
     "contiguous": lambda t: t,

@@ -83,4 +83,5 @@ def test_a_compiled_part_that_does_not_load():
     done = run_python("import sys; sys.modules['orrery_host._C'] = None; import orrery_host",
                       TORCH_DEVICE_BACKEND_AUTOLOAD="0")  # fmt: skip
     last = done.stderr.strip().split("\n")[-1]
-    assert done.returncode == 1 and last.startswith("ImportError: orrery_host can't load its compiled part"), done.stderr
+    assert done.returncode == 1, done.stderr
+    assert last.startswith("ImportError: orrery_host can't load its compiled part"), done.stderr

@@ -222,7 +222,9 @@ def test_words_of_runs(k, width, offset):
 
 
 @pytest.mark.parametrize("name, width", [c for c in FLOAT_CASES if c[1] in (1, 4, 8, 16, 32)])
-@pytest.mark.parametrize("share, of", [(1, "half"), (2, "half"), (4, "half"), (16, "half"), (32, "half"), (2, "float"), (8, "float")])
+@pytest.mark.parametrize(
+    "share, of", [(1, "half"), (2, "half"), (4, "half"), (16, "half"), (32, "half"), (2, "float"), (8, "float")]
+)
 @pytest.mark.parametrize("offset", [0, 1])
 def test_values_that_lanes_share(name, width, share, of, offset):
     few = sample(of, max(1, width // share), 5)
@@ -366,7 +368,8 @@ def convertible(source, target, count):
     if target in INTEGERS:
         info = np.iinfo(STORAGE[target])
         if source in FLOATS:
-            a = stored(source, np.random.default_rng(count).uniform(max(info.min, -(2.0**31)), min(info.max, 2.0**31), count))
+            low, high = max(info.min, -(2.0**31)), min(info.max, 2.0**31)
+            a = stored(source, np.random.default_rng(count).uniform(low, high, count))
             if source == "half":
                 a = np.clip(a, np.float16(max(info.min, -60000)), np.float16(min(info.max, 60000)))
             a = np.where(np.trunc(values_of(source, a).astype(np.float64)) > info.max, stored(source, 1.0), a)

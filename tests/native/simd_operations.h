@@ -30,13 +30,14 @@ inline std::map<key, operation> operations;
 
 template <typename T>
 const char* type_name();
-#define ORRERY_TYPES(X)                                                                                     \
-  X(c10::Half, "half") X(c10::BFloat16, "bfloat16") X(float, "float") X(double, "double") X(int8_t, "int8") \
-  X(uint8_t, "uint8") X(int32_t, "int32") X(uint32_t, "uint32") X(int64_t, "int64")
-#define X(T, name)              \
-  template <>                   \
+#define ORRERY_TYPES(X)                                                                                    \
+  X(c10::Half, "half")                                                                                     \
+  X(c10::BFloat16, "bfloat16") X(float, "float") X(double, "double") X(int8_t, "int8") X(uint8_t, "uint8") \
+      X(int32_t, "int32") X(uint32_t, "uint32") X(int64_t, "int64")
+#define X(T, name)                    \
+  template <>                         \
   inline const char* type_name<T>() { \
-    return name;                \
+    return name;                      \
   }
 ORRERY_TYPES(X)
 #undef X
@@ -87,9 +88,8 @@ struct vectors {
     });
     add<T, N>("store_strided",
               [](const call& c, int64_t k) { a(c, k).store_strided(static_cast<T*>(c.out) + k, c.argument); });
-    add<T, N>("gather", [](const call& c, int64_t k) {
-      V::gather(static_cast<const T*>(c.a) + k, index(c)).store(out(c, k));
-    });
+    add<T, N>("gather",
+              [](const call& c, int64_t k) { V::gather(static_cast<const T*>(c.a) + k, index(c)).store(out(c, k)); });
     add<T, N>("scatter", [](const call& c, int64_t k) { a(c, k).scatter(static_cast<T*>(c.out), index(c)); });
     if constexpr (N <= 64) {
       add<T, N>("load_masked", [](const call& c, int64_t k) {
@@ -109,9 +109,8 @@ struct vectors {
   }
 
   static void pieces() {
-    unary("shuffle_reversed", [](V x) {
-      return orrery::shuffle(x, orrery::simd<int32_t, N>(N - 1) - orrery::simd<int32_t, N>::iota());
-    });
+    unary("shuffle_reversed",
+          [](V x) { return orrery::shuffle(x, orrery::simd<int32_t, N>(N - 1) - orrery::simd<int32_t, N>::iota()); });
     add<T, N>("shuffle", [](const call& c, int64_t k) { orrery::shuffle(a(c, k), index(c)).store(out(c, k)); });
     if constexpr (N >= 4) {
       constexpr int H = N / 2, Q = N / 4;
@@ -135,8 +134,7 @@ struct vectors {
         r.template set_slice<H, H>(halves.second);
         return r;
       });
-      unary("join_pairs",
-            [](V x) { return orrery::join_pairs(x.template slice<0, H>(), x.template slice<H, H>()); });
+      unary("join_pairs", [](V x) { return orrery::join_pairs(x.template slice<0, H>(), x.template slice<H, H>()); });
     }
     if constexpr (is_power_of_two(N) || N == 96) {
       add<T, N>("fold", [](const call& c, int64_t k) { static_cast<T*>(c.out)[k] = orrery::fold(a(c, k)); });
@@ -177,18 +175,16 @@ struct vectors {
 
   template <typename To>
   static void convert_to() {
-    add<T, N>(std::string("convert to ") + type_name<To>(), [](const call& c, int64_t k) {
-      orrery::convert<To>(a(c, k)).store(static_cast<To*>(c.out) + k * N);
-    });
+    add<T, N>(std::string("convert to ") + type_name<To>(),
+              [](const call& c, int64_t k) { orrery::convert<To>(a(c, k)).store(static_cast<To*>(c.out) + k * N); });
     if constexpr (N == 1) {
       add<T, N>(std::string("to ") + type_name<To>(), [](const call& c, int64_t k) {
         static_cast<To*>(c.out)[k] = orrery::to<To>(static_cast<const T*>(c.a)[k]);
       });
     }
     if constexpr (sizeof(To) == sizeof(T) && !orrery::is_narrow_float<To> && !orrery::is_narrow_float<T>) {
-      add<T, N>(std::string("bit_cast to ") + type_name<To>(), [](const call& c, int64_t k) {
-        orrery::bit_cast<To>(a(c, k)).store(static_cast<To*>(c.out) + k * N);
-      });
+      add<T, N>(std::string("bit_cast to ") + type_name<To>(),
+                [](const call& c, int64_t k) { orrery::bit_cast<To>(a(c, k)).store(static_cast<To*>(c.out) + k * N); });
     }
   }
 

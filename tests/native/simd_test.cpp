@@ -42,10 +42,14 @@ std::vector<uint64_t> masks_of(int64_t count, uint64_t a, uint64_t b) {
 
 std::vector<uint64_t> masks(int width, int64_t count, uint64_t a, uint64_t b) {
   switch (width) {
-    case 1: return masks_of<1>(count, a, b);
-    case 8: return masks_of<8>(count, a, b);
-    case 48: return masks_of<48>(count, a, b);
-    case 64: return masks_of<64>(count, a, b);
+    case 1:
+      return masks_of<1>(count, a, b);
+    case 8:
+      return masks_of<8>(count, a, b);
+    case 48:
+      return masks_of<48>(count, a, b);
+    case 64:
+      return masks_of<64>(count, a, b);
   }
   throw std::invalid_argument("no such width");
 }
@@ -62,14 +66,22 @@ void load_words(int k, int width, py::buffer bytes, size_t offset, py::buffer ou
   const uint8_t* p = static_cast<const uint8_t*>(bytes.request().ptr) + offset;
   auto* out = static_cast<uint32_t*>(out_buffer.request(true).ptr);
   switch (k * 1000 + width) {
-    case 1001: return load_words_of<1, 1>(p, out);
-    case 1008: return load_words_of<1, 8>(p, out);
-    case 1016: return load_words_of<1, 16>(p, out);
-    case 1032: return load_words_of<1, 32>(p, out);
-    case 2001: return load_words_of<2, 1>(p, out);
-    case 2008: return load_words_of<2, 8>(p, out);
-    case 2016: return load_words_of<2, 16>(p, out);
-    case 2032: return load_words_of<2, 32>(p, out);
+    case 1001:
+      return load_words_of<1, 1>(p, out);
+    case 1008:
+      return load_words_of<1, 8>(p, out);
+    case 1016:
+      return load_words_of<1, 16>(p, out);
+    case 1032:
+      return load_words_of<1, 32>(p, out);
+    case 2001:
+      return load_words_of<2, 1>(p, out);
+    case 2008:
+      return load_words_of<2, 8>(p, out);
+    case 2016:
+      return load_words_of<2, 16>(p, out);
+    case 2032:
+      return load_words_of<2, 32>(p, out);
   }
   throw std::invalid_argument("no such words");
 }
@@ -97,11 +109,16 @@ void native_function(const std::string& name, int width, py::buffer in_buffer, p
         if (name == "rsqrt") out[i] = orrery::native::rsqrt(in[i]);
       }
       return;
-    case 1: return native_of<1>(name, in, out, info.size);
-    case 8: return native_of<8>(name, in, out, info.size);
-    case 16: return native_of<16>(name, in, out, info.size);
-    case 32: return native_of<32>(name, in, out, info.size);
-    case 128: return native_of<128>(name, in, out, info.size);
+    case 1:
+      return native_of<1>(name, in, out, info.size);
+    case 8:
+      return native_of<8>(name, in, out, info.size);
+    case 16:
+      return native_of<16>(name, in, out, info.size);
+    case 32:
+      return native_of<32>(name, in, out, info.size);
+    case 128:
+      return native_of<128>(name, in, out, info.size);
   }
   throw std::invalid_argument("no such width");
 }

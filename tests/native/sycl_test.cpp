@@ -28,9 +28,12 @@ sycl::range<D> as_range(const sizes& n) {
 template <typename F>
 auto with_dims(size_t dims, F f) {
   switch (dims) {
-    case 1: return f(std::integral_constant<int, 1>());
-    case 2: return f(std::integral_constant<int, 2>());
-    case 3: return f(std::integral_constant<int, 3>());
+    case 1:
+      return f(std::integral_constant<int, 1>());
+    case 2:
+      return f(std::integral_constant<int, 2>());
+    case 3:
+      return f(std::integral_constant<int, 3>());
   }
   throw std::invalid_argument("1 to 3 dimensions");
 }
@@ -101,10 +104,14 @@ std::vector<sizes> lane_ids_of(const sizes& global, const sizes& local) {
 
 std::vector<sizes> lane_ids(int lanes, const sizes& global, const sizes& local) {
   switch (lanes) {
-    case 1: return lane_ids_of<1>(global, local);
-    case 8: return lane_ids_of<8>(global, local);
-    case 16: return lane_ids_of<16>(global, local);
-    case 32: return lane_ids_of<32>(global, local);
+    case 1:
+      return lane_ids_of<1>(global, local);
+    case 8:
+      return lane_ids_of<8>(global, local);
+    case 16:
+      return lane_ids_of<16>(global, local);
+    case 32:
+      return lane_ids_of<32>(global, local);
   }
   throw std::invalid_argument("1, 8, 16 or 32 lanes");
 }
@@ -172,7 +179,8 @@ std::vector<T> shuffled(const std::string& kind, size_t local, const std::vector
       const size_t g = it.get_global_id(0);
       if (kind == "xor") out[g] = sycl::permute_group_by_xor(sg, values[g], argument);
       if (kind == "select") {
-        out[g] = sycl::select_from_group(sg, values[g], (sg.get_local_linear_id() + argument) % sg.get_local_linear_range());
+        out[g] =
+            sycl::select_from_group(sg, values[g], (sg.get_local_linear_id() + argument) % sg.get_local_linear_range());
       }
       if (kind == "size") out[g] = static_cast<T>(sg.get_local_linear_range());
       if (kind == "butterfly") {
@@ -195,8 +203,10 @@ std::vector<double> shuffle_two_types(size_t local, int rounds) {
       double wide = static_cast<double>(l);
       uint8_t byte = static_cast<uint8_t>(l);
       for (int r = 0; r < rounds; ++r) {
-        if (l / 16 % 2 == 0) wide = sycl::select_from_group(sg, wide, next);
-        else byte = sycl::select_from_group(sg, byte, next);
+        if (l / 16 % 2 == 0)
+          wide = sycl::select_from_group(sg, wide, next);
+        else
+          byte = sycl::select_from_group(sg, byte, next);
       }
       out[l] = l / 16 % 2 == 0 ? wide : byte;
     });
@@ -255,7 +265,8 @@ struct lying_kernel {
   }
 };
 
-// The text of the sycl::exception ("" if none) and how far each work-item came; then the same queue runs another kernel.
+// The text of the sycl::exception ("" if none) and how far each work-item came; then the same queue runs another
+// kernel.
 std::pair<std::string, std::vector<int>> kernel_throws(const std::string& form, const std::string& what, size_t global,
                                                        size_t local, size_t at) {
   auto queue = queue_of();
@@ -265,9 +276,12 @@ std::pair<std::string, std::vector<int>> kernel_throws(const std::string& form, 
   const throwing_kernel kernel{at, &what, &started, form == "before"};
   try {
     queue.submit([&](sycl::handler& h) {
-      if (form == "no barriers") h.parallel_for_lanes<1, 1>(ranges, throwing_kernel_without_barriers{kernel});
-      else if (form == "lying") h.parallel_for_lanes<1, 1>(ranges, lying_kernel{});
-      else h.parallel_for_lanes<1, 1>(ranges, kernel);
+      if (form == "no barriers")
+        h.parallel_for_lanes<1, 1>(ranges, throwing_kernel_without_barriers{kernel});
+      else if (form == "lying")
+        h.parallel_for_lanes<1, 1>(ranges, lying_kernel{});
+      else
+        h.parallel_for_lanes<1, 1>(ranges, kernel);
     });
   } catch (const sycl::exception& e) {
     if (e.code() != sycl::errc::kernel) throw std::runtime_error("not a kernel error");
@@ -291,8 +305,10 @@ std::string range_error(const sizes& global, const sizes& local, int lanes) {
       constexpr int D = dims;
       const sycl::nd_range<D> ranges(as_range<D>(global), as_range<D>(local));
       queue_of().submit([&](sycl::handler& h) {
-        if (lanes == 16) h.parallel_for_lanes<16, 16>(ranges, [](const auto&) {});
-        else h.parallel_for(ranges, [](sycl::nd_item<D>) {});
+        if (lanes == 16)
+          h.parallel_for_lanes<16, 16>(ranges, [](const auto&) {});
+        else
+          h.parallel_for(ranges, [](sycl::nd_item<D>) {});
       });
     });
   } catch (const sycl::exception& e) {
@@ -317,8 +333,7 @@ struct sum_kernel {
       const auto x = orrery::simd<T, N>::load(in + (item.group() * 2 + r) * WG + item.local_linear());
       acc[r] = x * x + x;
     }
-    orrery::tree_sum<WG>(item, partial.get_pointer(), acc,
-                         [&](int r, T total) { out[item.group() * 2 + r] = total; });
+    orrery::tree_sum<WG>(item, partial.get_pointer(), acc, [&](int r, T total) { out[item.group() * 2 + r] = total; });
   }
 };
 
@@ -329,20 +344,28 @@ void tree_sums_of(bool scalar, py::buffer_info& in, py::buffer_info& out) {
   queue_of().submit([&](sycl::handler& h) {
     const sum_kernel<T, SG, WG> kernel{static_cast<const T*>(in.ptr), static_cast<T*>(out.ptr),
                                        sycl::local_accessor<T>(sycl::range<1>(2 * WG), h)};
-    if (scalar) h.parallel_for_lanes<1, SG>(ranges, kernel);
-    else h.parallel_for_lanes<SG, SG>(ranges, kernel);
+    if (scalar)
+      h.parallel_for_lanes<1, SG>(ranges, kernel);
+    else
+      h.parallel_for_lanes<SG, SG>(ranges, kernel);
   });
 }
 
 template <typename T>
 void tree_sums_in(int sg, int wg, bool scalar, py::buffer_info& in, py::buffer_info& out) {
   switch (sg * 1000 + wg) {
-    case 8008: return tree_sums_of<T, 8, 8>(scalar, in, out);
-    case 8032: return tree_sums_of<T, 8, 32>(scalar, in, out);
-    case 16016: return tree_sums_of<T, 16, 16>(scalar, in, out);
-    case 16064: return tree_sums_of<T, 16, 64>(scalar, in, out);
-    case 32032: return tree_sums_of<T, 32, 32>(scalar, in, out);
-    case 32128: return tree_sums_of<T, 32, 128>(scalar, in, out);
+    case 8008:
+      return tree_sums_of<T, 8, 8>(scalar, in, out);
+    case 8032:
+      return tree_sums_of<T, 8, 32>(scalar, in, out);
+    case 16016:
+      return tree_sums_of<T, 16, 16>(scalar, in, out);
+    case 16064:
+      return tree_sums_of<T, 16, 64>(scalar, in, out);
+    case 32032:
+      return tree_sums_of<T, 32, 32>(scalar, in, out);
+    case 32128:
+      return tree_sums_of<T, 32, 128>(scalar, in, out);
   }
   throw std::invalid_argument("no such sub-group and work-group size");
 }
@@ -350,10 +373,14 @@ void tree_sums_in(int sg, int wg, bool scalar, py::buffer_info& in, py::buffer_i
 void tree_sums(const std::string& type, int sg, int wg, bool scalar, py::buffer in_buffer, py::buffer out_buffer) {
   auto in = in_buffer.request(), out = out_buffer.request(true);
   if (out.size != in.size / wg) throw std::invalid_argument("one result a row of WG values");
-  if (type == "half") tree_sums_in<c10::Half>(sg, wg, scalar, in, out);
-  else if (type == "bfloat16") tree_sums_in<c10::BFloat16>(sg, wg, scalar, in, out);
-  else if (type == "double") tree_sums_in<double>(sg, wg, scalar, in, out);
-  else tree_sums_in<float>(sg, wg, scalar, in, out);
+  if (type == "half")
+    tree_sums_in<c10::Half>(sg, wg, scalar, in, out);
+  else if (type == "bfloat16")
+    tree_sums_in<c10::BFloat16>(sg, wg, scalar, in, out);
+  else if (type == "double")
+    tree_sums_in<double>(sg, wg, scalar, in, out);
+  else
+    tree_sums_in<float>(sg, wg, scalar, in, out);
 }
 
 // The order in which one group's strands, then a launch's groups, came to write (groups only with one thread).
@@ -419,8 +446,10 @@ sycl::event launch_named(int device, const sizes& global, const sizes& local, si
     return queue_of(device).submit(
         [&](sycl::handler& h) {
           sycl::local_accessor<char> memory(sycl::range<1>(local_bytes), h);
-          if (nested_name) h.parallel_for_lanes<8, 8>(ranges, outer<named_kernel<int, 2>>::plain_kernel{});
-          else h.parallel_for_lanes<8, 8>(ranges, named_kernel<c10::Half, 16>{});
+          if (nested_name)
+            h.parallel_for_lanes<8, 8>(ranges, outer<named_kernel<int, 2>>::plain_kernel{});
+          else
+            h.parallel_for_lanes<8, 8>(ranges, named_kernel<c10::Half, 16>{});
         },
         {"unit", "function", 31, 7});
   });

@@ -1,5 +1,5 @@
-// How a launch runs: work-groups in parallel on PyTorch's thread pool, the strands of a group one after another, switching
-// only where they meet.
+// How a launch runs: work-groups in parallel on PyTorch's thread pool, the strands of a group one after another,
+// switching only where they meet.
 #include <ATen/Parallel.h>
 
 #include <algorithm>
@@ -103,7 +103,8 @@ void run(const launch_plan& plan) {
                                         std::to_string(plan.lanes) + ".");
   }
   const uint64_t launch = ++launches;
-  launch_run r{plan, launch, settings.shuffle, settings.seed + launch, static_cast<int>(plan.local_items / plan.lanes), {}};
+  launch_run r{plan, launch, settings.shuffle, settings.seed + launch, static_cast<int>(plan.local_items / plan.lanes),
+               {}};
   if (r.shuffle) r.order = shuffled(plan.groups, r.seed);
   // Waking the pool costs about 2 us, more than so few strands usually take.
   constexpr size_t worth_threads = 32;

@@ -33,7 +33,8 @@ ORRERY_SYCL_API void check_ranges(const size_t* global, const size_t* local, int
 ORRERY_SYCL_API bool recording();
 ORRERY_SYCL_API uint64_t add_record(ext::orrery::launch_record r, const std::type_info& kernel);
 
-// A kernel's own word holds for strands that are whole sub-groups; one strand a work-item has its lanes to bring together.
+// A kernel's own word holds for strands that are whole sub-groups; one strand a work-item has its lanes to bring
+// together.
 template <typename Kernel, int Lanes, int SG>
 constexpr bool has_barriers() {
   if constexpr (requires { Kernel::has_barriers; }) {
@@ -70,9 +71,8 @@ class handler {
   // The kernel is called with a lane_item of `Lanes` work-items; SG is the required sub-group size.
   template <int Lanes, int SG, int D, typename Kernel>
   void parallel_for_lanes(nd_range<D> ranges, const Kernel& kernel) {
-    launch<Lanes, SG>(ranges, kernel, [](const Kernel& k, const detail::item_base<D>& at) {
-      k(ext::orrery::lane_item<D, Lanes>(at));
-    });
+    launch<Lanes, SG>(ranges, kernel,
+                      [](const Kernel& k, const detail::item_base<D>& at) { k(ext::orrery::lane_item<D, Lanes>(at)); });
   }
 
   size_t add_local_memory(size_t bytes) {

@@ -56,7 +56,8 @@ struct item_base {
 
 class sub_group {
  public:
-  sub_group(detail::group_state* g, int strand, int lane, int size) : g_(g), strand_(strand), lane_(lane), size_(size) {}
+  sub_group(detail::group_state* g, int strand, int lane, int size)
+      : g_(g), strand_(strand), lane_(lane), size_(size) {}
   size_t get_local_linear_id() const { return lane_; }
   size_t get_local_linear_range() const { return size_; }
   void barrier() const { detail::meet(*g_, strand_, detail::strand_state::at_sub_group); }

@@ -30,9 +30,9 @@ struct range : detail::index<D> {
     return n;
   }
 };
-range(size_t) -> range<1>;
-range(size_t, size_t) -> range<2>;
-range(size_t, size_t, size_t) -> range<3>;
+range(size_t)->range<1>;
+range(size_t, size_t)->range<2>;
+range(size_t, size_t, size_t)->range<3>;
 
 template <int D = 1>
 struct id : detail::index<D> {

@@ -1,16 +1,16 @@
-// The part of SYCL 2020 that the operators use, for CPU threads. Names and behaviour are those of the standard; what the
-// standard lacks stands in sycl::ext::orrery (see ext.hpp). A queue runs a kernel inside submit, in order.
+// The part of SYCL 2020 that the operators use, for CPU threads. Names and behaviour are those of the standard; what
+// the standard lacks stands in sycl::ext::orrery (see ext.hpp). A queue runs a kernel inside submit, in order.
 #pragma once
 
 // SYCL_LANGUAGE_VERSION stays undefined: c10::Half takes it for a compiler whose own sycl::half it may convert to.
 #define SYCL_EXT_ORRERY_HOST 1
 
-#include "range.hpp"
 #include "exception.hpp"
 #include "half.hpp"
-#include "queue.hpp"
-#include "local_accessor.hpp"
-#include "nd_item.hpp"
 #include "handler.hpp"
-#include "stream.hpp"
+#include "local_accessor.hpp"
 #include "native.hpp"
+#include "nd_item.hpp"
+#include "queue.hpp"
+#include "range.hpp"
+#include "stream.hpp"
