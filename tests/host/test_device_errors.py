@@ -53,9 +53,9 @@ def test_errors_of_a_kernel_pass_through():
 
 
 BAD_SETTINGS = {
-    "ORRERY_HOST_DEVICES": ["0", "many", "1000000"],
-    "ORRERY_HOST_MAX_WORK_GROUP_SIZE": ["0", "-8"],
-    "ORRERY_HOST_SCHEDULE": ["random", "shuffle:x"],
+    "ORRERY_HOST_DEVICES": ["0", "-1", "many", "1.5", "1000000"],
+    "ORRERY_HOST_MAX_WORK_GROUP_SIZE": ["0", "-8", "big"],
+    "ORRERY_HOST_SCHEDULE": ["random", "shuffle", "shuffle:", "shuffle:x"],
 }
 
 
