@@ -165,7 +165,9 @@ struct row_kernel : row_arguments<T> {
       simd<uint32_t, N> word[together][Format::words];
       const uint8_t* scales[together];
       ORRERY_UNROLL for (int i = 0; i < together; ++i) {
-        load_words(at.quants(t, r + i), word[i]);
+        const uint8_t* quants = at.quants(t, r + i);
+        prefetch<N * Format::quant_bytes / runs_per_block>(quants + R * at.row_blocks * Format::quant_bytes);
+        load_words(quants, word[i]);
         scales[i] = at.scale(t, r + i);
       }
       add_runs<N, together>(acc + r, in, word, scales);

@@ -817,6 +817,12 @@ inline void load_words(const uint8_t* p, simd<uint32_t, N> (&word)[K]) {
   }
 }
 
+// Asks for `Bytes` bytes that will be read soon; the address may lie anywhere.
+template <int Bytes>
+inline void prefetch(const void* p) {
+  ORRERY_UNROLL for (int i = 0; i < Bytes; i += 64) __builtin_prefetch(static_cast<const char*>(p) + i);
+}
+
 // Values that neighbouring lanes share: lane i is p[i / Share] rounded to T. p may have any alignment.
 template <typename T, int N, int Share, typename P>
 inline simd<T, N> load_shared(const void* p) {
