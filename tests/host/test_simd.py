@@ -342,6 +342,22 @@ def test_fold(name, width):
     equal(name, out, halving_tree(name, values_of(name, a).reshape(40, width)))
 
 
+@pytest.mark.parametrize("name, width", [c for c in FLOAT_CASES if c[1] <= 32])
+def test_fold_of_each_row(name, width):
+    rng = np.random.default_rng(width)
+    a = stored(name, rng.standard_normal(3 * width * width).astype(np.float32) * np.float32(100))
+    out = run("fold_each", name, width, blank(name, 3 * width), a=a, count=3)
+    equal(name, out, halving_tree(name, values_of(name, a).reshape(3 * width, width)))
+
+
+@pytest.mark.parametrize("name, width", [c for c in FLOAT_CASES if c[1] <= 32])
+def test_load_as_registers_hold_it(name, width):
+    a = sample(name, 5 * width)
+    out = run("load_held", name, width, blank(name, a.size), a=np.ascontiguousarray(values_of(name, a).astype(
+        np.float64 if name == "double" else np.float32)), count=5)
+    equal(name, out, a, any_nan=True)
+
+
 @pytest.mark.parametrize("name", ["int32", "uint32", "int64"])
 def test_fold_of_integers(name):
     a = np.arange(64, dtype=STORAGE[name])

@@ -139,6 +139,16 @@ struct vectors {
     if constexpr (is_power_of_two(N) || N == 96) {
       add<T, N>("fold", [](const call& c, int64_t k) { static_cast<T*>(c.out)[k] = orrery::fold(a(c, k)); });
     }
+    if constexpr (N <= 32 && !std::is_integral_v<T>) {
+      add<T, N>("fold_each", [](const call& c, int64_t k) {
+        V rows[N];
+        for (int i = 0; i < N; ++i) rows[i] = a(c, k * N + i);
+        orrery::fold_each(rows).store(out(c, k));
+      });
+      add<T, N>("load_held", [](const call& c, int64_t k) {
+        V::load_held(static_cast<const typename V::S*>(c.a) + k * N).store(out(c, k));
+      });
+    }
   }
 
   static void arithmetic() {
