@@ -209,7 +209,9 @@ except ImportError as error:
 print("orrery_ops" in sys.modules)
 """
     # No device either: the version is tested first.
-    done = python(code, LD_PRELOAD=str(library), TORCH_DEVICE_BACKEND_AUTOLOAD="0")
+    # Behind what the run itself preloads: a sanitizer has to come first.
+    preload = f"{os.environ.get('LD_PRELOAD', '')} {library}".strip()
+    done = python(code, LD_PRELOAD=preload, TORCH_DEVICE_BACKEND_AUTOLOAD="0")
     assert done.returncode == 0, done.stderr
     assert done.stdout.splitlines() == [
         "Python version mismatch: module was compiled for Python 3.10, "
