@@ -5,6 +5,7 @@
 #include <c10/core/ScalarType.h>
 
 #include <cstdint>
+#include <string_view>
 
 namespace orrery {
 
@@ -17,8 +18,7 @@ struct row_shape {
   friend constexpr bool operator==(const row_shape&, const row_shape&) = default;
 };
 
-// One input row against the whole weight. The row condition was tested before; x and y hold elements of the input's
-// type.
+// Input rows against the whole weight. The row condition was tested before; x and y hold elements of the input's type.
 struct row_launch {
   uint64_t state_size = 0;
   uint64_t output_size = 0;
@@ -27,6 +27,7 @@ struct row_launch {
   const void* x = nullptr;
   void* y = nullptr;
   c10::Device device{c10::DeviceType::XPU};
+  uint64_t n = 1;
 };
 
 // Whether a format has its single-row kernel.
@@ -34,5 +35,8 @@ bool has_single_row(int32_t qtype);
 
 // Submits the single-row kernel of one format that has one; `type` is Half, Float, Double or BFloat16.
 void launch_single_row(int32_t qtype, const row_shape& shape, c10::ScalarType type, const row_launch& args);
+
+// Submits the kernel for a few input rows that the dispatch named.
+void launch_batch(std::string_view kernel, const row_shape& shape, c10::ScalarType type, const row_launch& args);
 
 }  // namespace orrery

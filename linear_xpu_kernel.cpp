@@ -55,16 +55,25 @@ at::Tensor empty_result(const at::Tensor& input, const at::Tensor& weight, const
                    at::TensorOptions().dtype(input.scalar_type()).device(weight.device()));
 }
 
-at::Tensor run_single_row(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,
-                          const linear_decision& way) {
+at::Tensor run_rows(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,
+                    const linear_decision& way) {
   at::Tensor result = empty_result(input, weight, request);
   check_value_type(request.type);
   check_row(way, request.state_size);
-  if (!has_single_row(request.qtype)) not_built_yet(way.kernel);
-  const row_launch args{request.state_size, request.output_size, static_cast<const uint8_t*>(weight.data_ptr()),
-                        way.scale_offset,   input.data_ptr(),    result.data_ptr(),
-                        weight.device()};
-  launch_single_row(request.qtype, way.shape, request.type, args);
+  row_launch args{request.state_size,
+                  request.output_size,
+                  static_cast<const uint8_t*>(weight.data_ptr()),
+                  way.scale_offset,
+                  input.data_ptr(),
+                  result.data_ptr(),
+                  weight.device(),
+                  static_cast<uint64_t>(request.n)};
+  if (way.family == kernel_family::batch) {
+    launch_batch(way.kernel, way.shape, request.type, args);
+  } else {
+    if (!has_single_row(request.qtype)) not_built_yet(way.kernel);
+    launch_single_row(request.qtype, way.shape, request.type, args);
+  }
   return result;
 }
 
@@ -76,7 +85,6 @@ at::Tensor run_single_row(const at::Tensor& input, const at::Tensor& weight, con
         throw std::runtime_error("unsupported dtype, only fp32 and fp16 are supported");
       }
       [[fallthrough]];
-    case kernel_family::batch:
     case kernel_family::tile:
       check_value_type(request.type);
       check_row(way, request.state_size);
@@ -93,8 +101,10 @@ at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, 
   linear_request request = request_of(input, weight, qtype, seq_hint);
   request.settings = read_settings(request);
   const linear_decision way = decide(request);
-  if (way.family != kernel_family::single_row) run_several_rows(request, way);
-  return run_single_row(input, weight, request, way);
+  if (way.family == kernel_family::single_row || way.family == kernel_family::batch) {
+    return run_rows(input, weight, request, way);
+  }
+  run_several_rows(request, way);
 }
 
 }  // namespace orrery

@@ -1,15 +1,21 @@
 // The linear block formats: a value is an affine function of a small integer, with one scale for 64 elements.
 //
-// A format that is read in runs has
-//   run                 elements that a work-item takes in a pass
-//   quant_bytes         bytes of a block in the quant plane
-//   scale_bytes         bytes of a block in the scale plane
-//   element(k)          where in the block, from the run's first byte on, the k-th term of the run's sum lies
-//   value<T>(code, d..) the value rule, for one element
-//   term<T>(words, k)   the unscaled value of the k-th term for each lane
-//   scaled(...)         what a run adds to the accumulator
+// A split format, of this header or of codebook.h, has
+//   value<T>(code, d..)      the value rule for one element, from its scale as it is stored
+//   unscaled<T>(code)        the same without the scale, one code a lane; bits above the code are ignored
+//   scaled<T, N, Share>(..)  a sum of unscaled terms times the scale; `Share` neighbouring lanes lie in one block
+//   run, words               elements that a work-item takes in a pass, 32-bit words that hold their codes
+//   load(..), ask_for<N>(..) those words, from the run that starts at element o of a block; the same as a prefetch
+//   term<T>(words, k)        the unscaled value of the k-th term of the run's sum
+//   first_element, element   where in the block the run begins, and its k-th term from there
+// and, where each byte holds whole codes,
+//   codes_per_byte           1 or 2
+//   byte_code(byte, p)       code p of a byte, bits above it are anything
+//   byte_element(j, p)       which element of the block code p of byte j is
 #pragma once
 
+#include <array>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -26,117 +32,175 @@ T times(T a, T b) {
   return (simd<T, 1>(a) * simd<T, 1>(b))[0];
 }
 
-// Two 4-bit codes a byte: byte j holds element j in its low nibble and element j + 32 in its high one.
-struct nibble_pairs {
-  static constexpr int run = 16;
-  static constexpr int words = 2;
-  static constexpr int quant_bytes = 32;
-
-  // A work-item's run is 8 bytes, so two runs of 8 elements that lie 32 apart, taken by turns.
-  static constexpr int element(int k) { return k / 2 + 32 * (k % 2); }
-  static constexpr int first_element(int in_block) { return in_block / 2; }
-
-  template <int N>
-  static simd<uint32_t, N> code(const simd<uint32_t, N> (&word)[2], int k) {
-    return word[k / 8] >> (4 * (k % 8));
-  }
-};
-
-struct q4_0 : nibble_pairs {
-  static constexpr int scale_bytes = 2;
+// One scale of type S a block.
+template <typename S>
+struct one_scale {
+  static constexpr int scale_bytes = sizeof(S);
   static constexpr bool has_offset = false;
-
-  template <typename T>
-  static T value(int code, T d) {
-    return times(d, to<T>(code - 8));
-  }
-
-  template <typename T, int N>
-  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    if constexpr (N == 1) {
-      return simd<T, 1>(to<T>(static_cast<int>(code(word, k)[0] & 15) - 8));
-    } else {
-      static constexpr held_t<T> values[16] = {-8, -7, -6, -5, -4, -3, -2, -1, 0, 1, 2, 3, 4, 5, 6, 7};
-      return lookup16(simd<T, 16>::load_held(values), code(word, k));
-    }
-  }
 
   template <typename T, int N, int Share>
   static simd<T, N> scaled(const simd<T, N>& s, const uint8_t* scales) {
-    return s * load_shared<T, N, Share, c10::Half>(scales);
+    return s * load_shared<T, N, Share, S>(scales);
+  }
+};
+using half_scale = one_scale<c10::Half>;
+using float_scale = one_scale<float>;
+
+// Codes in whole bytes or pairs of nibbles: a run is 8 bytes, and those of neighbouring lanes lie side by side.
+template <int Run>
+struct byte_runs {
+  static constexpr int run = Run;
+  static constexpr int words = 2;
+  static constexpr int quant_bytes = 512 / Run;
+
+  // Lane 0's run begins at element `o` of the block.
+  template <int N>
+  static void load(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int o,
+                   simd<uint32_t, N> (&word)[2]) {
+    load_words(weight + block * quant_bytes + o / Run * 8, word);
+  }
+  template <int N>
+  static void ask_for(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int o) {
+    prefetch<N * 8>(weight + block * quant_bytes + o / Run * 8);
   }
 };
 
-struct q4_1 : nibble_pairs {
+// Two 4-bit codes a byte, elements j and j + 32. A run is two runs of 8 elements that lie 32 apart, taken by turns.
+template <bool HighFirst>
+struct nibble_pairs : byte_runs<16> {
+  static constexpr int codes_per_byte = 2;
+
+  static constexpr int element(int k) { return k / 2 + 32 * (k % 2); }
+  static constexpr int first_element(int o) { return o / 2; }
+
+  static constexpr int byte_element(int j, int p) { return j + 32 * p; }
+  template <int N>
+  static simd<uint32_t, N> byte_code(const simd<uint32_t, N>& byte, int p) {
+    return byte >> shift(p);
+  }
+
+ protected:
+  static constexpr int shift(int p) { return p == int(HighFirst) ? 0 : 4; }
+  template <int N>
+  static simd<uint32_t, N> code(const simd<uint32_t, N> (&word)[2], int k) {
+    return word[k / 8] >> (k % 8 / 2 * 8 + shift(k % 2));
+  }
+};
+
+// The values of 16 codes, as registers hold them.
+template <typename T>
+using nibble_table = std::array<held_t<T>, 16>;
+
+// values[code & 15].
+template <typename T, int N>
+simd<T, N> value_of_nibble(const nibble_table<T>& values, const simd<uint32_t, N>& code) {
+  if constexpr (N == 1) {
+    return simd<T, 1>(T(values[code[0] & 15]));
+  } else {
+    return lookup16(simd<T, 16>::load_held(values.data()), code);
+  }
+}
+
+struct q4_0 : nibble_pairs<false>, half_scale {
+  template <typename T>
+  static T value(int code, float d) {
+    return times(to<T>(d), to<T>(code - 8));
+  }
+
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+    static constexpr nibble_table<T> values = {-8, -7, -6, -5, -4, -3, -2, -1, 0, 1, 2, 3, 4, 5, 6, 7};
+    return value_of_nibble<T>(values, code);
+  }
+  template <typename T, int N>
+  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
+    return unscaled<T>(code(word, k));
+  }
+};
+
+struct q4_1 : nibble_pairs<false> {
   static constexpr int scale_bytes = 4;
   static constexpr bool has_offset = true;
 
   template <typename T>
-  static T value(int code, T d, T m) {
-    return plus(times(d, to<T>(code)), m);
+  static T value(int code, float d, float m) {
+    return plus(times(to<T>(d), to<T>(code)), to<T>(m));
   }
 
   template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+    static constexpr nibble_table<T> values = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+    return value_of_nibble<T>(values, code);
+  }
+  template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    if constexpr (N == 1) {
-      return simd<T, 1>(to<T>(static_cast<int>(code(word, k)[0] & 15)));
-    } else {
-      static constexpr held_t<T> values[16] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
-      return lookup16(simd<T, 16>::load_held(values), code(word, k));
-    }
+    return unscaled<T>(code(word, k));
   }
 
-  // `x` is the sum of the run's inputs.
+  // `x` is the sum of the terms' inputs.
   template <typename T, int N, int Share>
   static simd<T, N> scaled(const simd<T, N>& s, const simd<T, N>& x, const uint8_t* scales) {
-    simd<T, N> d, m;
-    load_shared_pairs<Share>(scales, d, m);
-    return s * d + x * m;
+    const auto* p = reinterpret_cast<const c10::Half*>(scales);
+    if constexpr (N == 1) {
+      return s * convert<T>(simd<c10::Half, 1>::load(p)) + x * convert<T>(simd<c10::Half, 1>::load(p + 1));
+    } else {
+      // Eight blocks' scales, also where the lanes have fewer: a stretch that is read whole needs no mask.
+      static_assert(N / Share <= 8);
+      const auto pairs = convert<T>(simd<c10::Half, 16>::load(p));
+      const auto d = simd<uint32_t, N>::iota() >> std::countr_zero(unsigned(Share)) << 1;
+      return s * lookup16(pairs, d) + x * lookup16(pairs, d | simd<uint32_t, N>(1));
+    }
+  }
+};
+
+// One 8-bit code a byte.
+struct whole_bytes : byte_runs<8> {
+  static constexpr int codes_per_byte = 1;
+
+  static constexpr int element(int k) { return k; }
+  static constexpr int first_element(int o) { return o; }
+
+  static constexpr int byte_element(int j, int) { return j; }
+  template <int N>
+  static simd<uint32_t, N> byte_code(const simd<uint32_t, N>& byte, int) {
+    return byte;
+  }
+};
+
+struct q8_0 : whole_bytes, float_scale {
+  template <typename T>
+  static T value(int code, float d) {
+    return times(to<T>(d), to<T>(static_cast<int8_t>(code)));
+  }
+
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+    return from_top_byte<T>(code << 24);
+  }
+  template <typename T, int N>
+  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
+    return from_top_byte<T>(word[k / 4] << (24 - k % 4 * 8));
   }
 
  private:
-  template <int Share, typename T, int N>
-  static void load_shared_pairs(const uint8_t* scales, simd<T, N>& d, simd<T, N>& m) {
-    const auto pairs = load_shared<uint32_t, N, Share, uint32_t>(scales);
-    d = convert<T>(half_bits(pairs));
-    m = convert<T>(half_bits(pairs >> 16));
-  }
-  // Halves from the low 16 bits of each lane.
-  template <int N>
-  static simd<c10::Half, N> half_bits(const simd<uint32_t, N>& bits) {
-    const auto narrow = convert<uint16_t>(bits);
-    c10::Half raw[N];
-    narrow.store(reinterpret_cast<uint16_t*>(raw));
-    return simd<c10::Half, N>::load(raw);
-  }
-};
-
-struct q8_0 {
-  static constexpr int run = 8;
-  static constexpr int words = 2;
-  static constexpr int quant_bytes = 64;
-  static constexpr int scale_bytes = 4;
-  static constexpr bool has_offset = false;
-
-  static constexpr int element(int k) { return k; }
-  static constexpr int first_element(int in_block) { return in_block; }
-
-  template <typename T>
-  static T value(int code, T d) {
-    return times(d, to<T>(code));
-  }
-
   template <typename T, int N>
-  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    const auto top = bit_cast<int32_t>(word[k / 4] << (24 - 8 * (k % 4)));
-    return convert<T>(top >> 24);
-  }
-
-  template <typename T, int N, int Share>
-  static simd<T, N> scaled(const simd<T, N>& s, const uint8_t* scales) {
-    return s * load_shared<T, N, Share, float>(scales);
+  static simd<T, N> from_top_byte(const simd<uint32_t, N>& top) {
+    return exactly<T>(convert<float>(bit_cast<int32_t>(top) >> 24));
   }
 };
+
+// The values of one code a lane, `Share` neighbouring lanes to a block, the first of which has its scale at `scales`.
+template <typename Format, typename T, int Share, int N>
+simd<T, N> dequantized(const simd<uint32_t, N>& code, const uint8_t* scales) {
+  if constexpr (requires { Format::rounds_last; }) {
+    return convert<T>(Format::template scaled<float, N, Share>(Format::template unscaled<float>(code), scales));
+  } else if constexpr (Format::has_offset) {
+    const simd<T, N> one(to<T>(1));
+    return Format::template scaled<T, N, Share>(Format::template unscaled<T>(code), one, scales);
+  } else {
+    return Format::template scaled<T, N, Share>(Format::template unscaled<T>(code), scales);
+  }
+}
 
 // q5_0 and q5_1 are arrays of 44-byte blocks: d, m, the fifth bits as a word, then nibbles as in q4_0.
 struct q5_block {

@@ -169,23 +169,37 @@ inline vector_t<float, W> round_bfloat16(vector_t<float, W> v) {
   return v;
 }
 
-// A short float vector in the low lanes of one of W; the lanes above are anything. Up to 16 bytes stay in registers:
-// through memory the wide load waits for the narrow store, 8% of a q4_0 product of 576-element rows. For 32 bytes, what
-// the compiler makes of a register cast was measured 25% slower than memory.
+// A short vector of 32-bit elements in the low lanes of one of W; the lanes above are anything. Up to 16 bytes stay in
+// registers: through memory the wide load waits for the narrow store, 8% of a q4_0 product of 576-element rows. For 32
+// bytes, what the compiler makes of a register cast was measured 25% slower than memory.
 template <int W, typename V>
-inline vector_t<float, W> low_lanes(V few) {
-  vector_t<float, W> wide{};
+inline auto low_lanes(V few) {
+  using E = std::remove_cvref_t<decltype(few[0])>;
+  vector_t<E, W> wide{};
 #ifdef __AVX512F__
   if constexpr (W == 16 && sizeof few == 16) {
-    return (vector_t<float, W>)_mm512_castps128_ps512((__m128)few);
+    return (vector_t<E, W>)_mm512_castps128_ps512((__m128)few);
   } else if constexpr (W == 16 && sizeof few == 8) {
     int64_t bits;
     std::memcpy(&bits, &few, sizeof bits);
-    return (vector_t<float, W>)_mm512_castps128_ps512(_mm_castsi128_ps(_mm_cvtsi64_si128(bits)));
+    return (vector_t<E, W>)_mm512_castps128_ps512(_mm_castsi128_ps(_mm_cvtsi64_si128(bits)));
   }
 #endif
   std::memcpy(&wide, &few, sizeof few);
   return wide;
+}
+
+// The same for the result of one operation on bfloat16 values. Such a NaN has no bits below the upper 16, so that it
+// stays one without care; it takes its one pattern when it is stored. Without the test for it a q4_0 product takes 16%
+// less time.
+template <int W>
+inline vector_t<float, W> round_to_bfloat16(vector_t<float, W> v) {
+  using U = vector_t<uint32_t, W>;
+  U bits;
+  std::memcpy(&bits, &v, sizeof v);
+  bits = (bits + (U(bits >> 16) & 1u) + 0x7FFFu) & 0xFFFF0000u;
+  std::memcpy(&v, &bits, sizeof v);
+  return v;
 }
 
 template <int First, int W, typename V, int... I>
@@ -201,6 +215,15 @@ inline vector_t<held_t<T>, W> rounded(vector_t<held_t<T>, W> v) {
     return round_bfloat16<W>(v);
   } else {
     return v;
+  }
+}
+
+template <typename T, int W>
+inline vector_t<held_t<T>, W> rounded_result(vector_t<held_t<T>, W> v) {
+  if constexpr (std::is_same_v<T, c10::BFloat16>) {
+    return round_to_bfloat16<W>(v);
+  } else {
+    return rounded<T, W>(v);
   }
 }
 
@@ -279,6 +302,12 @@ inline void store_vector(T* p, vector_t<held_t<T>, W> v) {
     vector_t<uint32_t, W> bits;
     std::memcpy(&bits, &v, sizeof v);
     bits = bits >> 16;
+    if constexpr (W == 1) {
+      if (v != v) bits = 0x7FC0;
+    } else {
+      const vector_t<uint32_t, W> nan = vector_t<uint32_t, W>{} + 0x7FC0u;
+      bits = v != v ? nan : bits;
+    }
     if constexpr (W == 1) {
       const uint16_t raw = uint16_t(bits);
       std::memcpy(p, &raw, sizeof raw);
@@ -558,7 +587,7 @@ struct simd {
   template <typename Op>
   friend simd elementwise(const simd& a, const simd& b, Op op) {
     simd r;
-    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) r.v[c] = detail::rounded<T, W>(op(a.v[c], b.v[c]));
+    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) r.v[c] = detail::rounded_result<T, W>(op(a.v[c], b.v[c]));
     return r;
   }
   friend simd operator+(const simd& a, const simd& b) {
@@ -792,6 +821,72 @@ inline simd<T, N> lookup16(const simd<T, 16>& table, const simd<uint32_t, N>& co
   return r;
 }
 
+// Floats that each are exactly a T, so that nothing is rounded.
+template <typename T, int N>
+inline simd<T, N> exactly(const simd<float, N>& a) {
+  if constexpr (is_narrow_float<T>) {
+    simd<T, N> r;
+    std::memcpy(&r.v, &a.v, sizeof r.v);
+    return r;
+  } else {
+    return convert<T>(a);
+  }
+}
+
+// Floats by a 7-bit code, with no more than the upper 16 of their bits set.
+struct float_table {
+  alignas(64) uint8_t top[128];
+  alignas(64) uint8_t second[128];
+
+  template <typename F>
+  static constexpr float_table of(F value) {
+    float_table t{};
+    for (int code = 0; code < 128; ++code) {
+      const uint32_t bits = std::bit_cast<uint32_t>(static_cast<float>(value(code)));
+      t.top[code] = static_cast<uint8_t>(bits >> 24);
+      t.second[code] = static_cast<uint8_t>(bits >> 16);
+    }
+    return t;
+  }
+};
+
+// Lane i is the table's float for the low seven bits of byte k of codes[i], negative if the byte's top bit is set.
+template <int N>
+inline simd<float, N> lookup_signed(const float_table& table, const simd<uint32_t, N>& codes, int k) {
+  simd<float, N> r;
+#ifdef __AVX512VBMI__
+  if constexpr (simd<uint32_t, N>::W == 16) {
+    const auto bytes = [](const uint8_t* p) { return _mm512_load_si512(p); };
+    const auto lane = (__m512i)(detail::iota<uint32_t, 16>() * 4u + static_cast<uint32_t>(k));
+    // Bytes 2 and 3 of a lane from byte k of the two tables' results; 64 is the second one's first byte.
+    const __m512i at = _mm512_or_si512(_mm512_slli_epi32(lane, 16),
+                                       _mm512_or_si512(_mm512_slli_epi32(lane, 24), _mm512_set1_epi32(0x40000000)));
+    ORRERY_UNROLL for (int c = 0; c < simd<uint32_t, N>::chunks; ++c) {
+      const __m512i code = (__m512i)codes.v[c], sign = _mm512_set1_epi8(-128);
+      const __m512i top = _mm512_permutex2var_epi8(bytes(table.top), code, bytes(table.top + 64));
+      const __m512i second = _mm512_permutex2var_epi8(bytes(table.second), code, bytes(table.second + 64));
+      const __m512i with_sign = _mm512_ternarylogic_epi32(top, code, sign, 0xF8);  // top | (code & sign)
+      r.v[c] = (detail::vector_t<float, 16>)_mm512_maskz_permutex2var_epi8(0xCCCCCCCCCCCCCCCC, second, at, with_sign);
+    }
+    return r;
+  }
+#endif
+  ORRERY_UNROLL for (int i = 0; i < N; ++i) {
+    const uint32_t code = codes[i] >> (8 * k), low = code & 127;
+    const uint32_t upper = (table.top[low] | (code & 128)) << 8 | table.second[low];
+    r.set(i, std::bit_cast<float>(upper << 16));
+  }
+  return r;
+}
+
+// Lane i shifted right by shift[i].
+template <int N>
+inline simd<uint32_t, N> operator>>(const simd<uint32_t, N>& a, const simd<uint32_t, N>& shift) {
+  simd<uint32_t, N> r;
+  ORRERY_UNROLL for (int c = 0; c < simd<uint32_t, N>::chunks; ++c) r.v[c] = a.v[c] >> shift.v[c];
+  return r;
+}
+
 // K words of each lane's own run: lane i's word k is at p + 4 (K i + k), little-endian, any alignment.
 template <int K, int N>
 inline void load_words(const uint8_t* p, simd<uint32_t, N> (&word)[K]) {
@@ -826,14 +921,14 @@ inline void prefetch(const void* p) {
 // Values that neighbouring lanes share: lane i is p[i / Share] rounded to T. p may have any alignment.
 template <typename T, int N, int Share, typename P>
 inline simd<T, N> load_shared(const void* p) {
-  if constexpr (N < Share) {
+  if constexpr (N <= Share) {
     return convert<T>(simd<P, N>(simd<P, 1>::load(static_cast<const P*>(p))[0]));
   } else {
     constexpr int M = N / Share;
     const auto few = convert<T>(simd<P, M>::load(static_cast<const P*>(p)));
     using V = simd<T, N>;
     simd<T, N> r;
-    if constexpr (M <= V::W && V::W > 1 && std::is_same_v<typename V::S, float>) {
+    if constexpr (M <= V::W && V::W > 1 && sizeof(typename V::S) == 4) {
       const auto wide = detail::low_lanes<V::W>(few.v[0]);
       ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
         const auto index = (detail::iota<int32_t, V::W>() + c * V::W) / Share;

@@ -1,13 +1,16 @@
-"""y = W x for one row, from the bytes and in the order of additions of the kernels, in numpy.
+"""y = W x from the bytes and in the order of additions of the kernels, in numpy.
 
-Run as a program it checks every format, type and shape on the device that ORRERY_HOST_DEVICE_NAME names and prints what
+Run as a program it runs every format, type and shape on the device that ORRERY_HOST_DEVICE_NAME names and prints what
 it saw as JSON: a device's class is fixed when the module loads, so each class needs a process of its own.
 """
 
 from __future__ import annotations
 
 import json
+import os
+import subprocess
 import sys
+from collections.abc import Callable
 from dataclasses import dataclass
 
 import numpy as np
@@ -16,10 +19,19 @@ import torch
 import orrery_host
 import orrery_ops
 
-CODES = {"q4_0": 2, "q4_1": 3, "q5_0": 6, "q5_1": 7, "q8_0": 8}
-QUANT_BYTES = {"q4_0": 32, "q4_1": 32, "q8_0": 64}
-SCALE_BYTES = {"q4_0": 2, "q4_1": 4, "q8_0": 4}
-BLOCK_BYTES = {"q4_0": 34, "q4_1": 36, "q5_0": 44, "q5_1": 44, "q8_0": 68}
+CODES = {
+    "q4_0": 2,
+    "q4_1": 3,
+    "q5_0": 6,
+    "q5_1": 7,
+    "q8_0": 8,
+    "nf4": 10,
+    "nf3": 11,
+    "fp8_e4m3": 15,
+    "fp4": 16,
+    "fp8_e5m2": 19,
+    "fp6": 29,
+}
 DTYPES = {"float32": torch.float32, "float64": torch.float64, "float16": torch.float16, "bfloat16": torch.bfloat16}
 SHAPES = [(1, 64), (2, 64), (3, 1088), (7, 576), (19, 192), (33, 1536), (99, 320), (5, 80), (3, 2064)]
 SLACK = 4096  # bytes and elements behind a tensor that a kernel may read
@@ -78,45 +90,154 @@ def tree(a: Arithmetic, partial: np.ndarray) -> np.ndarray:
     return partial[..., 0]
 
 
-def run_product(name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, state: int, shape: tuple) -> np.ndarray:
-    """q4_0, q4_1 and q8_0: a work-item takes a run of the row, the scale stands once on a run's sum."""
-    _, group_size, per_group = shape if name == "q4_0" else (*shape[:2], 2)
-    a = Arithmetic(dtype)
-    run = 8 if name == "q8_0" else 16
-    chunk = group_size * run
-    offset = rows * state // 64 * QUANT_BYTES[name]
+NF4 = np.array(
+    "BF800000 BF3239B1 BF066B30 BECA32A0 BE91A24D BE3D353F BDBA7871 00000000 "
+    "3DA2FAFF 3E24CAE3 3E7C04DD 3EAD033A 3EE1A4B8 3F1007AB 3F3913B3 3F800000".split()
+)
+NF3 = np.array("BF800000 BEF50EE3 BE5E5A6B 00000000 3E24CAE3 3EAD033A 3F1007AB 3F800000".split())
+FP4 = np.array([0.03125, 0.5, 1, 1.5, 2, 3, 4, 6], np.float32)
+
+
+def floats_of_hex(digits: np.ndarray) -> np.ndarray:
+    return np.array([int(d, 16) for d in digits], np.uint32).view(np.float32)
+
+
+def halves_of(bits: np.ndarray) -> np.ndarray:
+    with np.errstate(invalid="ignore"):
+        return bits.astype(np.uint16).view(np.float16).astype(np.float32)
+
+
+def e4m3_values() -> np.ndarray:
+    code = np.arange(256)
+    exponent, mantissa = code >> 3 & 15, code & 7
+    magnitude = np.where(exponent == 0, mantissa * 2.0**-9, (8 + mantissa) * 2.0 ** (exponent - 10.0))
+    return np.where(code < 128, magnitude, -magnitude).astype(np.float32)
+
+
+BYTE = np.arange(256)
+# The unscaled value of every code; for fp6 a code is a sign, two zeros, five bits.
+VALUES = {
+    "q4_0": np.arange(16, dtype=np.float32) - 8,
+    "q4_1": np.arange(16, dtype=np.float32),
+    "q8_0": np.arange(256).astype(np.uint8).view(np.int8).astype(np.float32),
+    "nf4": floats_of_hex(NF4),
+    "nf3": floats_of_hex(NF3),
+    "fp4": np.concatenate([FP4, -FP4]),
+    "fp6": halves_of(BYTE << 8 | 0x80),
+    "fp8_e4m3": e4m3_values(),
+    "fp8_e5m2": halves_of(BYTE << 8 | 0x80),
+}
+
+
+@dataclass(frozen=True)
+class Split:
+    """A split format: a block's bytes in each plane, and the elements that a work-item takes in a pass."""
+
+    quant_bytes: int
+    scale: type | None  # the type of a scale, if it is read
+    scale_bytes: int = 2
+    run: int = 16
+
+
+SPLIT = {
+    "q4_0": Split(32, np.float16),
+    "q4_1": Split(32, np.float16, 4),
+    "nf4": Split(32, np.float16),
+    "fp4": Split(32, np.float16),
+    "nf3": Split(24, np.float16),
+    "fp6": Split(48, np.float16),
+    "q8_0": Split(64, np.float32, 4, 8),
+    "fp8_e4m3": Split(64, np.float32, 4, 8),
+    "fp8_e5m2": Split(64, None, 4, 8),
+}
+BLOCK_BYTES = {n: s.quant_bytes + s.scale_bytes for n, s in SPLIT.items()} | {"q5_0": 44, "q5_1": 44}
+
+
+def code_of(name: str, w: np.ndarray, offset: int, block: np.ndarray, e: np.ndarray) -> np.ndarray:
+    """The code of element e of a block, by the layout of the format; `offset` is where the scale plane begins."""
+    if name == "nf3":
+        top = w[24 * block + e // 8].astype(np.int64) >> (e % 8) & 1
+        return top * 4 + (w[24 * block + 8 + e // 4] >> (6 - 2 * (e % 4)) & 3)
+    if name == "fp6":
+        sixteen, quarter = e // 16, e % 16 // 4
+        a = at(w, offset // 48 * 32 + 16 * block + 4 * sixteen, np.uint32)
+        b0 = at(w, 32 * block + 8 * sixteen, np.uint32)
+        b1 = at(w, 32 * block + 8 * sixteen + 4, np.uint32)
+        a = a << (2 * quarter).astype(np.uint32)
+        b = np.select([quarter == 0, quarter == 1, quarter == 2], [b0, b0 << np.uint32(4), b1], b1 << np.uint32(4))
+        low = (a & np.uint32(0x40404040)) | (b >> np.uint32(2) & np.uint32(0x3C3C3C3C))
+        v = (a & np.uint32(0x80808080)) | (low >> np.uint32(2))
+        byte = np.array([1, 3, 0, 2])[e % 4]
+        return (v >> (8 * byte).astype(np.uint32) & np.uint32(0xFF)).astype(np.int64)
+    if SPLIT[name].quant_bytes == 64:
+        return w[64 * block + e].astype(np.int64)
+    high = (e >= 32) != (name == "nf4")
+    return w[32 * block + e % 32].astype(np.int64) >> np.where(high, 4, 0) & 15
+
+
+def element_of_run(name: str, o: np.ndarray, k: int) -> np.ndarray:
+    """Which element of its block the k-th term of a run is that begins at position o."""
+    if name == "fp6":
+        return o + k // 4 * 4 + (2, 3, 0, 1)[k % 4]
+    if SPLIT[name].quant_bytes == 32:
+        return o // 2 + k // 2 + 32 * (k % 2)
+    return o + k
+
+
+# The sum of a run's inputs, for q4_1: one after another in the single-row kernel, two at a time in the batched one.
+def inputs_in_order(a: Arithmetic, inputs: list[np.ndarray]) -> np.ndarray:
+    total = inputs[0]
+    for x in inputs[1:]:
+        total = a.add(total, x)
+    return total
+
+
+def inputs_by_twos(a: Arithmetic, inputs: list[np.ndarray]) -> np.ndarray:
+    return inputs_in_order(a, [a.add(x, y) for x, y in zip(inputs[::2], inputs[1::2], strict=True)])
+
+
+def run_product(
+    name: str,
+    dtype: str,
+    w: np.ndarray,
+    x: np.ndarray,
+    rows: int,
+    state: int,
+    shape: tuple,
+    sum_inputs: Callable[[Arithmetic, list[np.ndarray]], np.ndarray] = inputs_in_order,
+) -> np.ndarray:
+    """Split formats: a work-item takes a run of the row, the scale stands once on a run's sum."""
+    group_size, per_group = shape[1], shape[2] if name == "q4_0" else 2
+    a, f = Arithmetic(dtype), SPLIT[name]
+    chunk = group_size * f.run
+    offset = rows * state // 64 * f.quant_bytes
     row = np.arange(rows)[:, None]
     item = np.arange(group_size)[None, :]
+    values = a.of(VALUES[name])
+    o = f.run * item % 64
     acc = np.zeros((rows, group_size), a.numpy)
     for t in range(state // chunk + 1):
-        active = t < state // chunk + (state // run % group_size > item)
-        first = (per_group * (row // per_group) * state + run * item) // 64
+        active = t < state // chunk + (state // f.run % group_size > item)
+        first = (per_group * (row // per_group) * state + f.run * item) // 64
         block = first + t * (chunk // 64) + row % per_group * (state // 64)
-        c = t * chunk + run * item
-        o = run * item % 64
-        scale = offset + SCALE_BYTES[name] * block
-        s = s2 = None
-        for k in range(run):
-            if name == "q8_0":
-                position, element = 64 * block + o + k, c + k
-                q = at(w, position, np.int8).astype(np.float32)
-            else:
-                position, element = 32 * block + o // 2 + k // 2, c - o + o // 2 + k // 2 + 32 * (k % 2)
-                q = (w[position].astype(np.int32) >> (4 * (k % 2)) & 15).astype(np.float32)
-                q = q - 8 if name == "q4_0" else q
-            inputs = np.broadcast_to(x[np.minimum(element, len(x) - 1)], block.shape)
-            term = a.mul(inputs, a.of(q))
+        start = t * chunk + f.run * item - o
+        s, inputs = None, []
+        for k in range(f.run):
+            e = element_of_run(name, o, k)
+            inputs.append(np.broadcast_to(x[np.minimum(start + e, len(x) - 1)], block.shape))
+            term = a.mul(inputs[-1], values[code_of(name, w, offset, block, np.broadcast_to(e, block.shape))])
             s = term if s is None else a.add(s, term)
-            s2 = inputs if s2 is None else a.add(s2, inputs)
-        kind = np.float32 if name == "q8_0" else np.float16
-        scaled = a.mul(s, a.of(at(w, scale, kind)))
+        scale = offset + f.scale_bytes * block
+        scaled = a.mul(s, a.of(at(w, scale, f.scale))) if f.scale else s
         if name == "q4_1":
-            scaled = a.add(scaled, a.mul(s2, a.of(at(w, scale + 2, kind))))
+            scaled = a.add(scaled, a.mul(sum_inputs(a, inputs), a.of(at(w, scale + 2, f.scale))))
         acc = np.where(active, a.add(acc, scaled), acc)
     return tree(a, acc)
 
 
-def block_product(name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, state: int, shape: tuple) -> np.ndarray:
+def block_product(
+    name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, state: int, shape: tuple
+) -> np.ndarray:
     """q5_0 and q5_1: a work-item takes one byte of a block, elements j and j + 32; no guard at the row's end."""
     group_size = shape[1]
     a = Arithmetic(dtype)
@@ -148,7 +269,7 @@ def block_product(name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int
 
 def product(name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, state: int, shape: tuple) -> np.ndarray:
     with np.errstate(all="ignore"):
-        return (run_product if name in QUANT_BYTES else block_product)(name, dtype, w, x, rows, state, shape)
+        return (run_product if name in SPLIT else block_product)(name, dtype, w, x, rows, state, shape)
 
 
 def weight_bytes(name: str, rows: int, state: int) -> int:
@@ -157,9 +278,9 @@ def weight_bytes(name: str, rows: int, state: int) -> int:
 
 def scales_of_tame_size(name: str, w: np.ndarray, rows: int, state: int, generator: np.random.Generator) -> None:
     """Replaces a few random bytes' worth of scales, which would be wild, by numbers near 1; two in a hundred stay."""
-    if name in QUANT_BYTES:
-        start = rows * state // 64 * QUANT_BYTES[name]
-        kind = np.float32 if name == "q8_0" else np.float16
+    if name in SPLIT:
+        start = rows * state // 64 * SPLIT[name].quant_bytes
+        kind = np.float32 if SPLIT[name].run == 8 else np.float16
         plane = w[start : start + (len(w) - start) // 4 * 4].view(kind)
         tame = generator.standard_normal(plane.shape).astype(kind)
         plane[...] = np.where(generator.random(plane.shape) < 0.02, plane, tame)
@@ -168,30 +289,43 @@ def scales_of_tame_size(name: str, w: np.ndarray, rows: int, state: int, generat
         whole[:, :4] = generator.standard_normal((len(whole), 2)).astype(np.float16).view(np.uint8)
 
 
-def case(name: str, dtype: str, rows: int, state: int, wild: bool = False) -> tuple[np.ndarray, np.ndarray]:
-    """Bytes with slack behind them, and an input with slack behind it as values of the type."""
+def no_nan_codes(name: str, w: np.ndarray) -> None:
+    """All but one in a thousand of the codes that are NaN become numbers, or no sum would be one."""
+    if name == "fp8_e5m2":
+        nan = (w & 0x7C) == 0x7C
+        keep = np.random.default_rng(len(w)).random(w.shape) < 0.001
+        w[nan & ~keep] &= 0x83 | 0x3C
+
+
+def case(
+    name: str, dtype: str, rows: int, state: int, wild: bool = False, n: int = 1
+) -> tuple[np.ndarray, np.ndarray]:
+    """Bytes with slack behind them, and n input rows with slack behind them as values of the type."""
     generator = np.random.default_rng(rows * 10007 + state)
     w = generator.integers(0, 256, weight_bytes(name, rows, state) + SLACK).astype(np.uint8)
     if not wild:
         scales_of_tame_size(name, w, rows, state, generator)
-    x = Arithmetic(dtype).of(generator.standard_normal(state + SLACK))
+        no_nan_codes(name, w)
+    x = Arithmetic(dtype).of(generator.standard_normal(n * state + SLACK))
     return w, x
 
 
-def to_device(name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, state: int):
+def to_device(name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, state: int, n: int = 1):
     """Views of larger tensors, so that what lies behind them is known."""
     weight = torch.from_numpy(w).to("xpu")[: weight_bytes(name, rows, state)]
-    inputs = torch.from_numpy(x).to(DTYPES[dtype]).to("xpu")[:state].view(1, state)
+    inputs = torch.from_numpy(x).to(DTYPES[dtype]).to("xpu")[: n * state].view(n, state)
     return weight, inputs
 
 
-def run(name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, state: int) -> tuple[np.ndarray, list]:
-    weight, inputs = to_device(name, dtype, w, x, rows, state)
-    torch.full((1, rows), float("nan"), dtype=DTYPES[dtype], device="xpu")  # freed at once: the result's memory
+def run(
+    name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, state: int, n: int = 1
+) -> tuple[np.ndarray, list]:
+    weight, inputs = to_device(name, dtype, w, x, rows, state, n)
+    torch.full((n, rows), float("nan"), dtype=DTYPES[dtype], device="xpu")  # freed at once: the result's memory
     with orrery_host.record_launches() as launches:
         y = orrery_ops.forward_new(inputs, weight, CODES[name], 1)
-    assert y.shape == (1, rows) and y.dtype == DTYPES[dtype]
-    y = y.cpu()[0]
+    assert y.shape == (n, rows) and y.dtype == DTYPES[dtype]
+    y = y.cpu()
     return (y.float() if dtype == "bfloat16" else y).numpy(), launches
 
 
@@ -202,35 +336,69 @@ def differing(got: np.ndarray, expected: np.ndarray) -> int:
     return int(((got.view(kind) != expected.view(kind)) & ~(np.isnan(got) & np.isnan(expected))).sum())
 
 
+# Input rows of the batched kernels by format: the fewest and the most that the dispatch gives one, and odd numbers.
+BATCHES = {
+    "q4_0": (2, 3, 7, 8, 20),
+    "q4_1": (2, 5, 20),
+    "q8_0": (2, 7),
+    "nf4": (3, 14),
+    "fp4": (2, 7),
+    "fp8_e5m2": (2, 7),
+}
+BATCH_SHAPES = [(1, 64), (2, 192), (3, 1088), (7, 320), (5, 80)]
+
+
+def is_whole(name: str, rows: int, state: int) -> bool:
+    """Whether the number of rows follows from the bytes."""
+    return weight_bytes(name, rows, state) // BLOCK_BYTES[name] * 64 // state == rows
+
+
+def cases_of(family: str, device_class: int) -> list[tuple]:
+    """Format, type, rows, elements and input rows."""
+    if family == "row":
+        return [(f, d, *s, 1) for f in CODES for d in DTYPES for s in SHAPES if is_whole(f, *s)]
+    # Class 0 has no batched kernel for two formats.
+    formats = [f for f in BATCHES if device_class != 0 or f not in ("q4_0", "fp4")]
+    return [(f, d, *s, n) for f in formats for d in DTYPES for s in BATCH_SHAPES for n in BATCHES[f] if is_whole(f, *s)]
+
+
+def seen_in(name: str, dtype: str, rows: int, state: int, n: int) -> dict:
+    """What a product gave and launched."""
+    got, (launch,) = run(name, dtype, *case(name, dtype, rows, state, n=n), rows, state, n)
+    return {
+        "result": got.tobytes().hex(),
+        "kernel": launch.kernel,
+        "instance": launch.instance,
+        "name": launch.name,
+        "global": launch.global_size,
+        "local": launch.local_size,
+        "sub_group": launch.sub_group_size,
+        "local_memory": launch.local_memory,
+        "waited": launch.waited,
+    }
+
+
 def main() -> None:
-    device_class = int(sys.argv[1])
-    shape = SHAPE_OF_CLASS[device_class]
-    seen = []
-    for name in CODES:
-        for dtype in DTYPES:
-            for rows, state in SHAPES:
-                if state % 64 and weight_bytes(name, rows, state) // BLOCK_BYTES[name] * 64 // state != rows:
-                    continue
-                w, x = case(name, dtype, rows, state)
-                got, launches = run(name, dtype, w, x, rows, state)
-                (launch,) = launches
-                seen.append(
-                    {
-                        "format": name,
-                        "dtype": dtype,
-                        "size": [rows, state],
-                        "differing": differing(got, product(name, dtype, w, x, rows, state, shape)),
-                        "kernel": launch.kernel,
-                        "instance": launch.instance,
-                        "name": launch.name,
-                        "global": launch.global_size[0],
-                        "local": launch.local_size[0],
-                        "sub_group": launch.sub_group_size,
-                        "local_memory": launch.local_memory,
-                        "waited": launch.waited,
-                    }
-                )
-    print(json.dumps(seen))
+    family, device_class = sys.argv[1], int(sys.argv[2])
+    print(json.dumps([{"case": c, **seen_in(*c)} for c in cases_of(family, device_class)]))
+
+
+def seen_on_class(family: str, device_class: int) -> dict[tuple, dict]:
+    """By case, what a process on a device of that class saw."""
+    process = subprocess.run(
+        [sys.executable, __file__, family, str(device_class)],
+        env={**os.environ, "ORRERY_HOST_DEVICE_NAME": DEVICE_OF_CLASS[device_class]},
+        capture_output=True,
+        text=True,
+        check=False,
+    )
+    assert process.returncode == 0, process.stderr
+    return {tuple(seen["case"]): seen for seen in json.loads(process.stdout)}
+
+
+def result_of(seen: dict) -> np.ndarray:
+    _, dtype, rows, _, n = seen["case"]
+    return np.frombuffer(bytes.fromhex(seen["result"]), Arithmetic(dtype).numpy).reshape(n, rows)
 
 
 if __name__ == "__main__":

@@ -256,11 +256,8 @@ def test_fp6_has_no_dense_weight_in_other_types() -> None:
 @pytest.mark.parametrize(
     "code, rows, kernel",
     [
-        (10, 1, "qlinear_xpu_kernel_nf4_2x16"),
         (23, 1, "qlinear_xpu_kernel_q2_k_q8_1"),
         (27, 1, "qlinear_xpu_kernel_q4_k"),
-        (2, 2, "qlinear_xpu_kernel_q4_0_2x16_by_batch"),
-        (2, 8, "qlinear_xpu_kernel_q4_0_2x16_batch"),
         (2, 21, "dequantize_q4_0_kernel"),
         (28, 2, "qlinear_xpu_dequantize_kernel_q5_k"),
     ],

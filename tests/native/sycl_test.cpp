@@ -525,4 +525,5 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.attr("scalar_items") = false;
 #endif
   bind_simd(m);
+  bind_formats(m);
 }

@@ -1,0 +1,325 @@
+// The codebook formats: a code names an entry of a table or is a small floating-point number, with one scale for 64
+// elements. What a format has stands in linear.h.
+#pragma once
+
+#include <bit>
+
+#include "formats/linear.h"
+
+namespace orrery::formats {
+
+// A normal float to the nearest T, ties to even, as registers hold it.
+template <typename T>
+constexpr held_t<T> nearest(float x) {
+  constexpr int dropped = std::is_same_v<T, c10::Half> ? 13 : std::is_same_v<T, c10::BFloat16> ? 16 : 0;
+  const uint32_t bits = std::bit_cast<uint32_t>(x);
+  if constexpr (dropped == 0) return x;
+  const uint32_t rounded = bits + (1u << dropped >> 1) - 1 + (bits >> dropped & 1);
+  return std::bit_cast<float>(rounded >> dropped << dropped);
+}
+
+// A table of 16, or one of 8 twice: the bit above a 3-bit code does not matter then.
+template <typename T, size_t Codes>
+constexpr nibble_table<T> nearest_values(const float (&table)[Codes]) {
+  nibble_table<T> values{};
+  for (size_t code = 0; code < 16; ++code) values[code] = nearest<T>(table[code % Codes]);
+  return values;
+}
+
+// The bits of a half, widened.
+inline float half_of_bits(uint32_t bits) {
+  const uint16_t half = static_cast<uint16_t>(bits);
+  return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(&half)).held_at(0);
+}
+
+// Sign, 5 exponent bits, 2 mantissa bits and a third that is always 1: the half with a code in its high byte and 0x80
+// in its low one. The highest exponent is NaN.
+inline constexpr float_table half_by_high_byte = float_table::of([](int code) {
+  const int exponent = code >> 2, mantissa = code % 4 * 2 + 1;
+  if (exponent == 31) return std::bit_cast<float>(0x7FC00000);
+  if (exponent == 0) return mantissa * 0x1p-17f;
+  return std::bit_cast<float>((exponent + 112) << 23 | mantissa << 20);
+});
+
+// Byte j holds element j in its high nibble and element j + 32 in its low one.
+struct nf4 : nibble_pairs<true>, half_scale {
+  // clang-format off
+  static constexpr float table[16] = {
+                      -1.0f,  -0.6961928009986877f,  -0.5250730514526367f, -0.39491748809814453f,
+      -0.28444138169288635f, -0.18477343022823334f, -0.09105003625154495f,                  0.0f,
+       0.07958029955625534f,  0.16093020141124725f,  0.24611230194568634f,  0.33791524171829224f,
+       0.44070982933044434f,   0.5626170039176941f,   0.7229568362236023f,                  1.0f};
+  // clang-format on
+
+  template <typename T>
+  static T value(int code, float d) {
+    return times(to<T>(d), to<T>(table[code]));
+  }
+
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+    static constexpr nibble_table<T> values = nearest_values<T>(table);
+    return value_of_nibble<T>(values, code);
+  }
+  template <typename T, int N>
+  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
+    return unscaled<T>(code(word, k));
+  }
+};
+
+// A sign and a 3-bit magnitude. There is no zero.
+struct fp4 : nibble_pairs<false>, half_scale {
+  template <typename T>
+  static T value(int code, float d) {
+    return times(to<T>(d), to<T>(number(code)));
+  }
+
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+    if constexpr (N == 1) {
+      return simd<T, 1>(to<T>(number(code[0] & 15)));
+    } else {
+      static constexpr nibble_table<T> values = {0.03125f,  0.5f,  1,  1.5f,  2,  3,  4,  6,
+                                                 -0.03125f, -0.5f, -1, -1.5f, -2, -3, -4, -6};
+      return value_of_nibble<T>(values, code);
+    }
+  }
+  template <typename T, int N>
+  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
+    return unscaled<T>(code(word, k));
+  }
+
+ private:
+  static constexpr float number(uint32_t code) {
+    const uint32_t v = code & 7;
+    const uint32_t bits = v > 1 ? 0x3F000000 + (v << 22) : v == 1 ? 0x3F000000 : 0x3D000000;
+    return std::bit_cast<float>(bits | code >> 3 << 31);
+  }
+};
+
+// A block is a 64-bit word with the top bits of all codes, then 16 bytes with the low two bits, the first element of a
+// byte in its highest bits.
+struct nf3 : half_scale {
+  static constexpr int run = 16;
+  static constexpr int words = 2;  // low bits, top bits
+  static constexpr int quant_bytes = 24;
+  static constexpr int low_at = 8;
+  // A dense value is a product in float for every T, rounded once.
+  static constexpr bool rounds_last = true;
+
+  // clang-format off
+  static constexpr float table[8] = {
+                     -1.0f, -0.4786292016506195f,  -0.217141792178154f,                 0.0f,
+      0.16093020141124725f, 0.33791524171829224f,  0.5626170039176941f,                 1.0f};
+  // clang-format on
+
+  template <typename T>
+  static T value(int code, float d) {
+    return to<T>(table[code] * d);
+  }
+  static int code_of(const uint8_t* block, int e) {
+    return (block[e / 8] >> e % 8 & 1) * 4 + (block[low_at + e / 4] >> (6 - 2 * (e % 4)) & 3);
+  }
+
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+    static constexpr nibble_table<T> values = nearest_values<T>(table);
+    return value_of_nibble<T>(values, code);
+  }
+
+  // Codes of the 16 elements from `e` on of one block, bits above a code are anything.
+  static simd<uint32_t, 16> codes_of_16(const uint8_t* block, int e) {
+    using U = simd<uint32_t, 16>;
+    uint32_t low;
+    uint16_t top;
+    std::memcpy(&low, block + low_at + e / 4, sizeof low);
+    std::memcpy(&top, block + e / 8, sizeof top);
+    const U i = U::iota(), byte = i >> 2;
+    const U down = (byte << 3) + U(6) - ((i - (byte << 2)) << 1);
+    return ((U(low) >> down) & U(3)) | ((U(uint32_t(top)) >> i) << 2);
+  }
+
+  static constexpr int element(int k) { return k; }
+  static constexpr int first_element(int o) { return o; }
+
+  template <int N>
+  static void load(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int o,
+                   simd<uint32_t, N> (&word)[2]) {
+    const uint8_t* p = weight + block * quant_bytes;
+    if constexpr (N == 1) {
+      uint32_t low;
+      uint16_t top;
+      std::memcpy(&low, p + low_at + o / 4, sizeof low);
+      std::memcpy(&top, p + o / 8, sizeof top);
+      word[0] = simd<uint32_t, 1>(low);
+      word[1] = simd<uint32_t, 1>(uint32_t(top));
+    } else {
+      load_lanes(p, word);
+    }
+  }
+  template <int N>
+  static void ask_for(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int) {
+    prefetch<N * quant_bytes / 4>(weight + block * quant_bytes);
+  }
+
+  template <typename T, int N>
+  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
+    using U = simd<uint32_t, N>;
+    const U top = k < 2 ? word[1] << (2 - k) : word[1] >> (k - 2);
+    const U low = word[0] >> (k / 4 * 8 + 6 - 2 * (k % 4));
+    return unscaled<T>((low & U(3)) | (top & U(~3u)));
+  }
+
+ private:
+  // Lane i has quarter i % 4 of block i / 4, lane 0 the first of its block: six words a block, of which two are shared.
+  template <int N>
+  static void load_lanes(const uint8_t* p, simd<uint32_t, N> (&word)[2]) {
+    using U = simd<uint32_t, N>;
+    constexpr int W = U::W;
+    static_assert(W % 4 == 0);
+    const auto i = detail::iota<uint32_t, W>(), first = i / 4 * 6, quarter = i % 4;
+    ORRERY_UNROLL for (int c = 0; c < U::chunks; ++c, p += W / 4 * quant_bytes) {
+      typename U::chunk a, b;
+      std::memcpy(&a, p, sizeof a);
+      std::memcpy(&b, p + sizeof a, sizeof b);
+      word[0].v[c] = __builtin_shuffle(a, b, first + 2 + quarter);
+      word[1].v[c] = __builtin_shuffle(a, b, first + quarter / 2) >> (quarter % 2 * 16);
+    }
+  }
+};
+
+// The low four bits of all codes in one plane, the top two in a second one behind it. Sixteen elements share two words
+// of the first and one of the second, and lie crossed in them.
+struct fp6 : half_scale {
+  static constexpr int run = 16;
+  static constexpr int words = 3;  // two of the low plane, one of the top plane
+  static constexpr int quant_bytes = 48;
+  static constexpr int low_bytes = 32, top_bytes = 16;  // of a block in each plane
+
+  // A code byte is sign, two zeros, five bits of magnitude. The scale carries the exponent's bias.
+  template <typename T>
+  static T value(int code, float d) {
+    return times(to<T>(half_of_bits(code << 8 | 0x80)), to<T>(d));
+  }
+  // Of element e, from the block's bytes in the two planes.
+  static int code_of(const uint8_t* low, const uint8_t* top, int e) {
+    uint32_t word[3];
+    std::memcpy(&word[0], low + e / 16 * 8, 8);
+    std::memcpy(&word[2], top + e / 16 * 4, 4);
+    const int i = e % 16 / 4;
+    return code_bytes(word[i / 2] << (i % 2 * 4), word[2] << (2 * i)) >> (8 * place_of[e % 4]) & 0xFF;
+  }
+
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+    return convert<T>(lookup_signed(half_by_high_byte, code, 0));
+  }
+
+  // All codes of one block in order, from its bytes in the two planes.
+  static simd<uint8_t, 64> codes_of_block(const uint8_t* low, const uint8_t* top) {
+    using U = simd<uint32_t, 16>;
+    static constexpr uint32_t pair[16] = {1, 4, 16, 64, 1, 4, 16, 64, 1, 4, 16, 64, 1, 4, 16, 64};
+    auto words = convert<int64_t>(simd<uint32_t, 8>::load(reinterpret_cast<const uint32_t*>(low)));
+    words = words | words << 36;  // each word, and its low nibbles moved up
+    U b;
+    std::memcpy(&b.v, &words.v, sizeof b.v);
+    const auto a = bit_cast<uint32_t>(load_shared<float, 16, 4, float>(top)) * U::load(pair);
+    const U crossed = code_bytes(b, a), ends = U(0xFF00FF);
+    const U odd = (crossed >> 8) & ends, even = crossed & ends;  // elements 0, 1 and 2, 3
+    const U in_order = ((odd | odd >> 8) & U(0xFFFF)) | ((even << 16) & U(0xFF0000)) | ((even << 8) & U(0xFF000000));
+    simd<uint8_t, 64> code;
+    std::memcpy(&code.v, &in_order.v, sizeof code.v);
+    return code;
+  }
+
+  // Within four, the third and fourth element come first.
+  static constexpr int element(int k) { return k / 4 * 4 + (k + 2) % 4; }
+  static constexpr int first_element(int o) { return o; }
+
+  template <int N>
+  static void load(const uint8_t* weight, uint32_t scale_offset, uint64_t block, int o, simd<uint32_t, N> (&word)[3]) {
+    simd<uint32_t, N> low[2], top[1];
+    load_words(weight + block * low_bytes + o / 2, low);
+    load_words(top_plane(weight, scale_offset) + block * top_bytes + o / 4, top);
+    word[0] = low[0];
+    word[1] = low[1];
+    word[2] = top[0];
+  }
+  template <int N>
+  static void ask_for(const uint8_t* weight, uint32_t scale_offset, uint64_t block, int o) {
+    prefetch<N * 8>(weight + block * low_bytes + o / 2);
+    prefetch<N * 4>(top_plane(weight, scale_offset) + block * top_bytes + o / 4);
+  }
+
+  template <typename T, int N>
+  static simd<T, N> term(const simd<uint32_t, N> (&word)[3], int k) {
+    const int i = k / 4, byte = place_of[element(k) % 4];
+    const auto four = code_bytes(word[i / 2] << (i % 2 * 4), word[2] << (2 * i));
+    return exactly<T>(lookup_signed(half_by_high_byte, four, byte));
+  }
+
+ private:
+  static constexpr int place_of[4] = {1, 3, 0, 2};
+
+  static const uint8_t* top_plane(const uint8_t* weight, uint32_t scale_offset) {
+    return weight + scale_offset / quant_bytes * low_bytes;
+  }
+
+  // Four codes at once from the high nibbles of `b` and the two high bits of the bytes of `a`.
+  template <typename U>
+  static U code_bytes(const U& b, const U& a) {
+    return (a & U(0x80808080)) | (((a & U(0x40404040)) | ((b >> 2) & U(0x3C3C3C3C))) >> 2);
+  }
+};
+
+// Sign, 4 exponent bits of bias 7, 3 mantissa bits; no infinity and no NaN.
+struct fp8_e4m3 : whole_bytes, float_scale {
+  template <typename T>
+  static T value(int code, float d) {
+    const int m = code & 0x7F;
+    const float magnitude = m < 8 ? m * 0x1p-9f : half_of_bits((m << 7) + 0x2000);
+    return times(to<T>(code & 0x80 ? -magnitude : magnitude), to<T>(d));
+  }
+
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+    return exactly<T>(lookup_signed(magnitudes, code, 0));
+  }
+  template <typename T, int N>
+  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
+    return exactly<T>(lookup_signed(magnitudes, word[k / 4], k % 4));
+  }
+
+ private:
+  static constexpr float_table magnitudes = float_table::of(
+      [](int code) { return code < 8 ? code * 0x1p-9f : std::bit_cast<float>((code << 20) + (120 << 23)); });
+};
+
+// The high byte of a half whose low byte is 0x80: no code is zero, and all with the highest exponent are NaN. The scale
+// plane is there and not read.
+struct fp8_e5m2 : whole_bytes {
+  static constexpr int scale_bytes = 4;
+  static constexpr bool has_offset = false;
+
+  template <typename T>
+  static T value(int code) {
+    return to<T>(half_of_bits(half_bits(code)));
+  }
+  static constexpr uint16_t half_bits(int code) { return static_cast<uint16_t>(code << 8 | 0x80); }
+
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+    return convert<T>(lookup_signed(half_by_high_byte, code, 0));
+  }
+  template <typename T, int N>
+  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
+    return exactly<T>(lookup_signed(half_by_high_byte, word[k / 4], k % 4));
+  }
+
+  template <typename T, int N, int Share>
+  static simd<T, N> scaled(const simd<T, N>& s, const uint8_t*) {
+    return s;
+  }
+};
+
+}  // namespace orrery::formats

@@ -1,0 +1,151 @@
+"""forward_new with a few rows: kernels that take input rows by pairs, to the bit in every format, type and class."""
+
+from __future__ import annotations
+
+from functools import cache
+
+import numpy as np
+import pytest
+import torch
+
+import linear_reference as ref
+import orrery_ops
+from kernel_reference import assert_same_bits_in_any_order
+from test_linear_xpu_kernel import NAMES, NATIVE_SHAPE, half
+
+# Kernels that leave the last row of an odd number of weight rows alone.
+DROPPING = tuple(f"qlinear_xpu_kernel_{name}_2x16_batch" for name in ("q4_0", "q4_1", "nf4"))
+
+seen_on_class = cache(ref.seen_on_class)
+
+
+def kernel_of(name: str, n: int) -> str:
+    run = ref.SPLIT[name].run
+    by = "_by" if name == "q4_0" and n <= 7 else ""
+    return f"qlinear_xpu_kernel_{name}_2x{run}{by}_batch"
+
+
+def shape_of(name: str, device_class: int) -> tuple[int, int, int]:
+    return (32, 64, 2) if device_class == 0 and name != "q8_0" else (16, 32, 2)
+
+
+def batch_product(
+    name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, state: int, n: int, shape: tuple
+) -> np.ndarray:
+    """One input row after another; NaN where a kernel writes nothing."""
+    inputs = [x[k * state :] for k in range(n)]
+    with np.errstate(all="ignore"):
+        y = np.stack([ref.run_product(name, dtype, w, i, rows, state, shape, ref.inputs_by_twos) for i in inputs])
+    if rows % 2 and kernel_of(name, n) in DROPPING:
+        y[:, -1] = np.nan
+    return y
+
+
+@cache
+def expected(name: str, dtype: str, rows: int, state: int, n: int, shape: tuple) -> np.ndarray:
+    return batch_product(name, dtype, *ref.case(name, dtype, rows, state, n=n), rows, state, n, shape)
+
+
+@pytest.mark.parametrize("dtype", ref.DTYPES)
+@pytest.mark.parametrize("name", ref.BATCHES)
+@pytest.mark.parametrize("device_class", ref.DEVICE_OF_CLASS)
+def test_every_class_launches_its_instance_and_gives_the_bits(device_class: int, name: str, dtype: str) -> None:
+    shape = sub_group, group, _ = shape_of(name, device_class)
+    cases = [c for c in ref.cases_of("batch", device_class) if c[:2] == (name, dtype)]
+    assert cases or (device_class == 0 and name in ("q4_0", "fp4"))
+    for case in cases:
+        seen = seen_on_class("batch", device_class)[case]
+        rows, state, n = case[2:]
+        kernel = kernel_of(name, n)
+        groups = rows // 2 if kernel in DROPPING else (rows + 1) // 2
+        assert ref.differing(ref.result_of(seen), expected(name, dtype, rows, state, n, shape)) == 0, case
+        assert (seen["kernel"], seen["name"]) == (kernel, "gridrun_kernel")
+        assert seen["instance"] == f"{NAMES[dtype]}, {sub_group}, {group}"
+        assert seen["global"] == [groups * group, (n + 1) // 2] and seen["local"] == [group, 1]
+        assert seen["sub_group"] == sub_group and not seen["waited"]
+        assert seen["local_memory"] == 2 * 2 * group * torch.empty(0, dtype=ref.DTYPES[dtype]).element_size()
+
+
+@pytest.mark.parametrize("dtype", ref.DTYPES)
+@pytest.mark.parametrize("name", ref.BATCHES)
+def test_wild_scales_multiply_through(name: str, dtype: str) -> None:
+    w, x = ref.case(name, dtype, 20, 576, wild=True, n=3)
+    got, _ = ref.run(name, dtype, w, x, 20, 576, 3)
+    assert ref.differing(got, batch_product(name, dtype, w, x, 20, 576, 3, NATIVE_SHAPE)) == 0
+
+
+@pytest.mark.parametrize("name", ref.BATCHES)
+def test_what_lies_behind_an_odd_number_of_input_rows_does_not_show(name: str) -> None:
+    w, x = ref.case(name, "float16", 6, 320, n=3)
+    with_nan = x.copy()
+    with_nan[3 * 320 :] = np.nan
+    got, _ = ref.run(name, "float16", w, with_nan, 6, 320, 3)
+    assert ref.differing(got, batch_product(name, "float16", w, x, 6, 320, 3, NATIVE_SHAPE)) == 0
+
+
+def test_the_batch_kernels_of_q4_0_differ_in_the_last_of_an_odd_number_of_rows() -> None:
+    w, x = ref.case("q4_0", "float32", 5, 64, n=8)
+    kept, _ = ref.run("q4_0", "float32", w, x, 5, 64, 7)
+    assert np.isfinite(kept).all()
+    dropped, _ = ref.run("q4_0", "float32", w, x, 5, 64, 8)
+    assert np.isnan(dropped[:, 4]).all() and np.isfinite(dropped[:, :4]).all()
+
+
+def test_the_offset_counts_inputs_by_twos() -> None:
+    """In half 2048 + 1 + 1 is 2048 one after another, as in the single-row kernel, and 2050 by twos."""
+    x = torch.zeros(3, 64, dtype=torch.float16)
+    x[:, 0] = 2048
+    x[:, 1] = x[:, 33] = 1
+    weight = torch.frombuffer(bytearray(bytes(64) + half(1, 1) * 2), dtype=torch.uint8).to("xpu")
+    y = orrery_ops.forward_new(x.to("xpu"), weight, ref.CODES["q4_1"], 1).cpu()
+    assert torch.equal(y, torch.full((3, 2), 2050, dtype=torch.float16))
+    alone = orrery_ops.forward_new(x[:1].to("xpu"), weight, ref.CODES["q4_1"], 1).cpu()
+    assert torch.equal(alone, torch.full((1, 2), 2048, dtype=torch.float16))
+
+
+def test_inputs_that_cancel_leave_no_offset() -> None:
+    x = torch.zeros(3, 64, dtype=torch.float16)
+    x[:, :8] = torch.tensor([2048, 1, 0.25, 3, 1023, 0.5, 77, 1])
+    x[:, 32:40] = -x[:, :8]
+    weight = torch.frombuffer(bytearray(bytes(64) + half(1, 5) * 2), dtype=torch.uint8).to("xpu")
+    y = orrery_ops.forward_new(x.to("xpu"), weight, ref.CODES["q4_1"], 1).cpu()
+    assert torch.equal(y, torch.zeros(3, 2, dtype=torch.float16))
+
+
+@pytest.mark.parametrize(
+    "code, state, text",
+    [
+        (2, 1000, "%d must be a multiple of %d100016"),
+        (3, 72, "%d must be a multiple of %d7216"),
+        (8, 1004, "%d must be a multiple of %d10048"),
+        (10, 8, "%d must be a multiple of %d816"),
+        (16, 24, "%d must be a multiple of %d2416"),
+        (19, 68, "%d must be a multiple of %d688"),
+    ],
+)
+def test_a_row_that_is_no_whole_number_of_runs_is_refused(code: int, state: int, text: str) -> None:
+    weight = torch.zeros(4096, dtype=torch.uint8, device="xpu")
+    with pytest.raises(RuntimeError) as caught:
+        orrery_ops.forward_new(torch.ones(2, state, device="xpu"), weight, code, 1)
+    assert str(caught.value).splitlines()[0] == text
+
+
+def test_an_integer_input_is_refused() -> None:
+    weight = torch.zeros(34, dtype=torch.uint8, device="xpu")
+    with pytest.raises(NotImplementedError) as caught:
+        orrery_ops.forward_new(torch.ones(2, 64, dtype=torch.int32, device="xpu"), weight, 2, 1)
+    assert str(caught.value).splitlines()[0] == "\"qlinear_forward_xpu\" not implemented for 'Int'"
+
+
+def all_products() -> list[torch.Tensor]:
+    results = []
+    for name in ref.BATCHES:
+        for dtype in ref.DTYPES:
+            w, x = ref.case(name, dtype, 98, 576, n=5)
+            weight, inputs = ref.to_device(name, dtype, w, x, 98, 576, 5)
+            results.append(orrery_ops.forward_new(inputs, weight, ref.CODES[name], 1))
+    return results
+
+
+def test_neither_schedule_nor_threads_show() -> None:
+    assert_same_bits_in_any_order("test_linear_batch", all_products)
