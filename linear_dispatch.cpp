@@ -33,7 +33,8 @@ enum class tile_rule {
 enum class dense_cut {
   four_bit,     // one row per group, _1x4 for class 0 and _1x2 otherwise
   eight_bit,    // one row per group, _1x2 for class 0 and _1x1 otherwise
-  own,          // the kernel's unit chooses
+  one_byte,     // one row per group, a byte of two elements for an item
+  one_element,  // one row per group
   block_of_32,  // one 256-element block per group of 32
   block_of_64,  // one 256-element block per group of 64
 };
@@ -90,9 +91,9 @@ constexpr format_plan plans[] = {
       true, "dequantize_q4_1_kernel", "dequantize q4_0", 8},
      {{20, "qlinear_xpu_kernel_q4_1_2x16_batch", true, false}}},
     {6, "qlinear_xpu_kernel_q5_0", row_cut::one_row, 0, false,
-     {dense_cut::own, "qlinear_xpu_dequantize_kernel_q5_0", "qlinear_xpu_dequantize_kernel_q5_0", true, true}},
+     {dense_cut::one_byte, "qlinear_xpu_dequantize_kernel_q5_0", "qlinear_xpu_dequantize_kernel_q5_0", true, true}},
     {7, "qlinear_xpu_kernel_q5_1", row_cut::one_row, 0, false,
-     {dense_cut::own, "qlinear_xpu_dequantize_kernel_q5_1", "qlinear_xpu_dequantize_kernel_q5_1", false, false}},
+     {dense_cut::one_byte, "qlinear_xpu_dequantize_kernel_q5_1", "qlinear_xpu_dequantize_kernel_q5_1", false, false}},
     {8, "qlinear_xpu_kernel_q8_0_2x8", row_cut::two_rows, 8, true,
      {dense_cut::eight_bit, "qlinear_xpu_dequantize_kernel_q8_0_1x2", "qlinear_xpu_dequantize_kernel_q8_0_1x1", true,
       true, "dequantize_q8_0_kernel", "dequantize q8_0", 4},
@@ -104,7 +105,8 @@ constexpr format_plan plans[] = {
       true},
      {{14, "qlinear_xpu_kernel_nf4_2x16_batch", true, false}}},
     {11, "qlinear_xpu_kernel_nf3_2x16", row_cut::two_rows, 16, true,
-     {dense_cut::own, "qlinear_xpu_dequantize_kernel_nf3_new", "qlinear_xpu_dequantize_kernel_nf3_new", true, true}},
+     {dense_cut::one_element, "qlinear_xpu_dequantize_kernel_nf3_new", "qlinear_xpu_dequantize_kernel_nf3_new", true,
+      true}},
     {15, "qlinear_xpu_kernel_fp8_e4m3_2x8", row_cut::two_rows, 8, true,
      {dense_cut::eight_bit, "qlinear_xpu_dequantize_kernel_fp8_e4m3_1x2", "qlinear_xpu_dequantize_kernel_fp8_e4m3_1x1",
       true, true}},
@@ -134,7 +136,7 @@ constexpr format_plan plans[] = {
      {dense_cut::block_of_64, "qlinear_xpu_dequantize_kernel_q5_k", "qlinear_xpu_dequantize_kernel_q5_k", false,
       false}},
     {29, "qlinear_xpu_kernel_fp6_2x16", row_cut::two_rows, 16, true,
-     {dense_cut::own, "dequantize_fp6_kernel", "dequantize_fp6_kernel", true, true, "dequantize_fp6_kernel",
+     {dense_cut::one_element, "dequantize_fp6_kernel", "dequantize_fp6_kernel", true, true, "dequantize_fp6_kernel",
       "dequantize fp6", 8}},
 };
 // clang-format on
@@ -287,57 +289,60 @@ uint64_t dense_group(uint64_t state_size, uint64_t step, uint64_t smallest) {
 }
 
 uint64_t dense_group(dense_cut cut, bool wide, uint64_t state_size) {
-  const bool four_bit = cut == dense_cut::four_bit;
-  const uint64_t step = (four_bit ? 2 : 1) * (wide ? 2 : 1);
+  const bool two_a_byte = cut == dense_cut::four_bit || cut == dense_cut::one_byte;
+  const bool wider = wide && (cut == dense_cut::four_bit || cut == dense_cut::eight_bit);
+  const uint64_t step = (two_a_byte ? 2 : 1) * (wider ? 2 : 1);
   return dense_group(state_size, step, 64 / step);
 }
 
-linear_decision whole(const linear_request& r, const format_plan& plan, const row_shape& class_shape) {
-  const dense_row& dense = plan.dense;
-  const bool wide = r.device_class == 0;
-  const uint64_t elements = r.output_size * r.state_size;
+row_shape class_shape(uint32_t device_class) { return device_class == 0 ? row_shape{32, 64, 2} : row_shape{16, 32, 2}; }
+
+// The explicit-SIMD kernel, for the formats that have one.
+linear_decision dense_by_blocks(const linear_request& r, const dense_row& dense) {
   linear_decision d;
   d.family = kernel_family::whole;
-  // fp6 has no other kernel: with any other type its host function refuses.
-  if (dense.simd != nullptr && (half_or_float(r.type) || r.qtype == 29)) {
-    d.kernel = dense.simd;
-    d.record = dense.simd_record;
-    d.global = {elements / 64 / dense.simd_blocks, 1};
-    d.local = {1, 1};
-    d.shape = {1, 1, 0};
-    d.waits = r.qtype == 29;
-    d.scale_offset = scale_offset(r.qtype, r.output_size, r.state_size);
-    return d;
-  }
+  d.kernel = dense.simd;
+  d.record = dense.simd_record;
+  d.global = {r.output_size * r.state_size / 64 / dense.simd_blocks, 1};
+  d.local = {1, 1};
+  d.shape = {1, 1, 0};
+  d.waits = r.qtype == 29;
+  d.scale_offset = scale_offset(r.qtype, r.output_size, r.state_size);
+  return d;
+}
+
+// The ordinary kernel.
+linear_decision dense_by_rows(const linear_request& r, const format_plan& plan) {
+  const dense_row& dense = plan.dense;
+  const bool wide = r.device_class == 0;
+  linear_decision d;
+  d.family = kernel_family::whole;
   d.kernel = wide ? dense.wide : dense.narrow;
   d.waits = wide ? dense.wide_waits : dense.narrow_waits;
   d.row_multiple = 64;
   d.scale_offset = plan.takes_scale ? scale_offset(r.qtype, r.output_size, r.state_size) : 0;
-  d.shape.sub_group = class_shape.sub_group;
-  switch (dense.cut) {
-    case dense_cut::four_bit:
-    case dense_cut::eight_bit: {
-      const uint64_t group = dense_group(dense.cut, wide, r.state_size);
-      d.global = {r.output_size * group, 1};
-      d.local = {group, 1};
-      break;
-    }
-    case dense_cut::block_of_32:
-    case dense_cut::block_of_64: {
-      const uint64_t group = dense.cut == dense_cut::block_of_32 ? 32 : 64;
-      d.global = {elements / 256 * group, 1};
-      d.local = {group, 1};
-      d.shape.sub_group = 0;  // one instance for every class
-      break;
-    }
-    case dense_cut::own:
-      break;
+  if (dense.cut == dense_cut::block_of_32 || dense.cut == dense_cut::block_of_64) {
+    const uint64_t group = dense.cut == dense_cut::block_of_32 ? 32 : 64;
+    d.global = {r.output_size * r.state_size / 256 * group, 1};
+    d.local = {group, 1};
+    d.shape.sub_group = 0;  // one instance for every class
+  } else {
+    const uint64_t group = dense_group(dense.cut, wide, r.state_size);
+    d.global = {r.output_size * group, 1};
+    d.local = {group, 1};
+    d.shape.sub_group = class_shape(r.device_class).sub_group;
   }
   d.shape.work_group = static_cast<int>(d.local[0]);
   return d;
 }
 
-linear_decision tile(const linear_request& r, const format_plan& plan, const row_shape& class_shape) {
+linear_decision whole(const linear_request& r, const format_plan& plan) {
+  // fp6 has no other kernel: with any other type its host function refuses.
+  const bool by_blocks = plan.dense.simd != nullptr && (half_or_float(r.type) || r.qtype == 29);
+  return by_blocks ? dense_by_blocks(r, plan.dense) : dense_by_rows(r, plan);
+}
+
+linear_decision tile(const linear_request& r, const format_plan& plan) {
   const uint64_t size = r.settings.tile_size;
   if (size == 0) throw std::runtime_error("orrery_ops: TILE_SIZE must not be 0");
   const bool wide = r.device_class == 0;
@@ -352,7 +357,7 @@ linear_decision tile(const linear_request& r, const format_plan& plan, const row
   d.tiles = r.output_size / size + (r.output_size % size != 0);
   d.global = {d.tile_rows * group, 1};
   d.local = {group, 1};
-  d.shape = {class_shape.sub_group, static_cast<int>(group), 0};
+  d.shape = {class_shape(r.device_class).sub_group, static_cast<int>(group), 0};
   return d;
 }
 
@@ -372,13 +377,14 @@ bool takes_tiles(const linear_request& r, tile_rule rule) {
 
 linear_decision by_format(const linear_request& r) {
   const format_plan& plan = plan_of(r.qtype);
-  const row_shape class_shape = r.device_class == 0 ? row_shape{32, 64, 2} : row_shape{16, 32, 2};
-  if (r.n == 1) return single_row(r, plan, class_shape);
+  const row_shape shape = class_shape(r.device_class);
+  if (r.n == 1) return single_row(r, plan, shape);
   for (const batch_row& row : plan.batch) {
-    if (r.n <= row.limit && (row.class_0 || r.device_class != 0)) return batch(r, plan, row, class_shape);
+    if (row.kernel != nullptr && r.n <= row.limit && (row.class_0 || r.device_class != 0))
+      return batch(r, plan, row, shape);
   }
-  if (takes_tiles(r, plan.tile.rule)) return tile(r, plan, class_shape);
-  return whole(r, plan, class_shape);
+  if (takes_tiles(r, plan.tile.rule)) return tile(r, plan);
+  return whole(r, plan);
 }
 
 void check_number(const char* text, const char* end, const std::string& function) {
@@ -418,6 +424,8 @@ linear_decision decide(const linear_request& request) {
   if (takes_matrix_engine(request, request.settings.matrix_engine_disabled)) return matrix_engine(request);
   return by_format(request);
 }
+
+linear_decision decide_dense(const linear_request& request) { return dense_by_rows(request, plan_of(request.qtype)); }
 
 linear_settings read_settings(const linear_request& request) { return read_settings(request, environment_variable); }
 

@@ -41,7 +41,7 @@ struct linear_request {
   linear_settings settings;
 };
 
-// Ranges have a trailing 1 where the launch has one dimension. A range of 0, 0 is left to the kernel's own unit.
+// Ranges have a trailing 1 where the launch has one dimension.
 struct linear_decision {
   kernel_family family = kernel_family::single_row;
   const char* kernel = "";                // the functor's name
@@ -60,6 +60,9 @@ struct linear_decision {
 
 // Throws std::runtime_error for a code that no weight may have.
 linear_decision decide(const linear_request& request);
+
+// The ordinary kernel that makes a dense weight, whatever the type; of no use for fp6, which has none.
+linear_decision decide_dense(const linear_request& request);
 
 // Reads from the environment exactly what the way of this request reads, in its order. A malformed number throws
 // std::invalid_argument or std::out_of_range, also where the number would not matter.

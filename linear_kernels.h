@@ -3,6 +3,8 @@
 
 #include <c10/core/Device.h>
 #include <c10/core/ScalarType.h>
+#include <c10/util/BFloat16.h>
+#include <c10/util/Half.h>
 
 #include <cstdint>
 #include <string_view>
@@ -28,7 +30,23 @@ struct row_launch {
   void* y = nullptr;
   c10::Device device{c10::DeviceType::XPU};
   uint64_t n = 1;
+  bool waits = false;  // the host waits for the product's launch
 };
+
+// Calls `f` with a value of the input's type; the dispatch let no other type through.
+template <typename F>
+void with_value_type(c10::ScalarType type, F f) {
+  switch (type) {
+    case c10::ScalarType::Half:
+      return f(c10::Half());
+    case c10::ScalarType::Float:
+      return f(float());
+    case c10::ScalarType::Double:
+      return f(double());
+    default:
+      return f(c10::BFloat16());
+  }
+}
 
 // Whether a format has its single-row kernel.
 bool has_single_row(int32_t qtype);

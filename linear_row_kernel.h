@@ -309,21 +309,6 @@ void launch_row_kernel(const row_launch& a, int work_group, int rows, const char
          });
 }
 
-// Calls `f` with a value of the input's type; the dispatch let no other type through.
-template <typename F>
-void with_value_type(c10::ScalarType type, F f) {
-  switch (type) {
-    case c10::ScalarType::Half:
-      return f(c10::Half());
-    case c10::ScalarType::Float:
-      return f(float());
-    case c10::ScalarType::Double:
-      return f(double());
-    default:
-      return f(c10::BFloat16());
-  }
-}
-
 // The instances of a family with sub-groups of 16 and 32, `Rows` rows a group.
 template <template <typename, int, int> typename Kernel, int Rows>
 void launch_rows(const row_shape& shape, c10::ScalarType type, const row_launch& a, const char* function) {

@@ -21,6 +21,12 @@ constexpr row rows[] = {
     {15, launch_row_fp8_e4m3},
     {16, launch_row_fp4},
     {19, launch_row_fp8_e5m2},
+    {21, launch_row_iq2_xxs},
+    {23, launch_row_q2_k},
+    {24, launch_row_iq1_s},
+    {26, launch_row_q6_k},
+    {27, launch_row_q4_k},
+    {28, launch_row_q5_k},
     {29, launch_row_fp6},
 };
 // clang-format on

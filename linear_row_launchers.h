@@ -16,6 +16,12 @@ void launch_row_fp8_e4m3(const row_shape& shape, c10::ScalarType type, const row
 void launch_row_fp4(const row_shape& shape, c10::ScalarType type, const row_launch& args);
 void launch_row_fp8_e5m2(const row_shape& shape, c10::ScalarType type, const row_launch& args);
 void launch_row_fp6(const row_shape& shape, c10::ScalarType type, const row_launch& args);
+void launch_row_iq2_xxs(const row_shape& shape, c10::ScalarType type, const row_launch& args);
+void launch_row_q2_k(const row_shape& shape, c10::ScalarType type, const row_launch& args);
+void launch_row_iq1_s(const row_shape& shape, c10::ScalarType type, const row_launch& args);
+void launch_row_q4_k(const row_shape& shape, c10::ScalarType type, const row_launch& args);
+void launch_row_q5_k(const row_shape& shape, c10::ScalarType type, const row_launch& args);
+void launch_row_q6_k(const row_shape& shape, c10::ScalarType type, const row_launch& args);
 
 void launch_batch_q4_0(const row_shape& shape, c10::ScalarType type, const row_launch& args);
 void launch_by_batch_q4_0(const row_shape& shape, c10::ScalarType type, const row_launch& args);

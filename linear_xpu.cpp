@@ -52,11 +52,11 @@ Tensor linear_forward_new(const Tensor& input, const Tensor& weight, int32_t qty
 }
 
 // The weight is recorded here, and the first tensor everywhere else.
-Tensor dequant(const Tensor& input, const Tensor& weight, int32_t) {
+Tensor dequant(const Tensor& input, const Tensor& weight, int32_t qtype) {
   check_tensor(input, "input", "dequant", 191);
   check_tensor(weight, "weight", "dequant", 192);
   const trace_scope scope("orrery_xpu_dequant", weight);
-  not_built_yet("dequant");
+  return qlinear_forward_xpu(input, weight, qtype);
 }
 
 Tensor bmm(const Tensor& A, const Tensor& B, const Tensor& C) {
@@ -99,11 +99,11 @@ std::vector<Tensor> linear_xpu_qk(const Tensor& input, const Tensor& weight_q, c
   not_built_yet("forward_qk");
 }
 
-Tensor dequantize_rows(const Tensor& input, const Tensor& weight, int32_t, int64_t) {
+Tensor dequantize_rows(const Tensor& input, const Tensor& weight, int32_t qtype, int64_t row_size) {
   check_tensor(input, "input", "dequantize_rows", 300);
   check_tensor(weight, "weight", "dequantize_rows", 301);
   const trace_scope scope("orrery_dequantize_rows", input);
-  not_built_yet("dequantize_rows");
+  return dequantize_rows_xpu(input, weight, qtype, row_size);
 }
 
 void rope_q_and_k(const Tensor& query, const Tensor&, const Tensor&, const Tensor&, const Tensor&, float) {

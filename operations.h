@@ -12,6 +12,8 @@ namespace orrery {
 
 // linear_xpu_kernel
 at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t seq_hint);
+at::Tensor qlinear_forward_xpu(at::Tensor input, at::Tensor weight, int32_t qtype);
+at::Tensor dequantize_rows_xpu(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t row_size);
 
 // bmm_xpu_kernel
 at::Tensor bmm_xpu(at::Tensor A, at::Tensor B, at::Tensor C);

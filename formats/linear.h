@@ -141,8 +141,10 @@ struct q4_1 : nibble_pairs<false> {
   template <typename T, int N, int Share>
   static simd<T, N> scaled(const simd<T, N>& s, const simd<T, N>& x, const uint8_t* scales) {
     const auto* p = reinterpret_cast<const c10::Half*>(scales);
-    if constexpr (N == 1) {
-      return s * convert<T>(simd<c10::Half, 1>::load(p)) + x * convert<T>(simd<c10::Half, 1>::load(p + 1));
+    if constexpr (N == 1 || N < Share) {
+      const simd<T, N> d(convert<T>(simd<c10::Half, 1>::load(p))[0]);
+      const simd<T, N> m(convert<T>(simd<c10::Half, 1>::load(p + 1))[0]);
+      return s * d + x * m;
     } else {
       // Eight blocks' scales, also where the lanes have fewer: a stretch that is read whole needs no mask.
       static_assert(N / Share <= 8);

@@ -7,11 +7,13 @@
 //   group(d), local(d), global(d)        ids in dimension d; of the first lane
 //   local_linear()                       linear local id of the first lane
 //   barrier()                            work-group barrier
+//   xor_lane<SG>(value, bits)            another lane's value, where an item is one work-item
 //   when_last(f), once_a_launch<T>(n, f) only under `if constexpr (Item::last_acts_for_group)`
 //
 // A kernel declares
 //   static constexpr int sub_group_size  the required sub-group size; 1 for explicit SIMD
 //   static constexpr bool has_barriers   false if its strands meet only through tree_sum at their end
+//   static constexpr int smallest_group  if a group may be smaller than the sub-group size: its smallest size
 #pragma once
 
 #include <sycl/sycl.hpp>
@@ -36,6 +38,10 @@ class work_item {
   size_t global(int d = 0) const { return at_.get_global_id(d); }
   void barrier() const { sycl::group_barrier(at_.get_group()); }
   void leave() const {}
+  template <int SG, typename T>
+  T xor_lane(T value, size_t bits) const {
+    return sycl::permute_group_by_xor(at_.get_sub_group(), value, bits);
+  }
 
  private:
   sycl::nd_item<D> at_;
@@ -54,6 +60,13 @@ constexpr int lanes_of = 1;
 template <int D, typename Kernel>
 void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel& kernel) {
 #ifdef SYCL_EXT_ORRERY_HOST
+  if constexpr (requires { Kernel::smallest_group; }) {
+    if constexpr (Kernel::smallest_group < lanes_of<Kernel>) {
+      if (range.get_local_range().size() < lanes_of<Kernel>) {
+        return h.parallel_for_lanes<Kernel::smallest_group, Kernel::sub_group_size>(range, kernel);
+      }
+    }
+  }
   h.parallel_for_lanes<lanes_of<Kernel>, Kernel::sub_group_size>(range, kernel);
 #else
   h.parallel_for(range, [kernel](sycl::nd_item<D> at)
@@ -89,6 +102,25 @@ void tree_sum(const Item& item, T* partial, const simd<T, N> (&acc)[R], Store st
       for (int r = 0; r < R; ++r) store(r, partial[r * WG]);
     }
   }
+}
+
+// Every lane of a sub-group of SG takes its value and that of the lane SG / 2 away, then SG / 4, down to 1. All end
+// with the same value, since the order of the two operands shows in none of the operations in use; it is the halving
+// tree's.
+template <int SG, typename T, typename Item, int N, typename Op>
+T butterfly(const Item& item, simd<T, N> v, Op op) {
+  if constexpr (N == 1 && Item::lanes == 1) {
+    for (int s = SG / 2; s >= 1; s /= 2) v = op(v, simd<T, 1>(item.template xor_lane<SG>(v[0], s)));
+    return v[0];
+  } else if constexpr (N == 1) {
+    return v[0];
+  } else {
+    return butterfly<SG>(item, op(v.template slice<0, N / 2>(), v.template slice<N / 2, N / 2>()), op);
+  }
+}
+template <int SG, typename T, typename Item, int N>
+T butterfly_sum(const Item& item, const simd<T, N>& v) {
+  return butterfly<SG>(item, v, [](const auto& a, const auto& b) { return a + b; });
 }
 
 // A row cut into GS runs in order, the first `count % GS` of them one longer: work-item i has [begin(i), begin(i + 1)).

@@ -106,6 +106,8 @@ inline vector_t<To, W> convert_vector(vector_t<From, W> v) {
       return (vector_t<To, W>)_mm512_maskz_cvtepu16_epi32(0xFFFF, (__m256i)v);
     } else if constexpr (W == 16 && std::is_same_v<From, uint32_t> && std::is_same_v<To, uint16_t>) {
       return (vector_t<To, W>)_mm512_maskz_cvtepi32_epi16(0xFFFF, (__m512i)v);
+    } else if constexpr (W == 16 && std::is_same_v<From, int32_t> && std::is_same_v<To, int8_t>) {
+      return (vector_t<To, W>)_mm512_maskz_cvtepi32_epi8(0xFFFF, (__m512i)v);
     } else if constexpr (W == 8 && std::is_same_v<From, float> && std::is_same_v<To, double>) {
       return (vector_t<To, W>)_mm512_maskz_cvtps_pd(0xFF, (__m256)v);
     } else if constexpr (W == 8 && std::is_same_v<From, double> && std::is_same_v<To, float>) {
@@ -912,9 +914,10 @@ inline void load_words(const uint8_t* p, simd<uint32_t, N> (&word)[K]) {
   }
 }
 
-// Asks for `Bytes` bytes that will be read soon; the address may lie anywhere.
+// Asks for `Bytes` bytes that will be read soon; the address may lie anywhere. Always inline: GCC takes a function that
+// only prefetches for one without effect and drops the calls.
 template <int Bytes>
-inline void prefetch(const void* p) {
+__attribute__((always_inline)) inline void prefetch(const void* p) {
   ORRERY_UNROLL for (int i = 0; i < Bytes; i += 64) __builtin_prefetch(static_cast<const char*>(p) + i);
 }
 

@@ -137,8 +137,10 @@ def whole(code: int, type_: str, state: int, rows: int, cls: int) -> dict[str, A
         size = 32 if code in (21, 24, 27) else 64
         out |= {"kernel": kernel, "global": (rows * state // 256 * size,), "local": (size,), "waits": code != 28}
     else:
-        out |= {"kernel": kernel + ("_new" if code == 11 else ""), "waits": code != 7}
+        size = row_group("1x1" if code == 11 else "1x2", state)
+        out |= {"kernel": kernel + ("_new" if code == 11 else ""), "global": (rows * size,), "local": (size,)}
         out["sub_group"] = 32 if cls == 0 else 16
+        out["waits"] = code != 7
     return out
 
 
@@ -316,6 +318,13 @@ def test_a_limit_lies_where_the_format_has_it() -> None:
 def test_class_0_never_takes_the_batched_kernels_of_q4_0_and_fp4() -> None:
     for code, n in itertools.product((2, 16), range(2, 70)):
         assert decide(code, n, 0, DOUBLE, rows=4095)["family"] == "whole"
+
+
+def test_no_rows_of_input_take_no_kernel_that_a_format_lacks() -> None:
+    for code, cls in itertools.product(FORMATS, CLASSES):
+        got = decide(code, 0, cls, DOUBLE, rows=4095)
+        batched = code in (2, 3, 8, 10, 16, 19) and not (cls == 0 and code in (2, 16))
+        assert got["family"] == ("batch" if batched else "whole"), (FORMATS[code], cls)
 
 
 def test_an_odd_row_is_dropped_in_one_style_and_kept_in_the_other() -> None:

@@ -61,7 +61,9 @@ QKV_NAMES = (
     "src_0_qtype", "src_0_vtype", "kv_seq_len", "head_size", "rope_base",
 )  # fmt: skip
 
-BUILT = {"forward_new", "bmm", "sdp", "rms_norm", "rotary_half_inplaced", "rotary_two_inplaced"}
+BUILT = {
+    "forward_new", "dequant", "dequantize_rows", "bmm", "sdp", "rms_norm", "rotary_half_inplaced", "rotary_two_inplaced",
+}  # fmt: skip
 
 
 def arguments(name: str, device: str = "xpu") -> list[Any]:

@@ -1,4 +1,5 @@
-// Lets the tests ask for the decisions of the linear dispatch, the registry and the version test without a device.
+// Lets the tests ask for the decisions of the linear dispatch, the registry, the version test, and the readers of the
+// formats of 256 elements, without a device.
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
@@ -6,7 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "formats/grid.h"
 #include "formats/registry.h"
+#include "formats/super_block.h"
 #include "interpreter_version.h"
 #include "linear_dispatch.h"
 
@@ -68,6 +71,87 @@ py::dict decide(int32_t qtype, const std::string& type, int64_t n, uint64_t stat
   return out;
 }
 
+py::bytes as_bytes(const std::vector<float>& values) {
+  return py::bytes(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(float));
+}
+
+const uint8_t* data(std::string_view bytes) { return reinterpret_cast<const uint8_t*>(bytes.data()); }
+
+// Floats of a whole number of blocks: by the value rule, and by the reader of sixteen at once.
+template <typename Format>
+py::tuple block_values(const py::bytes& blocks) {
+  const std::string_view bytes(blocks);
+  std::vector<float> rule, reader;
+  for (size_t at = 0; at + Format::bytes <= bytes.size(); at += Format::bytes) {
+    const uint8_t* block = data(bytes) + at;
+    for (int e = 0; e < 256; ++e) rule.push_back(Format::value(block, e));
+    for (int h = 0; h < 16; ++h) {
+      float sixteen[16];
+      Format::values(block, h).store(sixteen);
+      reader.insert(reader.end(), sixteen, sixteen + 16);
+    }
+  }
+  return py::make_tuple(as_bytes(rule), as_bytes(reader));
+}
+
+// Every part's dot product of blocks with activations: part by part, and, on machines that have the instructions, as
+// many at once as the format takes.
+template <typename Format>
+py::tuple block_dots(const py::bytes& blocks, const py::bytes& activations) {
+  using orrery::formats::q8_1;
+  const std::string_view bytes(blocks), other(activations);
+  std::vector<float> parts, at_once;
+  const size_t count = bytes.size() / Format::bytes;
+  for (size_t b = 0; b < count; ++b) {
+    for (int part = 0; part < Format::parts; ++part) {
+      parts.push_back(Format::dot(data(bytes) + b * Format::bytes, data(other) + 8 * b * q8_1::bytes, part));
+    }
+  }
+#ifdef ORRERY_BYTE_DOTS
+  constexpr int unit = Format::blocks_at_once, lanes = unit * Format::parts;
+  for (size_t b = 0; b + unit <= count; b += unit) {
+    typename Format::inputs in;
+    in.fill(data(other) + 8 * b * q8_1::bytes, 8 * unit);
+    float some[lanes];
+    Format::dots(data(bytes) + b * Format::bytes, in).store(some);
+    at_once.insert(at_once.end(), some, some + lanes);
+  }
+#endif
+  return py::make_tuple(as_bytes(parts), as_bytes(at_once));
+}
+
+py::tuple values_of(int32_t code, const py::bytes& blocks) {
+  namespace f = orrery::formats;
+  switch (code) {
+    case 21:
+      return block_values<f::iq2_xxs>(blocks);
+    case 23:
+      return block_values<f::q2_k>(blocks);
+    case 24:
+      return block_values<f::iq1_s>(blocks);
+    case 26:
+      return block_values<f::q6_k>(blocks);
+    case 27:
+      return block_values<f::q4_k>(blocks);
+    case 28:
+      return block_values<f::q5_k>(blocks);
+  }
+  throw std::invalid_argument("no format of 256 elements has this code");
+}
+
+py::tuple dots_of(int32_t code, const py::bytes& blocks, const py::bytes& activations) {
+  namespace f = orrery::formats;
+  switch (code) {
+    case 21:
+      return block_dots<f::iq2_xxs>(blocks, activations);
+    case 23:
+      return block_dots<f::q2_k>(blocks, activations);
+    case 24:
+      return block_dots<f::iq1_s>(blocks, activations);
+  }
+  throw std::invalid_argument("no format with integer dot products has this code");
+}
+
 bool version_fits(const std::string& version) {
   if (!orrery::interpreter_fits(version.c_str())) throw py::error_already_set();
   return true;
@@ -81,6 +165,8 @@ PYBIND11_MODULE(orrery_dispatch, m) {
         py::arg("environment") = std::map<std::string, std::string>{});
   m.def("device_class_of", [](const std::string& name) { return orrery::device_class_of(name); });
   m.def("version_fits", version_fits);
+  m.def("block_values", values_of);
+  m.def("block_dots", dots_of);
   m.def("rows_of_weight", orrery::rows_of_weight);
   m.def("scale_offset", orrery::scale_offset);
   m.def("fp6_second_plane", orrery::fp6_second_plane);

@@ -181,6 +181,13 @@ class lane_item {
   size_t local_linear() const { return at_.local_linear; }
   size_t global(int d = 0) const { return at_.global(d); }
   void barrier() const { detail::meet(*at_.state, at_.strand, detail::strand_state::at_group_barrier); }
+  // The value of the work-item whose index in a sub-group of SG is this one's xor `bits`.
+  template <int SG, typename T>
+  T xor_lane(T value, size_t bits) const
+    requires(N == 1)
+  {
+    return permute_group_by_xor(sub_group(at_.state, at_.strand, at_.local_linear % SG, SG), value, bits);
+  }
   // From here on the group goes on without this strand.
   void leave() const { detail::leave(*at_.state, at_.strand); }
   // Every strand calls this as its last act; the last one runs `whole`.

@@ -1,0 +1,114 @@
+// Whole values, scale and all, of neighbouring elements of a block: what dense weights are made with.
+//
+// A place is a quant byte of a block, or an element where codes are no whole bytes. A reader has
+//   places, per_place  places of a block, and elements of a place, which lie `places` apart
+//   quant_bytes        bytes of a block where the codes lie
+//   scale_bytes        bytes of a block in the scale plane
+//   read<T>(..., out)  out[h], h below per_place: the elements place + h * places and following, one a lane, each
+//                      computed in T
+// and, where a code is the bits of a half, half_bits too: a NaN that passes through a float comes back as another.
+#pragma once
+
+#include "formats/codebook.h"
+
+namespace orrery::formats {
+
+// Where the parts of a weight lie, from its first block on. A format without a scale plane does not read `scales`.
+struct block_planes {
+  const uint8_t* quants = nullptr;
+  const uint8_t* scales = nullptr;
+  const uint8_t* top_bits = nullptr;  // of fp6
+};
+
+// Vectors never leave a block, so all their lanes share its scale.
+constexpr int any_lanes = 128;
+
+// Formats whose bytes hold whole codes.
+template <typename Format>
+struct byte_reader {
+  static constexpr int per_place = Format::codes_per_byte;
+  static constexpr int places = 64 / per_place;
+  static constexpr int quant_bytes = Format::quant_bytes, scale_bytes = Format::scale_bytes;
+
+  template <typename T, int C>
+  static void read(const block_planes& at, uint64_t block, int place, simd<T, C> (&out)[per_place]) {
+    const auto byte = bytes<C>(at, block, place);
+    const uint8_t* scales = at.scales + block * scale_bytes;
+    if constexpr (per_place == 2 && C >= 16) {
+      // Sixteen products a block, looked up, instead of one for each element.
+      const auto values = dequantized<Format, T, any_lanes>(simd<uint32_t, 16>::iota(), scales);
+      ORRERY_UNROLL for (int p = 0; p < 2; ++p) out[p] = lookup16(values, Format::byte_code(byte, p));
+    } else {
+      ORRERY_UNROLL for (int p = 0; p < per_place; ++p) {
+        out[p] = dequantized<Format, T, any_lanes>(Format::byte_code(byte, p), scales);
+      }
+    }
+  }
+
+  template <int C>
+  static simd<uint16_t, C> half_bits(const block_planes& at, uint64_t block, int place) requires requires {
+    Format::half_bits(0);
+  }
+  { return convert<uint16_t>((bytes<C>(at, block, place) << 8) | simd<uint32_t, C>(uint32_t(Format::half_bits(0)))); }
+
+ private:
+  template <int C>
+  static simd<uint32_t, C> bytes(const block_planes& at, uint64_t block, int place) {
+    return convert<uint32_t>(simd<uint8_t, C>::load(at.quants + block * quant_bytes + place));
+  }
+};
+
+// Codes that are no whole bytes come sixteen at a time, or one by one.
+template <int C, typename One, typename Sixteen>
+simd<uint32_t, C> gather_codes(int place, One one, Sixteen sixteen) {
+  if constexpr (C == 1) {
+    return simd<uint32_t, 1>(static_cast<uint32_t>(one(place)));
+  } else {
+    static_assert(C % 16 == 0);
+    alignas(64) uint32_t code[C];
+    ORRERY_UNROLL for (int i = 0; i < C; i += 16) sixteen(place + i).store(code + i);
+    return simd<uint32_t, C>::load(code);
+  }
+}
+
+struct nf3_reader {
+  static constexpr int per_place = 1, places = 64;
+  static constexpr int quant_bytes = nf3::quant_bytes, scale_bytes = nf3::scale_bytes;
+
+  template <typename T, int C>
+  static void read(const block_planes& at, uint64_t block, int place, simd<T, C> (&out)[1]) {
+    const uint8_t* p = at.quants + block * quant_bytes;
+    const auto code = gather_codes<C>(
+        place, [p](int e) { return nf3::code_of(p, e); }, [p](int e) { return nf3::codes_of_16(p, e); });
+    out[0] = dequantized<nf3, T, any_lanes>(code, at.scales + block * scale_bytes);
+  }
+};
+
+// Whole blocks at once.
+struct fp6_reader {
+  static constexpr int per_place = 1, places = 64;
+  static constexpr int quant_bytes = fp6::low_bytes, scale_bytes = fp6::scale_bytes;
+
+  template <typename T, int C>
+  static void read(const block_planes& at, uint64_t block, int, simd<T, C> (&out)[1]) {
+    static_assert(C == places);
+    const auto code = fp6::codes_of_block(at.quants + block * fp6::low_bytes, at.top_bits + block * fp6::top_bytes);
+    out[0] = dequantized<fp6, T, any_lanes>(convert<uint32_t>(code), at.scales + block * scale_bytes);
+  }
+};
+
+// q5_0 and q5_1, whose blocks keep all bytes together.
+template <typename Format>
+struct q5_reader {
+  static constexpr int places = 32, per_place = 2, quant_bytes = Format::bytes, scale_bytes = 0;
+
+  template <typename T, int C>
+  static void read(const block_planes& at, uint64_t block, int place, simd<T, C> (&out)[2]) {
+    const uint8_t* bytes = at.quants + block * quant_bytes;
+    simd<int32_t, C> code[2];
+    Format::template codes<C>(bytes, place, code[0], code[1]);
+    ORRERY_UNROLL for (int h = 0; h < 2; ++h) out[h] = Format::template value<T>(code[h], bytes);
+  }
+};
+
+}  // namespace orrery::formats

@@ -1,0 +1,369 @@
+// The grid formats: eight elements are one entry of a table of patterns, 32 of them share a scale. Blocks are those of
+// GGUF files. Members as in super_block.h.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cstdint>
+
+#include "bytes.h"
+#include "grid_tables.h"
+#include "includes/codes.h"
+#include "includes/simd.h"
+#include "q8_1.h"
+
+namespace orrery::formats {
+
+// Seven sign bits and, in bit 7, their parity.
+inline constexpr auto ksigns_iq2xs = [] {
+  std::array<uint8_t, 128> signs{};
+  for (unsigned i = 0; i < signs.size(); ++i) signs[i] = static_cast<uint8_t>(i | std::popcount(i) % 2 << 7);
+  return signs;
+}();
+
+#ifdef ORRERY_BYTE_DOTS
+// Two neighbouring blocks are multiplied at once: lane 8 k + ib is sub-block ib of block k, byte 4 (8 k + ib) + g its
+// group g. Indexes are looked up for 64 groups together, in registers, which gives two bytes for each: four 2-bit codes
+// for elements 0 to 3 and four for elements 4 to 7. In a grid of 256 entries that takes 1.4 ns on Zen 4, gathers of
+// whole entries 18.6 ns.
+namespace detail {
+
+// Table entries as pairs of bytes: half[0] has the codes of elements 0 to 3.
+template <int Entries>
+struct packed_grid {
+  alignas(64) uint8_t half[2][Entries] = {};
+
+  template <typename Code>
+  constexpr packed_grid(Code code) {
+    for (int i = 0; i < Entries; ++i) {
+      for (int j = 0; j < 8; ++j) half[j / 4][i] = static_cast<uint8_t>(half[j / 4][i] | code(i, j) << (2 * (j % 4)));
+    }
+  }
+};
+
+// table[index & 127]
+ORRERY_INLINE inline __m512i lookup_128(const uint8_t* table, __m512i index) {
+  return _mm512_permutex2var_epi8(_mm512_load_si512(table), index, _mm512_load_si512(table + 64));
+}
+
+// table[index]
+ORRERY_INLINE inline __m512i lookup_256(const uint8_t* table, __m512i index) {
+  return _mm512_mask_blend_epi8(_mm512_movepi8_mask(index), lookup_128(table, index), lookup_128(table + 128, index));
+}
+
+// Magnitude of a 2-bit code of iq2_xxs, whatever the four bits above it.
+struct magnitude_table {
+  alignas(64) uint8_t of[64] = {};
+  constexpr magnitude_table() {
+    for (int i = 0; i < 64; ++i) of[i] = i % 4 == 0 ? 8 : i % 4 == 1 ? 25 : 43;
+  }
+};
+
+inline constexpr packed_grid<2048> iq1s_codes([](int i, int j) {
+  return static_cast<int>(iq1s_grid[i] >> (8 * (j % 4) + 4 * (j / 4)) & 15);
+});
+
+// iq1s_grid is sorted by elements 4 to 7, so these come in 81 runs, of which no eight neighbours see more than two:
+// five permutations instead of sixteen, 9 ns a block of the product instead of 12.
+struct sorted_runs {
+  alignas(64) uint8_t run[256] = {};      // of the first of eight entries
+  alignas(64) uint8_t next_at[256] = {};  // the first of the eight that belongs to the next run, or 8
+  alignas(64) uint8_t codes[128] = {};    // of a run
+  bool exact = true;
+
+  constexpr sorted_runs() {
+    const auto& all = iq1s_codes.half[1];
+    int at = 0;
+    for (int i = 0; i < 2048; ++i) {
+      if (i > 0 && all[i] != all[i - 1]) ++at;
+      codes[at] = all[i];
+      if (i % 8 == 0) {
+        run[i / 8] = static_cast<uint8_t>(at);
+        next_at[i / 8] = 8;
+      }
+      if (at > run[i / 8] && next_at[i / 8] == 8) next_at[i / 8] = static_cast<uint8_t>(i % 8);
+    }
+    for (int i = 0; i < 2048; ++i) exact &= codes[run[i / 8] + (i % 8 >= next_at[i / 8])] == all[i];
+  }
+};
+inline constexpr sorted_runs iq1s_runs;
+static_assert(iq1s_runs.exact);
+
+// For each lane's 32 bits, the bytes that begin at bits 0, Step, 2 Step and 3 Step.
+template <int Step>
+ORRERY_INLINE inline __m512i bytes_at_steps(__m512i words) {
+  constexpr uint64_t low = 0ull | 1ull * Step << 8 | 2ull * Step << 16 | 3ull * Step << 24;
+  constexpr uint64_t from = low | (low + 0x20202020ull) << 32;
+  return _mm512_maskz_multishift_epi64_epi8(~0ull, _mm512_set1_epi64(static_cast<long long>(from)), words);
+}
+
+ORRERY_INLINE inline simd<float, 16> to_float(__m512i words) {
+  simd<int32_t, 16> i;
+  i.v[0] = (decltype(i.v[0] + i.v[0]))words;
+  return convert<float>(i);
+}
+
+// The first number in eight lanes, the second in the others.
+ORRERY_INLINE inline simd<float, 16> halves(float low, float high) {
+  return select(mask<16>{0xFF}, simd<float, 16>(low), simd<float, 16>(high));
+}
+
+// The activations of two blocks: codes[j] has element j of each group.
+struct alignas(64) grid_inputs {
+  int8_t codes[8][64];
+  float d[16];
+  float sum[16];
+
+  void fill(const uint8_t* activations, int sub_blocks) {
+    *this = {};
+    for (int s = 0; s < sub_blocks; ++s) {
+      const uint8_t* other = activations + s * q8_1::bytes;
+      for (int e = 0; e < 32; ++e) codes[e % 8][4 * s + e / 8] = q8_1::codes(other)[e];
+      d[s] = q8_1::d(other);
+      sum[s] = q8_1::sum(other);
+    }
+  }
+};
+
+}  // namespace detail
+#endif
+
+// Magnitudes 8, 25 and 43 with a sign each. A sub-block of 32 is 8 bytes: four indexes, then a word of four 7-bit sign
+// indexes and a 4-bit scale.
+struct iq2_xxs {
+  static constexpr int bytes = 66;
+  static constexpr int d_at = 0, groups_at = 2;
+
+  static float value(const uint8_t* block, int e) {
+    const int ib = e / 32, g = e % 32 / 8, j = e % 8;
+    const float magnitude = scale(block, ib) * static_cast<float>(magnitudes(block, ib, g) >> (8 * j) & 0xFF);
+    return signs(block, ib, g) >> j & 1 ? -magnitude : magnitude;
+  }
+
+  static simd<float, 16> values(const uint8_t* block, int h) {
+    const int ib = h / 2, g = 2 * (h % 2);
+    const uint64_t grid[2] = {magnitudes(block, ib, g), magnitudes(block, ib, g + 1)};
+    const mask<16> negative{static_cast<uint64_t>(signs(block, ib, g) | signs(block, ib, g + 1) << 8)};
+    const auto bytes = simd<uint8_t, 16>::load(reinterpret_cast<const uint8_t*>(grid));
+    const auto all = simd<float, 16>(scale(block, ib)) * convert<float>(convert<int32_t>(bytes));
+    return select(negative, -all, all);
+  }
+
+  static uint64_t magnitudes(const uint8_t* block, int ib, int g) { return iq2xxs_grid[block[groups_at + 8 * ib + g]]; }
+  static int signs(const uint8_t* block, int ib, int g) {
+    return ksigns_iq2xs[signs_and_scale(block, ib) >> 7 * g & 127];
+  }
+  static uint32_t signs_and_scale(const uint8_t* block, int ib) {
+    return read<uint32_t>(block + groups_at + 8 * ib + 4);
+  }
+  static float d(const uint8_t* block) { return half_at(block + d_at); }
+
+  // Work-items that share the dot product of a block with eight blocks of quantized activations.
+  static constexpr int parts = 8;
+
+  static float dot(const uint8_t* block, const uint8_t* activations, int ib) {
+    const uint8_t* other = activations + ib * q8_1::bytes;
+    int sum = 0;
+    for (int g = 0; g < 4; ++g) {
+      const uint64_t grid = magnitudes(block, ib, g);
+      const int negative = signs(block, ib, g);
+      for (int j = 0; j < 8; ++j) {
+        const int product = q8_1::codes(other)[8 * g + j] * static_cast<int>(grid >> 8 * j & 0xFF);
+        sum += negative >> j & 1 ? -product : product;
+      }
+    }
+    const float small = static_cast<float>(signs_and_scale(block, ib) >> 28) + 0.5f;
+    return (((small * d(block)) * q8_1::d(other)) * 0.25f) * static_cast<float>(sum);
+  }
+
+#ifdef ORRERY_BYTE_DOTS
+  static constexpr int blocks_at_once = 2;
+  using inputs = detail::grid_inputs;
+
+  // dot() of the parts of two blocks.
+  ORRERY_INLINE static simd<float, 16> dots(const uint8_t* block, const inputs& in) {
+    static constexpr detail::packed_grid<256> grid(
+        [](int i, int j) { return static_cast<int>(iq2xxs_grid[i] >> 8 * j & 0xFF) / 17; });
+    static constexpr detail::magnitude_table magnitude;
+    alignas(64) static constexpr auto all_signs = ksigns_iq2xs;
+    const __m512i first = _mm512_loadu_si512(block + groups_at), second = _mm512_loadu_si512(block + bytes + groups_at);
+    const __m512i even = _mm512_set_epi32(30, 28, 26, 24, 22, 20, 18, 16, 14, 12, 10, 8, 6, 4, 2, 0);
+    const __m512i index = _mm512_permutex2var_epi32(first, even, second);
+    const __m512i words = _mm512_permutex2var_epi32(first, _mm512_add_epi32(even, _mm512_set1_epi32(1)), second);
+    const __m512i negative = detail::lookup_128(all_signs.data(), detail::bytes_at_steps<7>(words));
+    const __m512i magnitudes = _mm512_load_si512(magnitude.of);
+    __m512i sum = _mm512_setzero_si512();
+    ORRERY_UNROLL for (int h = 0; h < 2; ++h) {
+      const __m512i codes = detail::lookup_256(grid.half[h], index);
+      ORRERY_UNROLL for (int j = 0; j < 4; ++j) {
+        const __m512i values = _mm512_maskz_permutexvar_epi8(~0ull, _mm512_srli_epi16(codes, 2 * j), magnitudes);
+        const __m512i x = _mm512_load_si512(in.codes[4 * h + j]);
+        const __mmask64 minus = _mm512_test_epi8_mask(negative, _mm512_set1_epi8(static_cast<char>(1 << (4 * h + j))));
+        sum = _mm512_dpbusd_epi32(sum, values, _mm512_mask_sub_epi8(x, minus, _mm512_setzero_si512(), x));
+      }
+    }
+    using F = simd<float, 16>;
+    const F small = detail::to_float(_mm512_maskz_srli_epi32(0xFFFF, words, 28)) + F(0.5f);
+    const F scaled = ((small * detail::halves(d(block), d(block + bytes))) * F::load(in.d)) * F(0.25f);
+    return scaled * detail::to_float(sum);
+  }
+#endif
+
+ private:
+  static float scale(const uint8_t* block, int ib) {
+    return ((static_cast<float>(signs_and_scale(block, ib) >> 28) + 0.5f) * d(block)) * 0.25f;
+  }
+};
+
+// Values 0, 1 and 2 with a delta that the sub-block chooses. A sub-block of 32 is four low bytes of an 11-bit index,
+// and a word of their high bits, a 3-bit scale and the choice.
+struct iq1_s {
+  static constexpr int bytes = 50;
+  static constexpr int d_at = 0, low_at = 2, high_at = 34;
+
+  static float value(const uint8_t* block, int e) {
+    const int ib = e / 32, g = e % 32 / 8, j = e % 8;
+    const uint32_t codes = grid(block, ib, g) >> (4 * (j / 4)) & 0x0F0F0F0F;
+    return scale(block, ib) * (delta(block, ib) + static_cast<float>(codes >> (8 * (j % 4)) & 0xFF));
+  }
+
+  static simd<float, 16> values(const uint8_t* block, int h) {
+    const int ib = h / 2, g = 2 * (h % 2);
+    const uint32_t a = grid(block, ib, g), b = grid(block, ib, g + 1);
+    constexpr uint32_t low = 0x0F0F0F0F;
+    const uint32_t codes[4] = {a & low, a >> 4 & low, b & low, b >> 4 & low};
+    const auto v = convert<float>(convert<int32_t>(simd<uint8_t, 16>::load(reinterpret_cast<const uint8_t*>(codes))));
+    return simd<float, 16>(scale(block, ib)) * (simd<float, 16>(delta(block, ib)) + v);
+  }
+
+  static uint32_t grid(const uint8_t* block, int ib, int g) {
+    return iq1s_grid[block[low_at + 4 * ib + g] | (high(block, ib) >> 3 * g & 7) << 8];
+  }
+  static float scale(const uint8_t* block, int ib) {
+    return d(block) * static_cast<float>(2 * (high(block, ib) >> 12 & 7) + 1);
+  }
+  static float delta(const uint8_t* block, int ib) { return high(block, ib) & 0x8000 ? -1.125f : -0.875f; }
+  static uint32_t high(const uint8_t* block, int ib) { return read<uint16_t>(block + high_at + 2 * ib); }
+  static float d(const uint8_t* block) { return half_at(block + d_at); }
+
+  static constexpr int parts = 8;
+
+  static float dot(const uint8_t* block, const uint8_t* activations, int ib) {
+    const uint8_t* other = activations + ib * q8_1::bytes;
+    int sum = 0;
+    for (int g = 0; g < 4; ++g) {
+      const uint32_t codes = grid(block, ib, g);
+      for (int j = 0; j < 8; ++j) {
+        sum += q8_1::codes(other)[8 * g + j] * static_cast<int>(codes >> (8 * (j % 4) + 4 * (j / 4)) & 15);
+      }
+    }
+    const float dl = scale(block, ib);
+    return (dl * q8_1::d(other)) * static_cast<float>(sum) + (dl * q8_1::sum(other)) * delta(block, ib);
+  }
+
+#ifdef ORRERY_BYTE_DOTS
+  static constexpr int blocks_at_once = 4;
+  struct inputs {
+    detail::grid_inputs pair[2];
+    void fill(const uint8_t* activations, int sub_blocks) {
+      pair[0].fill(activations, sub_blocks < 16 ? sub_blocks : 16);
+      pair[1].fill(activations + 16 * q8_1::bytes, sub_blocks > 16 ? sub_blocks - 16 : 0);
+    }
+  };
+
+  // dot() of the parts of four blocks, two and two, so that the tables are read once for both.
+  ORRERY_INLINE static simd<float, 32> dots(const uint8_t* block, const inputs& in) {
+    const two_blocks a(block), b(block + 2 * bytes);
+    __m512i sum[2][4];
+    for (auto& pair : sum) {
+      for (__m512i& part : pair) part = _mm512_setzero_si512();
+    }
+    const codes first = lookup<4>(detail::iq1s_codes.half[0], a, b);
+    add_products(sum[0], first.a, in.pair[0].codes);
+    add_products(sum[1], first.b, in.pair[1].codes);
+    add_products(sum[0], a.last_four(), in.pair[0].codes + 4);
+    add_products(sum[1], b.last_four(), in.pair[1].codes + 4);
+    simd<float, 32> r;
+    r.template set_slice<0>(a.scaled(block, sum[0], in.pair[0]));
+    r.template set_slice<16>(b.scaled(block + 2 * bytes, sum[1], in.pair[1]));
+    return r;
+  }
+#endif
+
+ private:
+#ifdef ORRERY_BYTE_DOTS
+  static __m256i load_256(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
+  static __m128i load_128(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
+
+  // Indexes of the 64 groups of two blocks: eight low bits, and by mask the bits that choose among tables of 128
+  // entries.
+  struct two_blocks {
+    __m512i low, high, words;
+    __mmask64 bit[4];
+
+    ORRERY_INLINE explicit two_blocks(const uint8_t* block) {
+      low = _mm512_maskz_inserti64x4(0xFF, _mm512_castsi256_si512(load_256(block + low_at)),
+                                     load_256(block + bytes + low_at), 1);
+      words =
+          _mm512_maskz_cvtepu16_epi32(0xFFFF, _mm256_inserti128_si256(_mm256_castsi128_si256(load_128(block + high_at)),
+                                                                      load_128(block + bytes + high_at), 1));
+      high = detail::bytes_at_steps<3>(words);
+      bit[0] = _mm512_movepi8_mask(low);
+      for (int i = 0; i < 3; ++i) bit[1 + i] = _mm512_test_epi8_mask(high, _mm512_set1_epi8(static_cast<char>(1 << i)));
+    }
+
+    // Codes of elements 4 to 7 of each group.
+    ORRERY_INLINE __m512i last_four() const {
+      const auto& runs = detail::iq1s_runs;
+      const __m512i eights =
+          _mm512_ternarylogic_epi64(_mm512_set1_epi8(0x1F), _mm512_srli_epi16(low, 3), _mm512_slli_epi16(high, 5),
+                                    0xCA);  // five bits, three above them
+      const __m512i place = _mm512_and_si512(low, _mm512_set1_epi8(7));
+      const __mmask64 next = _mm512_cmpge_epu8_mask(place, detail::lookup_256(runs.next_at, eights));
+      const __m512i run = detail::lookup_256(runs.run, eights);
+      return detail::lookup_128(runs.codes, _mm512_mask_add_epi8(run, next, run, _mm512_set1_epi8(1)));
+    }
+
+    ORRERY_INLINE simd<float, 16> scaled(const uint8_t* block, const __m512i (&sum)[4],
+                                         const detail::grid_inputs& in) const {
+      using F = simd<float, 16>;
+      const __m512i total = _mm512_add_epi32(
+          _mm512_add_epi32(sum[0], _mm512_maskz_srai_epi32(0xFFFF, sum[1], 2)),
+          _mm512_add_epi32(_mm512_maskz_srai_epi32(0xFFFF, sum[2], 4), _mm512_maskz_srai_epi32(0xFFFF, sum[3], 6)));
+      const __m512i odd = _mm512_or_si512(
+          _mm512_and_si512(_mm512_maskz_srli_epi32(0xFFFF, words, 11), _mm512_set1_epi32(14)), _mm512_set1_epi32(1));
+      const F dl = detail::halves(d(block), d(block + bytes)) * detail::to_float(odd);
+      const mask<16> below{_mm512_test_epi32_mask(words, _mm512_set1_epi32(0x8000))};
+      const F deltas = select(below, F(-1.125f), F(-0.875f));
+      return (dl * F::load(in.d)) * detail::to_float(total) + (dl * F::load(in.sum)) * deltas;
+    }
+  };
+
+  // Codes are not shifted down before they are multiplied: those at each of the four places in a byte are added up for
+  // themselves, and the sums, multiples of 4, 16 and 64, are shifted.
+  ORRERY_INLINE static void add_products(__m512i (&sum)[4], __m512i codes, const int8_t (*x)[64]) {
+    ORRERY_UNROLL for (int j = 0; j < 4; ++j) {
+      const __m512i some = _mm512_and_si512(codes, _mm512_set1_epi8(static_cast<char>(3 << 2 * j)));
+      sum[j] = _mm512_dpbusd_epi32(sum[j], some, _mm512_load_si512(x[j]));
+    }
+  }
+
+  // Both pairs' codes of elements 0 to 3 from 2^Bits tables of 128 entries: each bit of an index chooses between two
+  // halves of them.
+  struct codes {
+    __m512i a, b;
+  };
+  template <int Bits>
+  ORRERY_INLINE static codes lookup(const uint8_t* table, const two_blocks& a, const two_blocks& b) {
+    if constexpr (Bits == 0) {
+      return {detail::lookup_128(table, a.low), detail::lookup_128(table, b.low)};
+    } else {
+      const codes zero = lookup<Bits - 1>(table, a, b), one = lookup<Bits - 1>(table + (64 << Bits), a, b);
+      return {_mm512_mask_blend_epi8(a.bit[Bits - 1], zero.a, one.a),
+              _mm512_mask_blend_epi8(b.bit[Bits - 1], zero.b, one.b)};
+    }
+  }
+#endif
+};
+
+}  // namespace orrery::formats

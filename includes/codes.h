@@ -1,0 +1,99 @@
+// Values of small codes that lie side by side in words.
+#pragma once
+
+#include <utility>
+
+#include "simd.h"
+
+namespace orrery {
+
+// For the bodies of kernels, whose values are registers: a call would put them into memory.
+#define ORRERY_INLINE __attribute__((always_inline))
+
+namespace detail {
+
+// The upper halves of the floats that Rule gives to all codes of Bits bits, repeated to a whole vector.
+template <typename Rule, int Bits>
+struct code_values {
+  static constexpr int count = Bits < 5 ? 32 : 1 << Bits;
+  alignas(64) uint16_t upper[count] = {};
+  alignas(64) float whole[16] = {};
+
+  constexpr code_values() {
+    for (int i = 0; i < count; ++i) {
+      upper[i] = static_cast<uint16_t>(std::bit_cast<uint32_t>(float(Rule::value(i % (1 << Bits)))) >> 16);
+    }
+    for (int i = 0; i < 16; ++i) whole[i] = Rule::value(i % (1 << Bits));
+  }
+};
+template <typename Rule, int Bits>
+inline constexpr code_values<Rule, Bits> values_of_codes;
+
+}  // namespace detail
+
+// Rule::value(code) as a float, for the code of Bits bits at bit At of each lane. The values are integers of at most
+// eight significant bits, so that the upper half of a float holds them. Permutations of registers ignore what stands
+// above an index, so no mask is spent on it: a code in the lower word is looked up as a float if it has four bits, any
+// other is brought into the upper word and looked up there.
+template <typename Rule, int Bits, int At, int N>
+ORRERY_INLINE inline simd<float, N> value_of_code(const simd<uint32_t, N>& word) {
+#ifdef ORRERY_LANE_MASKS
+  if constexpr (N == 16) {
+    const auto& table = detail::values_of_codes<Rule, Bits>;
+    simd<float, 16> r;
+    if constexpr (Bits == 4 && At < 16) {
+      r.v[0] = __builtin_shuffle(simd<float, 16>::load(table.whole).v[0], (word >> At).v[0]);
+    } else {
+      const auto shifted = At < 16 ? word << (16 - At) : word >> (At - 16);
+      const auto index = (__m512i)shifted.v[0], low = _mm512_load_si512(table.upper);
+      constexpr __mmask32 upper_words = 0xAAAAAAAA;
+      if constexpr (Bits <= 5) {
+        r.v[0] = (decltype(r.v[0] + r.v[0]))_mm512_maskz_permutexvar_epi16(upper_words, index, low);
+      } else {
+        const auto high = _mm512_load_si512(table.upper + 32);
+        r.v[0] = (decltype(r.v[0] + r.v[0]))_mm512_maskz_permutex2var_epi16(upper_words, low, index, high);
+      }
+    }
+    return r;
+  } else
+#endif
+  {
+    static_assert(Bits <= 6);
+    simd<float, N> r;
+    for (int i = 0; i < N; ++i) r.set(i, static_cast<float>(Rule::value(word[i] >> At & ((1 << Bits) - 1))));
+    return r;
+  }
+}
+
+// Products of bytes added up by fours, permutations of bytes.
+#if defined(ORRERY_LANE_MASKS) && defined(__AVX512VNNI__) && defined(__AVX512VBMI__)
+#define ORRERY_BYTE_DOTS 1
+
+// Adds the four products of each lane's unsigned bytes with the signed ones.
+ORRERY_INLINE inline simd<int32_t, 16> dot_bytes(simd<int32_t, 16> sum, const simd<uint32_t, 16>& a, const void* b) {
+  sum.v[0] =
+      (decltype(sum.v[0] + sum.v[0]))_mm512_dpbusd_epi32((__m512i)sum.v[0], (__m512i)a.v[0], _mm512_loadu_si512(b));
+  return sum;
+}
+#endif
+
+// A value that is loaded once and stays in a register: left alone, the compiler reads the memory again at each use, and
+// loads are what a kernel of few operations a byte runs out of.
+template <typename T, int N>
+ORRERY_INLINE inline simd<T, N> kept(simd<T, N> a) {
+#ifdef ORRERY_LANE_MASKS
+  if constexpr (N >= 8) {
+    for (auto& chunk : a.v) asm("" : "+v"(chunk));
+  }
+#endif
+  return a;
+}
+
+// Calls f with the integers 0 to Count - 1 as constants.
+template <int Count, typename F>
+ORRERY_INLINE inline void for_each_constant(F f) {
+  [&]<int... I>(std::integer_sequence<int, I...>) ORRERY_INLINE { (f(std::integral_constant<int, I>()), ...); }
+  (std::make_integer_sequence<int, Count>());
+}
+
+}  // namespace orrery
