@@ -12,7 +12,7 @@ PROMPT ?= What is photosynthesis?
 
 CPP := $(wildcard *.cpp *.h batch/*.cpp batch/*.h formats/*.h formats/*.cpp includes/*.h) \
        $(shell find host -name '*.cpp' -o -name '*.h' -o -name '*.hpp')
-PACKAGE := $(CPP) $(wildcard orrery/*.py host/orrery_host/*.py) CMakeLists.txt host/CMakeLists.txt pyproject.toml
+PACKAGE := $(CPP) $(wildcard orrery/*.py orrery/quantizers/*.py orrery/data/* host/orrery_host/*.py) CMakeLists.txt host/CMakeLists.txt pyproject.toml
 NATIVE_TESTS := $(wildcard tests/native/*.cpp tests/native/*.h)
 KERNEL_TESTS = $(wildcard $(addprefix tests/,test_linear_xpu_kernel.py test_linear_batch.py test_bmm_xpu_kernel.py \
                  test_sdp.py test_norm.py test_rope.py))

@@ -175,7 +175,7 @@ struct row_kernel : row_arguments<T> {
     }
     // The row that the next group has in this one's place.
     template <int N>
-    void ask_for_next(uint64_t t, int r) const {
+    ORRERY_INLINE void ask_for_next(uint64_t t, int r) const {
       Format::template ask_for<N>(weight, scale_offset, block(t, r) + R * row_blocks, l % runs_per_block * run);
     }
     const uint8_t* scale(uint64_t t, int r, int lane = 0) const {

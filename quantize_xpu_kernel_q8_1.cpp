@@ -49,7 +49,8 @@ struct quantize_xpu_kernel_q8_1 {
     uint8_t* block = out + i / q8_1::elements * q8_1::bytes;
     const F v = convert<float>(simd<T, N>::load(x + i));
     const float sum = butterfly_sum<q8_1::elements>(item, v);
-    const float largest = butterfly<q8_1::elements>(item, select(v < F(0.0f), -v, v), [](const auto& a, const auto& b) {
+    const F size = bit_cast<float>(bit_cast<uint32_t>(v) & simd<uint32_t, N>(0x7FFFFFFFu));
+    const float largest = butterfly<q8_1::elements>(item, size, [](const auto& a, const auto& b) {
       const auto greater = select(b < a, a, b);  // a NaN on one side leaves the other side's value
       return select(b == b, greater, a);
     });

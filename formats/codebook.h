@@ -158,7 +158,7 @@ struct nf3 : half_scale {
     }
   }
   template <int N>
-  static void ask_for(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int) {
+  ORRERY_INLINE static void ask_for(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int) {
     prefetch<N * quant_bytes / 4>(weight + block * quant_bytes);
   }
 
@@ -246,7 +246,7 @@ struct fp6 : half_scale {
     word[2] = top[0];
   }
   template <int N>
-  static void ask_for(const uint8_t* weight, uint32_t scale_offset, uint64_t block, int o) {
+  ORRERY_INLINE static void ask_for(const uint8_t* weight, uint32_t scale_offset, uint64_t block, int o) {
     prefetch<N * 8>(weight + block * low_bytes + o / 2);
     prefetch<N * 4>(top_plane(weight, scale_offset) + block * top_bytes + o / 4);
   }

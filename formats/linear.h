@@ -60,7 +60,7 @@ struct byte_runs {
     load_words(weight + block * quant_bytes + o / Run * 8, word);
   }
   template <int N>
-  static void ask_for(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int o) {
+  ORRERY_INLINE static void ask_for(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int o) {
     prefetch<N * 8>(weight + block * quant_bytes + o / Run * 8);
   }
 };

@@ -7,9 +7,6 @@
 
 namespace orrery {
 
-// For the bodies of kernels, whose values are registers: a call would put them into memory.
-#define ORRERY_INLINE __attribute__((always_inline))
-
 namespace detail {
 
 // The upper halves of the floats that Rule gives to all codes of Bits bits, repeated to a whole vector.

@@ -26,6 +26,9 @@
 namespace orrery {
 
 #define ORRERY_UNROLL _Pragma("GCC unroll 64")
+// For the bodies of kernels, whose values are registers: a call would put them into memory. And for whatever only
+// prefetches: GCC takes such a function for one without effect and drops the calls.
+#define ORRERY_INLINE __attribute__((always_inline))
 
 // The type in which values of T are held and computed.
 template <typename T>
@@ -914,10 +917,9 @@ inline void load_words(const uint8_t* p, simd<uint32_t, N> (&word)[K]) {
   }
 }
 
-// Asks for `Bytes` bytes that will be read soon; the address may lie anywhere. Always inline: GCC takes a function that
-// only prefetches for one without effect and drops the calls.
+// Asks for `Bytes` bytes that will be read soon; the address may lie anywhere.
 template <int Bytes>
-__attribute__((always_inline)) inline void prefetch(const void* p) {
+ORRERY_INLINE inline void prefetch(const void* p) {
   ORRERY_UNROLL for (int i = 0; i < Bytes; i += 64) __builtin_prefetch(static_cast<const char*>(p) + i);
 }
 
