@@ -5,13 +5,15 @@ from __future__ import annotations
 from dataclasses import dataclass
 from functools import partial
 from pathlib import Path
+from statistics import median
 from types import ModuleType
 from typing import Callable
 
 import torch
 import torch.nn.functional as F
 
-from orrery.formats import FORMATS, Format, dequantize, quantize
+from orrery import formats as weight_formats
+from orrery.formats import FORMATS, Format, quantize
 
 from . import decode
 from .measure import Call, Flush, call_cost, interleaved
@@ -20,6 +22,18 @@ from .report import Bar, Row
 # Largest distance of our result from the float32 product, as a part of its length: a guard against timing a wrong
 # answer. Half and bfloat16 round every partial sum, over up to 4096 terms.
 _NEAR = {torch.float32: 1e-4, torch.float16: 3e-2, torch.bfloat16: 2e-1}
+# One row through these is coded in 8 bits first.
+_CODED = ("iq2_xxs", "q2_k", "iq1_s")
+_NEAR_CODED = 2e-2
+# Several rows may take a dense weight that is rounded to half.
+_NEAR_DENSE = 1e-3
+
+# Parts of the read bandwidth that one row is held to, in float.
+_BANDWIDTH = {
+    **dict.fromkeys(("q4_0", "q4_1", "q8_0", "nf4", "fp4", "fp8_e4m3", "fp8_e5m2"), 0.4),
+    **dict.fromkeys(("q4_k", "q6_k"), 0.35),
+    **dict.fromkeys(_CODED, 0.25),
+}
 
 
 @dataclass
@@ -58,43 +72,114 @@ class Setting:
 
 def random_weight(fmt: Format, rows: int, columns: int) -> tuple[torch.Tensor, torch.Tensor]:
     """The bytes of a random matrix and its float32 values. 64 rows repeat: quantizing is slow."""
-    part = torch.randn(64, columns, generator=torch.Generator().manual_seed(0)) * 0.03
-    planes = fmt.planes(quantize(fmt, part))
-    data = torch.cat([plane.repeat(rows // 64, 1).view(-1) for plane in planes])
-    return data, dequantize(fmt, data, columns)
+    part = quantize(fmt, torch.randn(64, columns, generator=torch.Generator().manual_seed(0)) * 0.03)
+    data = torch.cat([plane.repeat(rows // 64, 1).view(-1) for plane in fmt.planes(part)])
+    return data, weight_formats.dequantize(fmt, part, columns).repeat(rows // 64, 1)
 
 
-def _linear_row(setting: Setting, format_name: str, dtype: torch.dtype, bars: list[Bar]) -> Row:
+def _linear_row(
+    setting: Setting, format_name: str, dtype: torch.dtype, bars: list[Bar], n: int = 1, runs: int = 40
+) -> Row:
     fmt, size = FORMATS[format_name], 4096
     weight, dense = random_weight(fmt, size, size)
-    x = torch.randn(1, size, generator=torch.Generator().manual_seed(1)).to(dtype)
+    x = torch.randn(n, size, generator=torch.Generator().manual_seed(1)).to(dtype)
     type_name = str(dtype).removeprefix("torch.")
-    name = f"forward_new {format_name} {size}x{size} {type_name}"
+    name = f"forward_new {format_name} {size}x{size} {type_name}" + (f", {n} rows" if n > 1 else "")
     device_x, device_weight = setting.on_device(x), setting.on_device(weight)
 
     def ours() -> torch.Tensor:
-        return setting.ops.forward_new(device_x, device_weight, fmt.code, 0)
+        return setting.ops.forward_new(device_x, device_weight, fmt.code, n)
 
-    setting.check(name, ours, x.float() @ dense.T, _NEAR[dtype])
+    near = _NEAR[dtype]
+    if format_name in _CODED and n == 1:
+        near = max(near, _NEAR_CODED)
+    setting.check(name, ours, x.float() @ dense.T, max(near, _NEAR_DENSE) if n > 1 else near)
     peer_weight = dense.to(dtype)
-    times = setting.both(ours, lambda: F.linear(x, peer_weight), 60)
+    times = setting.both(ours, lambda: F.linear(x, peer_weight), runs)
     return Row(name, *times, f"torch linear {type_name}", bytes=weight.numel(), bars=bars)
 
 
 def linear(setting: Setting) -> list[Row]:
     """One input row through q4_0, the shape of a 7B model's projection."""
     bars = [Bar("bandwidth", 0.4), Bar("speed", 5.0)]
-    return [_linear_row(setting, "q4_0", torch.float32, bars)]
+    return [_linear_row(setting, "q4_0", torch.float32, bars, runs=60)]
 
 
 def formats(setting: Setting) -> list[Row]:
-    """The other linear formats in float."""
-    return [_linear_row(setting, name, torch.float32, []) for name in FORMATS if name != "q4_0"]
+    """The other formats in float."""
+    return [
+        _linear_row(setting, name, torch.float32, [Bar("bandwidth", _BANDWIDTH[name])] if name in _BANDWIDTH else [])
+        for name in FORMATS
+        if name != "q4_0"
+    ]
 
 
 def types(setting: Setting) -> list[Row]:
-    """q4_0 in the other value types, each against PyTorch's product in the same type."""
-    return [_linear_row(setting, "q4_0", dtype, []) for dtype in (torch.float16, torch.bfloat16)]
+    """A few formats in the other value types, each against PyTorch's product in the same type."""
+    return [
+        _linear_row(setting, name, dtype, [], runs=24)
+        for name in ("q4_0", "q8_0", "fp8_e5m2", "q6_k")
+        for dtype in (torch.float16, torch.bfloat16)
+    ]
+
+
+# Rows of input: the smallest batch, the last ones of the batched kernels, and two that take the dense weight.
+_BATCHES = {"q4_0": (2, 7, 20, 32, 512), "q8_0": (2, 7, 32), "nf4": (2, 32), "q4_k": (2, 32, 512)}
+
+
+def batches(setting: Setting) -> list[Row]:
+    """Several input rows at once, in float."""
+    return [
+        _linear_row(setting, name, torch.float32, [Bar("peer time", 1.3)] if n >= 32 else [], n, 6 if n > 32 else 16)
+        for name, counts in _BATCHES.items()
+        for n in counts
+    ]
+
+
+def dequantize(setting: Setting) -> list[Row]:
+    """A weight to floats: the kernel that several input rows call, and the operation, beside a copy of as many bytes."""
+    size = 4096
+    data = torch.ones(size, size)
+    target = torch.empty_like(data)
+    copied, = interleaved({"copy": lambda: target.copy_(data)}, setting.runs(24), setting.flush).values()
+    copy_rate = 2 * data.nbytes / copied
+    rows = []
+    for name in FORMATS:
+        fmt = FORMATS[name]
+        weight, dense = random_weight(fmt, size, size)
+        seconds = _dequantizing_kernel(setting, name, weight, size) if setting.ops is not None else None
+        total = weight.numel() + dense.nbytes
+        rows.append(Row(f"dequantize {name} 4096x4096 float32", seconds, total / copy_rate, "copy of as many bytes",
+                        bytes=total, byte_rate=copy_rate, bars=[Bar("copy", 0.3)]))
+    fmt = FORMATS["q4_0"]
+    weight, dense = random_weight(fmt, size, size)
+    x_d, weight_d = setting.on_device(torch.empty(1, size)), setting.on_device(weight)
+
+    def ours() -> torch.Tensor:
+        return setting.ops.dequant(x_d, weight_d, fmt.code)
+
+    setting.check("dequant q4_0", ours, dense, _NEAR_DENSE)
+    seconds, _ = setting.both(ours, None, 16)
+    total = weight.numel() + dense.nbytes
+    rows.append(Row("dequant q4_0 4096x4096 float32", seconds, total / copy_rate, "copy of as many bytes", bytes=total,
+                    byte_rate=copy_rate, bars=[Bar("copy", 0.3)]))
+    return rows
+
+
+def _dequantizing_kernel(setting: Setting, name: str, weight: torch.Tensor, size: int) -> float:
+    """Median seconds of the dequantizing kernel inside a product with 32 input rows."""
+    import orrery_host
+
+    x, weight = setting.on_device(torch.zeros(32, size)), setting.on_device(weight)
+    seconds = []
+    for _ in range(setting.runs(16) + 1):
+        setting.flush()
+        with orrery_host.record_launches() as launches:
+            setting.ops.forward_new(x, weight, FORMATS[name].code, 32)
+        seconds.append(sum(launch.seconds for launch in launches if "dequantize" in launch.kernel))
+    if not all(seconds):
+        raise RuntimeError(f"no dequantizing kernel ran for {name}")
+    return median(seconds[1:])
 
 
 def small(setting: Setting) -> list[Row]:
@@ -252,8 +337,8 @@ def bmm(setting: Setting) -> list[Row]:
     return [Row("bmm 9 x 1x64 x 64x2048 float32", *times, "torch bmm", bytes=b.numel() * 4)]
 
 
-def model_decode(setting: Setting) -> list[Row]:
-    """Tokens per second of the real model, ours and llama.cpp's in turns."""
+def model(setting: Setting) -> list[Row]:
+    """Tokens per second of the real model, ours and llama.cpp's in turns: of a prompt, and of an answer."""
     return decode.rows(setting.ops is not None, setting.threads, setting.quick, setting.model)
 
 
@@ -261,11 +346,13 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "linear": linear,
     "formats": formats,
     "types": types,
+    "batches": batches,
+    "dequantize": dequantize,
     "small": small,
     "empty": empty,
     "sdp": sdp,
     "norm": norm,
     "rotary": rotary,
     "bmm": bmm,
-    "decode": model_decode,
+    "model": model,
 }

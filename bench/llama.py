@@ -18,7 +18,7 @@ from gguf.constants import GGMLQuantizationType as Type
 _FILE_TYPE_Q4_0 = 2
 _WRITTEN_ANEW = ("GGUF.version", "GGUF.tensor_count", "GGUF.kv_count", "general.architecture", "general.file_type")
 # Before each answer of the peer's process; llama.cpp may print lines of its own.
-_ANSWER = "tokens per second: "
+_ANSWER = "timings: "
 
 
 def cache_folder() -> Path:
@@ -82,8 +82,11 @@ def q4_0_model(source: Path) -> Path:
     return target
 
 
-def decoder(model: Path, threads: int, context: int = 1024) -> Callable[[str, int], float]:
-    """A llama.cpp server on `model`; the call decodes a number of tokens greedily and gives tokens per second."""
+def decoder(model: Path, threads: int, context: int = 1024) -> Callable[[str, int], dict[str, float]]:
+    """A llama.cpp server on `model`; the call decodes a number of tokens greedily and gives tokens per second.
+
+    "prompt" is the speed over the prompt, "answer" that over the tokens behind it.
+    """
     import xllamacpp
 
     params = xllamacpp.CommonParams()
@@ -96,7 +99,7 @@ def decoder(model: Path, threads: int, context: int = 1024) -> Callable[[str, in
     params.verbosity = -1
     server = xllamacpp.Server(params)
 
-    def decode(prompt: str, tokens: int) -> float:
+    def decode(prompt: str, tokens: int) -> dict[str, float]:
         request = {
             "prompt": prompt,
             "n_predict": tokens,
@@ -107,7 +110,8 @@ def decoder(model: Path, threads: int, context: int = 1024) -> Callable[[str, in
         answer = server.handle_completions(request)
         if "timings" not in answer:
             raise RuntimeError(f"xllamacpp answered without timings: {str(answer)[:200]}")
-        return float(answer["timings"]["predicted_per_second"])
+        timings = answer["timings"]
+        return {"prompt": float(timings["prompt_per_second"]), "answer": float(timings["predicted_per_second"])}
 
     return decode
 
@@ -139,13 +143,13 @@ class Peer:
         self._process.wait()
         self._process.stdout.close()
 
-    def run(self, prompt: str, tokens: int) -> float:
-        """Tokens per second of one answer."""
+    def run(self, prompt: str, tokens: int) -> dict[str, float]:
+        """Tokens per second of one prompt and its answer."""
         try:
             print(json.dumps([prompt, tokens]), file=self._process.stdin, flush=True)
             for line in self._process.stdout:
                 if line.startswith(_ANSWER):
-                    return float(line.removeprefix(_ANSWER))
+                    return json.loads(line.removeprefix(_ANSWER))
         except BrokenPipeError:
             pass
         raise RuntimeError(f"the process of the peer ended with status {self._process.wait()}")
@@ -154,7 +158,7 @@ class Peer:
 def _serve(model: str, threads: str) -> None:
     decode = decoder(Path(model), int(threads))
     for line in sys.stdin:
-        print(f"{_ANSWER}{decode(*json.loads(line))}", flush=True)
+        print(f"{_ANSWER}{json.dumps(decode(*json.loads(line)))}", flush=True)
 
 
 if __name__ == "__main__":

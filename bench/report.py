@@ -12,21 +12,24 @@ from typing import Sequence
 class Bar:
     """A bound that a row is held to.
 
-    `kind` is what is compared. "bandwidth" (fraction of the read bandwidth) and "speed" (how many times the peer's
-    speed) must reach the limit; "microseconds" (of one call) and "byte time" (how many times the time that the row's
-    bytes take at its `byte_rate`) must not exceed it.
+    `kind` is what is compared. "bandwidth" (fraction of the read bandwidth), "copy" (fraction of the row's `byte_rate`,
+    that of a copy) and "speed" (how many times the peer's speed) must reach the limit; "microseconds" (of one call),
+    "peer time" (how many times the peer's time) and "byte time" (how many times the time that the row's bytes take at
+    its `byte_rate`) must not exceed it.
     """
 
     kind: str
     limit: float
 
     def reached(self, value: float) -> bool:
-        return value >= self.limit if self.kind in ("bandwidth", "speed") else value <= self.limit
+        return value >= self.limit if self.kind in ("bandwidth", "copy", "speed") else value <= self.limit
 
     def text(self) -> str:
         return {
             "bandwidth": f">= {self.limit:.0%} of bandwidth",
+            "copy": f">= {self.limit:.0%} of a copy",
             "speed": f">= {self.limit:g}x peer",
+            "peer time": f"<= {self.limit:g}x peer's time",
             "microseconds": f"<= {self.limit:g} us",
             "byte time": f"<= {self.limit:g}x byte time",
         }[self.kind]
@@ -62,8 +65,14 @@ class Row:
         if bar.kind == "bandwidth":
             rate = self.rate()
             return None if rate is None else rate / bandwidth
+        if bar.kind == "copy":
+            rate = self.rate()
+            return rate / self.byte_rate if rate and self.byte_rate else None
         if bar.kind == "speed":
             return self.speed()
+        if bar.kind == "peer time":
+            speed = self.speed()
+            return 1 / speed if speed else None
         if bar.kind == "microseconds":
             return None if self.ours is None else self.ours * 1e6
         if bar.kind == "byte time":
@@ -92,7 +101,7 @@ def bar_cells(row: Row, bandwidth: float) -> tuple[str, str]:
         if value is None:
             verdicts.append("not measured")
             continue
-        shown = f"{value:.0%}" if bar.kind == "bandwidth" else f"{value:.2f}"
+        shown = f"{value:.0%}" if bar.kind in ("bandwidth", "copy") else f"{value:.2f}"
         verdicts.append(f"{'yes' if bar.reached(value) else 'NO'} ({shown})")
     return ", ".join(targets), ", ".join(verdicts)
 

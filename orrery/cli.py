@@ -42,6 +42,13 @@ def _temperature(text: str) -> float:
     return number
 
 
+def _format_list(text: str) -> list[formats.Format]:
+    try:
+        return [formats.find(name) for name in text.split(",")]
+    except OrreryError as error:
+        raise argparse.ArgumentTypeError(str(error)) from error
+
+
 def _parser() -> argparse.ArgumentParser:
     parser = _Parser(prog="orrery", description="Runs a language model in low-bit weights on the xpu device.")
     commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
@@ -49,10 +56,14 @@ def _parser() -> argparse.ArgumentParser:
     model = _Parser(add_help=False)
     group = model.add_argument_group("model")
     group.add_argument("--model", type=Path, metavar="FILE", help="GGUF file, Llama architecture (default: the bundled one)")
-    group.add_argument("--format", default="q4_0", help=f"weight format: {', '.join(formats.FORMATS)} (default: q4_0)")
     group.add_argument("--dtype", default="float32", choices=DTYPES, help="type of the activations (default: float32)")
     group.add_argument("--threads", type=_whole, metavar="N", help="CPU threads (default: torch's choice)")
     group.add_argument("--no-cache", action="store_true", help="neither read nor write the quantized model's cache file")
+
+    weights = _Parser(add_help=False)
+    group = weights.add_argument_group("weights")
+    group.add_argument("--format", default="q4_0", help=f"weight format: {', '.join(formats.FORMATS)} (default: q4_0). "
+                       f"Rows that blocks of 256 do not divide take another one: {formats.substitutes()}")
 
     sampling = _Parser(add_help=False)
     group = sampling.add_argument_group("sampling")
@@ -61,33 +72,43 @@ def _parser() -> argparse.ArgumentParser:
                        help="sample among the likeliest tokens that make up this share (default: 1)")
     group.add_argument("--seed", type=int, default=0, metavar="N", help="start of the random numbers (default: 0)")
 
-    command = commands.add_parser("generate", parents=[model, sampling], help="continue a text")
+    command = commands.add_parser("generate", parents=[model, weights, sampling], help="continue a text")
     command.add_argument("prompt", nargs="?", default=DEFAULT_PROMPT, help=f"text to continue (default: {DEFAULT_PROMPT!r})")
     command.add_argument("--tokens", type=_whole, default=128, metavar="N", help="most tokens to make (default: 128)")
     command.add_argument("--chat", action="store_true", help="put the prompt into the model's chat template")
     command.set_defaults(run=_generate)
 
-    command = commands.add_parser("chat", parents=[model, sampling], help="talk; reads lines from standard input")
+    command = commands.add_parser("chat", parents=[model, weights, sampling],
+                                  help="talk; reads lines from standard input")
     command.add_argument("--system", metavar="TEXT", help="system message")
     command.add_argument("--tokens", type=_whole, default=256, metavar="N", help="most tokens an answer (default: 256)")
     command.add_argument("--context", type=_whole, default=2048, metavar="N",
                          help="most tokens of the conversation (default: 2048)")
     command.set_defaults(run=_chat)
 
-    command = commands.add_parser("formats", help="list the weight formats")
-    command.set_defaults(run=lambda args: print(formats.table()))
+    command = commands.add_parser("formats", parents=[model], help="compare the weight formats on a model",
+                                  description="Measures each format on a model: bits, error, perplexity, speed.")
+    command.add_argument("--no-measure", action="store_true", help="only list the formats")
+    command.add_argument("--formats", type=_format_list, metavar="A,B", help="measure only these")
+    command.add_argument("--text", type=Path, metavar="FILE", help="text for the perplexity (default: a bundled one)")
+    command.add_argument("--tokens", type=_whole, default=2048, metavar="N",
+                         help="use only the first N tokens of the text (default: 2048)")
+    command.add_argument("--window", type=_whole, default=512, metavar="N", help="tokens seen together (default: 512)")
+    command.add_argument("--output", type=Path, default=Path("orrery-formats.png"), metavar="FILE",
+                         help="where the plot goes (default: %(default)s)")
+    command.set_defaults(run=_formats)
 
-    command = commands.add_parser("perplexity", parents=[model], help="measure how well the model predicts a text file")
-    command.add_argument("file", type=Path, help="text file, UTF-8")
+    command = commands.add_parser("perplexity", parents=[model, weights],
+                                  help="measure how well the model predicts a text")
+    command.add_argument("file", type=Path, nargs="?", help="text file, UTF-8 (default: a bundled one)")
     command.add_argument("--window", type=_whole, default=512, metavar="N", help="tokens seen together (default: 512)")
     command.add_argument("--tokens", type=_whole, metavar="N", help="use only the first N tokens")
     command.set_defaults(run=_perplexity)
     return parser
 
 
-def _prepare(args: argparse.Namespace):
-    """The prepared model and its tokenizer. The heavy imports wait until the arguments are known to be right."""
-    fmt = formats.find(args.format)
+def _model_file(args: argparse.Namespace) -> Path:
+    """The model file, and torch ready to work on it. Heavy imports wait until the arguments are known to be right."""
     from orrery import gguf_model
 
     path = args.model or gguf_model.bundled_model()
@@ -98,11 +119,37 @@ def _prepare(args: argparse.Namespace):
         torch.set_num_threads(args.threads)
     import orrery_ops  # noqa: F401  A module without a device to run on says so before the model is read.
 
+    return path
+
+
+def _prepare(args: argparse.Namespace):
+    """The prepared model and its tokenizer."""
+    fmt = formats.find(args.format)
+    path = _model_file(args)
+
     from orrery import prepare
     from orrery.tokenizer import ChatTokenizer
 
     prepared = prepare.load(path, fmt, cache=not args.no_cache)
+    if prepared.remark:
+        print(prepared.remark, file=sys.stderr)
     return prepared, ChatTokenizer(prepared.vocabulary)
+
+
+def bundled_text() -> str:
+    """The beginning of a novel, some 3000 tokens."""
+    return (Path(__file__).parent / "data" / "pride_and_prejudice.txt").read_text(encoding="utf-8")
+
+
+def _text(path: Path | None) -> str:
+    """The text of a file, or the bundled one."""
+    if path is None:
+        return bundled_text()
+    try:
+        return path.read_text(encoding="utf-8")
+    except (OSError, UnicodeDecodeError) as error:
+        reason = getattr(error, "strerror", None) or "not UTF-8"
+        raise OrreryError(f"cannot read the text file {path}: {reason}") from error
 
 
 def _model(args: argparse.Namespace, prepared, capacity: int):
@@ -149,7 +196,7 @@ def _chat(args: argparse.Namespace) -> None:
 
     model = _model(args, prepared, min(args.context, prepared.sizes.context))
     messages = [{"role": "system", "content": args.system}] if args.system else []
-    seen: list[int] = []
+    seen, said = [], ""  # Tokens of the conversation so far, and its text.
     prompt_mark = "> " if sys.stdin.isatty() else ""
     while True:
         try:
@@ -159,23 +206,43 @@ def _chat(args: argparse.Namespace) -> None:
         if not line.strip():
             continue
         messages.append({"role": "user", "content": line})
-        tokens = tokenizer.chat(messages)
-        # What the cache already holds of the conversation is not computed again.
-        common = next((i for i, (a, b) in enumerate(zip(seen, tokens)) if a != b), min(len(seen), len(tokens) - 1))
-        model.rewind(common)
+        text = tokenizer.chat_text(messages)
+        # What the cache already holds of the conversation is not computed again. An answer keeps the tokens that it was
+        # made of: its text could be divided in another way.
+        fits = said and text.startswith(said)
+        tokens = seen + tokenizer.encode(text[len(said) :]) if fits else tokenizer.encode(text)
+        model.rewind(len(seen) if fits else 0)
         timing = Timing()
         answer = _say(generate(model, tokens[model.position :], args.tokens, tokenizer.stop, _sampling(args), timing),
                       tokenizer)
         print(f"[{timing}]", file=sys.stderr, flush=True)
-        seen = tokens + answer
         messages.append({"role": "assistant", "content": tokenizer.decode(answer)})
+        seen, said = tokens + answer, text + messages[-1]["content"]
+
+
+def _formats(args: argparse.Namespace) -> None:
+    if args.no_measure:
+        print(formats.table())
+        return
+    text = _text(args.text)
+    if not args.output.parent.is_dir():
+        raise OrreryError(f"there is no folder {args.output.parent} for the plot")
+    path = _model_file(args)
+    from orrery import survey
+    from orrery.model import DTYPES
+
+    print(survey.HEADER, flush=True)
+    results = []
+    for result in survey.measure(path, args.formats or list(formats.FORMATS.values()), text, dtype=DTYPES[args.dtype],
+                                 window=args.window, limit=args.tokens, cache=not args.no_cache):
+        results.append(result)
+        print(survey.line(result), flush=True)
+    survey.plot(results, f"{path.stem}, {args.dtype}", args.output)
+    print(f"saved {args.output}")
 
 
 def _perplexity(args: argparse.Namespace) -> None:
-    try:
-        text = args.file.read_text(encoding="utf-8")
-    except (OSError, UnicodeDecodeError) as error:
-        raise OrreryError(f"cannot read the text file {args.file}: {getattr(error, 'strerror', None) or 'not UTF-8'}") from error
+    text = _text(args.file)
     prepared, tokenizer = _prepare(args)
     from orrery.generate import perplexity
 

@@ -1,7 +1,7 @@
-"""The five linear weight formats: their table, a quantizer and a decoder for each, vectorised over blocks.
+"""The 17 weight formats: their table, and matrices to bytes and back.
 
-A matrix is `rows * cols / 64` blocks in row order. In a split format the quant bytes of all blocks stand first and the
-scales of all blocks follow; in a block array each block keeps its own bytes together.
+A matrix is `rows * cols / elements` blocks in row order. In a split format each plane holds its bytes of all blocks,
+one plane behind the other; in a block array each block keeps its own bytes together.
 """
 
 from __future__ import annotations
@@ -13,187 +13,79 @@ from dataclasses import dataclass
 import torch
 
 from orrery import OrreryError
+from orrery.quantizers import codebook, grid, linear, superblock
 
 BLOCK = 64
-# Blocks handled at a time. The temporaries of a chunk stay in the second-level cache, and 32768 elements are few enough
-# that torch runs each operator on the calling thread: threads meet once a matrix instead of once an operator, which is
-# 40 times faster when other programs keep the cores busy.
-CHUNK = 512
+# Elements handled at a time: the temporaries of a chunk stay in the second-level cache.
+CHUNK = 32768
 
 
 @dataclass(frozen=True)
 class Format:
-    """One row of the table: `quant_bytes` and `scale_bytes` are a block's share of the two planes."""
+    """One row of the table. `plane_bytes` are a block's share of each plane; a block array has one plane."""
 
     name: str
     code: int
-    quant_bytes: int
-    scale_bytes: int
-    encode: Callable[[torch.Tensor], tuple[torch.Tensor, torch.Tensor]]
-    decode: Callable[[torch.Tensor, torch.Tensor], torch.Tensor]
+    elements: int
+    plane_bytes: tuple[int, ...]
+    encode: Callable[[torch.Tensor], tuple[torch.Tensor, ...]]
+    decode: Callable[..., torch.Tensor]
+    # What rows take that no 256-element block divides: the nearest 64-element format in bits that keeps no larger an
+    # error on the bundled model's matrices.
+    substitute: str = ""
+    # The name of a GGUF tensor type with the same bytes.
+    gguf_type: str = ""
 
     @property
     def split(self) -> bool:
         """Whether quants and scales stand in planes of their own."""
-        return self.scale_bytes > 0
+        return len(self.plane_bytes) > 1
 
     @property
     def block_bytes(self) -> int:
-        """Bytes of one block over both planes."""
-        return self.quant_bytes + self.scale_bytes
+        """Bytes of one block over all planes."""
+        return sum(self.plane_bytes)
+
+    @property
+    def bits(self) -> float:
+        """Bits an element."""
+        return 8 * self.block_bytes / self.elements
 
     def size(self, rows: int, cols: int) -> int:
         """Bytes of a matrix."""
-        return rows * cols // BLOCK * self.block_bytes
+        return rows * cols // self.elements * self.block_bytes
 
-    def planes(self, data: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
-        """Views [blocks, quant bytes] and [blocks, scale bytes] of a matrix's bytes."""
+    def planes(self, data: torch.Tensor) -> list[torch.Tensor]:
+        """Views [blocks, bytes] of a matrix's bytes, one a plane."""
         blocks = data.numel() // self.block_bytes
-        quants, scales = data.split((blocks * self.quant_bytes, blocks * self.scale_bytes))
-        return quants.view(blocks, self.quant_bytes), scales.view(blocks, self.scale_bytes)
+        parts = data.split([blocks * size for size in self.plane_bytes])
+        return [part.view(blocks, size) for part, size in zip(parts, self.plane_bytes)]
 
-
-def _half_bytes(*columns: torch.Tensor) -> torch.Tensor:
-    return torch.stack([c.half() for c in columns], dim=1).view(torch.uint8)
-
-
-def _pack_nibbles(q: torch.Tensor) -> torch.Tensor:
-    low, high = (q.to(torch.uint8) & 15).split(BLOCK // 2, dim=1)
-    return low | (high << 4)
-
-
-def _unpack_nibbles(quants: torch.Tensor) -> torch.Tensor:
-    return torch.cat((quants & 15, quants >> 4), dim=1)
-
-
-def _inverse(d: torch.Tensor) -> torch.Tensor:
-    return torch.where(d == 0, torch.zeros_like(d), 1 / d)
-
-
-def _symmetric_codes(x: torch.Tensor, low: int, high: int) -> tuple[torch.Tensor, torch.Tensor]:
-    """Codes in [low, high] and the half scale d, for values d * code.
-
-    The range is asymmetric, so the element of largest magnitude goes near `low`, or near `high` with the other sign.
-    For each trial scale the best d for its codes is known in closed form; the trial that leaves the smallest squared
-    error wins. Errors count by the element's square: large weights carry most of the product, and the bundled model's
-    perplexity in q4_0 is 34.5 this way against 35.6 with equal counts.
-    """
-    importance = x * x
-    extreme = x.gather(1, x.abs().argmax(1, keepdim=True))
-    best_gain = torch.zeros_like(extreme)
-    best = torch.zeros_like(extreme)
-    for end in (low - 0.75, low - 0.25, low, low + 0.4, low + 0.8, low + 1.2, low + 1.6, high - 0.4, high, high + 0.4):
-        q = (x * (end * _inverse(extreme))).round_().clamp_(low, high)
-        weighted = q * importance
-        product = (weighted * x).sum(1, keepdim=True)
-        d = product * _inverse((weighted * q).sum(1, keepdim=True))
-        gain = product * d
-        best = torch.where(gain > best_gain, d, best)
-        best_gain = torch.maximum(gain, best_gain)
-    d = best.half().float()
-    return (x * _inverse(d)).round_().clamp_(low, high), d.squeeze(1)
-
-
-def _affine_codes(x: torch.Tensor, high: int) -> tuple[torch.Tensor, torch.Tensor, torch.Tensor]:
-    """Codes in [0, high], the half scale d and the half offset m, for values d * code + m.
-
-    Trials widen and narrow the range between smallest and largest element; least squares gives d and m for the codes
-    of each trial, and the smallest squared error wins.
-    """
-    smallest, largest = x.min(1, keepdim=True).values, x.max(1, keepdim=True).values
-    centered = x - x.mean(1, keepdim=True)
-    best_d = ((largest - smallest) / high).half().float()
-    best_m = smallest.half().float()
-    q = ((x - best_m) * _inverse(best_d)).round_().clamp_(0, high)
-    best_error = (q * best_d + best_m - x).square_().sum(1, keepdim=True)
-    for steps in (high - 1.2, high - 0.6, high, high + 0.6, high + 1.2):
-        middle = (largest + smallest) / 2
-        step = (largest - smallest) / steps
-        q = ((x - middle) * _inverse(step) + high / 2).round_().clamp_(0, high)
-        mean_q = q.mean(1, keepdim=True)
-        spread = q - mean_q
-        d = (spread * centered).sum(1, keepdim=True) * _inverse(spread.square().sum(1, keepdim=True))
-        d = d.half().float()
-        m = (x.mean(1, keepdim=True) - d * mean_q).half().float()
-        error = (q * d + m - x).square_().sum(1, keepdim=True)
-        better = error < best_error
-        best_d, best_m = torch.where(better, d, best_d), torch.where(better, m, best_m)
-        best_error = torch.minimum(error, best_error)
-    q = ((x - best_m) * _inverse(best_d)).round_().clamp_(0, high)
-    return q, best_d.squeeze(1), best_m.squeeze(1)
-
-
-def _encode_q4_0(x: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
-    q, d = _symmetric_codes(x, -8, 7)
-    return _pack_nibbles(q + 8), _half_bytes(d)
-
-
-def _decode_q4_0(quants: torch.Tensor, scales: torch.Tensor) -> torch.Tensor:
-    return (_unpack_nibbles(quants).float() - 8) * scales.view(torch.half).float()
-
-
-def _encode_q4_1(x: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
-    q, d, m = _affine_codes(x, 15)
-    return _pack_nibbles(q), _half_bytes(d, m)
-
-
-def _decode_q4_1(quants: torch.Tensor, scales: torch.Tensor) -> torch.Tensor:
-    d, m = scales.view(torch.half).float().split(1, dim=1)
-    return d * _unpack_nibbles(quants).float() + m
-
-
-def _five_bit_block(q: torch.Tensor, d: torch.Tensor, m: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
-    q = q.to(torch.uint8)
-    bits = (q >> 4).view(-1, 8, 8) << torch.arange(8, dtype=torch.uint8)
-    quants = torch.cat((_half_bytes(d, m), bits.sum(2, dtype=torch.uint8), _pack_nibbles(q)), dim=1)
-    return quants, quants[:, :0]
-
-
-def _five_bit_codes(block: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor, torch.Tensor]:
-    d, m = block[:, 0:4].contiguous().view(torch.half).float().split(1, dim=1)
-    shifts = torch.arange(8, dtype=torch.uint8, device=block.device)
-    fifth = (block[:, 4:12, None] >> shifts) & 1
-    q = _unpack_nibbles(block[:, 12:44]) | (fifth.reshape(-1, BLOCK) << 4)
-    return q.float(), d, m
-
-
-def _encode_q5_0(x: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
-    q, d = _symmetric_codes(x, -16, 15)
-    return _five_bit_block(q + 16, d, torch.zeros_like(d))
-
-
-def _decode_q5_0(quants: torch.Tensor, scales: torch.Tensor) -> torch.Tensor:
-    q, d, _ = _five_bit_codes(quants)
-    return (q - 16) * d
-
-
-def _encode_q5_1(x: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
-    return _five_bit_block(*_affine_codes(x, 31))
-
-
-def _decode_q5_1(quants: torch.Tensor, scales: torch.Tensor) -> torch.Tensor:
-    q, d, m = _five_bit_codes(quants)
-    return d * q + m
-
-
-def _encode_q8_0(x: torch.Tensor) -> tuple[torch.Tensor, torch.Tensor]:
-    d = x.abs().amax(1, keepdim=True) / 127
-    q = (x * _inverse(d)).round_().clamp_(-127, 127)
-    return q.to(torch.int8).view(torch.uint8), d.view(torch.uint8)
-
-
-def _decode_q8_0(quants: torch.Tensor, scales: torch.Tensor) -> torch.Tensor:
-    return scales.view(torch.float) * quants.view(torch.int8).float()
+    def for_rows(self, cols: int) -> "Format":
+        """This format, or its substitute for rows of `cols` elements that it does not divide."""
+        return FORMATS[self.substitute] if self.substitute and cols % self.elements else self
 
 
 FORMATS = {
     f.name: f
     for f in (
-        Format("q4_0", 2, 32, 2, _encode_q4_0, _decode_q4_0),
-        Format("q4_1", 3, 32, 4, _encode_q4_1, _decode_q4_1),
-        Format("q5_0", 6, 44, 0, _encode_q5_0, _decode_q5_0),
-        Format("q5_1", 7, 44, 0, _encode_q5_1, _decode_q5_1),
-        Format("q8_0", 8, 64, 4, _encode_q8_0, _decode_q8_0),
+        Format("q4_0", 2, 64, (32, 2), linear.encode_q4_0, linear.decode_q4_0),
+        Format("q4_1", 3, 64, (32, 4), linear.encode_q4_1, linear.decode_q4_1),
+        Format("q5_0", 6, 64, (44,), linear.encode_q5_0, linear.decode_q5_0),
+        Format("q5_1", 7, 64, (44,), linear.encode_q5_1, linear.decode_q5_1),
+        Format("q8_0", 8, 64, (64, 4), linear.encode_q8_0, linear.decode_q8_0),
+        Format("nf4", 10, 64, (32, 2), codebook.encode_nf4, codebook.decode_nf4),
+        Format("nf3", 11, 64, (24, 2), codebook.encode_nf3, codebook.decode_nf3),
+        Format("fp8_e4m3", 15, 64, (64, 4), codebook.encode_fp8_e4m3, codebook.decode_fp8_e4m3),
+        Format("fp4", 16, 64, (32, 2), codebook.encode_fp4, codebook.decode_fp4),
+        Format("fp8_e5m2", 19, 64, (64, 4), codebook.encode_fp8_e5m2, codebook.decode_fp8_e5m2),
+        Format("iq2_xxs", 21, 256, (66,), grid.encode_iq2_xxs, grid.decode_iq2_xxs, "nf3", "IQ2_XXS"),
+        Format("q2_k", 23, 256, (84,), superblock.encode_q2_k, superblock.decode_q2_k, "nf3", "Q2_K"),
+        Format("iq1_s", 24, 256, (50,), grid.encode_iq1_s, grid.decode_iq1_s, "nf3", "IQ1_S"),
+        Format("q6_k", 26, 256, (210,), superblock.encode_q6_k, superblock.decode_q6_k, "q8_0", "Q6_K"),
+        Format("q4_k", 27, 256, (144,), superblock.encode_q4_k, superblock.decode_q4_k, "q5_1", "Q4_K"),
+        Format("q5_k", 28, 256, (176,), superblock.encode_q5_k, superblock.decode_q5_k, "q8_0", "Q5_K"),
+        Format("fp6", 29, 64, (32, 16, 2), codebook.encode_fp6, codebook.decode_fp6),
     )
 }
 
@@ -205,21 +97,33 @@ def find(name: str) -> Format:
     return FORMATS[name]
 
 
+def substitutes() -> str:
+    """What stands in for each format of 256-element blocks, as text."""
+    return ", ".join(f"{f.substitute} for {f.name}" for f in FORMATS.values() if f.substitute)
+
+
 def quantize_rows(fmt: Format, matrix: torch.Tensor, data: torch.Tensor, first_row: int = 0) -> None:
     """Writes the float32 rows of `matrix` into `data`, the bytes of a whole CPU matrix, from row `first_row` on."""
-    if matrix.shape[1] % BLOCK:
-        raise OrreryError(f"rows of {matrix.shape[1]} elements do not divide into blocks of {BLOCK}")
-    quants, scales = fmt.planes(data)
-    blocks = matrix.reshape(-1, BLOCK)
-    start = first_row * matrix.shape[1] // BLOCK
+    if matrix.shape[1] % fmt.elements:
+        raise OrreryError(f"rows of {matrix.shape[1]} elements do not divide into blocks of {fmt.elements}")
+    planes = fmt.planes(data)
+    blocks = matrix.reshape(-1, fmt.elements)
+    start = first_row * matrix.shape[1] // fmt.elements
+    step = CHUNK // fmt.elements
 
     def encode(first: int) -> None:
-        chunk = blocks[first : first + CHUNK]
-        place = slice(start + first, start + first + chunk.shape[0])
-        quants[place], scales[place] = fmt.encode(chunk)
+        chunk = blocks[first : first + step]
+        for plane, part in zip(planes, fmt.encode(chunk)):
+            plane[start + first : start + first + chunk.shape[0]] = part
 
-    with ThreadPoolExecutor(torch.get_num_threads()) as pool:
-        list(pool.map(encode, range(0, blocks.shape[0], CHUNK)))
+    # Each thread takes whole chunks and runs torch's operators alone. Were they to share each operator, they would meet
+    # at its end, which is 40 times slower when other programs keep the cores busy.
+    threads = torch.get_num_threads()
+    try:
+        with ThreadPoolExecutor(threads, initializer=torch.set_num_threads, initargs=(1,)) as pool:
+            list(pool.map(encode, range(0, blocks.shape[0], step)))
+    finally:
+        torch.set_num_threads(threads)
 
 
 def quantize(fmt: Format, matrix: torch.Tensor) -> torch.Tensor:
@@ -234,11 +138,17 @@ def dequantize(fmt: Format, data: torch.Tensor, cols: int) -> torch.Tensor:
     return fmt.decode(*fmt.planes(data)).view(-1, cols)
 
 
+def dequantize_rows(fmt: Format, data: torch.Tensor, rows: int, cols: int) -> torch.Tensor:
+    """The first `rows` rows of a matrix as floats."""
+    blocks = rows * cols // fmt.elements
+    return fmt.decode(*(plane[:blocks] for plane in fmt.planes(data))).view(rows, cols)
+
+
 def table() -> str:
     """The formats as text."""
-    lines = [f"{'format':8}{'code':>6}{'elements':>10}{'bytes':>7}{'bits':>7}  layout"]
+    lines = [f"{'format':10}{'code':>6}{'elements':>10}{'bytes':>7}{'bits':>7}  {'layout':13}rows of other lengths"]
     for f in FORMATS.values():
         layout = "split" if f.split else "block array"
-        bits = f.block_bytes * 8 / BLOCK
-        lines.append(f"{f.name:8}{f.code:>6}{BLOCK:>10}{f.block_bytes:>7}{bits:>7.2f}  {layout}")
+        lines.append(f"{f.name:10}{f.code:>6}{f.elements:>10}{f.block_bytes:>7}{f.bits:>7.2f}  {layout:13}"
+                     f"{f.substitute or '-'}")
     return "\n".join(lines)

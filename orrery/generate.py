@@ -69,9 +69,7 @@ def generate(model: Model, prompt: list[int], limit: int, stop: frozenset[int], 
     timing = timing or Timing()
     generator = sampling.generator()
     start = time.perf_counter()
-    for token in prompt[:-1]:
-        model.step(token, logits=False)
-    logits = model.step(prompt[-1])
+    logits = model.forward(prompt)
     timing.prompt_tokens += len(prompt)
     timing.prompt_seconds += time.perf_counter() - start
     for count in range(1, limit + 1):
@@ -98,13 +96,17 @@ def perplexity(model: Model, tokens: list[int], window: int = 512) -> float:
     if window < 2 or len(tokens) < 2:
         raise OrreryError("a perplexity needs a text and a window of at least two tokens")
     loss, count = 0.0, 0
-    with tqdm(total=len(tokens), desc="perplexity", unit=" tokens", delay=2) as progress:
+    with tqdm(total=len(tokens), desc="perplexity", unit=" tokens", delay=2, mininterval=0.5) as progress:
         for first in range(0, len(tokens), window):
             part = tokens[first : first + window]
             model.rewind(0)
-            for token, following in zip(part, part[1:]):
-                logits = model.step(token).view(-1).float().cpu()
-                loss += (logits.logsumexp(0) - logits[following]).item()
-                count += 1
-                progress.update()
+            done = 0
+            for logits in model.logits(part[:-1]):
+                logits = logits.float()
+                following = torch.tensor(part[done + 1 : done + 1 + len(logits)], device=logits.device)
+                loss += torch.nn.functional.cross_entropy(logits, following, reduction="sum").item()
+                done += len(logits)
+                progress.update(len(logits))
+            count += done
+            progress.update(len(part) - done)
     return math.exp(loss / count)

@@ -70,19 +70,24 @@ class GGUFModel:
     vocabulary: Vocabulary
     stored: dict[str, Stored]
 
-    def rows(self, name: str, first: int = 0, count: int | None = None) -> torch.Tensor:
-        """Rows of a matrix, or a whole vector, as float32.
+    def raw_rows(self, name: str, first: int = 0, count: int | None = None) -> np.ndarray:
+        """The file's own bytes [count, bytes of a row] of a matrix, or of a whole vector.
 
         Reads the file instead of mapping it: mapped pages would count as memory for as long as the file is open.
         """
-        from gguf.quants import dequantize
-
         tensor = self.stored[name]
         total = tensor.shape[0] if len(tensor.shape) > 1 else 1
         count = total - first if count is None else min(count, total - first)
         row_bytes = tensor.size // total
         raw = np.fromfile(self.path, np.uint8, count * row_bytes, offset=tensor.offset + first * row_bytes)
-        values = dequantize(raw.reshape(count, row_bytes), tensor.kind)
+        return raw.reshape(count, row_bytes)
+
+    def rows(self, name: str, first: int = 0, count: int | None = None) -> torch.Tensor:
+        """Rows of a matrix, or a whole vector, as float32."""
+        from gguf.quants import dequantize
+
+        tensor = self.stored[name]
+        values = dequantize(self.raw_rows(name, first, count), tensor.kind)
         return torch.from_numpy(np.ascontiguousarray(values, np.float32).reshape(-1, *tensor.shape[1:]))
 
 

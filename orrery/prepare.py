@@ -1,5 +1,8 @@
 """A model's matrices in one of our formats, made from a GGUF file once and kept in a cache file.
 
+A tensor that the file has in the very format that is asked for keeps its bytes. A matrix whose rows the format's blocks
+do not divide takes the format's substitute.
+
 The cache file is a JSON header behind its length, then the tensors' bytes one after the other. It is written under
 another name and moved into place, so a reader never sees half of one.
 """
@@ -9,8 +12,9 @@ from __future__ import annotations
 import contextlib
 import hashlib
 import json
+import math
 import os
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator, Sequence
 from dataclasses import asdict, dataclass
 from pathlib import Path
 
@@ -21,28 +25,47 @@ from orrery.formats import Format
 from orrery.gguf_model import GGUFModel, Sizes
 from orrery.tokenizer import Vocabulary
 
-MAGIC = b"ORRERY01"
-# Rows dequantized at a time: a large vocabulary never stands in memory as floats.
-ROWS = 4096
+# The number changes with the quantizers: a cache of an older one is not found.
+MAGIC = b"ORRERY02"
+# Rows dequantized at a time: a large vocabulary never stands in memory as floats, and the progress shown moves.
+ROWS = 2048
 
 
 @dataclass(frozen=True)
 class Prepared:
-    """A model ready to run: byte tensors of quantized matrices and float32 norm weights, on one device."""
+    """A model ready to run: byte tensors of quantized matrices and float32 norm weights, on one device.
+
+    `formats` has the format of each matrix, which is `format` or its substitute.
+    """
 
     format: Format
     sizes: Sizes
     vocabulary: Vocabulary
     tensors: dict[str, torch.Tensor]
+    formats: dict[str, Format]
 
     @property
     def quantized_bytes(self) -> int:
         """Bytes of all quantized matrices."""
-        return sum(t.numel() for t in self.tensors.values() if t.dtype == torch.uint8)
+        return sum(self.tensors[name].numel() for name in self.formats)
+
+    @property
+    def weights(self) -> int:
+        """Elements of all quantized matrices."""
+        return sum(self.tensors[name].numel() // f.block_bytes * f.elements for name, f in self.formats.items())
+
+    @property
+    def remark(self) -> str:
+        """A sentence on matrices that could not take the format; empty if all did."""
+        others = sum(f != self.format for f in self.formats.values())
+        if not others:
+            return ""
+        return (f"{others} of {len(self.formats)} matrices have rows that blocks of {self.format.elements} do not "
+                f"divide and are stored as {self.format.substitute} instead of {self.format.name}")
 
 
-def load(path: Path, fmt: Format, device: str = "xpu", cache: bool = True) -> Prepared:
-    """The model of a GGUF file in format `fmt`, from the cache if it is there."""
+def load(path: Path, fmt: Format, device: str = "xpu", cache: bool = True, keep: bool = True) -> Prepared:
+    """The model of a GGUF file in format `fmt`, from the cache if it is there; `keep` puts it there if it was not."""
     gguf_model.check_magic(path)
     file = cache_file(path, fmt)
     if cache:
@@ -50,9 +73,10 @@ def load(path: Path, fmt: Format, device: str = "xpu", cache: bool = True) -> Pr
         if found:
             return found
     model = gguf_model.read(path)
-    tensors = {name: tensor.to(device) for name, tensor in _quantized(model, fmt)}
-    prepared = Prepared(fmt, model.sizes, model.vocabulary, tensors)
-    if cache:
+    chosen = matrix_formats(model, fmt)
+    tensors = {name: tensor.to(device) for name, tensor in _quantized(model, chosen)}
+    prepared = Prepared(fmt, model.sizes, model.vocabulary, tensors, chosen)
+    if cache and keep:
         _write_cache(file, prepared)
     return prepared
 
@@ -83,25 +107,44 @@ def norms(sizes: Sizes) -> dict[str, str]:
     return names
 
 
-def _quantized(model: GGUFModel, fmt: Format) -> Iterator[tuple[str, torch.Tensor]]:
+def matrix_formats(model: GGUFModel, fmt: Format) -> dict[str, Format]:
+    """The format of each of our matrices."""
+    joined = matrices(model.sizes, "output.weight" not in model.stored)
+    return {name: fmt.for_rows(model.stored[sources[0]].shape[1]) for name, sources in joined.items()}
+
+
+def _quantized(model: GGUFModel, chosen: dict[str, Format]) -> Iterator[tuple[str, torch.Tensor]]:
     from tqdm import tqdm
 
     for name, source in norms(model.sizes).items():
         yield name, model.rows(source).reshape(-1)
     joined = matrices(model.sizes, "output.weight" not in model.stored)
-    total = sum(model.stored[source].shape[0] for sources in joined.values() for source in sources)
-    with tqdm(total=total, desc=f"quantizing to {fmt.name}", unit=" rows", unit_scale=True, delay=2) as progress:
+    total = sum(math.prod(model.stored[source].shape) for sources in joined.values() for source in sources)
+    names = ", ".join(dict.fromkeys(f.name for f in chosen.values()))
+    with tqdm(total=total, desc=f"quantizing to {names}", unit=" weights", unit_scale=True, delay=2,
+              mininterval=0.5) as progress:
         for name, sources in joined.items():
-            rows = sum(model.stored[source].shape[0] for source in sources)
-            data = torch.empty(fmt.size(rows, model.stored[sources[0]].shape[1]), dtype=torch.uint8)
-            done = 0
-            for source in sources:
-                for first in range(0, model.stored[source].shape[0], ROWS):
-                    part = model.rows(source, first, ROWS)
-                    formats.quantize_rows(fmt, part, data, done)
-                    done += part.shape[0]
-                    progress.update(part.shape[0])
-            yield name, data
+            yield name, quantized_rows(model, sources, chosen[name], progress.update)
+
+
+def quantized_rows(model: GGUFModel, sources: Sequence[str], fmt: Format,
+                   done: Callable[[int], object]) -> torch.Tensor:
+    """The rows of several tensors of the file as one matrix in `fmt`."""
+    rows, cols = sum(model.stored[source].shape[0] for source in sources), model.stored[sources[0]].shape[1]
+    data = torch.empty(fmt.size(rows, cols), dtype=torch.uint8)
+    row = 0
+    for source in sources:
+        as_stored = bool(fmt.gguf_type) and model.stored[source].kind.name == fmt.gguf_type
+        height = model.stored[source].shape[0]
+        for first in range(0, height, ROWS):
+            count = min(ROWS, height - first)
+            if as_stored:
+                data.view(rows, -1)[row : row + count] = torch.from_numpy(model.raw_rows(source, first, count))
+            else:
+                formats.quantize_rows(fmt, model.rows(source, first, count), data, row)
+            row += count
+            done(count * cols)
+    return data
 
 
 def cache_file(path: Path, fmt: Format) -> Path:
@@ -114,7 +157,8 @@ def cache_file(path: Path, fmt: Format) -> Path:
 
 def _write_cache(file: Path, prepared: Prepared) -> None:
     """A cache that cannot be written is no failure: the next start is slower."""
-    tensors = [{"name": n, "dtype": str(t.dtype).removeprefix("torch."), "numel": t.numel()}
+    tensors = [{"name": n, "dtype": str(t.dtype).removeprefix("torch."), "numel": t.numel(),
+                "format": prepared.formats[n].name if n in prepared.formats else ""}
                for n, t in prepared.tensors.items()]
     header = json.dumps({
         "sizes": asdict(prepared.sizes),
@@ -143,13 +187,15 @@ def _read_cache(file: Path, fmt: Format, device: str) -> Prepared | None:
             header = json.loads(stream.read(int.from_bytes(stream.read(8), "little")))
             if stream.tell() + header["bytes"] != os.fstat(stream.fileno()).st_size:
                 return None
-            tensors = {}
+            tensors, chosen = {}, {}
             for entry in header["tensors"]:
                 tensor = torch.empty(entry["numel"], dtype=getattr(torch, entry["dtype"]))
                 stream.readinto(memoryview(tensor.numpy()).cast("B"))
                 tensors[entry["name"]] = tensor.to(device)
+                if entry["format"]:
+                    chosen[entry["name"]] = formats.FORMATS[entry["format"]]
     except (OSError, ValueError, KeyError):
         return None
     vocabulary = header["vocabulary"]
     vocabulary["stop"] = tuple(vocabulary["stop"])
-    return Prepared(fmt, Sizes(**header["sizes"]), Vocabulary(**vocabulary), tensors)
+    return Prepared(fmt, Sizes(**header["sizes"]), Vocabulary(**vocabulary), tensors, chosen)

@@ -67,15 +67,18 @@ class ChatTokenizer:
 
     def chat(self, messages: list[dict[str, str]]) -> list[int]:
         """Token numbers of a conversation up to the start of the assistant's next answer."""
+        return self.encode(self.chat_text(messages))
+
+    def chat_text(self, messages: list[dict[str, str]]) -> str:
+        """The text of a conversation up to the start of the assistant's next answer, special tokens included."""
         from jinja2 import TemplateError
         from jinja2.sandbox import ImmutableSandboxedEnvironment
 
         environment = ImmutableSandboxedEnvironment(trim_blocks=True, lstrip_blocks=True)
         try:
-            text = environment.from_string(self._template).render(messages=messages, add_generation_prompt=True)
+            return environment.from_string(self._template).render(messages=messages, add_generation_prompt=True)
         except TemplateError as error:
             raise OrreryError(f"the model's chat template does not render: {error}") from error
-        return self.encode(text)
 
 
 class TextStream:

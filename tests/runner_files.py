@@ -5,9 +5,11 @@ from __future__ import annotations
 from pathlib import Path
 
 import numpy as np
+import torch
 
-LAYERS, HIDDEN, HEADS, KV_HEADS, FEED_FORWARD = 2, 128, 2, 1, 192
-HEAD_DIM = HIDDEN // HEADS
+from orrery.formats import FORMATS, dequantize, quantize
+
+LAYERS, HIDDEN, KV_HEADS, HEAD_DIM, FEED_FORWARD = 2, 128, 1, 64, 192
 
 
 def pieces() -> tuple[list[str], list[int], list[str]]:
@@ -19,32 +21,38 @@ def pieces() -> tuple[list[str], list[int], list[str]]:
     return tokens, [3, 3, 3] + [1] * (len(alphabet) + 1), ["h e"]
 
 
-def shapes(vocabulary: int) -> dict[str, tuple[int, ...]]:
+def shapes(vocabulary: int, hidden: int = HIDDEN, feed_forward: int = FEED_FORWARD) -> dict[str, tuple[int, ...]]:
     kv = KV_HEADS * HEAD_DIM
-    result: dict[str, tuple[int, ...]] = {"token_embd.weight": (vocabulary, HIDDEN), "output_norm.weight": (HIDDEN,)}
+    result: dict[str, tuple[int, ...]] = {"token_embd.weight": (vocabulary, hidden), "output_norm.weight": (hidden,)}
     for i in range(LAYERS):
         for name, shape in {
-            "attn_norm": (HIDDEN,), "attn_q": (HIDDEN, HIDDEN), "attn_k": (kv, HIDDEN), "attn_v": (kv, HIDDEN),
-            "attn_output": (HIDDEN, HIDDEN), "ffn_norm": (HIDDEN,), "ffn_gate": (FEED_FORWARD, HIDDEN),
-            "ffn_up": (FEED_FORWARD, HIDDEN), "ffn_down": (HIDDEN, FEED_FORWARD),
+            "attn_norm": (hidden,), "attn_q": (hidden, hidden), "attn_k": (kv, hidden), "attn_v": (kv, hidden),
+            "attn_output": (hidden, hidden), "ffn_norm": (hidden,), "ffn_gate": (feed_forward, hidden),
+            "ffn_up": (feed_forward, hidden), "ffn_down": (hidden, feed_forward),
         }.items():
             result[f"blk.{i}.{name}.weight"] = shape
     return result
 
 
-def write_tiny(path: Path, *, architecture: str = "llama", context: int = 64, heads: int = HEADS, leave_out: str = "",
-               extra: str = "", pre: str = "smollm", untied: bool = False) -> dict[str, np.ndarray]:
-    """Writes the file; gives its tensors."""
-    from gguf import GGUFWriter
+def write_tiny(path: Path, *, architecture: str = "llama", context: int = 64, hidden: int = HIDDEN,
+               feed_forward: int = FEED_FORWARD, heads: int = 0, more_tokens: int = 0, leave_out: str = "", extra: str = "",
+               pre: str = "smollm", untied: bool = False, stored: dict[str, str] | None = None) -> dict[str, np.ndarray]:
+    """Writes the file; gives its tensors, as values.
+
+    `stored` names the format of ours, of a GGUF type's bytes, in which tensors with such an ending of their name lie.
+    """
+    from gguf import GGMLQuantizationType, GGUFWriter
 
     rng = np.random.default_rng(11)
     tokens, kinds, merges = pieces()
+    tokens += [f"more{i}" for i in range(more_tokens)]
+    kinds += [1] * more_tokens
     writer = GGUFWriter(path, architecture)
     writer.add_block_count(LAYERS)
     writer.add_context_length(context)
-    writer.add_embedding_length(HIDDEN)
-    writer.add_feed_forward_length(FEED_FORWARD)
-    writer.add_head_count(heads)
+    writer.add_embedding_length(hidden)
+    writer.add_feed_forward_length(feed_forward)
+    writer.add_head_count(heads or hidden // HEAD_DIM)
     writer.add_head_count_kv(KV_HEADS)
     writer.add_layer_norm_rms_eps(1e-5)
     writer.add_rope_freq_base(10000.0)
@@ -55,18 +63,25 @@ def write_tiny(path: Path, *, architecture: str = "llama", context: int = 64, he
     writer.add_token_merges(merges)
     writer.add_eos_token_id(2)
     tensors = {}
-    wanted = shapes(len(tokens))
+    wanted = shapes(len(tokens), hidden, feed_forward)
     if untied:
         wanted["output.weight"] = wanted["token_embd.weight"]
     if extra:
-        wanted[extra] = (HIDDEN,)
+        wanted[extra] = (hidden,)
     for name, shape in wanted.items():
         if name == leave_out:
             continue
         scale = 0.1 if len(shape) == 2 else 0.02
         tensor = rng.normal(0 if len(shape) == 2 else 1, scale, shape).astype(np.float32)
+        kept = next((fmt for ending, fmt in (stored or {}).items() if name.endswith(ending)), "")
+        if kept:
+            fmt = FORMATS[kept]
+            data = quantize(fmt, torch.from_numpy(tensor))
+            tensor = dequantize(fmt, data, shape[1]).numpy()
+            writer.add_tensor(name, data.view(shape[0], -1).numpy(), raw_dtype=GGMLQuantizationType[fmt.gguf_type])
+        else:
+            writer.add_tensor(name, tensor)
         tensors[name] = tensor
-        writer.add_tensor(name, tensor)
     writer.write_header_to_file()
     writer.write_kv_data_to_file()
     writer.write_tensors_to_file()

@@ -33,6 +33,12 @@ def test_byte_rate_of_times_and_of_rates():
         (Bar("bandwidth", 0.41), Row("", ours=0.5, bytes=20), 0.4, False),
         (Bar("speed", 5), Row("", ours=1.0, peer=4.9), 4.9, False),
         (Bar("speed", 0.5), Row("", ours=120.0, peer=240.0, per_second="tokens"), 0.5, True),
+        (Bar("copy", 0.3), Row("", ours=2.0, bytes=40, byte_rate=50.0), 0.4, True),
+        (Bar("copy", 0.5), Row("", ours=2.0, bytes=40, byte_rate=50.0), 0.4, False),
+        (Bar("copy", 0.5), Row("", ours=2.0, bytes=40), None, None),
+        (Bar("peer time", 1.3), Row("", ours=1.2, peer=1.0), 1.2, True),
+        (Bar("peer time", 1.3), Row("", ours=1.4, peer=1.0), 1.4, False),
+        (Bar("peer time", 1.3), Row("", ours=1.4), None, None),
         (Bar("microseconds", 8), Row("", ours=7.5e-6), 7.5, True),
         (Bar("microseconds", 8), Row("", ours=8.5e-6), 8.5, False),
         (Bar("byte time", 2.5), Row("", ours=3.0, bytes=10, byte_rate=10.0), 3.0, False),
@@ -124,10 +130,10 @@ def test_flush_covers_twice_the_last_level_cache():
 @pytest.mark.parametrize("name", FORMATS)
 def test_random_weight_is_what_it_says(name):
     fmt = FORMATS[name]
-    data, dense = cases.random_weight(fmt, 128, 192)
-    assert data.numel() == fmt.size(128, 192) and dense.shape == (128, 192)
-    assert torch.equal(dequantize(fmt, data, 192), dense)
-    assert torch.equal(dense[:64], dense[64:]) and dense[:64].unique().numel() > 1000
+    data, dense = cases.random_weight(fmt, 128, 768)
+    assert data.numel() == fmt.size(128, 768) and dense.shape == (128, 768)
+    assert torch.equal(dequantize(fmt, data, 768), dense)
+    assert torch.equal(dense[:64], dense[64:]) and dense[:64].unique().numel() > 60
 
 
 def _write_model(path: Path, matrix: np.ndarray) -> None:
@@ -181,6 +187,23 @@ def test_failed_write_leaves_no_file(tmp_path, monkeypatch):
     with pytest.raises(ValueError):
         llama.q4_0_model(source)
     assert list((tmp_path / "orrery").iterdir()) == []
+
+
+def test_targets_name_formats_and_leave_none_of_four_or_eight_bits_out():
+    assert set(cases._BANDWIDTH) <= set(FORMATS) and set(cases._BATCHES) <= set(FORMATS)
+    for name, fmt in FORMATS.items():
+        if fmt.elements == 64 and (4 <= fmt.bits <= 4.5 or fmt.bits == 8.5):
+            assert cases._BANDWIDTH[name] == 0.4
+
+
+def test_timings_of_the_peer_come_through(monkeypatch):
+    """A stand-in for the peer's process that answers as llama.cpp's server would be read."""
+    script = ("import sys\nfor line in sys.stdin:\n  print('noise')\n"
+              "  print('timings: {\"prompt\": 2.5, \"answer\": 7.0}', flush=True)")
+    popen = llama.subprocess.Popen
+    monkeypatch.setattr(llama.subprocess, "Popen", lambda command, **rest: popen([command[0], "-c", script], **rest))
+    with llama.Peer(Path("any.gguf"), 1) as peer:
+        assert peer.run("a", 1) == peer.run("b", 2) == {"prompt": 2.5, "answer": 7.0}
 
 
 def test_peer_that_cannot_start_is_told(tmp_path):

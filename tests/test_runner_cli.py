@@ -8,6 +8,7 @@ import sys
 import pytest
 
 import runner_files
+from orrery.formats import FORMATS
 
 
 @pytest.fixture(scope="module")
@@ -52,9 +53,14 @@ def test_other_architecture(cache, tmp_path):
 
 
 @pytest.mark.parametrize("arguments, message", [
-    (["generate", "--format", "q3_k"], "orrery: unknown format 'q3_k', the formats are q4_0, q4_1, q5_0, q5_1, q8_0"),
+    (["generate", "--format", "q3_k"], f"orrery: unknown format 'q3_k', the formats are {', '.join(FORMATS)}"),
     (["generate", "--tokens", "0"], "orrery: argument --tokens: 0 is below 1"),
     (["generate", "--top-p", "1.5"], "orrery: argument --top-p: 1.5 is not above 0 and at most 1"),
+    (["formats", "--formats", "q4_0,q3_k"],
+     f"orrery: argument --formats: unknown format 'q3_k', the formats are {', '.join(FORMATS)}"),
+    (["formats", "--output", "/nonexistent/plot.png"], "orrery: there is no folder /nonexistent for the plot"),
+    (["formats", "--text", "/nonexistent.txt"],
+     "orrery: cannot read the text file /nonexistent.txt: No such file or directory"),
     (["perplexity", "/nonexistent.txt"], "orrery: cannot read the text file /nonexistent.txt: No such file or directory"),
     (["sing"], None),
     ([], "orrery: the following arguments are required: COMMAND"),
@@ -71,13 +77,33 @@ def test_context_overrun(cache, tmp_path):
     assert "do not fit" in sentence(chat)
 
 
-def test_formats_and_help(cache):
-    result = run(cache, "formats")
+def test_list_of_formats_and_help(cache):
+    result = run(cache, "formats", "--no-measure")
     assert result.returncode == 0
-    assert re.search(r"^q5_1 +7 +64 +44 ", result.stdout, re.M)
+    assert re.search(r"^q5_1 +7 +64 +44 +5.50 +block array +-$", result.stdout, re.M)
+    assert re.search(r"^q4_k +27 +256 +144 +4.50 +block array +q5_1$", result.stdout, re.M)
+    assert [line.split()[0] for line in result.stdout.splitlines()[1:]] == list(FORMATS)
     for command in ("generate", "chat", "perplexity"):
         text = run(cache, command, "--help").stdout
         assert all(option in text for option in ("--model", "--format", "--dtype", "--threads"))
+
+
+def test_substitute_is_told_in_one_line(cache, tmp_path):
+    runner_files.write_tiny(tmp_path / "tiny.gguf")
+    for _ in range(2):  # The second time from the cache.
+        result = run(cache, "generate", "--model", tmp_path / "tiny.gguf", "ab", "--tokens", "3", "--format", "q4_k")
+        assert result.returncode == 0, result.stderr
+        assert result.stderr == ("9 of 9 matrices have rows that blocks of 256 do not divide and are stored as q5_1 "
+                                 "instead of q4_k\n")
+
+
+def test_perplexity_of_the_bundled_text(cache, tmp_path):
+    runner_files.write_tiny(tmp_path / "tiny.gguf")
+    result = run(cache, "perplexity", "--model", tmp_path / "tiny.gguf", "--window", "50", "--tokens", "120")
+    assert result.returncode == 0, result.stderr
+    found = re.fullmatch(r"perplexity ([\d.]+) over 120 tokens \[q4_0, float32, windows of 50\]\n", result.stdout)
+    # Random weights know nothing: near the size of the vocabulary, 260, or worse.
+    assert found and 200 < float(found[1]) < 2000
 
 
 def test_generate_speaks_english(cache):
@@ -140,3 +166,17 @@ def test_five_bits_on_a_device_that_reads_blocks_in_pairs(cache):
         texts.append(result.stdout.rsplit("\n[", 1)[0])
     assert texts[0] == texts[1]
     assert texts[0].startswith("The capital of France is Paris")
+
+
+def test_prompt_on_a_device_with_kernels_of_its_own_for_several_rows(cache, tmp_path):
+    """Where they are missing, the rows go one by one."""
+    runner_files.write_tiny(tmp_path / "tiny.gguf", hidden=256, feed_forward=512)
+    values = []
+    for name in ("Rack Compute Card Apex", "Vela"):
+        environment = os.environ | {"XDG_CACHE_HOME": str(cache), "ORRERY_HOST_DEVICE_NAME": name}
+        arguments = [sys.executable, "-m", "orrery", "perplexity", "--model", tmp_path / "tiny.gguf", "--tokens", "60"]
+        result = subprocess.run(list(map(str, arguments)), text=True, capture_output=True, env=environment, timeout=300)
+        assert result.returncode == 0, result.stderr
+        values.append(float(result.stdout.split()[1]))
+    # The dense weights of one of the devices are rounded to half, which changes the fourth digit.
+    assert values[0] == pytest.approx(values[1], rel=1e-3)

@@ -20,20 +20,26 @@ class Successor:
     def rewind(self, position):
         self.position = min(self.position, position)
 
-    def step(self, token, logits=True):
-        assert self.position < self.capacity
-        self.position += 1
-        self.taken.append((token, logits))
-        row = torch.zeros(1, VOCABULARY)
-        row[0, (token + 1) % VOCABULARY] = self.sure
-        return row if logits else None
+    def step(self, token):
+        return torch.cat(list(self.logits([token])))
+
+    def forward(self, tokens):
+        return torch.cat(list(self.logits(tokens)))[-1:]
+
+    def logits(self, tokens):
+        assert self.position + len(tokens) <= self.capacity
+        self.position += len(tokens)
+        self.taken.append(list(tokens))
+        rows = torch.zeros(len(tokens), VOCABULARY)
+        rows[range(len(tokens)), (torch.tensor(tokens) + 1) % VOCABULARY] = self.sure
+        yield from rows.split(3)
 
 
 def test_greedy_up_to_the_limit():
     model, timing = Successor(), Timing()
     assert list(generate(model, [7, 3], 5, frozenset(), Sampling(), timing)) == [4, 5, 6, 7, 8]
-    # Only the last token of the prompt needs logits, and the last answer is not fed back.
-    assert model.taken == [(7, False), (3, True), (4, True), (5, True), (6, True), (7, True)]
+    # The prompt goes in one pass, and the last answer is not fed back.
+    assert model.taken == [[7, 3], [4], [5], [6], [7]]
     assert (timing.prompt_tokens, timing.tokens, timing.steps) == (2, 5, 4)
 
 

@@ -1,14 +1,12 @@
 """The tokenizer against transformers' reading of the same file."""
 
-from pathlib import Path
-
 import pytest
 
 import runner_files
-from orrery import gguf_model
+from orrery import cli, gguf_model
 from orrery.tokenizer import ChatTokenizer, Vocabulary
 
-NOVEL = (Path(__file__).parent / "data" / "pride_and_prejudice.txt").read_text()
+NOVEL = cli.bundled_text()
 
 
 @pytest.fixture(scope="module")
