@@ -15,7 +15,7 @@ import torch
 
 import orrery_host
 import orrery_ops
-from linear_reference import DTYPES, SLACK, Arithmetic, differing, tree
+from linear_reference import DTYPES, SLACK, Arithmetic, differing, fields_of, tree
 
 CODES = {"iq2_xxs": 21, "q2_k": 23, "iq1_s": 24, "q6_k": 26, "q4_k": 27, "q5_k": 28}
 BYTES = {"iq2_xxs": 66, "q2_k": 84, "iq1_s": 50, "q6_k": 210, "q4_k": 144, "q5_k": 176}
@@ -313,21 +313,7 @@ def main() -> None:
                         "dtype": dtype,
                         "size": [rows, state],
                         "differing": differing(got, product(name, dtype, w, x, rows, state)),
-                        "launches": [
-                            {
-                                "kernel": launch.kernel,
-                                "instance": launch.instance,
-                                "name": launch.name,
-                                "global": launch.global_size,
-                                "local": launch.local_size,
-                                "sub_group": launch.sub_group_size,
-                                "local_memory": launch.local_memory,
-                                "waited": launch.waited,
-                                "function": launch.function,
-                                "file": launch.file,
-                            }
-                            for launch in launches
-                        ],
+                        "launches": [fields_of(launch) for launch in launches],
                     }
                 )
     print(json.dumps(seen))

@@ -362,20 +362,26 @@ def cases_of(family: str, device_class: int) -> list[tuple]:
     return [(f, d, *s, n) for f in formats for d in DTYPES for s in BATCH_SHAPES for n in BATCHES[f] if is_whole(f, *s)]
 
 
-def seen_in(name: str, dtype: str, rows: int, state: int, n: int) -> dict:
-    """What a product gave and launched."""
-    got, (launch,) = run(name, dtype, *case(name, dtype, rows, state, n=n), rows, state, n)
+def fields_of(launch: orrery_host.Launch) -> dict:
+    """What a test may ask of a launch in another process."""
     return {
-        "result": got.tobytes().hex(),
+        "name": launch.name,
         "kernel": launch.kernel,
         "instance": launch.instance,
-        "name": launch.name,
         "global": launch.global_size,
         "local": launch.local_size,
         "sub_group": launch.sub_group_size,
         "local_memory": launch.local_memory,
         "waited": launch.waited,
+        "function": launch.function,
+        "file": launch.file,
     }
+
+
+def seen_in(name: str, dtype: str, rows: int, state: int, n: int) -> dict:
+    """What a product gave and launched."""
+    got, (launch,) = run(name, dtype, *case(name, dtype, rows, state, n=n), rows, state, n)
+    return {"result": got.tobytes().hex(), **fields_of(launch)}
 
 
 def main() -> None:
@@ -383,17 +389,23 @@ def main() -> None:
     print(json.dumps([{"case": c, **seen_in(*c)} for c in cases_of(family, device_class)]))
 
 
-def seen_on_class(family: str, device_class: int) -> dict[tuple, dict]:
-    """By case, what a process on a device of that class saw."""
+def run_on_class(device_class: int, script: str, *arguments: str) -> list[dict]:
+    """The JSON that a script prints in a process whose device is of that class."""
     process = subprocess.run(
-        [sys.executable, __file__, family, str(device_class)],
+        [sys.executable, script, *arguments],
         env={**os.environ, "ORRERY_HOST_DEVICE_NAME": DEVICE_OF_CLASS[device_class]},
         capture_output=True,
         text=True,
         check=False,
     )
     assert process.returncode == 0, process.stderr
-    return {tuple(seen["case"]): seen for seen in json.loads(process.stdout)}
+    return json.loads(process.stdout)
+
+
+def seen_on_class(family: str, device_class: int) -> dict[tuple, dict]:
+    """By case, what a process on a device of that class saw."""
+    seen = run_on_class(device_class, __file__, family, str(device_class))
+    return {tuple(one["case"]): one for one in seen}
 
 
 def result_of(seen: dict) -> np.ndarray:

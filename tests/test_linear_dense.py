@@ -2,12 +2,7 @@
 
 from __future__ import annotations
 
-import json
-import os
-import subprocess
-import sys
 from functools import cache
-from pathlib import Path
 
 import numpy as np
 import pytest
@@ -18,7 +13,7 @@ import orrery_dispatch as dispatch
 import orrery_host
 import orrery_ops
 from kernel_reference import assert_same_bits_in_any_order
-from linear_reference import DEVICE_OF_CLASS, DTYPES, Arithmetic, differing
+from linear_reference import DEVICE_OF_CLASS, DTYPES, Arithmetic, differing, run_on_class
 
 TYPE_NAMES = {"float32": "float", "float64": "double", "float16": "c10::Half", "bfloat16": "c10::BFloat16"}
 FOUR_BIT = ("q4_0", "q4_1", "nf4", "fp4")
@@ -49,15 +44,7 @@ def suffix_of(name: str, device_class: int, state: int) -> tuple[str, int]:
 
 @cache
 def seen_on(device_class: int) -> list[dict]:
-    run = subprocess.run(
-        [sys.executable, str(Path(ref.__file__)), str(device_class)],
-        env={**os.environ, "ORRERY_HOST_DEVICE_NAME": DEVICE_OF_CLASS[device_class]},
-        capture_output=True,
-        text=True,
-        check=False,
-    )
-    assert run.returncode == 0, run.stderr
-    return json.loads(run.stdout)
+    return run_on_class(device_class, ref.__file__, str(device_class))
 
 
 def seen(what: str, device_class: int, name: str, dtype: str) -> list[dict]:

@@ -3,12 +3,7 @@
 from __future__ import annotations
 
 import ctypes
-import json
-import os
-import subprocess
-import sys
 from functools import cache
-from pathlib import Path
 
 import gguf
 import numpy as np
@@ -19,7 +14,7 @@ import torch
 import block_reference as ref
 import orrery_ops
 from kernel_reference import assert_same_bits_in_any_order
-from linear_reference import DEVICE_OF_CLASS, DTYPES, SLACK, differing
+from linear_reference import DEVICE_OF_CLASS, DTYPES, SLACK, differing, run_on_class
 
 DIRECT = ("q4_k", "q5_k", "q6_k")
 C_TYPES = {"float32": "float", "float64": "double", "float16": "c10::Half", "bfloat16": "c10::BFloat16"}
@@ -136,15 +131,7 @@ def test_every_code(name: str) -> None:
 
 @cache
 def seen_on(device_class: int) -> list[dict]:
-    run = subprocess.run(
-        [sys.executable, str(Path(ref.__file__)), str(device_class)],
-        env={**os.environ, "ORRERY_HOST_DEVICE_NAME": DEVICE_OF_CLASS[device_class]},
-        capture_output=True,
-        text=True,
-        check=False,
-    )
-    assert run.returncode == 0, run.stderr
-    return json.loads(run.stdout)
+    return run_on_class(device_class, ref.__file__, str(device_class))
 
 
 def expected_launch(name: str, dtype: str, rows: int) -> dict:
