@@ -121,7 +121,7 @@ def plot(results: Sequence[Result], title: str, path: Path) -> None:
     axes.set_title(title, fontsize=10)
     figure.draw_without_rendering()
     _label(axes, shown)
-    figure.savefig(path, dpi=130)
+    figure.savefig(path, dpi=130, format="png")
     pyplot.close(figure)
 
 
