@@ -153,13 +153,6 @@ void launch_indexed(const int64_t* index, uint64_t indexes, uint64_t nb_row, con
 
 }  // namespace
 
-bool has_block_dequantize(int32_t qtype) {
-  for (const row& r : rows) {
-    if (r.qtype == qtype) return true;
-  }
-  return false;
-}
-
 void launch_dequantize_blocks(int32_t qtype, c10::ScalarType type, uint64_t output_size, uint64_t state_size,
                               const void* weight, void* dense, c10::Device device, bool wait) {
   const dense_launch a{output_size * state_size >> 8, static_cast<const uint8_t*>(weight), dense, device, wait};

@@ -8,11 +8,8 @@
 
 namespace orrery {
 
-// Whether a format is dequantized by blocks of 256 elements.
-bool has_block_dequantize(int32_t qtype);
-
-// Fills `dense` with output_size * state_size values of `type` (Half, Float, Double or BFloat16). Only whole blocks of
-// 256 elements are written: what is left of the product stays as it is.
+// Of a format with 256 elements a block. Fills `dense` with output_size * state_size values of `type` (Half, Float,
+// Double or BFloat16). Only whole blocks of 256 elements are written: what is left of the product stays as it is.
 void launch_dequantize_blocks(int32_t qtype, c10::ScalarType type, uint64_t output_size, uint64_t state_size,
                               const void* weight, void* dense, c10::Device device, bool wait);
 

@@ -48,10 +48,7 @@ void with_value_type(c10::ScalarType type, F f) {
   }
 }
 
-// Whether a format has its single-row kernel.
-bool has_single_row(int32_t qtype);
-
-// Submits the single-row kernel of one format that has one; `type` is Half, Float, Double or BFloat16.
+// Submits the single-row kernel of a format; `type` is Half, Float, Double or BFloat16.
 void launch_single_row(int32_t qtype, const row_shape& shape, c10::ScalarType type, const row_launch& args);
 
 // Submits the kernel for a few input rows that the dispatch named.

@@ -48,13 +48,6 @@ constexpr batch_row batch_rows[] = {
 
 }  // namespace
 
-bool has_single_row(int32_t qtype) {
-  for (const row& r : rows) {
-    if (r.qtype == qtype) return true;
-  }
-  return false;
-}
-
 void launch_single_row(int32_t qtype, const row_shape& shape, c10::ScalarType type, const row_launch& args) {
   for (const row& r : rows) {
     if (r.qtype == qtype) return r.launch(shape, type, args);
