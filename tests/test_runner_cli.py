@@ -9,6 +9,7 @@ import pytest
 
 import runner_files
 from orrery.formats import FORMATS
+from sanitizers import SANITIZED
 
 
 @pytest.fixture(scope="module")
@@ -145,7 +146,7 @@ def peak(cache, code):
     return int(re.search(r"peak (\d+)$", result.stderr)[1]) * 1024
 
 
-@pytest.mark.skipif("libasan" in os.environ.get("LD_PRELOAD", ""), reason="a sanitizer's own memory counts too")
+@pytest.mark.skipif(SANITIZED, reason="a sanitizer's own memory counts too")
 @pytest.mark.parametrize("name, quantized", [("q4_0", 71442432), ("q8_0", 142884864)])
 @pytest.mark.parametrize("extra", [[], ["--no-cache"]])
 def test_memory(cache, name, quantized, extra):

@@ -12,14 +12,16 @@ from orrery.generate import Sampling, generate, perplexity
 from orrery.model import Model
 from orrery.tokenizer import ChatTokenizer
 from reference_llama import ReferenceLlama
+from sanitizers import SANITIZED
 
 NOVEL = cli.bundled_text()
-PROMPTS = ("The capital of France is", "def fibonacci(n):\n    ", "Once upon a time there was a miller who had 3 sons.")
-TOKENS = 64
+FRANCE, CODE, MILLER = ("The capital of France is", "def fibonacci(n):\n    ",
+                        "Once upon a time there was a miller who had 3 sons.")
 LINEAR = ("q4_0", "q4_1", "q5_0", "q5_1", "q8_0")
 # These make 8-bit codes of the activations where one row goes through them.
 CODED_ROWS = ("iq2_xxs", "q2_k", "iq1_s")
-BROAD = [name for name, fmt in FORMATS.items() if fmt.bits >= 4]
+# A sanitizer makes a token of the real model take a second: it sees one format there, and all of them on a tiny model.
+BROAD = [name for name, fmt in FORMATS.items() if fmt.bits >= 4 and (name == "q4_0" or not SANITIZED)]
 # The dense weight of these is made in half and then widened.
 HALF_DENSE = ("q4_0", "q4_1", "q8_0", "fp4", "fp6")
 # Beside the bundled model's rows of 576 and 1536 elements, a model whose rows all divide into blocks of 256.
@@ -98,7 +100,7 @@ def split(tokens, sizes):
 
 def test_logits_and_greedy_tokens(prepared, tokenizer, reference):
     reference.load(dequantized(prepared).__getitem__)
-    prompts, count = (PROMPTS, TOKENS) if prepared.format.name in LINEAR else (PROMPTS[:1], 24)
+    prompts, count = ((FRANCE, CODE, MILLER), 64) if prepared.format.name in LINEAR and not SANITIZED else ((FRANCE,), 24)
     clear = 0
     for text in prompts:
         prompt = tokenizer.encode(text)
@@ -127,7 +129,7 @@ def test_logits_and_greedy_tokens(prepared, tokenizer, reference):
 
 def test_text_is_coherent(prepared, tokenizer, judge):
     """What the quantized model says is likely to the file's own, and does not repeat a few words."""
-    prompt = tokenizer.encode(PROMPTS[2])
+    prompt = tokenizer.encode(MILLER)
     model = Model(prepared, torch.float32, len(prompt) + 32)
     answer = list(generate(model, prompt, 32, frozenset(), Sampling()))
     expected = judge.logits((prompt + answer)[:-1])[len(prompt) - 1 :]
@@ -137,6 +139,7 @@ def test_text_is_coherent(prepared, tokenizer, judge):
     assert len(set(answer)) >= 6, tokenizer.decode(answer)
 
 
+@pytest.mark.skipif(SANITIZED, reason="minutes there, and the next test takes the same way")
 def test_q8_0_perplexity(q8_0, tokenizer, judge):
     tokens = tokenizer.encode(NOVEL)[:2048]
     expected = judge.perplexity(tokens, 512)

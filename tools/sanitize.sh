@@ -13,4 +13,4 @@ export LD_PRELOAD="$("$compiler" -print-file-name=libasan.so) $("$compiler" -pri
 export ASAN_OPTIONS="detect_leaks=0:abort_on_error=1${ASAN_OPTIONS:+:$ASAN_OPTIONS}"
 export UBSAN_OPTIONS="print_stacktrace=1${UBSAN_OPTIONS:+:$UBSAN_OPTIONS}"
 export PYTHONPATH="$PWD/build/asan/python" PYTHONMALLOC=malloc
-exec python -m pytest "${@:-tests}"
+exec python -m pytest -n 2 "${@:-tests}"

@@ -1,0 +1,6 @@
+"""What tests do differently under AddressSanitizer."""
+
+import os
+
+# The runtime has to be loaded before everything else, so it stands in this variable.
+SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "")
