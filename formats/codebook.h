@@ -5,6 +5,7 @@
 #include <bit>
 
 #include "formats/linear.h"
+#include "includes/codes.h"
 
 namespace orrery::formats {
 

@@ -1,6 +1,8 @@
-// Values of small codes that lie side by side in words.
+// Values of codes that lie side by side in words.
 #pragma once
 
+#include <bit>
+#include <cstdint>
 #include <utility>
 
 #include "simd.h"
@@ -60,6 +62,52 @@ ORRERY_INLINE inline simd<float, N> value_of_code(const simd<uint32_t, N>& word)
     for (int i = 0; i < N; ++i) r.set(i, static_cast<float>(Rule::value(word[i] >> At & ((1 << Bits) - 1))));
     return r;
   }
+}
+
+// Floats by a 7-bit code, with no more than the upper 16 of their bits set.
+struct float_table {
+  alignas(64) uint8_t top[128];
+  alignas(64) uint8_t second[128];
+
+  template <typename F>
+  static constexpr float_table of(F value) {
+    float_table t{};
+    for (int code = 0; code < 128; ++code) {
+      const uint32_t bits = std::bit_cast<uint32_t>(static_cast<float>(value(code)));
+      t.top[code] = static_cast<uint8_t>(bits >> 24);
+      t.second[code] = static_cast<uint8_t>(bits >> 16);
+    }
+    return t;
+  }
+};
+
+// Lane i is the table's float for the low seven bits of byte k of codes[i], negative if the byte's top bit is set.
+template <int N>
+inline simd<float, N> lookup_signed(const float_table& table, const simd<uint32_t, N>& codes, int k) {
+  simd<float, N> r;
+#ifdef __AVX512VBMI__
+  if constexpr (simd<uint32_t, N>::W == 16) {
+    const auto bytes = [](const uint8_t* p) { return _mm512_load_si512(p); };
+    const auto lane = (__m512i)(detail::iota<uint32_t, 16>() * 4u + static_cast<uint32_t>(k));
+    // Bytes 2 and 3 of a lane from byte k of the two tables' results; 64 is the second one's first byte.
+    const __m512i at = _mm512_or_si512(_mm512_slli_epi32(lane, 16),
+                                       _mm512_or_si512(_mm512_slli_epi32(lane, 24), _mm512_set1_epi32(0x40000000)));
+    ORRERY_UNROLL for (int c = 0; c < simd<uint32_t, N>::chunks; ++c) {
+      const __m512i code = (__m512i)codes.v[c], sign = _mm512_set1_epi8(-128);
+      const __m512i top = _mm512_permutex2var_epi8(bytes(table.top), code, bytes(table.top + 64));
+      const __m512i second = _mm512_permutex2var_epi8(bytes(table.second), code, bytes(table.second + 64));
+      const __m512i with_sign = _mm512_ternarylogic_epi32(top, code, sign, 0xF8);  // top | (code & sign)
+      r.v[c] = (detail::vector_t<float, 16>)_mm512_maskz_permutex2var_epi8(0xCCCCCCCCCCCCCCCC, second, at, with_sign);
+    }
+    return r;
+  }
+#endif
+  ORRERY_UNROLL for (int i = 0; i < N; ++i) {
+    const uint32_t code = codes[i] >> (8 * k), low = code & 127;
+    const uint32_t upper = (table.top[low] | (code & 128)) << 8 | table.second[low];
+    r.set(i, std::bit_cast<float>(upper << 16));
+  }
+  return r;
 }
 
 // Products of bytes added up by fours, permutations of bytes.
