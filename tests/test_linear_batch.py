@@ -112,31 +112,6 @@ def test_inputs_that_cancel_leave_no_offset() -> None:
     assert torch.equal(y, torch.zeros(3, 2, dtype=torch.float16))
 
 
-@pytest.mark.parametrize(
-    "code, state, text",
-    [
-        (2, 1000, "%d must be a multiple of %d100016"),
-        (3, 72, "%d must be a multiple of %d7216"),
-        (8, 1004, "%d must be a multiple of %d10048"),
-        (10, 8, "%d must be a multiple of %d816"),
-        (16, 24, "%d must be a multiple of %d2416"),
-        (19, 68, "%d must be a multiple of %d688"),
-    ],
-)
-def test_a_row_that_is_no_whole_number_of_runs_is_refused(code: int, state: int, text: str) -> None:
-    weight = torch.zeros(4096, dtype=torch.uint8, device="xpu")
-    with pytest.raises(RuntimeError) as caught:
-        orrery_ops.forward_new(torch.ones(2, state, device="xpu"), weight, code, 1)
-    assert str(caught.value).splitlines()[0] == text
-
-
-def test_an_integer_input_is_refused() -> None:
-    weight = torch.zeros(34, dtype=torch.uint8, device="xpu")
-    with pytest.raises(NotImplementedError) as caught:
-        orrery_ops.forward_new(torch.ones(2, 64, dtype=torch.int32, device="xpu"), weight, 2, 1)
-    assert str(caught.value).splitlines()[0] == "\"qlinear_forward_xpu\" not implemented for 'Int'"
-
-
 def all_products() -> list[torch.Tensor]:
     results = []
     for name in ref.BATCHES:
