@@ -86,6 +86,15 @@ ORRERY_INLINE inline simd<T, N> kept(simd<T, N> a) {
   return a;
 }
 
+// Numbers that are read back from memory: a vector operation spreads a number there over all lanes for nothing, one in
+// a register takes a shuffle.
+template <size_t Count>
+ORRERY_INLINE inline void from_memory(float (&numbers)[Count]) {
+#ifdef ORRERY_LANE_MASKS
+  asm("" : "+m"(numbers));
+#endif
+}
+
 // Calls f with the integers 0 to Count - 1 as constants.
 template <int Count, typename F>
 ORRERY_INLINE inline void for_each_constant(F f) {

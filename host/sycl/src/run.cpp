@@ -49,15 +49,12 @@ struct launch_run {
   void one_group(group_state& g, size_t at) const {
     const size_t linear = shuffle ? order[at] : at;
     plan.set_group(plan.context, g, linear);
-    g.arrived = 0;
     // What a kernel reads there without having written it shows as NaN or as a wild number.
     if (shuffle) std::memset(local_memory, 0xFF, plan.local_memory);
     if (plan.barriers && strands > 1) {
       run_fibers(plan, g, shuffle, seed ^ (linear * 0x9E3779B97F4A7C15ull));
-    } else if (shuffle) {
-      for (size_t strand : shuffled(strands, seed ^ linear)) plan.run_strand(plan.context, g, static_cast<int>(strand));
     } else {
-      for (int strand = 0; strand < strands; ++strand) plan.run_strand(plan.context, g, strand);
+      for (size_t strand : shuffled(strands, seed ^ linear)) plan.run_strand(plan.context, g, static_cast<int>(strand));
     }
   }
 
@@ -66,7 +63,11 @@ struct launch_run {
     local_memory = aligned(mine.local, plan.local_memory);
     group_state g;
     g.strands = strands;
-    for (size_t at = begin; at < end; ++at) one_group(g, at);
+    if (shuffle || (plan.barriers && strands > 1)) {
+      for (size_t at = begin; at < end; ++at) one_group(g, at);
+    } else {
+      plan.run_groups(plan.context, g, begin, end);
+    }
   }
 };
 

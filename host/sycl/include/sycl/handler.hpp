@@ -24,6 +24,8 @@ struct launch_plan {
   const void* context = nullptr;
   void (*set_group)(const void* context, group_state& g, size_t linear) = nullptr;
   void (*run_strand)(const void* context, group_state& g, int strand) = nullptr;
+  // Strands and groups in their order.
+  void (*run_groups)(const void* context, group_state& g, size_t begin, size_t end) = nullptr;
 };
 
 ORRERY_SYCL_API void run(const launch_plan& plan);
@@ -108,16 +110,20 @@ class handler {
     plan.local_memory = local_memory_;
     plan.context = &c;
     plan.set_group = [](const void* p, detail::group_state& g, size_t linear) {
-      const auto& groups = static_cast<const context*>(p)->groups;
-      for (int d = D - 1; d > 0; --d) {
-        g.group[d] = linear % groups[d];
-        linear /= groups[d];
-      }
-      g.group[0] = linear;
+      set_group<D>(static_cast<const context*>(p)->groups, g, linear);
     };
     plan.run_strand = [](const void* p, detail::group_state& g, int strand) {
       const auto& c = *static_cast<const context*>(p);
       Call{}(*c.kernel, detail::item_base<D>{&g, c.ranges, strand, static_cast<size_t>(strand) * Lanes});
+    };
+    plan.run_groups = [](const void* p, detail::group_state& g, size_t begin, size_t end) {
+      const auto& c = *static_cast<const context*>(p);
+      for (size_t linear = begin; linear < end; ++linear) {
+        set_group<D>(c.groups, g, linear);
+        for (int strand = 0; strand < g.strands; ++strand) {
+          Call{}(*c.kernel, detail::item_base<D>{&g, c.ranges, strand, static_cast<size_t>(strand) * Lanes});
+        }
+      }
     };
     const auto start = std::chrono::steady_clock::now();
     if (plan.groups > 0) detail::run(plan);
@@ -135,6 +141,16 @@ class handler {
       r.device = device_.index();
       launch_ = detail::add_record(std::move(r), typeid(Kernel));
     }
+  }
+
+  template <int D>
+  static void set_group(const range<D>& groups, detail::group_state& g, size_t linear) {
+    for (int d = D - 1; d > 0; --d) {
+      g.group[d] = linear % groups[d];
+      linear /= groups[d];
+    }
+    g.group[0] = linear;
+    g.arrived = 0;
   }
 
   device device_;

@@ -22,7 +22,8 @@ enum class strand_state : uint8_t { ready, at_group_barrier, at_sub_group, left,
 struct group_state {
   size_t group[3] = {0, 0, 0};
   int strands = 0;
-  int arrived = 0;  // at the end of the group, see lane_item::when_last
+  int arrived = 0;          // at the end of the group, see lane_item::when_last
+  char* scratch = nullptr;  // of the launch, see lane_item::once_a_launch
   struct fibers* running = nullptr;
 };
 
@@ -183,9 +184,7 @@ class lane_item {
   void barrier() const { detail::meet(*at_.state, at_.strand, detail::strand_state::at_group_barrier); }
   // The value of the work-item whose index in a sub-group of SG is this one's xor `bits`.
   template <int SG, typename T>
-  T xor_lane(T value, size_t bits) const
-    requires(N == 1)
-  {
+  T xor_lane(T value, size_t bits) const requires(N == 1) {
     return permute_group_by_xor(sub_group(at_.state, at_.strand, at_.local_linear % SG, SG), value, bits);
   }
   // From here on the group goes on without this strand.
@@ -195,13 +194,16 @@ class lane_item {
   void when_last(F&& whole) const {
     if (++at_.state->arrived == at_.state->strands) whole();
   }
-  // Values that all groups of a launch share, made once a launch and thread.
+  // Values that all groups of a launch share, made once a launch and thread. A kernel calls this in one place.
   template <typename T, typename Fill>
   const T* once_a_launch(size_t count, Fill&& fill) const {
-    bool fresh = false;
-    T* values = reinterpret_cast<T*>(detail::launch_scratch(count * sizeof(T), fresh));
-    if (fresh) fill(values);
-    return values;
+    char*& scratch = at_.state->scratch;
+    if (scratch == nullptr) {
+      bool fresh = false;
+      scratch = detail::launch_scratch(count * sizeof(T), fresh);
+      if (fresh) fill(reinterpret_cast<T*>(scratch));
+    }
+    return reinterpret_cast<const T*>(scratch);
   }
 
  private:
