@@ -14,8 +14,9 @@ CPP := $(wildcard *.cpp *.h batch/*.cpp batch/*.h formats/*.h formats/*.cpp incl
        $(shell find host -name '*.cpp' -o -name '*.h' -o -name '*.hpp')
 PACKAGE := $(CPP) $(wildcard orrery/*.py orrery/quantizers/*.py orrery/data/* host/orrery_host/*.py) CMakeLists.txt host/CMakeLists.txt pyproject.toml
 NATIVE_TESTS := $(wildcard tests/native/*.cpp tests/native/*.h)
-KERNEL_TESTS = $(wildcard $(addprefix tests/,test_linear_xpu_kernel.py test_linear_batch.py test_bmm_xpu_kernel.py \
-                 test_sdp.py test_norm.py test_rope.py))
+KERNEL_TESTS = $(addprefix tests/,test_linear_xpu_kernel.py test_linear_batch.py test_super_block.py test_grid.py \
+                 test_q8_1.py test_linear_dense.py test_dequantize.py test_bmm_xpu_kernel.py test_sdp.py test_norm.py \
+                 test_rope.py)
 
 .PHONY: demo test build bench scalar sanitize format clean
 .DELETE_ON_ERROR:
@@ -41,7 +42,7 @@ test: build
 
 scalar: .venv/installed
 	@cmake --preset scalar $(if $(MARCH),-DORRERY_MARCH=$(MARCH))
-	@cmake --build --preset scalar --target orrery_ops orrery_host_C orrery_host_python
+	@cmake --build --preset scalar --target orrery_ops orrery_host_C orrery_host_python orrery_dispatch orrery_launch
 	PYTHONPATH=$(CURDIR)/build/scalar/python $(PYTHON) -m pytest $(or $(ARGS),$(KERNEL_TESTS))
 
 sanitize: .venv/installed

@@ -106,7 +106,7 @@ void launch_groups(uint64_t groups, const Kernel& kernel, c10::Device device, co
       [&](sycl::handler&) { return kernel; }, default_record, wait);
 }
 
-struct dense_launch {
+struct blocks_launch {
   uint64_t blocks;
   const uint8_t* weight;
   void* dense;
@@ -115,7 +115,7 @@ struct dense_launch {
 };
 
 template <template <typename> typename Kernel>
-void launch_blocks(c10::ScalarType type, const dense_launch& a, const char* function) {
+void launch_blocks(c10::ScalarType type, const blocks_launch& a, const char* function) {
   with_value_type(type, [&](auto t) {
     using T = decltype(t);
     Kernel<T> kernel;
@@ -127,7 +127,7 @@ void launch_blocks(c10::ScalarType type, const dense_launch& a, const char* func
 
 struct row {
   int32_t qtype;
-  void (*launch)(c10::ScalarType, const dense_launch&, const char*);
+  void (*launch)(c10::ScalarType, const blocks_launch&, const char*);
   const char* name;
 };
 
@@ -155,7 +155,7 @@ void launch_indexed(const int64_t* index, uint64_t indexes, uint64_t nb_row, con
 
 void launch_dequantize_blocks(int32_t qtype, c10::ScalarType type, uint64_t output_size, uint64_t state_size,
                               const void* weight, void* dense, c10::Device device, bool wait) {
-  const dense_launch a{output_size * state_size >> 8, static_cast<const uint8_t*>(weight), dense, device, wait};
+  const blocks_launch a{output_size * state_size >> 8, static_cast<const uint8_t*>(weight), dense, device, wait};
   for (const row& r : rows) {
     if (r.qtype == qtype) return r.launch(type, a, r.name);
   }

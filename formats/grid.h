@@ -187,11 +187,19 @@ struct alignas(64) grid_inputs {
 }  // namespace detail
 #endif
 
+struct grid_block {
+  static constexpr int d_at = 0;
+  static float d(const uint8_t* block) { return half_at(block + d_at); }
+
+  // Work-items that share the dot product of a block with eight blocks of quantized activations.
+  static constexpr int parts = 8;
+};
+
 // Magnitudes 8, 25 and 43 with a sign each. A sub-block of 32 is 8 bytes: four indexes, then a word of four 7-bit sign
 // indexes and a 4-bit scale.
-struct iq2_xxs {
+struct iq2_xxs : grid_block {
   static constexpr int bytes = 66;
-  static constexpr int d_at = 0, groups_at = 2;
+  static constexpr int groups_at = 2;
 
   static float value(const uint8_t* block, int e) {
     const int ib = e / 32, g = e % 32 / 8, j = e % 8;
@@ -215,10 +223,6 @@ struct iq2_xxs {
   static uint32_t signs_and_scale(const uint8_t* block, int ib) {
     return read<uint32_t>(block + groups_at + 8 * ib + 4);
   }
-  static float d(const uint8_t* block) { return half_at(block + d_at); }
-
-  // Work-items that share the dot product of a block with eight blocks of quantized activations.
-  static constexpr int parts = 8;
 
   static float dot(const uint8_t* block, const uint8_t* activations, int ib) {
     const uint8_t* other = activations + ib * q8_1::bytes;
@@ -276,9 +280,9 @@ struct iq2_xxs {
 
 // Values 0, 1 and 2 with a delta that the sub-block chooses. A sub-block of 32 is four low bytes of an 11-bit index,
 // and a word of their high bits, a 3-bit scale and the choice.
-struct iq1_s {
+struct iq1_s : grid_block {
   static constexpr int bytes = 50;
-  static constexpr int d_at = 0, low_at = 2, high_at = 34;
+  static constexpr int low_at = 2, high_at = 34;
 
   static float value(const uint8_t* block, int e) {
     const int ib = e / 32, g = e % 32 / 8, j = e % 8;
@@ -303,9 +307,6 @@ struct iq1_s {
   }
   static float delta(const uint8_t* block, int ib) { return high(block, ib) & 0x8000 ? -1.125f : -0.875f; }
   static uint32_t high(const uint8_t* block, int ib) { return read<uint16_t>(block + high_at + 2 * ib); }
-  static float d(const uint8_t* block) { return half_at(block + d_at); }
-
-  static constexpr int parts = 8;
 
   static float dot(const uint8_t* block, const uint8_t* activations, int ib) {
     const uint8_t* other = activations + ib * q8_1::bytes;

@@ -62,11 +62,20 @@ struct vector_of<S, 1> {
 template <typename S, int W>
 using vector_t = typename vector_of<S, W>::type;
 
-// Lanes of one machine vector: the largest power of two that divides N and fits 64 bytes.
+#if defined(__AVX512F__)
+constexpr int vector_bytes = 64;
+#elif defined(__AVX__)
+constexpr int vector_bytes = 32;
+#else
+constexpr int vector_bytes = 16;
+#endif
+
+// Lanes of one machine vector: the largest power of two that divides N and fits. GCC takes wider ones apart lane by
+// lane, and compiles a unit four to ten times as long.
 template <typename S, int N>
 constexpr int chunk_lanes() {
   int w = N & -N;
-  while (w * int(sizeof(S)) > 64) w /= 2;
+  while (w * int(sizeof(S)) > vector_bytes) w /= 2;
   return w;
 }
 
@@ -156,22 +165,25 @@ inline vector_t<float, W> round_half(vector_t<float, W> v) {
   }
 }
 
-// Float to the nearest bfloat16, ties to even, and back; every NaN becomes 0x7FC0.
+// The result of one operation on bfloat16 values to the nearest bfloat16, ties to even, and back. Such a NaN has no
+// bits below the upper 16, so that it stays one without care; it takes its one pattern when it is stored. Without the
+// test for it a q4_0 product takes 16% less time.
 template <int W>
-inline vector_t<float, W> round_bfloat16(vector_t<float, W> v) {
+inline vector_t<float, W> round_to_bfloat16(vector_t<float, W> v) {
   using U = vector_t<uint32_t, W>;
   U bits;
   std::memcpy(&bits, &v, sizeof v);
-  const U rounded = (bits + (U(bits >> 16) & 1u) + 0x7FFFu) & 0xFFFF0000u;
-  U out;
-  if constexpr (W == 1) {
-    out = v != v ? 0x7FC00000u : rounded;
-  } else {
-    const U nan = U{} + 0x7FC00000u;
-    out = (v != v) ? nan : rounded;
-  }
-  std::memcpy(&v, &out, sizeof v);
+  bits = (bits + (U(bits >> 16) & 1u) + 0x7FFFu) & 0xFFFF0000u;
+  std::memcpy(&v, &bits, sizeof v);
   return v;
+}
+
+// The same for any float; every NaN becomes 0x7FC0.
+template <int W>
+inline vector_t<float, W> round_bfloat16(vector_t<float, W> v) {
+  const vector_t<float, W> rounded = round_to_bfloat16<W>(v);
+  const vector_t<float, W> nan = vector_t<float, W>{} + std::bit_cast<float>(0x7FC00000u);
+  return v != v ? nan : rounded;
 }
 
 // A short vector of 32-bit elements in the low lanes of one of W; the lanes above are anything. Up to 16 bytes stay in
@@ -192,19 +204,6 @@ inline auto low_lanes(V few) {
 #endif
   std::memcpy(&wide, &few, sizeof few);
   return wide;
-}
-
-// The same for the result of one operation on bfloat16 values. Such a NaN has no bits below the upper 16, so that it
-// stays one without care; it takes its one pattern when it is stored. Without the test for it a q4_0 product takes 16%
-// less time.
-template <int W>
-inline vector_t<float, W> round_to_bfloat16(vector_t<float, W> v) {
-  using U = vector_t<uint32_t, W>;
-  U bits;
-  std::memcpy(&bits, &v, sizeof v);
-  bits = (bits + (U(bits >> 16) & 1u) + 0x7FFFu) & 0xFFFF0000u;
-  std::memcpy(&v, &bits, sizeof v);
-  return v;
 }
 
 template <int First, int W, typename V, int... I>
@@ -356,11 +355,11 @@ inline uint64_t mask_bits(const M& m) {
 // Lanes of `yes` where a bit is set, of `no` elsewhere.
 template <typename S, int W>
 inline vector_t<S, W> blend(uint64_t bits, vector_t<S, W> yes, vector_t<S, W> no) {
-  using V = vector_t<S, W>;
   if constexpr (W == 1) {
     return (bits & 1) ? yes : no;
   } else {
 #ifdef ORRERY_LANE_MASKS
+    using V = vector_t<S, W>;
     constexpr int bytes = sizeof(V), size = sizeof(S);
     if constexpr (bytes == 64 && size == 1) return (V)_mm512_mask_blend_epi8(bits, (__m512i)no, (__m512i)yes);
     if constexpr (bytes == 64 && size == 4) return (V)_mm512_mask_blend_epi32(bits, (__m512i)no, (__m512i)yes);
@@ -816,7 +815,7 @@ inline simd<T, N> lookup16(const simd<T, 16>& table, const simd<uint32_t, N>& co
   if constexpr (simd<T, 16>::W == 16 && simd<T, N>::W == 16) {
     ORRERY_UNROLL for (int c = 0; c < simd<T, N>::chunks; ++c) r.v[c] = __builtin_shuffle(table.v[0], code.v[c]);
   } else if constexpr (simd<T, 16>::W == 8 && simd<T, N>::W == 8) {
-    const simd<int64_t, N> at = convert<int64_t>(code);
+    const auto at = convert<detail::int_like<held_t<T>>>(code);
     ORRERY_UNROLL for (int c = 0; c < simd<T, N>::chunks; ++c) {
       r.v[c] = __builtin_shuffle(table.v[0], table.v[1], at.v[c]);
     }

@@ -18,7 +18,7 @@ import torch
 
 import orrery_host
 import orrery_ops
-from linear_reference import DTYPES, Arithmetic, differing
+from linear_reference import DTYPES, Arithmetic, differing, numbers
 
 CODES = {
     "q4_0": 2, "q4_1": 3, "q5_0": 6, "q5_1": 7, "q8_0": 8, "nf4": 10, "nf3": 11, "fp8_e4m3": 15, "fp4": 16,
@@ -246,11 +246,6 @@ def put_scales(scales: np.ndarray, generator: np.random.Generator, wild: bool) -
 def to_device(array: np.ndarray, dtype: str = "") -> torch.Tensor:
     tensor = torch.from_numpy(array)
     return (tensor.to(DTYPES[dtype]) if dtype else tensor).to("xpu")
-
-
-def numbers(tensor: torch.Tensor) -> np.ndarray:
-    tensor = tensor.cpu()
-    return (tensor.float() if tensor.dtype == torch.bfloat16 else tensor).numpy()
 
 
 def dequant(name: str, dtype: str, w: np.ndarray, state: int) -> torch.Tensor:

@@ -8,14 +8,14 @@ import os
 import resource
 import subprocess
 import sys
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager
+from collections.abc import Callable
 from pathlib import Path
 
 import numpy as np
 import torch
 
 import orrery_host  # noqa: F401  (the device comes first)
+from torch_threads import threads
 
 THREADS = (1, 2, 3, 7)
 
@@ -98,16 +98,6 @@ def assert_dies_with(expression: str, unit: str, call: Callable[[], object]) -> 
     text = last_words(call)
     assert f"Assertion `{expression}' failed." in text
     assert f"{unit}.cpp:" in text
-
-
-@contextmanager
-def threads(count: int) -> Iterator[None]:
-    before = torch.get_num_threads()
-    torch.set_num_threads(count)
-    try:
-        yield
-    finally:
-        torch.set_num_threads(before)
 
 
 def digest(results: list[torch.Tensor]) -> str:

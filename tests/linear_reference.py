@@ -325,8 +325,13 @@ def run(
     with orrery_host.record_launches() as launches:
         y = orrery_ops.forward_new(inputs, weight, CODES[name], 1)
     assert y.shape == (n, rows) and y.dtype == DTYPES[dtype]
-    y = y.cpu()
-    return (y.float() if dtype == "bfloat16" else y).numpy(), launches
+    return numbers(y), launches
+
+
+def numbers(tensor: torch.Tensor) -> np.ndarray:
+    """Its values; those of bfloat16 as float32."""
+    tensor = tensor.cpu()
+    return (tensor.float() if tensor.dtype == torch.bfloat16 else tensor).numpy()
 
 
 def differing(got: np.ndarray, expected: np.ndarray) -> int:

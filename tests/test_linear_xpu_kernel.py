@@ -292,30 +292,38 @@ def test_a_remainder_of_bytes_is_dropped() -> None:
 
 
 @pytest.mark.parametrize(
-    "code, state, text",
+    "n, code, state, text",
     [
-        (2, 1000, "%d must be a multiple of %d100016"),
-        (3, 72, "%d must be a multiple of %d7216"),
-        (8, 1004, "%d must be a multiple of %d10048"),
-        (10, 72, "%d must be a multiple of %d7216"),
-        (11, 8, "%d must be a multiple of %d816"),
-        (15, 100, "%d must be a multiple of %d1008"),
-        (16, 24, "%d must be a multiple of %d2416"),
-        (19, 68, "%d must be a multiple of %d688"),
-        (29, 120, "%d must be a multiple of %d12016"),
+        (1, 2, 1000, "%d must be a multiple of %d100016"),
+        (1, 3, 72, "%d must be a multiple of %d7216"),
+        (1, 8, 1004, "%d must be a multiple of %d10048"),
+        (1, 10, 72, "%d must be a multiple of %d7216"),
+        (1, 11, 8, "%d must be a multiple of %d816"),
+        (1, 15, 100, "%d must be a multiple of %d1008"),
+        (1, 16, 24, "%d must be a multiple of %d2416"),
+        (1, 19, 68, "%d must be a multiple of %d688"),
+        (1, 29, 120, "%d must be a multiple of %d12016"),
+        (2, 2, 1000, "%d must be a multiple of %d100016"),
+        (8, 2, 1000, "%d must be a multiple of %d100016"),
+        (2, 3, 72, "%d must be a multiple of %d7216"),
+        (2, 8, 1004, "%d must be a multiple of %d10048"),
+        (2, 10, 8, "%d must be a multiple of %d816"),
+        (2, 16, 24, "%d must be a multiple of %d2416"),
+        (2, 19, 68, "%d must be a multiple of %d688"),
     ],
 )
-def test_a_row_that_is_no_whole_number_of_runs_is_refused(code: int, state: int, text: str) -> None:
+def test_a_row_that_is_no_whole_number_of_runs_is_refused(n: int, code: int, state: int, text: str) -> None:
     weight = torch.zeros(4096, dtype=torch.uint8, device="xpu")
     with pytest.raises(RuntimeError) as caught:
-        orrery_ops.forward_new(torch.ones(1, state, device="xpu"), weight, code, 1)
+        orrery_ops.forward_new(torch.ones(n, state, device="xpu"), weight, code, 1)
     assert str(caught.value).splitlines()[0] == text
 
 
-def test_an_integer_input_is_refused() -> None:
+@pytest.mark.parametrize("n", [1, 2])
+def test_an_integer_input_is_refused(n: int) -> None:
     weight = torch.zeros(34, dtype=torch.uint8, device="xpu")
     with pytest.raises(NotImplementedError) as caught:
-        orrery_ops.forward_new(torch.ones(1, 64, dtype=torch.int32, device="xpu"), weight, 2, 1)
+        orrery_ops.forward_new(torch.ones(n, 64, dtype=torch.int32, device="xpu"), weight, 2, 1)
     assert str(caught.value).splitlines()[0] == "\"qlinear_forward_xpu\" not implemented for 'Int'"
 
 

@@ -8,6 +8,7 @@ from typing import Any, Iterator
 import torch  # noqa: F401  its libraries first
 
 import orrery_native_tests as native
+from torch_threads import threads  # noqa: F401
 
 
 @contextmanager
@@ -21,16 +22,6 @@ def host_settings(**changes: Any) -> Iterator[None]:
         yield
     finally:
         native.configure(before)
-
-
-@contextmanager
-def threads(count: int) -> Iterator[None]:
-    before = torch.get_num_threads()
-    torch.set_num_threads(count)
-    try:
-        yield
-    finally:
-        torch.set_num_threads(before)
 
 
 SCHEDULES = [{"shuffle": False}, {"shuffle": True, "seed": 1}, {"shuffle": True, "seed": 99}]

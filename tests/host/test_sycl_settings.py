@@ -47,21 +47,18 @@ def test_good_values(monkeypatch):
 
 NUMBER = "{} must be a whole number from {} to {}, not '{}'."
 
+NOT_SIZES = ("0", "-1", "65537", "12x", "x", " 7", "1.5", "0x10", "99999999999999999999")
+NOT_COUNTS = ("0", "65", "two", "+1")
+BAD_NUMBERS = [("ORRERY_HOST_MAX_WORK_GROUP_SIZE", 65536, value) for value in NOT_SIZES]
+BAD_NUMBERS += [("ORRERY_HOST_DEVICES", 64, value) for value in NOT_COUNTS]
 
-@pytest.mark.parametrize("value", ["0", "-1", "65537", "12x", "x", " 7", "1.5", "0x10", "99999999999999999999"])
-def test_bad_work_group_sizes(monkeypatch, value):
-    monkeypatch.setenv("ORRERY_HOST_MAX_WORK_GROUP_SIZE", value)
+
+@pytest.mark.parametrize("variable, largest, value", BAD_NUMBERS)
+def test_bad_numbers(monkeypatch, variable, largest, value):
+    monkeypatch.setenv(variable, value)
     with pytest.raises(ValueError) as error:
         native.settings_from_environment()
-    assert str(error.value) == NUMBER.format("ORRERY_HOST_MAX_WORK_GROUP_SIZE", 1, 65536, value)
-
-
-@pytest.mark.parametrize("value", ["0", "65", "two", "+1"])
-def test_bad_device_counts(monkeypatch, value):
-    monkeypatch.setenv("ORRERY_HOST_DEVICES", value)
-    with pytest.raises(ValueError) as error:
-        native.settings_from_environment()
-    assert str(error.value) == NUMBER.format("ORRERY_HOST_DEVICES", 1, 64, value)
+    assert str(error.value) == NUMBER.format(variable, 1, largest, value)
 
 
 @pytest.mark.parametrize("value", ["random", "shuffle", "Linear", "linear "])

@@ -12,6 +12,7 @@
 #include "formats/super_block.h"
 #include "interpreter_version.h"
 #include "linear_dispatch.h"
+#include "native_test.h"
 
 namespace py = pybind11;
 
@@ -24,14 +25,6 @@ const char* read_variable(const char* name) {
   variables_read.emplace_back(name);
   const auto found = variables.find(name);
   return found == variables.end() ? nullptr : found->second.c_str();
-}
-
-c10::ScalarType scalar_type(const std::string& name) {
-  for (int code = 0; code < static_cast<int>(c10::ScalarType::NumOptions); ++code) {
-    const auto type = static_cast<c10::ScalarType>(code);
-    if (name == c10::toString(type)) return type;
-  }
-  throw std::invalid_argument("no scalar type is called " + name);
 }
 
 std::vector<uint64_t> without_trailing_ones(const std::array<uint64_t, 2>& range) {
