@@ -137,7 +137,7 @@ ORRERY_INLINE inline simd<T, N> kept(simd<T, N> a) {
 // Numbers that are read back from memory: a vector operation spreads a number there over all lanes for nothing, one in
 // a register takes a shuffle.
 template <size_t Count>
-ORRERY_INLINE inline void from_memory(float (&numbers)[Count]) {
+ORRERY_INLINE inline void from_memory([[maybe_unused]] float (&numbers)[Count]) {
 #ifdef ORRERY_LANE_MASKS
   asm("" : "+m"(numbers));
 #endif
