@@ -5,7 +5,6 @@
 #include <bit>
 
 #include "formats/linear.h"
-#include "includes/codes.h"
 
 namespace orrery::formats {
 
@@ -69,32 +68,17 @@ struct nf4 : nibble_pairs<true>, half_scale {
 };
 
 // A sign and a 3-bit magnitude. There is no zero.
-struct fp4 : nibble_pairs<false>, half_scale {
-  template <typename T>
-  static T value(int code, float d) {
-    return times(to<T>(d), to<T>(number(code)));
-  }
-
-  template <typename T, int N>
-  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
-    if constexpr (N == 1) {
-      return simd<T, 1>(to<T>(number(code[0] & 15)));
-    } else {
-      static constexpr nibble_table<T> values = {0.03125f,  0.5f,  1,  1.5f,  2,  3,  4,  6,
-                                                 -0.03125f, -0.5f, -1, -1.5f, -2, -3, -4, -6};
-      return value_of_nibble<T>(values, code);
-    }
-  }
-  template <typename T, int N>
-  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    return unscaled<T>(code(word, k));
-  }
-
- private:
-  static constexpr float number(uint32_t code) {
+struct fp4_number {
+  static constexpr float value(int code) {
     const uint32_t v = code & 7;
     const uint32_t bits = v > 1 ? 0x3F000000 + (v << 22) : v == 1 ? 0x3F000000 : 0x3D000000;
-    return std::bit_cast<float>(bits | code >> 3 << 31);
+    return std::bit_cast<float>(bits | static_cast<uint32_t>(code) >> 3 << 31);
+  }
+};
+struct fp4 : ruled_nibbles<fp4_number>, half_scale {
+  template <typename T>
+  static T value(int code, float d) {
+    return times(to<T>(d), to<T>(fp4_number::value(code)));
   }
 };
 

@@ -27,10 +27,7 @@ namespace detail {
 
 inline simd<uint32_t, 16> widened(const uint8_t* p) { return convert<uint32_t>(simd<uint8_t, 16>::load(p)); }
 
-// Values of codes: as they are, of nibbles that are left in the upper half of their byte, and less 32.
-struct plain_code {
-  static constexpr int value(int code) { return code; }
-};
+// Values of nibbles that are left in the upper half of their byte, and of codes less 32.
 struct times_16 {
   static constexpr int value(int code) { return 16 * code; }
 };
@@ -235,7 +232,7 @@ struct q4_k : nibble_super_block {
     }
     template <int S, int K>
     simd<float, N> code() const {
-      using rule = std::conditional_t<S % 2 == 1, detail::times_16, detail::plain_code>;
+      using rule = std::conditional_t<S % 2 == 1, detail::times_16, plain_code>;
       return value_of_code<rule, 4, K / 2 * 16 + S % 2 * 4>(word[S / 2][K % 2]);
     }
 
@@ -286,7 +283,7 @@ struct q5_k : nibble_super_block {
     }
     template <int S, int K>
     simd<float, N> code() const {
-      return value_of_code<detail::plain_code, 5, 8 * K>(word[S]);
+      return value_of_code<plain_code, 5, 8 * K>(word[S]);
     }
 
    private:

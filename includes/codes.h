@@ -30,38 +30,61 @@ inline constexpr code_values<Rule, Bits> values_of_codes;
 
 }  // namespace detail
 
-// Rule::value(code) as a float, for the code of Bits bits at bit At of each lane. The values are integers of at most
-// eight significant bits, so that the upper half of a float holds them. Permutations of registers ignore what stands
-// above an index, so no mask is spent on it: a code in the lower word is looked up as a float if it has four bits, any
-// other is brought into the upper word and looked up there.
-template <typename Rule, int Bits, int At, int N>
-ORRERY_INLINE inline simd<float, N> value_of_code(const simd<uint32_t, N>& word) {
+// The rule of codes that are their own values.
+struct plain_code {
+  static constexpr int value(int code) { return code; }
+};
+
+// Whether value_of_upper_word is an instruction of its own.
 #ifdef ORRERY_LANE_MASKS
-  if constexpr (N == 16) {
+template <int N>
+constexpr bool has_upper_word_lookup = N % 16 == 0;
+#else
+template <int N>
+constexpr bool has_upper_word_lookup = false;
+#endif
+
+// Rule::value(code) as a float, for the code of Bits bits at bit 16 of each lane. Its lower half has to be zero, as
+// that of an integer of at most eight significant bits. Permutations of registers ignore what stands above an index, so
+// no mask is spent on it.
+template <typename Rule, int Bits, int N>
+ORRERY_INLINE inline simd<float, N> value_of_upper_word(const simd<uint32_t, N>& word) {
+  simd<float, N> r;
+#ifdef ORRERY_LANE_MASKS
+  if constexpr (has_upper_word_lookup<N>) {
     const auto& table = detail::values_of_codes<Rule, Bits>;
-    simd<float, 16> r;
-    if constexpr (Bits == 4 && At < 16) {
-      r.v[0] = __builtin_shuffle(simd<float, 16>::load(table.whole).v[0], (word >> At).v[0]);
-    } else {
-      const auto shifted = At < 16 ? word << (16 - At) : word >> (At - 16);
-      const auto index = (__m512i)shifted.v[0], low = _mm512_load_si512(table.upper);
-      constexpr __mmask32 upper_words = 0xAAAAAAAA;
+    constexpr __mmask32 upper_words = 0xAAAAAAAA;
+    const auto low = _mm512_load_si512(table.upper);
+    ORRERY_UNROLL for (int c = 0; c < N / 16; ++c) {
+      const auto index = (__m512i)word.v[c];
       if constexpr (Bits <= 5) {
-        r.v[0] = (decltype(r.v[0] + r.v[0]))_mm512_maskz_permutexvar_epi16(upper_words, index, low);
+        r.v[c] = (decltype(r.v[c] + r.v[c]))_mm512_maskz_permutexvar_epi16(upper_words, index, low);
       } else {
         const auto high = _mm512_load_si512(table.upper + 32);
-        r.v[0] = (decltype(r.v[0] + r.v[0]))_mm512_maskz_permutex2var_epi16(upper_words, low, index, high);
+        r.v[c] = (decltype(r.v[c] + r.v[c]))_mm512_maskz_permutex2var_epi16(upper_words, low, index, high);
       }
     }
     return r;
-  } else
+  }
 #endif
-  {
-    static_assert(Bits <= 6);
-    simd<float, N> r;
-    for (int i = 0; i < N; ++i) r.set(i, static_cast<float>(Rule::value(word[i] >> At & ((1 << Bits) - 1))));
+  for (int i = 0; i < N; ++i) r.set(i, static_cast<float>(Rule::value(word[i] >> 16 & ((1 << Bits) - 1))));
+  return r;
+}
+
+// The same for the code at bit At. One in the lower word is looked up as a float if it has four bits, any other is
+// brought into the upper word.
+template <typename Rule, int Bits, int At, int N>
+ORRERY_INLINE inline simd<float, N> value_of_code(const simd<uint32_t, N>& word) {
+  static_assert(Bits <= 6);
+#ifdef ORRERY_LANE_MASKS
+  if constexpr (N == 16 && Bits == 4 && At < 16) {
+    simd<float, 16> r;
+    const auto whole = simd<float, 16>::load(detail::values_of_codes<Rule, Bits>.whole);
+    r.v[0] = __builtin_shuffle(whole.v[0], (word >> At).v[0]);
     return r;
   }
+#endif
+  return value_of_upper_word<Rule, Bits>(At < 16 ? word << (16 - At) : word >> (At - 16));
 }
 
 // Floats by a 7-bit code, with no more than the upper 16 of their bits set.
