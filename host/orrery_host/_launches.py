@@ -29,7 +29,10 @@ class Launch:
 
 @contextlib.contextmanager
 def record_launches() -> Iterator[list[Launch]]:
-    """Collects a `Launch` for each kernel that a queue runs; the list is filled when the block ends."""
+    """Collects a `Launch` for each kernel that the calling thread launches; the list is filled when the block ends.
+
+    Blocks nest. A block that ends on a thread without one of its own is a RuntimeError.
+    """
     from orrery_host import _C
 
     launches: list[Launch] = []

@@ -1,6 +1,9 @@
 """The record of launches."""
 
+import threading
+
 import pytest
+from device_process import check_python
 from sycl_settings import host_settings, native
 
 
@@ -79,6 +82,100 @@ def test_nothing_is_kept_without_a_recording():
     early.wait()
     native.record("early", early)
     assert native.recording_end() == []
+
+
+def test_no_recording_to_end():
+    with pytest.raises(RuntimeError) as error:
+        native.recording_end()
+    assert str(error.value) == "This thread collects no launches."
+
+
+def test_threads_record_their_own_launches():
+    together = threading.Barrier(4, timeout=60)
+    seen = {}
+
+    def work(columns):
+        together.wait()
+        native.recording_begin()
+        for _ in range(200):
+            native.record(f"of {columns}", native.launch(global_size=[columns]))
+        together.wait()
+        seen[columns] = native.recording_end()
+
+    workers = [threading.Thread(target=work, args=(columns,)) for columns in (8, 16, 24, 32)]
+    for worker in workers:
+        worker.start()
+    for worker in workers:
+        worker.join()
+    for columns, launches in seen.items():
+        assert [(l["global_size"], l["name"]) for l in launches] == [([columns], f"of {columns}")] * 200
+    assert len(seen) == 4
+
+
+def on_another_thread(work):
+    results = []
+    thread = threading.Thread(target=lambda: results.append(work()))
+    thread.start()
+    thread.join()
+    return results[0]
+
+
+def test_launches_waits_and_records_of_another_thread_are_not_seen(recorded):
+    mine = native.launch()
+    on_another_thread(native.launch)
+    on_another_thread(mine.wait)
+    on_another_thread(lambda: native.record("from elsewhere", mine))
+    assert [(l["name"], l["waited"]) for l in recorded()] == [(None, False)]
+
+
+def test_an_event_finds_no_other_threads_record():
+    def launch(elsewhere=None):
+        native.recording_begin()
+        event = [native.launch() for _ in range(3)][1]
+        if elsewhere:
+            native.record("from elsewhere", elsewhere)
+        return event, native.recording_end()
+
+    # Two new threads, which would both count from 1.
+    event, _ = on_another_thread(launch)
+    _, launches = on_another_thread(lambda: launch(event))
+    assert [l["name"] for l in launches] == [None] * 3
+
+
+def test_a_fork_amid_the_launches_of_another_thread():
+    check_python("""
+        import os, signal, threading
+        import torch
+        import orrery_native_tests as native
+
+        def work():
+            while not done:
+                native.recording_begin()
+                for _ in range(50):
+                    native.launch()
+                native.recording_end()
+
+        def child():
+            native.recording_begin()
+            native.launch(global_size=[24])
+            native.record("in the child", native.launch(global_size=[16]))
+            return [l["name"] for l in native.recording_end()] == [None, "in the child"]
+
+        done = False
+        worker = threading.Thread(target=work)
+        worker.start()
+        try:
+            for _ in range(300):
+                pid = os.fork()
+                if pid == 0:
+                    signal.alarm(10)
+                    os._exit(0 if child() else 1)
+                status = os.waitpid(pid, 0)[1]
+                assert status == 0, status
+        finally:
+            done = True
+            worker.join()
+        """)
 
 
 def test_order_and_seconds_under_a_shuffled_schedule():

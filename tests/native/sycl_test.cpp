@@ -500,8 +500,10 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("strand_order", &strand_order);
   m.def("group_order", &group_order);
   m.def("shared_once", &shared_once);
+  // Without the interpreter's lock, so that threads launch at once and a fork finds them at it.
   m.def("launch", &launch_named, py::arg("device") = 0, py::arg("global_size") = sizes{16},
-        py::arg("local_size") = sizes{8}, py::arg("local_bytes") = 0, py::arg("nested_name") = false);
+        py::arg("local_size") = sizes{8}, py::arg("local_bytes") = 0, py::arg("nested_name") = false,
+        py::call_guard<py::gil_scoped_release>());
   m.def("recording_begin", &sycl::ext::orrery::recording_begin);
   m.def("recording_end", &recording_end);
   m.def("record", &sycl::ext::orrery::record);

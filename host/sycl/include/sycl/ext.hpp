@@ -52,11 +52,12 @@ struct launch_record {
   double seconds = 0;
 };
 
-// Every launch between the two calls is collected; calls nest.
+// Every launch of the calling thread between the two calls is collected; calls nest. recording_end throws where none is
+// open.
 ORRERY_SYCL_API void recording_begin();
 ORRERY_SYCL_API std::vector<launch_record> recording_end();
 
-// The profiler record of a launch.
+// The profiler record of a launch, by the thread that launched it; on another thread it changes nothing.
 ORRERY_SYCL_API void record(const std::string& name, const event& e);
 
 ORRERY_SYCL_API queue make_queue(int device);

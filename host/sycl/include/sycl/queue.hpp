@@ -51,7 +51,7 @@ ORRERY_SYCL_API uint32_t device::get_info<info::device::max_compute_units>() con
 template <>
 ORRERY_SYCL_API uint64_t device::get_info<info::device::local_mem_size>() const;
 
-// Complete as soon as it exists.
+// Complete as soon as it exists. That the host waited is noted if the thread that launched waits.
 class event {
  public:
   event() = default;
