@@ -2,6 +2,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <stdexcept>
@@ -39,6 +40,36 @@ auto with_dims(size_t dims, F f) {
 }
 
 sycl::queue queue_of(int device = 0) { return sycl::ext::orrery::make_queue(device); }
+
+std::string name_of(const std::error_code& code) {
+  if (code == sycl::errc::kernel) return "kernel";
+  if (code == sycl::errc::nd_range) return "nd_range";
+  if (code == sycl::errc::invalid) return "invalid";
+  if (code == sycl::errc::memory_allocation) return "memory_allocation";
+  return "another";
+}
+
+// "code: text" of the sycl::exception that `f` throws, "" if it throws none.
+template <typename F>
+std::string error_of(F f) {
+  try {
+    f();
+  } catch (const sycl::exception& e) {
+    return name_of(e.code()) + ": " + e.what();
+  }
+  return "";
+}
+
+void check_usable(sycl::queue& queue) {
+  int sum = 0;
+  queue.submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({4}, {4}), [&](sycl::nd_item<1> it) {
+      sycl::group_barrier(it.get_group());
+      sum += static_cast<int>(it.get_local_id(0));
+    });
+  });
+  if (sum != 6) throw std::runtime_error("the queue is unusable after an exception");
+}
 
 // One row a work-item: group, local and global id in each dimension, then local, group and global linear id.
 std::vector<sizes> item_ids(const sizes& global, const sizes& local) {
@@ -265,16 +296,14 @@ struct lying_kernel {
   }
 };
 
-// The text of the sycl::exception ("" if none) and how far each work-item came; then the same queue runs another
-// kernel.
+// The error and how far each work-item came; then the same queue runs another kernel.
 std::pair<std::string, std::vector<int>> kernel_throws(const std::string& form, const std::string& what, size_t global,
                                                        size_t local, size_t at) {
   auto queue = queue_of();
   std::vector<int> started(global);
-  std::string text;
   const sycl::nd_range<1> ranges({global}, {local});
   const throwing_kernel kernel{at, &what, &started, form == "before"};
-  try {
+  const std::string error = error_of([&] {
     queue.submit([&](sycl::handler& h) {
       if (form == "no barriers")
         h.parallel_for_lanes<1, 1>(ranges, throwing_kernel_without_barriers{kernel});
@@ -283,24 +312,13 @@ std::pair<std::string, std::vector<int>> kernel_throws(const std::string& form, 
       else
         h.parallel_for_lanes<1, 1>(ranges, kernel);
     });
-  } catch (const sycl::exception& e) {
-    if (e.code() != sycl::errc::kernel) throw std::runtime_error("not a kernel error");
-    text = e.what();
-  }
-  int sum = 0;
-  queue.submit([&](sycl::handler& h) {
-    h.parallel_for(sycl::nd_range<1>({4}, {4}), [&](sycl::nd_item<1> it) {
-      sycl::group_barrier(it.get_group());
-      sum += static_cast<int>(it.get_local_id(0));
-    });
   });
-  if (sum != 6) throw std::runtime_error("the queue is unusable after an exception");
-  return {text, started};
+  check_usable(queue);
+  return {error, started};
 }
 
-// "error code: text" of an nd_range launch, "" if it ran.
 std::string range_error(const sizes& global, const sizes& local, int lanes) {
-  try {
+  return error_of([&] {
     with_dims(global.size(), [&](auto dims) {
       constexpr int D = dims;
       const sycl::nd_range<D> ranges(as_range<D>(global), as_range<D>(local));
@@ -311,10 +329,61 @@ std::string range_error(const sizes& global, const sizes& local, int lanes) {
           h.parallel_for(ranges, [](sycl::nd_item<D>) {});
       });
     });
-  } catch (const sycl::exception& e) {
-    return (e.code() == sycl::errc::nd_range ? "nd_range: " : "other: ") + std::string(e.what());
-  }
-  return "";
+  });
+}
+
+// The last strand of the last group launches a kernel on a queue of its own, after a barrier if `local` > 1. Returns
+// the error, and whether the inner kernel ran.
+template <int Lanes>
+std::pair<std::string, bool> launch_inside(size_t groups, size_t local) {
+  auto queue = queue_of();
+  std::atomic<bool> ran{false};
+  const std::string error = error_of([&] {
+    queue.submit([&](sycl::handler& h) {
+      h.parallel_for_lanes<Lanes, Lanes>(sycl::nd_range<1>({groups * local}, {local}), [&](const auto& item) {
+        item.barrier();
+        if (item.global(0) + Lanes < groups * local) return;
+        queue_of().submit(
+            [&](sycl::handler& inner) { inner.parallel_for(sycl::range<1>(1), [&](sycl::item<1>) { ran = true; }); });
+      });
+    });
+  });
+  check_usable(queue);
+  return {error, ran.load()};
+}
+
+std::pair<std::string, bool> launch_from_kernel(int lanes, size_t groups, size_t local) {
+  return lanes == 16 ? launch_inside<16>(groups, local) : launch_inside<1>(groups, local);
+}
+
+// The error of a command group with that many kernels, and how many of them ran.
+std::pair<std::string, int> kernels_in_a_group(int count) {
+  auto queue = queue_of();
+  int ran = 0;
+  const std::string error = error_of([&] {
+    queue.submit([&](sycl::handler& h) {
+      for (int i = 0; i < count; ++i) {
+        if (i % 2 == 0)
+          h.parallel_for(sycl::nd_range<1>({1}, {1}), [&](sycl::nd_item<1>) { ++ran; });
+        else
+          h.parallel_for(sycl::range<1>(1), [&](sycl::item<1>) { ++ran; });
+      }
+    });
+  });
+  check_usable(queue);
+  return {error, ran};
+}
+
+// The error of a command group with one local accessor for each of the sizes: ints in a range of any dimensions.
+std::string local_memory_error(const std::vector<sizes>& all) {
+  return error_of([&] {
+    queue_of().submit([&](sycl::handler& h) {
+      for (const sizes& size : all) {
+        with_dims(size.size(), [&](auto dims) { sycl::local_accessor<int, dims>(as_range<dims>(size), h); });
+      }
+      h.parallel_for(sycl::range<1>(1), [](sycl::item<1>) {});
+    });
+  });
 }
 
 template <typename T, int SG, int WG>
@@ -496,6 +565,9 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("some_go", &some_go);
   m.def("kernel_throws", &kernel_throws);
   m.def("range_error", &range_error);
+  m.def("launch_from_kernel", &launch_from_kernel);
+  m.def("kernels_in_a_group", &kernels_in_a_group);
+  m.def("local_memory_error", &local_memory_error);
   m.def("tree_sums", &tree_sums);
   m.def("strand_order", &strand_order);
   m.def("group_order", &group_order);
@@ -507,6 +579,7 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("recording_begin", &sycl::ext::orrery::recording_begin);
   m.def("recording_end", &recording_end);
   m.def("record", &sycl::ext::orrery::record);
+  m.def("local_mem_size", [] { return sycl::device().get_info<sycl::info::device::local_mem_size>(); });
   m.def("device_name", [] { return sycl::device().get_info<sycl::info::device::name>(); });
   m.def("max_work_group_size", [] { return sycl::device().get_info<sycl::info::device::max_work_group_size>(); });
   py::class_<sycl::event>(m, "Event").def("wait", &sycl::event::wait);

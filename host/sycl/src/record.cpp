@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sycl/sycl.hpp"
+#include "launch.hpp"
 
 namespace sycl {
 

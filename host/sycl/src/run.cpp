@@ -9,7 +9,7 @@
 #include <random>
 
 #include "fibers.hpp"
-#include "sycl/sycl.hpp"
+#include "launch.hpp"
 
 namespace sycl::detail {
 
@@ -60,7 +60,7 @@ struct launch_run {
 
   void groups(size_t begin, size_t end) const {
     mine.launch = launch;
-    local_memory = aligned(mine.local, plan.local_memory);
+    const kernel_scope scope(aligned(mine.local, plan.local_memory));
     group_state g;
     g.strands = strands;
     if (shuffle || (plan.barriers && strands > 1)) {

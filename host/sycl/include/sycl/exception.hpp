@@ -9,7 +9,7 @@
 
 namespace sycl {
 
-enum class errc { success, runtime, kernel, nd_range, invalid, feature_not_supported };
+enum class errc { success, runtime, kernel, nd_range, invalid, feature_not_supported, memory_allocation };
 
 ORRERY_SYCL_API const std::error_category& sycl_category() noexcept;
 

@@ -1,7 +1,8 @@
 // handler: local memory and parallel_for; and queue::submit.
 #pragma once
 
-#include <chrono>
+#include <cstdint>
+#include <span>
 #include <typeinfo>
 
 #include "local_accessor.hpp"
@@ -18,22 +19,59 @@ struct launch_plan {
   size_t local_items = 1;
   int lanes = 1;
   bool barriers = true;  // false: strands run to their end one after another, on the thread's own stack
-  bool in_sub_groups = false;
   int sub_group_size = 1;
   size_t local_memory = 0;
-  const void* context = nullptr;
+  const void* context = nullptr;  // the typed_launch
   void (*set_group)(const void* context, group_state& g, size_t linear) = nullptr;
   void (*run_strand)(const void* context, group_state& g, int strand) = nullptr;
   // Strands and groups in their order.
   void (*run_groups)(const void* context, group_state& g, size_t begin, size_t end) = nullptr;
 };
 
+// A launch with its types. `Call` gives the kernel the kind of item that it takes.
+template <int D, int Lanes, typename Kernel, typename Call>
+struct typed_launch {
+  const Kernel& kernel;
+  const nd_range<D>& ranges;
+  range<D> groups;
+
+  void set_group(group_state& g, size_t linear) const {
+    for (int d = D - 1; d > 0; --d) {
+      g.group[d] = linear % groups[d];
+      linear /= groups[d];
+    }
+    g.group[0] = linear;
+    g.arrived = 0;
+  }
+  void run_strand(group_state& g, int strand) const {
+    Call{}(kernel, item_base<D>{&g, &ranges, strand, static_cast<size_t>(strand) * Lanes});
+  }
+  void run_groups(group_state& g, size_t begin, size_t end) const {
+    for (size_t linear = begin; linear < end; ++linear) {
+      set_group(g, linear);
+      for (int strand = 0; strand < g.strands; ++strand) run_strand(g, strand);
+    }
+  }
+
+  launch_plan plan() const {
+    launch_plan p;
+    p.groups = groups.size();
+    p.local_items = ranges.get_local_range().size();
+    p.lanes = Lanes;
+    p.context = this;
+    p.set_group = [](const void* c, group_state& g, size_t linear) { of(c).set_group(g, linear); };
+    p.run_strand = [](const void* c, group_state& g, int strand) { of(c).run_strand(g, strand); };
+    p.run_groups = [](const void* c, group_state& g, size_t begin, size_t end) { of(c).run_groups(g, begin, end); };
+    return p;
+  }
+
+ private:
+  static const typed_launch& of(const void* context) { return *static_cast<const typed_launch*>(context); }
+};
+
 ORRERY_SYCL_API void run(const launch_plan& plan);
 // Throws when a local range is beyond the device's limit or does not divide the global range.
 ORRERY_SYCL_API void check_ranges(const size_t* global, const size_t* local, int dims);
-
-ORRERY_SYCL_API bool recording();
-ORRERY_SYCL_API uint64_t add_record(ext::orrery::launch_record r, const std::type_info& kernel);
 
 // A kernel's own word holds for strands that are whole sub-groups; one strand a work-item has its lanes to bring
 // together.
@@ -48,6 +86,7 @@ constexpr bool has_barriers() {
 
 }  // namespace detail
 
+// A command group: its local memory, and at most one kernel, which runs inside parallel_for.
 class handler {
  public:
   handler(device d, const ext::orrery::code_location& where) : device_(d), where_(where) {}
@@ -56,14 +95,15 @@ class handler {
   template <int D, typename Kernel>
   void parallel_for(nd_range<D> ranges, const Kernel& kernel) {
     constexpr int sg = 16;
-    launch<1, sg>(ranges, kernel, [](const Kernel& k, const detail::item_base<D>& at) { k(nd_item<D>(at, sg)); });
+    launch<1, sg, detail::has_barriers<Kernel, 1, sg>()>(
+        ranges, kernel, [](const Kernel& k, const detail::item_base<D>& at) { k(nd_item<D>(at, sg)); });
   }
 
   template <int D, typename Kernel>
   void parallel_for(range<D> size, const Kernel& kernel) {
     range<D> one;
     for (int d = 0; d < D; ++d) one[d] = 1;
-    parallel_lanes<1, 1, false>(nd_range<D>(size, one), kernel, [](const Kernel& k, const detail::item_base<D>& at) {
+    launch<1, 1, false>(nd_range<D>(size, one), kernel, [](const Kernel& k, const detail::item_base<D>& at) {
       id<D> i;
       for (int d = 0; d < D; ++d) i[d] = at.group(d);
       k(item<D>(i));
@@ -73,95 +113,46 @@ class handler {
   // The kernel is called with a lane_item of `Lanes` work-items; SG is the required sub-group size.
   template <int Lanes, int SG, int D, typename Kernel>
   void parallel_for_lanes(nd_range<D> ranges, const Kernel& kernel) {
-    launch<Lanes, SG>(ranges, kernel,
-                      [](const Kernel& k, const detail::item_base<D>& at) { k(ext::orrery::lane_item<D, Lanes>(at)); });
+    launch<Lanes, SG, detail::has_barriers<Kernel, Lanes, SG>()>(
+        ranges, kernel,
+        [](const Kernel& k, const detail::item_base<D>& at) { k(ext::orrery::lane_item<D, Lanes>(at)); });
   }
 
+  // Where `bytes` more of each work-group's local memory start.
   size_t add_local_memory(size_t bytes) {
     const size_t at = local_memory_;
     local_memory_ += (bytes + 63) / 64 * 64;
-    local_requested_ += bytes;
+    if (__builtin_add_overflow(local_requested_, bytes, &local_requested_)) local_requested_ = SIZE_MAX;
     return at;
   }
   event done() const { return event(launch_); }
 
  private:
-  template <int Lanes, int SG, int D, typename Kernel, typename Call>
-  void launch(nd_range<D> ranges, const Kernel& kernel, Call call) {
-    parallel_lanes<Lanes, SG, detail::has_barriers<Kernel, Lanes, SG>()>(ranges, kernel, call);
-  }
-
   template <int Lanes, int SG, bool Barriers, int D, typename Kernel, typename Call>
-  void parallel_lanes(nd_range<D> ranges, const Kernel& kernel, Call) {
-    const auto global = ranges.get_global_range(), local = ranges.get_local_range();
-    detail::check_ranges(global.at.data(), local.at.data(), D);
-    struct context {
-      const Kernel* kernel;
-      const nd_range<D>* ranges;
-      range<D> groups;
-    };
-    const context c{&kernel, &ranges, ranges.get_group_range()};
-    detail::launch_plan plan;
-    plan.groups = c.groups.size();
-    plan.local_items = local.size();
-    plan.lanes = Lanes;
+  void launch(const nd_range<D>& ranges, const Kernel& kernel, Call) {
+    const detail::typed_launch<D, Lanes, Kernel, Call> typed{kernel, ranges, ranges.get_group_range()};
+    detail::launch_plan plan = typed.plan();
     plan.barriers = Barriers;
     plan.sub_group_size = SG;
     plan.local_memory = local_memory_;
-    plan.context = &c;
-    plan.set_group = [](const void* p, detail::group_state& g, size_t linear) {
-      set_group<D>(static_cast<const context*>(p)->groups, g, linear);
-    };
-    plan.run_strand = [](const void* p, detail::group_state& g, int strand) {
-      const auto& c = *static_cast<const context*>(p);
-      Call{}(*c.kernel, detail::item_base<D>{&g, c.ranges, strand, static_cast<size_t>(strand) * Lanes});
-    };
-    plan.run_groups = [](const void* p, detail::group_state& g, size_t begin, size_t end) {
-      const auto& c = *static_cast<const context*>(p);
-      for (size_t linear = begin; linear < end; ++linear) {
-        set_group<D>(c.groups, g, linear);
-        for (int strand = 0; strand < g.strands; ++strand) {
-          Call{}(*c.kernel, detail::item_base<D>{&g, c.ranges, strand, static_cast<size_t>(strand) * Lanes});
-        }
-      }
-    };
-    const auto start = std::chrono::steady_clock::now();
-    if (plan.groups > 0) detail::run(plan);
-    if (detail::recording()) {
-      ext::orrery::launch_record r;
-      r.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-      r.file = where_.file;
-      r.function = where_.function;
-      r.line = where_.line;
-      r.column = where_.column;
-      r.global_size.assign(global.at.begin(), global.at.end());
-      r.local_size.assign(local.at.begin(), local.at.end());
-      r.sub_group_size = SG;
-      r.local_memory = local_requested_;
-      r.device = device_.index();
-      launch_ = detail::add_record(std::move(r), typeid(Kernel));
-    }
+    run(plan, ranges.get_global_range().at, ranges.get_local_range().at, typeid(Kernel));
   }
 
-  template <int D>
-  static void set_group(const range<D>& groups, detail::group_state& g, size_t linear) {
-    for (int d = D - 1; d > 0; --d) {
-      g.group[d] = linear % groups[d];
-      linear /= groups[d];
-    }
-    g.group[0] = linear;
-    g.arrived = 0;
-  }
+  // Checks the launch, runs it and, while launches are collected, records it.
+  ORRERY_SYCL_API void run(const detail::launch_plan& plan, std::span<const size_t> global,
+                           std::span<const size_t> local, const std::type_info& kernel);
+  void check(std::span<const size_t> global, std::span<const size_t> local);
 
   device device_;
   ext::orrery::code_location where_;
-  size_t local_memory_ = 0, local_requested_ = 0;
+  size_t local_memory_ = 0, local_requested_ = 0;  // bytes with and without what aligns them
+  bool has_kernel_ = false;
   uint64_t launch_ = 0;
 };
 
 template <typename T, int D>
 local_accessor<T, D>::local_accessor(range<D> size, handler& h)
-    : offset_(h.add_local_memory(size.size() * sizeof(T))), size_(size.size()) {}
+    : offset_(h.add_local_memory(detail::bytes_of(size, sizeof(T)))), size_(size.size()) {}
 
 template <typename CommandGroup>
 event queue::submit(CommandGroup&& cgf, const ext::orrery::code_location& where) {

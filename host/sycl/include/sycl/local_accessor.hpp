@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "ext.hpp"
 #include "range.hpp"
@@ -11,8 +12,21 @@ namespace sycl {
 class handler;
 
 namespace detail {
-// The work-group of this thread: where its local memory starts. One for all modules of the process.
+
+// Where the local memory of this thread's work-group starts; null while the thread runs no kernel. One for all modules
+// of the process.
 extern ORRERY_SYCL_API constinit thread_local char* local_memory;
+
+// The largest number there is if the product is beyond it, so that a check of the limit still finds it too large.
+template <int D>
+size_t bytes_of(const range<D>& size, size_t element) {
+  size_t bytes = element;
+  for (size_t n : size.at) {
+    if (__builtin_mul_overflow(bytes, n, &bytes)) return SIZE_MAX;
+  }
+  return bytes;
+}
+
 }  // namespace detail
 
 template <typename T, int D = 1>

@@ -1,0 +1,43 @@
+// What every launch is checked for, and its record.
+#include <chrono>
+
+#include "launch.hpp"
+
+namespace sycl {
+
+void handler::check(std::span<const size_t> global, std::span<const size_t> local) {
+  if (detail::inside_kernel()) throw exception(errc::invalid, "A kernel may not launch another kernel.");
+  if (has_kernel_) throw exception(errc::invalid, "A command group may have one kernel only.");
+  has_kernel_ = true;
+  const uint64_t limit = device_.get_info<info::device::local_mem_size>();
+  if (local_requested_ > limit) {
+    throw exception(errc::memory_allocation, "A command group's " + std::to_string(local_requested_) +
+                                                 " bytes of local memory are beyond the device's limit of " +
+                                                 std::to_string(limit) + ".");
+  }
+  detail::check_ranges(global.data(), local.data(), static_cast<int>(global.size()));
+}
+
+void handler::run(const detail::launch_plan& plan, std::span<const size_t> global, std::span<const size_t> local,
+                  const std::type_info& kernel) {
+  using clock = std::chrono::steady_clock;
+  check(global, local);
+  const bool recorded = detail::recording();
+  const auto start = recorded ? clock::now() : clock::time_point();  // reading it would be a third of an empty launch
+  if (plan.groups > 0) detail::run(plan);
+  if (!recorded) return;
+  ext::orrery::launch_record r;
+  r.seconds = std::chrono::duration<double>(clock::now() - start).count();
+  r.file = where_.file;
+  r.function = where_.function;
+  r.line = where_.line;
+  r.column = where_.column;
+  r.global_size.assign(global.begin(), global.end());
+  r.local_size.assign(local.begin(), local.end());
+  r.sub_group_size = plan.sub_group_size;
+  r.local_memory = local_requested_;
+  r.device = device_.index();
+  launch_ = detail::add_record(std::move(r), kernel);
+}
+
+}  // namespace sycl
