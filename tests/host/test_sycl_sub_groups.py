@@ -61,6 +61,13 @@ def test_sub_groups_exchange_values_of_different_types_at_once(schedule):
 
 
 def test_a_lane_that_is_not_there():
-    with pytest.raises(RuntimeError) as error:
+    with host_settings(shuffle=False), pytest.raises(RuntimeError) as error:
         native.shuffled_float("xor", 24, [0.0] * 24, 8)
     assert str(error.value) == "A shuffle reads lane 8 of a sub-group of 8."
+
+
+@pytest.mark.parametrize("local, bits, lane, size", [(1, 8, 8, 1), (8, 8, 8, 8), (40, 8, 8, 8), (24, 12, 12, 8)])
+def test_a_lane_that_is_not_there_in_a_kernel_generic_over_its_item(local, bits, lane, size):
+    with host_settings(shuffle=False):
+        assert native.xor_lane_error(local, bits) == f"kernel: A shuffle reads lane {lane} of a sub-group of {size}."
+    assert native.xor_lane_error(16 * local, bits) == ""

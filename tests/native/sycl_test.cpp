@@ -386,6 +386,16 @@ std::string local_memory_error(const std::vector<sizes>& all) {
   });
 }
 
+// The error of xor shuffles in sub-groups of 16 of one-work-item strands, whose groups are `local` work-items.
+std::string xor_lane_error(size_t local, size_t bits) {
+  return error_of([&] {
+    queue_of().submit([&](sycl::handler& h) {
+      h.parallel_for_lanes<1, 16>(sycl::nd_range<1>({local}, {local}),
+                                  [&](const auto& item) { item.template xor_lane<16>(1.0, bits); });
+    });
+  });
+}
+
 template <typename T, int SG, int WG>
 struct sum_kernel {
   static constexpr int sub_group_size = SG;
@@ -568,6 +578,7 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("launch_from_kernel", &launch_from_kernel);
   m.def("kernels_in_a_group", &kernels_in_a_group);
   m.def("local_memory_error", &local_memory_error);
+  m.def("xor_lane_error", &xor_lane_error);
   m.def("tree_sums", &tree_sums);
   m.def("strand_order", &strand_order);
   m.def("group_order", &group_order);

@@ -83,6 +83,18 @@ class sub_group {
   int strand_, lane_, size_;
 };
 
+namespace detail {
+
+// The sub-group of a strand that is one work-item. The last one of a group may be smaller than `sub_group_size`.
+template <int D>
+sub_group sub_group_of(const item_base<D>& at, int sub_group_size) {
+  const size_t items = at.ranges->get_local_range().size(), lane = at.local_linear % sub_group_size;
+  const size_t size = std::min<size_t>(sub_group_size, items - (at.local_linear - lane));
+  return sub_group(at.state, at.strand, static_cast<int>(lane), static_cast<int>(size));
+}
+
+}  // namespace detail
+
 template <typename T>
 T select_from_group(const sub_group& sg, T value, size_t lane) {
   return sg.read_lane(value, static_cast<int>(lane));
@@ -142,11 +154,7 @@ class nd_item {
   }
   size_t get_group_linear_id() const { return get_group().get_group_linear_id(); }
   group<D> get_group() const { return group<D>(at_); }
-  sub_group get_sub_group() const {
-    const size_t items = at_.ranges->get_local_range().size(), lane = at_.local_linear % sg_;
-    const size_t size = std::min<size_t>(sg_, items - (at_.local_linear - lane));
-    return sub_group(at_.state, at_.strand, static_cast<int>(lane), static_cast<int>(size));
-  }
+  sub_group get_sub_group() const { return detail::sub_group_of(at_, sg_); }
 
  private:
   detail::item_base<D> at_;
@@ -185,7 +193,7 @@ class lane_item {
   // The value of the work-item whose index in a sub-group of SG is this one's xor `bits`.
   template <int SG, typename T>
   T xor_lane(T value, size_t bits) const requires(N == 1) {
-    return permute_group_by_xor(sub_group(at_.state, at_.strand, at_.local_linear % SG, SG), value, bits);
+    return permute_group_by_xor(detail::sub_group_of(at_, SG), value, bits);
   }
   // From here on the group goes on without this strand.
   void leave() const { detail::leave(*at_.state, at_.strand); }
