@@ -374,6 +374,31 @@ std::pair<std::string, int> kernels_in_a_group(int count) {
   return {error, ran};
 }
 
+// One strand of a group leaves and then meets: "group" at the group's barrier, "sub-group" in a shuffle, "others"
+// nowhere, but all others do at the group's barrier.
+template <int Lanes>
+std::string meet_after_leaving_as(const std::string& where, size_t local) {
+  auto queue = queue_of();
+  const std::string error = error_of([&] {
+    queue.submit([&](sycl::handler& h) {
+      h.parallel_for_lanes<Lanes, 16>(sycl::nd_range<1>({3 * local}, {local}), [&](const auto& item) {
+        const bool leaves = item.group() == 1 && item.local_linear() + Lanes == local;
+        if (leaves) item.leave();
+        if constexpr (Lanes == 1) {
+          if (where == "sub-group") item.template xor_lane<16>(1, 0);
+        }
+        if (where == "group" || (where == "others" && !leaves)) item.barrier();
+      });
+    });
+  });
+  check_usable(queue);
+  return error;
+}
+
+std::string meet_after_leaving(int lanes, const std::string& where, size_t local) {
+  return lanes == 16 ? meet_after_leaving_as<16>(where, local) : meet_after_leaving_as<1>(where, local);
+}
+
 // The error of a command group with one local accessor for each of the sizes: ints in a range of any dimensions.
 std::string local_memory_error(const std::vector<sizes>& all) {
   return error_of([&] {
@@ -577,6 +602,7 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("range_error", &range_error);
   m.def("launch_from_kernel", &launch_from_kernel);
   m.def("kernels_in_a_group", &kernels_in_a_group);
+  m.def("meet_after_leaving", &meet_after_leaving);
   m.def("local_memory_error", &local_memory_error);
   m.def("xor_lane_error", &xor_lane_error);
   m.def("tree_sums", &tree_sums);

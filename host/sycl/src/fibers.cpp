@@ -20,6 +20,7 @@ namespace {
 
 constexpr size_t stack_bytes = 256 * 1024;
 constexpr const char* no_barriers = "A kernel that declares no barriers met one.";
+constexpr const char* met_after_leaving = "A strand met a barrier after it had left its work-group.";
 
 // Thrown at a strand's meeting point to unwind it once its group has failed.
 struct abandoned {};
@@ -205,17 +206,25 @@ void run_fibers(const launch_plan& plan, group_state& g, bool shuffle, uint64_t 
 }
 
 void meet(group_state& g, int strand, strand_state at) {
-  if (g.strands == 1) return;
+  if (g.strands == 1) {
+    if (g.left) throw exception(errc::kernel, met_after_leaving);
+    return;
+  }
   if (!g.running) throw exception(errc::kernel, no_barriers);
   fibers& set = *g.running;
   fiber& f = *set.all[strand];
+  if (f.state == strand_state::left) throw exception(errc::kernel, met_after_leaving);
   f.state = at;
   set.suspend();
   if (set.abandoning) throw abandoned{};
 }
 
 void leave(group_state& g, int strand) {
-  if (g.running) g.running->all[strand]->state = strand_state::left;
+  if (g.running) {
+    g.running->all[strand]->state = strand_state::left;
+  } else {
+    g.left = true;
+  }
 }
 
 char* exchange(group_state& g, int strand) {

@@ -42,6 +42,7 @@ struct typed_launch {
     }
     g.group[0] = linear;
     g.arrived = 0;
+    g.left = false;
   }
   void run_strand(group_state& g, int strand) const {
     Call{}(kernel, item_base<D>{&g, &ranges, strand, static_cast<size_t>(strand) * Lanes});

@@ -16,18 +16,23 @@ namespace sycl {
 
 namespace detail {
 
+// A strand is the flow of control of one sub-group, or of one work-item.
 enum class strand_state : uint8_t { ready, at_group_barrier, at_sub_group, left, finished };
 
-// One work-group as its strands see it. A strand is the flow of control of one sub-group, or of one work-item.
+// One work-group as its strands see it.
 struct group_state {
   size_t group[3] = {0, 0, 0};
   int strands = 0;
-  int arrived = 0;          // at the end of the group, see lane_item::when_last
+  int arrived = 0;    // strands at the end of the group, see lane_item::when_last
+  bool left = false;  // the only strand of the group has, see lane_item::leave
   char* scratch = nullptr;  // of the launch, see lane_item::once_a_launch
-  struct fibers* running = nullptr;
+  struct fibers* running = nullptr;  // null where strands have no stacks of their own, and so cannot wait
 };
 
+// The strand waits until every strand of its group, or of its sub-group, that has not left waits at the same kind of
+// barrier.
 ORRERY_SYCL_API void meet(group_state& g, int strand, strand_state at);
+// The strand's group goes on without it: no meeting waits for it any more, and it may come to none.
 ORRERY_SYCL_API void leave(group_state& g, int strand);
 // The exchange area of a work-group, one slot a strand; alternates so that one meeting a shuffle is enough.
 constexpr size_t exchange_slot = 16;
@@ -195,7 +200,7 @@ class lane_item {
   T xor_lane(T value, size_t bits) const requires(N == 1) {
     return permute_group_by_xor(detail::sub_group_of(at_, SG), value, bits);
   }
-  // From here on the group goes on without this strand.
+  // From here on the group goes on without this strand, which meets nobody any more.
   void leave() const { detail::leave(*at_.state, at_.strand); }
   // Every strand calls this as its last act; the last one runs `whole`.
   template <typename F>
