@@ -1,11 +1,11 @@
 """Schedules: linear by default, drawn from a seed on request; more strands and groups than threads."""
 
 import pytest
-from sycl_settings import host_settings, native, threads
+from sycl_settings import SCHEDULES, host_settings, native, threads
 
 
 def test_linear_order():
-    with threads(1):
+    with host_settings(shuffle=False), threads(1):
         assert native.strand_order(6, 3) == list(range(6)) * 3
         assert native.group_order(40) == list(range(40))
 
@@ -33,3 +33,21 @@ def test_values_made_once_a_launch_and_thread(count):
         for _ in range(3):
             made, right = native.shared_once(200)
             assert right and 1 <= made <= count
+
+
+TAKEN = "kernel: A kernel may call once_a_launch in one place only, and there for one count."
+
+
+@pytest.mark.parametrize("schedule", SCHEDULES)
+@pytest.mark.parametrize("groups", [1, 3, 100])
+def test_a_kernel_makes_the_values_of_its_launch_in_one_place(groups, schedule):
+    with host_settings(**schedule), threads(2):
+        assert native.shared_from("again", groups) == ""
+        assert native.shared_from("count", groups) == TAKEN
+        assert native.shared_from("place", groups) == TAKEN
+
+
+def test_groups_that_make_different_values_of_their_launch():
+    with threads(1):
+        assert native.shared_from("group", 1) == ""
+        assert native.shared_from("group", 2) == TAKEN

@@ -528,6 +528,35 @@ std::pair<int, bool> shared_once(size_t groups) {
   return {made.load(), right.load()};
 }
 
+// A kernel that asks for the values of its launch more than once: "again" from one place, "count" from one place for
+// another count, "place" from two places, "group" from another place in each second group.
+std::string shared_from(const std::string& form, size_t groups) {
+  auto queue = queue_of();
+  const std::string error = error_of([&] {
+    queue.submit([&](sycl::handler& h) {
+      h.parallel_for_lanes<16, 16>(sycl::nd_range<1>({groups * 16}, {16}), [&](const auto& item) {
+        const auto one = [&](size_t count) {
+          return item.template once_a_launch<int>(count, [&](int* to) { std::fill_n(to, count, 1); })[count - 1];
+        };
+        const auto other = [&] {
+          return item.template once_a_launch<int>(8, [](int* to) { std::fill_n(to, 8, 2); })[7];
+        };
+        if (form == "group" && item.group() % 2 == 1) {
+          if (other() != 2) throw std::runtime_error("the other place's values");
+          return;
+        }
+        for (int i = 0; i < 2; ++i) {
+          if (one(8) != 1) throw std::runtime_error("another place's values");
+        }
+        if (form == "count" && one(9) != 1) throw std::runtime_error("values of another count");
+        if (form == "place" && other() != 2) throw std::runtime_error("the other place's values");
+      });
+    });
+  });
+  check_usable(queue);
+  return error;
+}
+
 template <typename T, int N>
 struct named_kernel {
   static constexpr int sub_group_size = 8;
@@ -609,6 +638,7 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("strand_order", &strand_order);
   m.def("group_order", &group_order);
   m.def("shared_once", &shared_once);
+  m.def("shared_from", &shared_from);
   // Without the interpreter's lock, so that threads launch at once and a fork finds them at it.
   m.def("launch", &launch_named, py::arg("device") = 0, py::arg("global_size") = sizes{16},
         py::arg("local_size") = sizes{8}, py::arg("local_bytes") = 0, py::arg("nested_name") = false,

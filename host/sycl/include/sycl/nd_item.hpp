@@ -25,7 +25,10 @@ struct group_state {
   int strands = 0;
   int arrived = 0;    // strands at the end of the group, see lane_item::when_last
   bool left = false;  // the only strand of the group has, see lane_item::leave
-  char* scratch = nullptr;  // of the launch, see lane_item::once_a_launch
+  // The values of lane_item::once_a_launch: where they lie, the place in the kernel that made them, and their size.
+  char* scratch = nullptr;
+  const void* scratch_place = nullptr;
+  size_t scratch_bytes = 0;
   struct fibers* running = nullptr;  // null where strands have no stacks of their own, and so cannot wait
 };
 
@@ -39,6 +42,8 @@ constexpr size_t exchange_slot = 16;
 ORRERY_SYCL_API char* exchange(group_state& g, int strand);
 // Bytes that live as long as the launch and belong to the calling thread; `fresh` on the first call of the launch.
 ORRERY_SYCL_API char* launch_scratch(size_t bytes, bool& fresh);
+// Throws: another place, or the same one with another size, has made the values of the launch.
+[[noreturn]] ORRERY_SYCL_API void scratch_is_taken();
 
 template <int D>
 struct item_base {
@@ -207,16 +212,22 @@ class lane_item {
   void when_last(F&& whole) const {
     if (++at_.state->arrived == at_.state->strands) whole();
   }
-  // Values that all groups of a launch share, made once a launch and thread. A kernel calls this in one place.
+  // `count` values that all groups of a launch share, made by `fill` once a launch and thread. A launch has one such
+  // set, so a kernel calls this in one place and for one count.
   template <typename T, typename Fill>
   const T* once_a_launch(size_t count, Fill&& fill) const {
-    char*& scratch = at_.state->scratch;
-    if (scratch == nullptr) {
+    static char place;  // its address stands for the caller's place, since each lambda has a type of its own
+    detail::group_state& g = *at_.state;
+    const size_t bytes = count * sizeof(T);
+    if (g.scratch_place != &place || g.scratch_bytes != bytes) {
+      if (g.scratch_place != nullptr) detail::scratch_is_taken();
+      g.scratch_place = &place;
+      g.scratch_bytes = bytes;
       bool fresh = false;
-      scratch = detail::launch_scratch(count * sizeof(T), fresh);
-      if (fresh) fill(reinterpret_cast<T*>(scratch));
+      g.scratch = detail::launch_scratch(bytes, fresh);
+      if (fresh) fill(reinterpret_cast<T*>(g.scratch));
     }
-    return reinterpret_cast<const T*>(scratch);
+    return reinterpret_cast<const T*>(g.scratch);
   }
 
  private:
