@@ -80,3 +80,4 @@ def test_bad_seeds(monkeypatch, seed):
 def test_what_the_device_answers():
     with host_settings(device_name="Another Name", max_work_group_size=77):
         assert (native.device_name(), native.max_work_group_size()) == ("Another Name", 77)
+    assert native.local_mem_size() == 128 * 1024
