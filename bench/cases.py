@@ -45,6 +45,7 @@ class Setting:
     quick: bool
     flush: Flush
     model: Path | None
+    loads: tuple[int, ...] = ()  # numbers of busy loops that were asked for
 
     def runs(self, full: int) -> int:
         return max(3, full // 8) if self.quick else full
@@ -342,6 +343,32 @@ def model(setting: Setting) -> list[Row]:
     return decode.rows(setting.ops is not None, setting.threads, setting.quick, setting.model)
 
 
+def threads(setting: Setting) -> list[Row]:
+    """What a second thread brings, alone on the machine and beside busy loops that take processors away."""
+    if setting.ops is None:
+        return []
+    rows = [_product_by_threads(setting)]
+    return rows + decode.crowded_rows(setting.threads, setting.loads or (1, 2), setting.quick, setting.model)
+
+
+def _product_by_threads(setting: Setting) -> Row:
+    data, _ = random_weight(FORMATS["q4_0"], 4096, 4096)
+    weight, x = data.to("xpu"), torch.randn(1, 4096).to("xpu")
+
+    def product() -> None:
+        setting.ops.forward_new(x, weight, FORMATS["q4_0"].code, 1)
+
+    seconds: dict[int, list[float]] = {1: [], setting.threads: []}
+    for _ in range(setting.runs(64)):
+        for count, samples in seconds.items():
+            torch.set_num_threads(count)
+            samples.append(interleaved({"": product}, 4)[""])
+    torch.set_num_threads(setting.threads)
+    one, all_ = median(seconds[1]), median(seconds[setting.threads])
+    name = f"q4_0 4096x4096, {setting.threads} threads"
+    return Row(name, all_, one, "1 thread", bars=[Bar("speed", 1.7)])
+
+
 CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "linear": linear,
     "formats": formats,
@@ -355,4 +382,7 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "rotary": rotary,
     "bmm": bmm,
     "model": model,
+    "threads": threads,
 }
+# Cases that start and stop the busy loops themselves, since they also measure without.
+OWN_LOAD = ("threads",)

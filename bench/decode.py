@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import time
+from collections import defaultdict
+from collections.abc import Sequence
 from pathlib import Path
 from statistics import median
 from typing import Callable
@@ -14,6 +16,10 @@ from .report import Bar, Row
 _LIMIT = 60.0
 _PROMPT = "The history of astronomy begins with"
 _PROMPT_TOKENS = 256
+_PEER = "xllamacpp Q4_0"
+_MOST_TOKENS = 128
+# Of the peer beside busy loops, where it makes some 2 a second.
+_FEW_TOKENS = 8
 
 Speeds = Callable[[], dict[str, float]]
 
@@ -28,37 +34,43 @@ def _long_prompt(model: Path) -> tuple[list[int], str]:
     return tokens, tokenizer.decode(tokens)
 
 
-def _ours(model: Path, tokens: int, long: list[int]) -> tuple[Speeds, int]:
-    """A call that decodes `tokens` tokens greedily and takes a long prompt; the bytes that a token reads."""
-    import torch
+class _Ours:
+    """Our runner with the model in q4_0."""
 
-    from orrery import formats, prepare
-    from orrery.generate import Sampling, Timing, generate
-    from orrery.model import Model
-    from orrery.tokenizer import ChatTokenizer
+    def __init__(self, model: Path, capacity: int) -> None:
+        import torch
 
-    prepared = prepare.load(model, formats.find("q4_0"))
-    prompt = ChatTokenizer(prepared.vocabulary).encode(_PROMPT)
-    runner = Model(prepared, torch.float32, max(len(long), len(prompt) + tokens))
+        from orrery import formats, prepare
+        from orrery.model import Model
+        from orrery.tokenizer import ChatTokenizer
 
-    def run() -> dict[str, float]:
-        runner.rewind(0)
-        start = time.perf_counter()
-        runner.forward(long)
-        prompt_seconds = time.perf_counter() - start
-        runner.rewind(0)
+        prepared = prepare.load(model, formats.find("q4_0"))
+        self.bytes = prepared.quantized_bytes  # that a token reads
+        self._prompt = ChatTokenizer(prepared.vocabulary).encode(_PROMPT)
+        self._model = Model(prepared, torch.float32, max(capacity, len(self._prompt) + _MOST_TOKENS))
+
+    def answer(self, tokens: int) -> float:
+        """Tokens per second of a greedy answer."""
+        from orrery.generate import Sampling, Timing, generate
+
+        self._model.rewind(0)
         timing = Timing()
-        for _ in generate(runner, prompt, tokens, frozenset(), Sampling(), timing):
+        for _ in generate(self._model, self._prompt, tokens, frozenset(), Sampling(), timing):
             pass
-        return {"prompt": len(long) / prompt_seconds, "answer": timing.steps / timing.seconds}
+        return timing.steps / timing.seconds
 
-    return run, prepared.quantized_bytes
+    def prompt(self, tokens: list[int]) -> float:
+        """Tokens per second of a prompt."""
+        self._model.rewind(0)
+        start = time.perf_counter()
+        self._model.forward(tokens)
+        return len(tokens) / (time.perf_counter() - start)
 
 
 def rows(with_ours: bool, threads: int, quick: bool, model: Path | None) -> list[Row]:
     """Our q4_0 against llama.cpp's Q4_0 of the same model."""
     source = model or llama.shipped_model()
-    tokens, turns = (64, 3) if quick else (128, 9)
+    tokens, turns = (64, 3) if quick else (_MOST_TOKENS, 9)
     long, long_text = _long_prompt(source)
     with llama.Peer(llama.q4_0_model(source), threads) as peer:
 
@@ -68,7 +80,9 @@ def rows(with_ours: bool, threads: int, quick: bool, model: Path | None) -> list
         runners: dict[str, Speeds] = {"peer": theirs}
         size = 0
         if with_ours:
-            runners["ours"], size = _ours(source, tokens, long)
+            ours = _Ours(source, len(long))
+            size = ours.bytes
+            runners["ours"] = lambda: {"prompt": ours.prompt(long), "answer": ours.answer(tokens)}
         for run in runners.values():
             run()
         speeds: dict[str, list[dict[str, float]]] = {name: [] for name in runners}
@@ -83,10 +97,46 @@ def rows(with_ours: bool, threads: int, quick: bool, model: Path | None) -> list
         return median(turn[kind] for turn in speeds[side]) if side in speeds else None
 
     name = source.stem.rsplit(".", 1)[0]
-    peer_name = "xllamacpp Q4_0"
     return [
-        Row(f"decode {name} q4_0", middle("ours", "answer"), middle("peer", "answer"), peer_name, bytes=size,
+        Row(f"decode {name} q4_0", middle("ours", "answer"), middle("peer", "answer"), _PEER, bytes=size,
             per_second="tokens", bars=[Bar("speed", 0.5)]),
-        Row(f"prompt of {len(long)} {name} q4_0", middle("ours", "prompt"), middle("peer", "prompt"), peer_name,
+        Row(f"prompt of {len(long)} {name} q4_0", middle("ours", "prompt"), middle("peer", "prompt"), _PEER,
             per_second="tokens"),
     ]
+
+
+def crowded_rows(threads: int, loads: Sequence[int], quick: bool, model: Path | None) -> list[Row]:
+    """An answer of our q4_0 with one thread and with all, alone on the machine and beside busy loops, in turns."""
+    import torch
+
+    from .measure import busy_loops
+
+    source = model or llama.shipped_model()
+    tokens, turns = (48, 3) if quick else (96, 5)
+    ours = _Ours(source, 0)
+    ours.answer(tokens)
+    speeds: dict[tuple[str, int], list[float]] = defaultdict(list)
+    with llama.Peer(llama.q4_0_model(source), threads) as peer:
+        for _ in range(turns):
+            for load in (0, *loads):
+                with busy_loops(load):
+                    for name, count in ("all", threads), ("one", 1):
+                        torch.set_num_threads(count)
+                        speeds[name, load].append(ours.answer(tokens))
+                    torch.set_num_threads(threads)
+                    speeds["peer", load].append(peer.run(_PROMPT, _FEW_TOKENS if load else tokens)["answer"])
+    middle = {key: median(samples) for key, samples in speeds.items()}
+
+    def row(name: str, load: int, peer: float, peer_name: str, *bars: Bar) -> Row:
+        return Row(name, middle["all", load], peer, peer_name, per_second="tokens", bars=list(bars))
+
+    made = [row(f"decode, {threads} threads", 0, middle["one", 0], "1 thread", Bar("speed", 1.75)),
+            row("decode", 0, middle["peer", 0], _PEER)]
+    for load in loads:
+        name = f"decode, {load} busy loop{'s' * (load > 1)}"
+        made += [
+            row(name, load, middle["all", 0], "no busy loop", *(Bar("speed", b) for n, b in ((1, 0.5), (2, 0.35)) if n == load)),
+            row(name, load, middle["one", load], "1 thread, same load", *[Bar("speed", 0.9)][: load == 1]),
+            row(name, load, middle["peer", load], f"{_PEER}, same load"),
+        ]
+    return made

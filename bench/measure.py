@@ -4,7 +4,11 @@ from __future__ import annotations
 
 import os
 import platform
+import subprocess
+import sys
 import time
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 from statistics import median
 from typing import Callable, Hashable, Mapping, TypeVar
@@ -38,6 +42,30 @@ class Flush:
     def __call__(self) -> None:
         self._buffer.add_(1.0)
         self._buffer.max()
+
+
+# Ends with the process that started it, even if that one is killed.
+_BUSY_LOOP = """
+import os
+parent = os.getppid()
+while os.getppid() == parent:
+    for _ in range(1_000_000):
+        pass
+"""
+
+
+@contextmanager
+def busy_loops(count: int) -> Iterator[None]:
+    """Other processes, each of which keeps one processor busy all the time."""
+    loops = [subprocess.Popen([sys.executable, "-S", "-c", _BUSY_LOOP]) for _ in range(count)]
+    try:
+        if loops:
+            time.sleep(0.3)  # until they have started and the system has placed them
+        yield
+    finally:
+        for loop in loops:
+            loop.kill()
+            loop.wait()
 
 
 @torch.inference_mode()

@@ -5,9 +5,15 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
+#include <chrono>
+#include <limits>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <sycl/sycl.hpp>
+#include <thread>
 #include <vector>
 
 #include "includes/item.h"
@@ -611,6 +617,96 @@ std::vector<py::dict> recording_end() {
   return all;
 }
 
+// How often each group has run after `launches` launches; -1 where the count was wrong when a launch returned. Each
+// eighth group takes `microseconds`.
+std::vector<int> groups_run(size_t groups, int microseconds, int launches) {
+  std::vector<std::atomic<int>> counts(groups);
+  std::vector<int> out(groups);
+  auto queue = queue_of();
+  for (int n = 1; n <= launches; ++n) {
+    queue.submit([&](sycl::handler& h) {
+      h.parallel_for(sycl::nd_range<1>({groups}, {1}), [&](sycl::nd_item<1> it) {
+        const size_t g = it.get_group(0);
+        if (g % 8 == 7 && microseconds) std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
+        counts[g].fetch_add(1, std::memory_order_relaxed);
+      });
+    });
+    for (size_t g = 0; g < groups; ++g) {
+      if (out[g] >= 0) out[g] = counts[g].load(std::memory_order_relaxed) == n ? n : -1;
+    }
+  }
+  return out;
+}
+
+size_t threads_of_a_launch(size_t groups) {
+  std::mutex guard;
+  std::set<std::thread::id> seen;
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({groups}, {1}), [&](sycl::nd_item<1>) {
+      std::this_thread::sleep_for(std::chrono::microseconds(20));
+      const std::lock_guard lock(guard);
+      seen.insert(std::this_thread::get_id());
+    });
+  });
+  return seen.size();
+}
+
+template <typename Condition>
+bool comes_true(Condition condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+// Group `at` ends only when `others` groups have run.
+bool one_group_waits(size_t groups, size_t at, size_t others) {
+  std::atomic<size_t> ran{0};
+  bool came = false;
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({groups}, {1}), [&](sycl::nd_item<1> it) {
+      if (it.get_group(0) == at) {
+        came = comes_true([&] { return ran >= others; });
+      } else {
+        ++ran;
+      }
+    });
+  });
+  return came;
+}
+
+std::atomic<bool> held{false}, released{false};
+
+// A launch whose groups all wait until let_go() is called.
+bool hold(size_t groups) {
+  held = released = false;
+  std::atomic<bool> all{true};
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({groups}, {1}), [&](sycl::nd_item<1>) {
+      held = true;
+      if (!comes_true([] { return released.load(); })) all = false;
+    });
+  });
+  return all;
+}
+bool is_held() {
+  return comes_true([] { return held.load(); });
+}
+void let_go() { released = true; }
+
+// The bits of half of the smallest normal number, as each group computes it.
+std::vector<uint32_t> smallest_halved(size_t groups) {
+  std::vector<uint32_t> out(groups);
+  const volatile float x = std::numeric_limits<float>::min();
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({groups}, {1}),
+                   [&](sycl::nd_item<1> it) { out[it.get_group(0)] = std::bit_cast<uint32_t>(x * 0.5f); });
+  });
+  return out;
+}
+
 void configure(const sycl::ext::orrery::settings& s) { sycl::ext::orrery::configure(s); }
 
 }  // namespace
@@ -639,6 +735,13 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("group_order", &group_order);
   m.def("shared_once", &shared_once);
   m.def("shared_from", &shared_from);
+  m.def("groups_run", &groups_run, py::call_guard<py::gil_scoped_release>());
+  m.def("threads_of_a_launch", &threads_of_a_launch);
+  m.def("one_group_waits", &one_group_waits, py::arg("groups"), py::arg("at"), py::arg("others"));
+  m.def("hold", &hold, py::call_guard<py::gil_scoped_release>());
+  m.def("is_held", &is_held, py::call_guard<py::gil_scoped_release>());
+  m.def("let_go", &let_go);
+  m.def("smallest_halved", &smallest_halved);
   // Without the interpreter's lock, so that threads launch at once and a fork finds them at it.
   m.def("launch", &launch_named, py::arg("device") = 0, py::arg("global_size") = sizes{16},
         py::arg("local_size") = sizes{8}, py::arg("local_bytes") = 0, py::arg("nested_name") = false,

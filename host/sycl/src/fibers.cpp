@@ -227,10 +227,6 @@ void leave(group_state& g, int strand) {
   }
 }
 
-void scratch_is_taken() {
-  throw exception(errc::kernel, "A kernel may call once_a_launch in one place only, and there for one count.");
-}
-
 char* exchange(group_state& g, int strand) {
   thread_local char alone[exchange_slot];
   if (g.strands == 1) return alone;

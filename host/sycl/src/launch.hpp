@@ -1,17 +1,39 @@
 // What the units that make up a launch share.
 #pragma once
 
+#if defined(__SSE__)
+#include <xmmintrin.h>
+#endif
+
 #include "sycl/sycl.hpp"
 
 namespace sycl::detail {
 
-// Stands for as long as the calling thread runs work-groups, whose local memory starts at `memory`.
+// Stands for as long as the calling thread runs work-groups, whose local memory starts at `memory`. Kernels keep
+// subnormals and round to nearest also where the caller has asked its thread for something else
+// (torch.set_flush_denormal): which thread runs a group must not show in its result.
 class kernel_scope {
  public:
-  explicit kernel_scope(char* memory) { local_memory = memory; }
-  ~kernel_scope() { local_memory = nullptr; }
+  explicit kernel_scope(char* memory) {
+    local_memory = memory;
+#if defined(__SSE__)
+    if ((control_ & control_bits) != standard) _mm_setcsr(standard);
+#endif
+  }
+  ~kernel_scope() {
+    local_memory = nullptr;
+#if defined(__SSE__)
+    if ((control_ & control_bits) != standard) _mm_setcsr(control_);
+#endif
+  }
   kernel_scope(const kernel_scope&) = delete;
   kernel_scope& operator=(const kernel_scope&) = delete;
+
+ private:
+#if defined(__SSE__)
+  static constexpr unsigned standard = 0x1F80, control_bits = 0xFFC0;
+  const unsigned control_ = _mm_getcsr();
+#endif
 };
 inline bool inside_kernel() { return local_memory != nullptr; }
 

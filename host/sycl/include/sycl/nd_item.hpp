@@ -41,9 +41,8 @@ ORRERY_SYCL_API void leave(group_state& g, int strand);
 constexpr size_t exchange_slot = 16;
 ORRERY_SYCL_API char* exchange(group_state& g, int strand);
 // Bytes that live as long as the launch and belong to the calling thread; `fresh` on the first call of the launch.
-ORRERY_SYCL_API char* launch_scratch(size_t bytes, bool& fresh);
-// Throws: another place, or the same one with another size, has made the values of the launch.
-[[noreturn]] ORRERY_SYCL_API void scratch_is_taken();
+// Throws where another place, or the same one for another size, has made the values of the launch.
+ORRERY_SYCL_API char* launch_scratch(const void* place, size_t bytes, bool& fresh);
 
 template <int D>
 struct item_base {
@@ -220,11 +219,10 @@ class lane_item {
     detail::group_state& g = *at_.state;
     const size_t bytes = count * sizeof(T);
     if (g.scratch_place != &place || g.scratch_bytes != bytes) {
-      if (g.scratch_place != nullptr) detail::scratch_is_taken();
+      bool fresh = false;
+      g.scratch = detail::launch_scratch(&place, bytes, fresh);
       g.scratch_place = &place;
       g.scratch_bytes = bytes;
-      bool fresh = false;
-      g.scratch = detail::launch_scratch(bytes, fresh);
       if (fresh) fill(reinterpret_cast<T*>(g.scratch));
     }
     return reinterpret_cast<const T*>(g.scratch);

@@ -1,0 +1,34 @@
+// PyTorch's CPU operators run on GNU OpenMP's threads, which stay awake for 3 ms and more after each parallel region,
+// and at each barrier inside one. Beside the threads of a launch they would take each other's processors.
+#include "openmp.hpp"
+
+#include <omp.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <future>
+#include <system_error>
+#include <thread>
+
+namespace sycl::detail {
+
+// The library reads its environment when it is loaded, before this code is there to change it. But it spins for 1 us
+// only while it manages more threads than there are processors. So one team of that many is made and kept, asleep.
+void bound_openmp_spinning() {
+  if (std::getenv("OMP_WAIT_POLICY") || std::getenv("GOMP_SPINCOUNT")) return;
+  std::promise<void> made;
+  std::future<void> is_made = made.get_future();
+  try {
+    std::thread([made = std::move(made)]() mutable {
+#pragma omp parallel num_threads(omp_get_num_procs() + 1)
+      {}
+      made.set_value();
+      for (;;) pause();
+    }).detach();
+  } catch (const std::system_error&) {
+    return;
+  }
+  is_made.wait();
+}
+
+}  // namespace sycl::detail
