@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "accelerator.h"
 #include "allocator.h"
 #include "guard.h"
 #include "hooks.h"
@@ -20,6 +21,7 @@ bool register_device() {
   if (c10::impl::hasDeviceGuardImpl(c10::DeviceType::XPU)) return false;
   const sycl::ext::orrery::settings settings = sycl::ext::orrery::settings_from_environment();
   sycl::ext::orrery::configure(settings);
+  put_cuda_aside();
   register_allocators();
   register_hooks();
   register_guard(settings.device_count);
@@ -108,6 +110,7 @@ PYBIND11_MODULE(TORCH_EXTENSION_NAME, m) {
     if (device >= 0) set_current_device(device);
     return previous;
   });
+  m.def("settle_autograd", &settle_autograd, py::call_guard<py::gil_scoped_release>());
   m.def("synchronize", [](int device) { checked_device(device); });
   m.def("current_stream", [](int device) { return stream_data(current_stream(device)); });
   m.def(
