@@ -1,0 +1,33 @@
+"""Tensors of the device between processes: their memory belongs to one, so they are refused in words."""
+
+from __future__ import annotations
+
+import functools
+from multiprocessing import context, reduction
+
+import torch
+
+SENTENCE = "An xpu tensor can't be sent to another process; send a CPU tensor and move it to xpu there."
+
+
+def _raise(sentence: str) -> None:
+    raise RuntimeError(sentence)
+
+
+def _refusing(reduce):
+    @functools.wraps(reduce)
+    def reduce_or_refuse(value):
+        if value.device.type != "xpu":
+            return reduce(value)
+        if context.get_spawning_popen() is not None:  # an argument of a process about to start: the caller is here
+            _raise(SENTENCE)
+        # The thread that feeds a queue would swallow an error, and the receiver wait forever. So the receiver raises it.
+        return _raise, (SENTENCE,)
+
+    return reduce_or_refuse
+
+
+def refuse_to_send() -> None:
+    """Puts the refusal before PyTorch's reducers for multiprocessing; `pickle` and `torch.save` know nothing of them."""
+    for kind in (torch.Tensor, torch.nn.Parameter, torch.UntypedStorage):
+        reduction.register(kind, _refusing(reduction.ForkingPickler._extra_reducers[kind]))
