@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "allocator.h"
+#include "fork.h"
 #include "guard.h"
 #include "hooks.h"
 #include "wrap.h"
@@ -112,6 +113,7 @@ c10::IValue result_to_xpu(twins& twin, const c10::IValue& value) {
 }  // namespace
 
 void fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack) {
+  begin_operation();
   const auto& schema = op.schema();
   const size_t inputs = schema.arguments().size();
   const auto arguments = torch::jit::last(*stack, inputs);

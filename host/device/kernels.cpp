@@ -15,6 +15,7 @@
 
 #include "allocator.h"
 #include "fallback.h"
+#include "fork.h"
 #include "guard.h"
 #include "wrap.h"
 
@@ -43,6 +44,7 @@ at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, std::opti
 }
 
 at::Tensor& copy_(at::Tensor& self, const at::Tensor& source, bool non_blocking) {
+  begin_operation();
   at::Tensor to = as_cpu(self);
   at::_ops::copy_::redispatch(c10::DispatchKeySet(c10::DispatchKey::CPU), to, as_cpu(source), non_blocking);
   return self;

@@ -8,6 +8,7 @@
 #include "allocator.h"
 #include "guard.h"
 #include "hooks.h"
+#include "host_memory.h"
 #include "kernels.h"
 
 namespace orrery::host {
@@ -137,5 +138,9 @@ PYBIND11_MODULE(TORCH_EXTENSION_NAME, m) {
   m.def("memory_info", [](int device) { return xpu_memory().getMemoryInfo(device); });
   m.def("recording_begin", &sycl::ext::orrery::recording_begin);
   m.def("recording_end", &recording_end);
+  m.def("measure_host_memory", [](const std::string& root) {
+    const host_memory memory = measure_host_memory(root);
+    return std::make_pair(memory.available, memory.total);
+  });
   m.attr("slack_bytes") = slack_bytes;
 }
