@@ -99,18 +99,16 @@ void shared_kernels(torch::Library& m) {
 constexpr const char* composite_fallbacks[] = {
     "convolution",
     "convolution_backward",
-    "scaled_dot_product_attention",
     "native_layer_norm",
     "native_layer_norm_backward",
     "native_group_norm",
     "native_group_norm_backward",
     "addr",
-    "lstm.input",
-    "lstm.data",
-    "lstm_cell",
-    "gru.input",
-    "gru.data",
-    "gru_cell",
+};
+
+// The same, without a derivative of their own.
+constexpr const char* composite_differentiable[] = {
+    "scaled_dot_product_attention", "lstm.input", "lstm.data", "lstm_cell", "gru.input", "gru.data", "gru_cell",
 };
 
 }  // namespace
@@ -123,6 +121,12 @@ void register_kernels() {
   own_kernels(aten);
   shared_kernels(aten);
   for (const char* name : composite_fallbacks) aten.impl(name, torch::CppFunction::makeFromBoxedFunction<&fallback>());
+
+  auto& autograd = *new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::AutogradXPU, __FILE__, __LINE__);
+  for (const char* name : composite_differentiable) {
+    aten.impl(name, torch::CppFunction::makeFromBoxedFunction<&fallback>());
+    autograd.impl(name, torch::CppFunction::makeFromBoxedFunction<&differentiable_fallback>());
+  }
 }
 
 }  // namespace orrery::host
