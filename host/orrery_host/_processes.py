@@ -27,7 +27,18 @@ def _refusing(reduce):
     return reduce_or_refuse
 
 
+def _refusing_to_share(share_memory_):
+    @functools.wraps(share_memory_)
+    def share_or_refuse(self, *arguments, **keywords):
+        if self.device.type == "xpu":  # PyTorch would put CPU memory into the storage
+            _raise(SENTENCE)
+        return share_memory_(self, *arguments, **keywords)
+
+    return share_or_refuse
+
+
 def refuse_to_send() -> None:
     """Puts the refusal before PyTorch's reducers for multiprocessing; `pickle` and `torch.save` know nothing of them."""
     for kind in (torch.Tensor, torch.nn.Parameter, torch.UntypedStorage):
         reduction.register(kind, _refusing(reduction.ForkingPickler._extra_reducers[kind]))
+    torch.UntypedStorage.share_memory_ = _refusing_to_share(torch.UntypedStorage.share_memory_)
