@@ -84,6 +84,7 @@ c10::Allocator& device_allocator(c10::DeviceIndex device) {
 }
 
 void register_allocators() {
+  memory();  // its lock has to be known before anybody forks
   c10::SetAllocator(c10::DeviceType::XPU, new xpu_allocator(-1));
   cpu_own = c10::GetAllocator(c10::DeviceType::CPU);
   c10::SetAllocator(c10::DeviceType::CPU, new cpu_front, std::numeric_limits<uint8_t>::max());

@@ -1,9 +1,9 @@
 #include "host_memory.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <fstream>
-#include <initializer_list>
 #include <optional>
 #include <sstream>
 #include <string_view>
@@ -11,12 +11,14 @@
 namespace orrery::host {
 namespace {
 
+using names = std::array<std::string_view, 2>;
+
 // Where a version of the control groups tells what. Its memory.stat counts the children in.
 struct group_files {
   const char* mount;
   const char* limit;
   const char* usage;
-  std::initializer_list<std::string_view> reclaimable;
+  names reclaimable;
 };
 
 const group_files version_1 = {"/sys/fs/cgroup/memory",
@@ -33,7 +35,7 @@ std::optional<size_t> number_in(const std::string& path) {
 }
 
 // The sum of the named numbers in a file of lines "name[:] number [kB]".
-size_t sum_in(const std::string& path, std::initializer_list<std::string_view> names) {
+size_t sum_in(const std::string& path, const names& wanted) {
   std::ifstream file(path);
   size_t sum = 0;
   for (std::string line; std::getline(file, line);) {
@@ -42,7 +44,7 @@ size_t sum_in(const std::string& path, std::initializer_list<std::string_view> n
     size_t number = 0;
     words >> name >> number >> unit;
     if (name.ends_with(':')) name.pop_back();
-    if (std::ranges::find(names, name) != names.end()) sum += unit == "kB" ? number * 1024 : number;
+    if (std::ranges::find(wanted, name) != wanted.end()) sum += unit == "kB" ? number * 1024 : number;
   }
   return sum;
 }

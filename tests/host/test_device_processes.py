@@ -94,14 +94,14 @@ def test_children_of_fork_while_other_threads_use_the_device():
         done = threading.Event()
         def churn():
             while not done.is_set():
-                torch.empty(5000, device="xpu")
-        threads = [threading.Thread(target=churn) for _ in range(3)]
+                torch.empty(200 << 20, dtype=torch.uint8, device="xpu")  # mapped anew each time, under the pool's lock
+        threads = [threading.Thread(target=churn, daemon=True) for _ in range(3)]
         for thread in threads:
             thread.start()
         for _ in range(60):
             child = os.fork()
             if child == 0:
-                signal.alarm(20)
+                signal.alarm(10)
                 x = torch.ones(50, device="xpu")
                 ok = (x + 1).cpu().sum().item() == 100 and torch.xpu.Stream().sycl_queue != 0
                 os._exit(0 if ok else 1)
@@ -121,7 +121,7 @@ def test_a_child_does_not_wait_for_threads_that_it_does_not_have():
         for _ in range(2):
             child = os.fork()
             if child == 0:
-                signal.alarm(30)
+                signal.alarm(15)
                 x.copy_(x.clone())
                 ok = torch.equal(x.sin(), expected) and x.t().contiguous().shape == (1001, 1000)
                 os._exit(0 if ok and torch.get_num_threads() == 1 else 1)
