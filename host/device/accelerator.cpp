@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 
 #include <cstdlib>
+#include <exception>
 #include <new>
 #include <string_view>
 #include <thread>
@@ -92,9 +93,13 @@ void settle_autograd() {
   // A thread does one pass after another, so the end of a new one tells. It comes from a thread of its own, whose
   // thread-local state holds no Python object that would have to be let go of in turn.
   std::thread([] {
-    for (c10::DeviceIndex i = 0; i < device_count(); ++i) {
-      const auto on = at::TensorOptions().device(c10::DeviceType::XPU, i);
-      at::ones({}, on).requires_grad_().clone().backward();
+    try {
+      for (c10::DeviceIndex i = 0; i < device_count(); ++i) {
+        const auto on = at::TensorOptions().device(c10::DeviceType::XPU, i);
+        at::ones({}, on).requires_grad_().clone().backward();
+      }
+    } catch (const std::exception&) {
+      // The process ends; a pass that can't be made is no reason to end it otherwise.
     }
   }).join();
 }

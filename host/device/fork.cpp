@@ -4,7 +4,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <ranges>
 #include <vector>
 
 namespace orrery::host {
@@ -22,7 +21,7 @@ void before_fork() {
 }
 
 void after_fork() {
-  for (std::mutex* mutex : mutexes() | std::views::reverse) mutex->unlock();
+  for (size_t i = mutexes().size(); i-- > 0;) mutexes()[i]->unlock();
 }
 
 void after_fork_in_child() {

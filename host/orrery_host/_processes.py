@@ -21,7 +21,7 @@ def _refusing(reduce):
             return reduce(value)
         if context.get_spawning_popen() is not None:  # an argument of a process about to start: the caller is here
             _raise(SENTENCE)
-        # The thread that feeds a queue would swallow an error, and the receiver wait forever. So the receiver raises it.
+        # The thread that feeds a queue would swallow an error, and the receiver wait forever. So the receiver raises.
         return _raise, (SENTENCE,)
 
     return reduce_or_refuse
@@ -38,7 +38,7 @@ def _refusing_to_share(share_memory_):
 
 
 def refuse_to_send() -> None:
-    """Puts the refusal before PyTorch's reducers for multiprocessing; `pickle` and `torch.save` know nothing of them."""
+    """Puts the refusal before PyTorch's reducers for multiprocessing; `pickle` and `torch.save` don't use those."""
     for kind in (torch.Tensor, torch.nn.Parameter, torch.UntypedStorage):
         reduction.register(kind, _refusing(reduction.ForkingPickler._extra_reducers[kind]))
     torch.UntypedStorage.share_memory_ = _refusing_to_share(torch.UntypedStorage.share_memory_)

@@ -186,8 +186,8 @@ def _fill_torch_xpu(native) -> None:
     torch.xpu._XpuDeviceProperties = types.SimpleNamespace
     _replace("device_count", _device_count)
     _replace("_lazy_init", _own_lazy_init)
-    # PyTorch takes "compiled" for "compiled with nothing else": fake tensors, and so torch.compile, refuse a PyTorch with
-    # CUDA that says it of xpu too. Only `init` has to hear it.
+    # PyTorch takes "compiled" for "compiled with nothing else": fake tensors, and so torch.compile, refuse a PyTorch
+    # with CUDA that says it of xpu too. Only `init` has to hear it.
     is_compiled = torch.xpu._is_compiled
     torch.xpu._is_compiled = lambda: True
     try:

@@ -32,7 +32,8 @@ LOADER = """
     if __name__ == "__main__":
         signal.alarm(60)
         torch.randn(500, 500, device="xpu").sin()
-        for rows in DataLoader(Rows("{device}", {wrap}), num_workers=2, multiprocessing_context="{start}", collate_fn=collate):
+        rows = Rows("{device}", {wrap})
+        for rows in DataLoader(rows, num_workers=2, multiprocessing_context="{start}", collate_fn=collate):
             print(rows[0].tolist(), flush=True)
 """
 
