@@ -108,6 +108,8 @@ def test_children_of_fork_while_other_threads_use_the_device():
                 os._exit(0 if ok else 1)
             assert os.waitpid(child, 0)[1] == 0
         done.set()
+        for thread in threads:
+            thread.join()
         """
     )
 
