@@ -27,6 +27,10 @@ inline uint64_t get_max_work_group_size() {
   return static_cast<uint32_t>(current_xpu_device().get_info<sycl::info::device::max_work_group_size>());
 }
 
+// Imports PyTorch's Python side where there is no device yet: it may bring one, and this module may be imported first.
+// Throws std::runtime_error with what kept the device away, if PyTorch was told.
+void bring_device();
+
 // Why the first question at load failed; empty if none did. The entry point of the module tells it.
 inline std::string& load_failure() {
   static std::string text;
@@ -37,6 +41,7 @@ inline std::string& load_failure() {
 template <typename Value>
 Value ask_at_load(Value (*question)()) {
   try {
+    bring_device();
     return question();
   } catch (const c10::Error& error) {
     if (load_failure().empty()) load_failure() = error.what_without_backtrace();

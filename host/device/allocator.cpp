@@ -1,7 +1,6 @@
 #include "allocator.h"
 
 #include <c10/core/CPUAllocator.h>
-#include <unistd.h>
 
 #include <array>
 #include <limits>
@@ -24,7 +23,7 @@ c10::DataPtr allocate(size_t bytes, c10::DeviceIndex on, c10::Device seen_as) {
   if (bytes == 0) return {nullptr, seen_as};
   void* taken = memory().take(bytes, on);
   TORCH_CHECK_WITH(OutOfMemoryError, taken, "xpu:", int(on), " is out of host memory: ", bytes,
-                   " bytes were asked for.");
+                   " bytes were asked for, ", memory().room().first, " are available.");
   return {taken, taken, &free_block, seen_as};
 }
 
@@ -48,10 +47,7 @@ class xpu_allocator final : public c10::DeviceAllocator {
   }
   void resetAccumulatedStats(c10::DeviceIndex device) override { memory().reset_accumulated(checked_device(device)); }
   void resetPeakStats(c10::DeviceIndex device) override { memory().reset_peak(checked_device(device)); }
-  std::pair<size_t, size_t> getMemoryInfo(c10::DeviceIndex) override {
-    const size_t page = sysconf(_SC_PAGESIZE);
-    return {sysconf(_SC_AVPHYS_PAGES) * page, sysconf(_SC_PHYS_PAGES) * page};
-  }
+  std::pair<size_t, size_t> getMemoryInfo(c10::DeviceIndex) override { return memory().room(); }
 
  private:
   c10::DeviceIndex device_;
@@ -88,6 +84,7 @@ c10::Allocator& device_allocator(c10::DeviceIndex device) {
 }
 
 void register_allocators() {
+  memory();  // its lock has to be known before anybody forks
   c10::SetAllocator(c10::DeviceType::XPU, new xpu_allocator(-1));
   cpu_own = c10::GetAllocator(c10::DeviceType::CPU);
   c10::SetAllocator(c10::DeviceType::CPU, new cpu_front, std::numeric_limits<uint8_t>::max());

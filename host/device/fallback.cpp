@@ -1,14 +1,17 @@
 #include "fallback.h"
 
+#include <ATen/core/LegacyTypeDispatch.h>
 #include <ATen/core/List.h>
 #include <ATen/core/Tensor.h>
 #include <ATen/core/dispatch/Dispatcher.h>
+#include <c10/core/GradMode.h>
 
 #include <algorithm>
 #include <array>
 #include <string_view>
 
 #include "allocator.h"
+#include "fork.h"
 #include "guard.h"
 #include "hooks.h"
 #include "wrap.h"
@@ -46,6 +49,24 @@ void for_each_tensor(const c10::IValue& value, Visit visit) {
   }
 }
 
+// The value with each of its tensors converted.
+template <typename Convert>
+c10::IValue with_tensors(const c10::IValue& value, Convert convert) {
+  if (value.isTensor()) return convert(value.toTensor());
+  if (value.isTensorList()) {
+    tensor_list converted;
+    for (const at::Tensor& tensor : value.toTensorList()) converted.push_back(convert(tensor));
+    return converted;
+  }
+  if (value.isOptionalTensorList()) {
+    optional_tensor_list converted;
+    for (const std::optional<at::Tensor>& tensor : value.toOptionalTensorList())
+      converted.push_back(tensor ? std::optional(convert(*tensor)) : std::nullopt);
+    return converted;
+  }
+  return value;
+}
+
 // The device of a call: that of its tensors, else the one named in its arguments. Checks that all tensors lie there,
 // apart from CPU scalars, which PyTorch takes everywhere.
 c10::Device device_of(const c10::OperatorHandle& op, c10::ArrayRef<c10::IValue> arguments) {
@@ -81,37 +102,23 @@ c10::IValue argument_to_cpu(twins& twin, c10::Device device, const c10::Argument
   const auto convert = [&](const at::Tensor& tensor) {
     return tensor.defined() && tensor.is_xpu() ? twin.to_cpu(tensor) : tensor;
   };
-  if (value.isTensor()) return convert(value.toTensor());
-  if (value.isTensorList()) {
-    tensor_list converted;
-    for (const at::Tensor& tensor : value.toTensorList()) converted.push_back(convert(tensor));
-    return converted;
-  }
-  if (value.isOptionalTensorList()) {
-    optional_tensor_list converted;
-    for (const std::optional<at::Tensor>& tensor : value.toOptionalTensorList())
-      converted.push_back(tensor ? std::optional(convert(*tensor)) : std::nullopt);
-    return converted;
-  }
   if (value.isDevice() && value.toDevice().is_xpu()) return c10::Device(c10::DeviceType::CPU);
   if (value.isGenerator()) return cpu_generator_of(value.toGenerator());
   if (value.isNone() && is_generator(expected)) return cpu_generator_of(default_generator(device.index()));
-  return value;
+  return with_tensors(value, convert);
 }
 
-c10::IValue result_to_xpu(twins& twin, const c10::IValue& value) {
-  if (value.isTensor()) return twin.to_xpu(value.toTensor());
-  if (value.isTensorList()) {
-    tensor_list converted;
-    for (const at::Tensor& tensor : value.toTensorList()) converted.push_back(twin.to_xpu(tensor));
-    return converted;
-  }
-  return value;
+bool needs_gradient(c10::ArrayRef<c10::IValue> arguments) {
+  bool needed = false;
+  for (const c10::IValue& argument : arguments)
+    for_each_tensor(argument, [&](const at::Tensor& tensor) { needed |= tensor.defined() && tensor.requires_grad(); });
+  return needed && c10::GradMode::is_enabled();
 }
 
 }  // namespace
 
 void fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack) {
+  begin_operation();
   const auto& schema = op.schema();
   const size_t inputs = schema.arguments().size();
   const auto arguments = torch::jit::last(*stack, inputs);
@@ -129,8 +136,30 @@ void fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack) {
   if (schema.is_mutable()) twin.sync();
   for (size_t i = 0, outputs = schema.returns().size(); i < outputs; ++i) {
     c10::IValue& value = torch::jit::peek(*stack, i, outputs);
-    value = result_to_xpu(twin, value);
+    value = with_tensors(value, [&](const at::Tensor& tensor) { return twin.to_xpu(tensor); });
   }
+}
+
+void differentiable_fallback(const c10::OperatorHandle& op, c10::DispatchKeySet keys, torch::jit::Stack* stack) {
+  const size_t inputs = op.schema().arguments().size(), outputs = op.schema().returns().size();
+  const auto arguments = torch::jit::last(*stack, inputs);
+  if (!needs_gradient(arguments)) {
+    at::AutoDispatchBelowADInplaceOrView below;
+    op.redispatchBoxed(keys & c10::after_autograd_keyset, stack);
+    return;
+  }
+  const c10::Device device = device_of(op, arguments);
+  const auto move_all = [&](size_t count, c10::DeviceType from, c10::Device to) {
+    for (size_t i = 0; i < count; ++i) {
+      c10::IValue& value = torch::jit::peek(*stack, i, count);
+      value = with_tensors(value, [&](const at::Tensor& tensor) {
+        return tensor.defined() && tensor.device().type() == from ? tensor.to(to) : tensor;
+      });
+    }
+  };
+  move_all(inputs, c10::DeviceType::XPU, c10::DeviceType::CPU);
+  op.callBoxed(stack);
+  move_all(outputs, c10::DeviceType::CPU, device);
 }
 
 }  // namespace orrery::host

@@ -8,6 +8,8 @@
 #include <mutex>
 #include <vector>
 
+#include "fork.h"
+
 namespace orrery::host {
 namespace {
 
@@ -145,6 +147,7 @@ double elapsed_milliseconds(const void* begin, const void* end) {
 void register_guard(int number) {
   count = number;
   devices = new std::vector<device_state>(number);
+  free_after_fork(queues_mutex);
   c10::impl::registerDeviceGuard(c10::DeviceType::XPU, new guard);
 }
 

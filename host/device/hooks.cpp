@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "accelerator.h"
 #include "guard.h"
 
 namespace orrery::host {
@@ -36,10 +37,11 @@ at::Generator make_generator(c10::DeviceIndex device) {
   return at::make_generator<xpu_generator>(device, at::detail::createCPUGenerator());
 }
 
-// Left unanswered: isBuilt. A PyTorch with another accelerator compiled in would refuse two of them.
 class hooks final : public at::XPUHooksInterface {
  public:
   void init() const override {}
+  // PyTorch refuses two accelerators that are built.
+  bool isBuilt() const override { return xpu_is_accelerator(); }
   bool isAvailable() const override { return true; }
   bool hasXPU() const override { return true; }
   bool hasPrimaryContext(c10::DeviceIndex device) const override { return device >= 0 && device < device_count(); }

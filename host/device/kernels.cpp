@@ -15,6 +15,7 @@
 
 #include "allocator.h"
 #include "fallback.h"
+#include "fork.h"
 #include "guard.h"
 #include "wrap.h"
 
@@ -43,6 +44,7 @@ at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, std::opti
 }
 
 at::Tensor& copy_(at::Tensor& self, const at::Tensor& source, bool non_blocking) {
+  begin_operation();
   at::Tensor to = as_cpu(self);
   at::_ops::copy_::redispatch(c10::DispatchKeySet(c10::DispatchKey::CPU), to, as_cpu(source), non_blocking);
   return self;
@@ -97,18 +99,16 @@ void shared_kernels(torch::Library& m) {
 constexpr const char* composite_fallbacks[] = {
     "convolution",
     "convolution_backward",
-    "scaled_dot_product_attention",
     "native_layer_norm",
     "native_layer_norm_backward",
     "native_group_norm",
     "native_group_norm_backward",
     "addr",
-    "lstm.input",
-    "lstm.data",
-    "lstm_cell",
-    "gru.input",
-    "gru.data",
-    "gru_cell",
+};
+
+// The same, without a derivative of their own.
+constexpr const char* composite_differentiable[] = {
+    "scaled_dot_product_attention", "lstm.input", "lstm.data", "lstm_cell", "gru.input", "gru.data", "gru_cell",
 };
 
 }  // namespace
@@ -121,6 +121,12 @@ void register_kernels() {
   own_kernels(aten);
   shared_kernels(aten);
   for (const char* name : composite_fallbacks) aten.impl(name, torch::CppFunction::makeFromBoxedFunction<&fallback>());
+
+  auto& autograd = *new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::AutogradXPU, __FILE__, __LINE__);
+  for (const char* name : composite_differentiable) {
+    aten.impl(name, torch::CppFunction::makeFromBoxedFunction<&fallback>());
+    autograd.impl(name, torch::CppFunction::makeFromBoxedFunction<&differentiable_fallback>());
+  }
 }
 
 }  // namespace orrery::host

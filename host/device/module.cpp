@@ -4,9 +4,11 @@
 
 #include <thread>
 
+#include "accelerator.h"
 #include "allocator.h"
 #include "guard.h"
 #include "hooks.h"
+#include "host_memory.h"
 #include "kernels.h"
 
 namespace orrery::host {
@@ -20,6 +22,7 @@ bool register_device() {
   if (c10::impl::hasDeviceGuardImpl(c10::DeviceType::XPU)) return false;
   const sycl::ext::orrery::settings settings = sycl::ext::orrery::settings_from_environment();
   sycl::ext::orrery::configure(settings);
+  put_cuda_aside();
   register_allocators();
   register_hooks();
   register_guard(settings.device_count);
@@ -108,6 +111,7 @@ PYBIND11_MODULE(TORCH_EXTENSION_NAME, m) {
     if (device >= 0) set_current_device(device);
     return previous;
   });
+  m.def("settle_autograd", &settle_autograd, py::call_guard<py::gil_scoped_release>());
   m.def("synchronize", [](int device) { checked_device(device); });
   m.def("current_stream", [](int device) { return stream_data(current_stream(device)); });
   m.def(
@@ -134,5 +138,9 @@ PYBIND11_MODULE(TORCH_EXTENSION_NAME, m) {
   m.def("memory_info", [](int device) { return xpu_memory().getMemoryInfo(device); });
   m.def("recording_begin", &sycl::ext::orrery::recording_begin);
   m.def("recording_end", &recording_end);
+  m.def("measure_host_memory", [](const std::string& root) {
+    const host_memory memory = measure_host_memory(root);
+    return std::make_pair(memory.available, memory.total);
+  });
   m.attr("slack_bytes") = slack_bytes;
 }

@@ -5,6 +5,7 @@
 
 #include <mutex>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace orrery::host {
@@ -21,11 +22,15 @@ struct block {
 // All devices share one pool: their memory is the same, only the statistics differ.
 class pool {
  public:
+  pool();
+
   // Memory of at least that size, or nullptr where the host has no more.
   void* take(size_t bytes, c10::DeviceIndex device);
   // False for memory that did not come from here.
   bool give_back(void* data) noexcept;
   void release_free();
+  // Bytes that can still be taken beside the free blocks, and in all.
+  std::pair<size_t, size_t> room();
 
   c10::CachingDeviceAllocator::DeviceStats stats(c10::DeviceIndex device);
   void reset_peak(c10::DeviceIndex device);
@@ -37,6 +42,8 @@ class pool {
   device_stats& stats_of(c10::DeviceIndex device);
   block* take_free(size_t capacity, c10::DeviceIndex device);
   block* take_new(size_t capacity, c10::DeviceIndex device);
+  block* map_new(size_t capacity, c10::DeviceIndex device);
+  std::pair<size_t, size_t> room_locked() const;
   void release_free_locked();
   // A block that a device holds, in use or free.
   void count_in(const block& b);
@@ -46,6 +53,8 @@ class pool {
   std::unordered_map<void*, block*> blocks_;              // all, by address
   std::unordered_map<size_t, std::vector<block*>> free_;  // by capacity
   size_t free_bytes_ = 0;
+  size_t held_bytes_ = 0;        // of all blocks
+  size_t unmeasured_bytes_ = 0;  // mapped since the host's memory was last measured
   std::vector<device_stats> stats_;
 };
 

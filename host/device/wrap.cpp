@@ -34,8 +34,10 @@ c10::Storage share(const c10::Storage& bytes, c10::Device device, c10::Allocator
 }
 
 at::Tensor alias_of(const at::Tensor& like, c10::Storage storage, c10::DispatchKey key) {
-  at::Tensor alias =
-      at::detail::make_tensor<c10::TensorImpl>(std::move(storage), c10::DispatchKeySet(key), like.dtype());
+  c10::DispatchKeySet keys(key);
+  if (like._is_zerotensor())
+    keys = keys.add(c10::DispatchKey::ZeroTensor);  // has no memory; forward derivatives make it
+  at::Tensor alias = at::detail::make_tensor<c10::TensorImpl>(std::move(storage), keys, like.dtype());
   c10::TensorImpl* impl = alias.unsafeGetTensorImpl();
   impl->set_sizes_and_strides(like.sizes(), like.strides(), like.storage_offset());
   if (like.is_conj()) impl->_set_conj(true);

@@ -2,19 +2,32 @@
 
 Importing the package registers the device. Where it is installed, `import torch` alone does so too, through the entry
 point group `torch.backends`. A PyTorch that has an `xpu` device of its own keeps it.
+
+Raises ImportError for a compiled part that does not fit the CPU or PyTorch, and RuntimeError for a bad value in one of
+the variables `ORRERY_HOST_*`. `import torch` never fails for these: the first use of `xpu` raises the sentence then.
 """
 
 from __future__ import annotations
+
+import sys
 
 _importing = True
 
 
 def _autoload() -> None:
     """What `import torch` calls; defined before the import of torch below, which may be that call's origin."""
-    # Then the package registers the device itself, and an error is not wrapped in PyTorch's own about its plugins.
-    if not _importing:
+    if _importing:
+        return  # the package registers the device itself
+    try:
         _register.register()
+    except Exception as error:
+        _register.refuse(str(error))
+        # Where somebody asks for the package by name, it is imported again and raises.
+        del sys.modules[__name__]
 
+
+_torch = sys.modules.get("torch")
+_loaded_by_torch = _torch is not None and getattr(_torch.__spec__, "_initializing", False)
 
 import torch  # noqa: E402, F401
 
@@ -22,6 +35,7 @@ from orrery_host import _register  # noqa: E402
 from orrery_host._launches import Launch, record_launches  # noqa: E402
 
 _importing = False
-_register.register()
+if not _loaded_by_torch:
+    _register.register()
 
 __all__ = ["Launch", "record_launches"]

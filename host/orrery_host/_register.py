@@ -2,16 +2,27 @@
 
 from __future__ import annotations
 
+import atexit
+import contextlib
 import importlib
+import pathlib
 import types
 
 import torch
 
+from orrery_host import _instructions, _processes
+
+_own_lazy_init = torch.xpu._lazy_init
+
 
 def register() -> None:
-    """Registers the device once; does nothing where PyTorch has an `xpu` device of its own."""
+    """Registers the device once; does nothing where PyTorch has an `xpu` device of its own.
+
+    Raises ImportError or RuntimeError with one sentence.
+    """
     if torch._C._has_xpu:
         return
+    _instructions.check()
     try:
         from orrery_host import _C
     except ImportError as error:
@@ -22,6 +33,32 @@ def register() -> None:
         raise RuntimeError(str(error)) from None
     if registered:
         _fill_torch_xpu(_C)
+        _processes.refuse_to_send()
+        atexit.register(_settle_autograd, _C)
+
+
+def refuse(sentence: str) -> None:
+    """Leaves PyTorch without the device; the first use of `xpu` raises the sentence."""
+
+    def lazy_init() -> None:
+        raise RuntimeError(sentence)
+
+    _replace("_lazy_init", lazy_init)
+
+
+def _replace(name: str, function) -> None:
+    """In `torch.xpu` and in its modules that have imported the function by name."""
+    for module in (torch.xpu, torch.xpu.memory, torch.xpu.random):
+        if hasattr(module, name):
+            setattr(module, name, function)
+
+
+def _settle_autograd(native) -> None:
+    # Its threads start with the first backward pass; where there was none they are not started now.
+    with contextlib.suppress(OSError):  # a thread that ended meanwhile
+        names = pathlib.Path("/proc/self/task").glob("*/comm")
+        if any(name.read_text().startswith("pt_autograd") for name in names):
+            native.settle_autograd()
 
 
 def _index(device: int | None) -> int:
@@ -104,6 +141,11 @@ def _device_properties(native):
     return get
 
 
+def _device_count() -> int:
+    """Returns the number of xpu devices."""
+    return torch._C._xpu_getDeviceCount()
+
+
 def _fill_torch_xpu(native) -> None:
     generators = tuple(native.default_generator(i) for i in range(native.device_count()))
 
@@ -142,5 +184,13 @@ def _fill_torch_xpu(native) -> None:
     torch.xpu._maybe_exchange_device = native.exchange_device
     torch.xpu._get_device_properties = _device_properties(native)
     torch.xpu._XpuDeviceProperties = types.SimpleNamespace
+    _replace("device_count", _device_count)
+    _replace("_lazy_init", _own_lazy_init)
+    # PyTorch takes "compiled" for "compiled with nothing else": fake tensors, and so torch.compile, refuse a PyTorch
+    # with CUDA that says it of xpu too. Only `init` has to hear it.
+    is_compiled = torch.xpu._is_compiled
     torch.xpu._is_compiled = lambda: True
-    torch.xpu.init()
+    try:
+        torch.xpu.init()
+    finally:
+        torch.xpu._is_compiled = is_compiled

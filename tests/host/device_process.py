@@ -6,15 +6,24 @@ import sys
 import textwrap
 
 
-def run_python(code: str, **environment: str) -> subprocess.CompletedProcess:
+def run_python(code: str, path=None, **environment: str) -> subprocess.CompletedProcess:
+    """With a path the code is run as a file of that name, which processes that are spawned from it can import."""
     settings = {name: value for name, value in os.environ.items() if not name.startswith("ORRERY_HOST_")}
+    code = textwrap.dedent(code)
+    if path:
+        path.write_text(code)
     return subprocess.run(
-        [sys.executable, "-c", textwrap.dedent(code)],
+        [sys.executable, *([str(path)] if path else ["-c", code])],
         env=settings | environment,
         capture_output=True,
         text=True,
         timeout=300,
     )
+
+
+def last_line(done: subprocess.CompletedProcess) -> str:
+    """Of what it wrote to its standard error: an uncaught exception's type and text."""
+    return done.stderr.strip().split("\n")[-1]
 
 
 def check_python(code: str, **environment: str) -> str:

@@ -1,0 +1,131 @@
+"""`import torch` succeeds whatever keeps the device away; the first use of it says in one sentence what that is."""
+
+import importlib.util
+import shutil
+import subprocess
+
+import orrery_host
+import pytest
+import torch
+from device_process import check_python, last_line, run_python
+from orrery_host import _built_for, _instructions
+
+BAD = {"ORRERY_HOST_SCHEDULE": "backwards"}
+BAD_SENTENCE = "ORRERY_HOST_SCHEDULE must be linear or shuffle:SEED, not 'backwards'."
+
+# What a build for another CPU leaves behind; the instructions are those of an accelerator card of 2016.
+FOREIGN = """
+    import sys, types
+    sys.modules["orrery_host._built_for"] = types.SimpleNamespace(INSTRUCTIONS=("AVX2", "AVX512_4VNNIW"))
+"""
+FOREIGN_SENTENCE = (
+    "orrery_host was built for a CPU with AVX512_4VNNIW, which this one lacks; "
+    "build it on this machine, or with MARCH=x86-64-v3 for most machines."
+)
+
+FIRST_USES = [
+    "torch.empty(1, device='xpu')",
+    "torch.ones(1).to('xpu')",
+    "torch.ones(1).xpu()",
+    "torch.xpu.current_device()",
+    "torch.xpu.get_rng_state()",
+    "torch.xpu.init()",
+]
+
+needs_operators = pytest.mark.skipif(importlib.util.find_spec("orrery_ops") is None, reason="orrery_ops is not built")
+
+
+@pytest.mark.parametrize(
+    "setup, environment, sentence", [("", BAD, BAD_SENTENCE), (FOREIGN, {}, FOREIGN_SENTENCE)], ids=["variable", "CPU"]
+)
+def test_without_the_device_pytorch_works_and_xpu_says_why(setup, environment, sentence):
+    said = check_python(
+        setup
+        + f"""
+    import torch
+    assert not torch.xpu.is_available() and torch.xpu.device_count() == 0
+    torch.manual_seed(1)
+    assert (torch.ones(2) + 1).tolist() == [2, 2]
+    for first_use in {FIRST_USES}:
+        try:
+            eval(first_use)
+        except RuntimeError as error:
+            print(error)
+    """,
+        **environment,
+    )
+    assert said.splitlines() == [sentence] * len(FIRST_USES)
+
+
+@pytest.mark.parametrize("before", ["", "import torch"])
+@pytest.mark.parametrize(
+    "setup, environment, error",
+    [("", BAD, f"RuntimeError: {BAD_SENTENCE}"), (FOREIGN, {}, f"ImportError: {FOREIGN_SENTENCE}")],
+    ids=["variable", "CPU"],
+)
+def test_an_import_by_name_raises(setup, environment, error, before):
+    done = run_python(f"{setup}\n    {before}\n    import orrery_host", **environment)
+    assert done.returncode == 1 and last_line(done) == error and "During handling" not in done.stderr
+
+
+@needs_operators
+@pytest.mark.parametrize("before", ["", "import torch"])
+@pytest.mark.parametrize(
+    "setup, environment, sentence", [("", BAD, BAD_SENTENCE), (FOREIGN, {}, FOREIGN_SENTENCE)], ids=["variable", "CPU"]
+)
+def test_the_operators_say_it_too(setup, environment, sentence, before):
+    done = run_python(f"{setup}\n    {before}\n    import orrery_ops", **environment)
+    assert done.returncode == 1 and last_line(done) == f"ImportError: orrery_ops needs an xpu device: {sentence}"
+
+
+@needs_operators
+def test_the_operators_may_be_imported_first():
+    said = check_python(
+        """
+        import sys
+        import orrery_ops
+        assert "torch" in sys.modules
+        import torch
+        print(len([name for name in dir(orrery_ops) if not name.startswith("_")]))
+        weight = torch.zeros(34 * 64, dtype=torch.uint8, device="xpu")
+        print(orrery_ops.dequant(torch.empty(1, 64, device="xpu"), weight, 2).count_nonzero().item())
+        """
+    )
+    assert said == "29\n0\n"
+
+
+def test_a_device_can_come_after_a_refusal():
+    check_python(
+        """
+        import os, torch
+        del os.environ["ORRERY_HOST_SCHEDULE"]
+        import orrery_host
+        assert torch.xpu.is_available() and torch.ones(2, device="xpu").sum().item() == 2
+        torch.xpu.get_rng_state()
+        """,
+        **BAD,
+    )
+
+
+def test_missing_instructions():
+    capabilities = {"avx2": True, "avx512_f": False, "avx512_bf16": False, "fma3": True, "sse4_1": True, "l2_size": 0}
+    missing = _instructions.missing
+    assert missing(["AVX2", "FMA", "SSE4_1"], capabilities) == []
+    assert missing(["AVX2", "AVX512F", "AVX512BF16"], capabilities) == ["AVX512F", "AVX512BF16"]
+    assert missing(["FMA"], {"fma3": False}) == ["FMA"]
+    assert missing(["MOVBE"], capabilities) == []  # the CPU is not asked for it
+
+
+def test_this_build_fits_this_cpu():
+    assert _instructions.missing(_built_for.INSTRUCTIONS, torch.cpu.get_capabilities()) == []
+
+
+@pytest.mark.skipif(shutil.which("readelf") is None, reason="readelf is missing")
+def test_the_loader_is_told_the_level():
+    if "AVX2" not in _built_for.INSTRUCTIONS:
+        pytest.skip("built for the least level")
+    level = "x86-64-v4" if "AVX512VL" in _built_for.INSTRUCTIONS else "x86-64-v3"
+    folder = next(iter(orrery_host.__path__))
+    for library in (f"{folder}/liborrery_sycl.so", importlib.util.find_spec("orrery_host._C").origin):
+        notes = subprocess.run(["readelf", "-n", library], capture_output=True, text=True, check=True).stdout
+        assert f"x86 ISA needed: {level}" in notes
