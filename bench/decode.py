@@ -10,9 +10,10 @@ from statistics import median
 from typing import Callable
 
 from . import llama
+from .measure import busy_loops
 from .report import Bar, Row
 
-# Seconds after which no further turn starts. On a busy machine both sides' barriers spin through whole time slices.
+# Seconds after which no further turn starts. On a busy machine the peer's barriers spin through whole time slices.
 _LIMIT = 60.0
 _PROMPT = "The history of astronomy begins with"
 _PROMPT_TOKENS = 256
@@ -20,6 +21,9 @@ _PEER = "xllamacpp Q4_0"
 _MOST_TOKENS = 128
 # Of the peer beside busy loops, where it makes some 2 a second.
 _FEW_TOKENS = 8
+# What an answer beside that many busy loops is held to: parts of the speed without them, and of one thread's beside them.
+_OF_QUIET = {1: 0.5, 2: 0.35}
+_OF_ONE_THREAD = {1: 0.9}
 
 Speeds = Callable[[], dict[str, float]]
 
@@ -109,8 +113,6 @@ def crowded_rows(threads: int, loads: Sequence[int], quick: bool, model: Path | 
     """An answer of our q4_0 with one thread and with all, alone on the machine and beside busy loops, in turns."""
     import torch
 
-    from .measure import busy_loops
-
     source = model or llama.shipped_model()
     tokens, turns = (48, 3) if quick else (96, 5)
     ours = _Ours(source, 0)
@@ -127,16 +129,19 @@ def crowded_rows(threads: int, loads: Sequence[int], quick: bool, model: Path | 
                     speeds["peer", load].append(peer.run(_PROMPT, _FEW_TOKENS if load else tokens)["answer"])
     middle = {key: median(samples) for key, samples in speeds.items()}
 
-    def row(name: str, load: int, peer: float, peer_name: str, *bars: Bar) -> Row:
-        return Row(name, middle["all", load], peer, peer_name, per_second="tokens", bars=list(bars))
+    def row(name: str, load: int, peer: tuple[str, int], peer_name: str, limit: float | None = None) -> Row:
+        bars = [] if limit is None else [Bar("speed", limit)]
+        return Row(name, middle["all", load], middle[peer], peer_name, per_second="tokens", bars=bars)
 
-    made = [row(f"decode, {threads} threads", 0, middle["one", 0], "1 thread", Bar("speed", 1.75)),
-            row("decode", 0, middle["peer", 0], _PEER)]
+    made = [
+        row(f"decode, {threads} threads", 0, ("one", 0), "1 thread", 1.75),
+        row("decode", 0, ("peer", 0), _PEER),
+    ]
     for load in loads:
         name = f"decode, {load} busy loop{'s' * (load > 1)}"
         made += [
-            row(name, load, middle["all", 0], "no busy loop", *(Bar("speed", b) for n, b in ((1, 0.5), (2, 0.35)) if n == load)),
-            row(name, load, middle["one", load], "1 thread, same load", *[Bar("speed", 0.9)][: load == 1]),
-            row(name, load, middle["peer", load], f"{_PEER}, same load"),
+            row(name, load, ("all", 0), "no busy loop", _OF_QUIET.get(load)),
+            row(name, load, ("one", load), "1 thread, same load", _OF_ONE_THREAD.get(load)),
+            row(name, load, ("peer", load), f"{_PEER}, same load"),
         ]
     return made

@@ -11,6 +11,8 @@ from typing import NoReturn
 from orrery import OrreryError, formats
 
 DTYPES = ("float32", "float16", "bfloat16")
+# Among which the device shares a launch. PyTorch takes any number, and crashes when it starts so many.
+MOST_THREADS = 256
 DEFAULT_PROMPT = "The three primary colors are"
 
 
@@ -25,6 +27,13 @@ def _whole(text: str) -> int:
     number = int(text)
     if number < 1:
         raise argparse.ArgumentTypeError(f"{text} is below 1")
+    return number
+
+
+def _threads(text: str) -> int:
+    number = _whole(text)
+    if number > MOST_THREADS:
+        raise argparse.ArgumentTypeError(f"{text} is above {MOST_THREADS}")
     return number
 
 
@@ -57,7 +66,7 @@ def _parser() -> argparse.ArgumentParser:
     group = model.add_argument_group("model")
     group.add_argument("--model", type=Path, metavar="FILE", help="GGUF file, Llama architecture (default: the bundled one)")
     group.add_argument("--dtype", default="float32", choices=DTYPES, help="type of the activations (default: float32)")
-    group.add_argument("--threads", type=_whole, metavar="N", help="CPU threads (default: torch's choice)")
+    group.add_argument("--threads", type=_threads, metavar="N", help="CPU threads (default: torch's choice)")
     group.add_argument("--no-cache", action="store_true", help="neither read nor write the quantized model's cache file")
 
     weights = _Parser(add_help=False)

@@ -15,9 +15,10 @@ import numpy as np
 import torch
 
 import orrery_host  # noqa: F401  (the device comes first)
+from bench.measure import busy_loops
 from torch_threads import threads
 
-THREADS = (1, 2, 3, 7)
+THREADS = sorted({1, 2, 3, 7, (os.cpu_count() or 1) + 1})
 
 
 def fold(x: np.ndarray) -> np.ndarray:
@@ -108,11 +109,14 @@ def digest(results: list[torch.Tensor]) -> str:
 
 
 def assert_same_bits_in_any_order(module: str, results: Callable[[], list[torch.Tensor]]) -> None:
-    """`module.results()` in this process and with shuffled work-groups and strands, with 1, 2, 3 and 7 threads."""
+    """`module.results()` with few threads and more than cores: here, beside a busy loop, and with shuffled work-groups and
+    strands."""
     found = set()
-    for count in THREADS:
-        with threads(count):
-            found.add(digest(results()))
+    for loops in (0, 1):
+        with busy_loops(loops):
+            for count in THREADS:
+                with threads(count):
+                    found.add(digest(results()))
     assert len(found) == 1
     script = (
         f"import {module} as m, kernel_reference as k\n"

@@ -1,6 +1,9 @@
 """The benchmarks' arithmetic, table and files. Timings themselves are never asserted."""
 
+import contextlib
 import json
+import os
+import time
 from pathlib import Path
 
 import gguf
@@ -9,7 +12,8 @@ import pytest
 import torch
 from gguf.constants import GGMLQuantizationType as Type
 
-from bench import cases, llama, measure, report
+import bench.__main__
+from bench import cases, decode, llama, measure, report
 from bench.report import Bar, Row
 from orrery.formats import FORMATS, dequantize
 
@@ -209,3 +213,72 @@ def test_timings_of_the_peer_come_through(monkeypatch):
 def test_peer_that_cannot_start_is_told(tmp_path):
     with llama.Peer(tmp_path / "missing.gguf", 1) as peer, pytest.raises(RuntimeError, match="ended with status"):
         peer.run("a", 1)
+
+
+def test_busy_loops_are_busy_and_end():
+    with measure.busy_loops(2):
+        children = [p for p in Path("/proc/self/task").glob("*/children")]
+        loops = {int(pid) for file in children for pid in file.read_text().split()}
+        before = [busy_seconds(pid) for pid in loops]
+        time.sleep(0.5)
+        assert sum(busy_seconds(pid) for pid in loops) > sum(before) + 0.1
+    assert len(loops) >= 2
+    assert not any(Path(f"/proc/{pid}").exists() for pid in loops)
+
+
+def busy_seconds(pid: int) -> float:
+    fields = Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+@pytest.mark.parametrize(
+    "arguments, message",
+    [
+        (["--load", "-1"], "--load must not be negative"),
+        (["--threads", "0"], "--threads must be from 1 to 256"),
+        (["--threads", "100000"], "--threads must be from 1 to 256"),
+    ],
+)
+def test_wrong_arguments(arguments, message, capsys):
+    with pytest.raises(SystemExit) as ended:
+        bench.__main__.main(arguments)
+    assert ended.value.code == 2
+    assert message in capsys.readouterr().err
+
+
+def test_answers_beside_busy_loops_are_compared(monkeypatch):
+    speeds = {("all", 0): 100.0, ("one", 0): 50.0, ("all", 1): 60.0, ("one", 1): 48.0}
+    now = {"load": 0, "threads": 2}
+
+    @contextlib.contextmanager
+    def loops(count):
+        now["load"] = count
+        yield
+
+    class Ours:
+        def __init__(self, *_):
+            pass
+
+        def answer(self, tokens):
+            return speeds["all" if now["threads"] == 2 else "one", now["load"]]
+
+    class Peer(contextlib.nullcontext):
+        def __init__(self, *_):
+            super().__init__(self)
+
+        def run(self, prompt, tokens):
+            return {"answer": 120.0 if now["load"] == 0 else 3.0}
+
+    monkeypatch.setattr(decode, "_Ours", Ours)
+    monkeypatch.setattr(decode, "busy_loops", loops)
+    monkeypatch.setattr(llama, "Peer", Peer)
+    monkeypatch.setattr(llama, "q4_0_model", lambda source: source)
+    monkeypatch.setattr(torch, "set_num_threads", lambda count: now.update(threads=count))
+    made = decode.crowded_rows(2, (1,), True, Path("model"))
+    assert [(row.name, row.ours, row.peer, row.peer_name, row.bars) for row in made] == [
+        ("decode, 2 threads", 100.0, 50.0, "1 thread", [Bar("speed", 1.75)]),
+        ("decode", 100.0, 120.0, "xllamacpp Q4_0", []),
+        ("decode, 1 busy loop", 60.0, 100.0, "no busy loop", [Bar("speed", 0.5)]),
+        ("decode, 1 busy loop", 60.0, 48.0, "1 thread, same load", [Bar("speed", 0.9)]),
+        ("decode, 1 busy loop", 60.0, 3.0, "xllamacpp Q4_0, same load", []),
+    ]

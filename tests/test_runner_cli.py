@@ -56,6 +56,7 @@ def test_other_architecture(cache, tmp_path):
 @pytest.mark.parametrize("arguments, message", [
     (["generate", "--format", "q3_k"], f"orrery: unknown format 'q3_k', the formats are {', '.join(FORMATS)}"),
     (["generate", "--tokens", "0"], "orrery: argument --tokens: 0 is below 1"),
+    (["generate", "--threads", "100000"], "orrery: argument --threads: 100000 is above 256"),
     (["generate", "--top-p", "1.5"], "orrery: argument --top-p: 1.5 is not above 0 and at most 1"),
     (["formats", "--formats", "q4_0,q3_k"],
      f"orrery: argument --formats: unknown format 'q3_k', the formats are {', '.join(FORMATS)}"),
