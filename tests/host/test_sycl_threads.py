@@ -159,6 +159,33 @@ def test_a_child_forked_amid_a_launch_of_another_thread_launches():
         """)
 
 
+def test_a_child_forked_amid_the_first_launch_of_another_thread_launches():
+    check_python("""
+        import os, signal, threading, time
+        import torch
+        import orrery_native_tests as native
+
+        def launches():
+            torch.set_num_threads(2)
+            return native.groups_run(300, 0, 5) == [5] * 300
+
+        def in_child(act):
+            pid = os.fork()
+            if pid == 0:
+                signal.alarm(20)
+                os._exit(0 if act() else 1)
+            return os.waitpid(pid, 0)[1] == 0
+
+        def forks_amid_its_first_launch(seconds):
+            threading.Thread(target=launches, daemon=True).start()
+            time.sleep(seconds)
+            return in_child(launches)
+
+        failed = [us for us in range(0, 2000, 50) if not in_child(lambda: forks_amid_its_first_launch(us * 1e-6))]
+        assert not failed, failed
+        """)
+
+
 def test_openmp_threads_sleep_soon_after_a_parallel_region():
     # Processor time that passes while nobody works: OpenMP's own default spends 3 ms of each of its threads.
     source = """

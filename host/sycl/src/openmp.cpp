@@ -5,6 +5,7 @@
 #include <omp.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <future>
 #include <system_error>
@@ -14,7 +15,10 @@ namespace sycl::detail {
 
 // The library reads its environment when it is loaded, before this code is there to change it. But it spins for 1 us
 // only while it manages more threads than there are processors. So one team of that many is made and kept, asleep.
+// The first caller makes it; others do not wait, since after a fork they might wait for a thread that is not there.
 void bound_openmp_spinning() {
+  static constinit std::atomic<bool> begun{false};
+  if (begun.load(std::memory_order_relaxed) || begun.exchange(true)) return;
   if (std::getenv("OMP_WAIT_POLICY") || std::getenv("GOMP_SPINCOUNT")) return;
   std::promise<void> made;
   std::future<void> is_made = made.get_future();

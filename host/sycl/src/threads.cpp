@@ -25,6 +25,7 @@
 #include <new>
 #include <system_error>
 #include <thread>
+#include <type_traits>
 
 #include "openmp.hpp"
 
@@ -271,18 +272,12 @@ class pool {
   slot slots_[most_threads];
 };
 
-// Never destroyed: workers may look at it until the process is gone.
-alignas(pool) std::byte storage[sizeof(pool)];
+// There before any thread is: a child that was forked while another thread made it would wait for that thread forever.
+constinit pool the_pool;
+static_assert(std::is_trivially_destructible_v<pool>);  // workers may look at it until the process is gone
 
-pool& the_pool() {
-  static pool& one = []() -> pool& {
-    // A child has no workers, and the launch of another thread may have been under way. It starts anew.
-    pthread_atfork(nullptr, nullptr, [] { new (storage) pool; });
-    bound_openmp_spinning();
-    return *new (storage) pool;
-  }();
-  return one;
-}
+// A child has no workers, and the launch of another thread may have been under way. It starts anew.
+[[maybe_unused]] const int registered = pthread_atfork(nullptr, nullptr, [] { new (&the_pool) pool; });
 
 }  // namespace
 
@@ -290,7 +285,8 @@ void share(size_t count, int threads, void (*run)(void* context, size_t begin, s
   const size_t most = std::min({static_cast<size_t>(threads), count, most_threads});
   const shared_launch launch{run, context, count, 1};
   if (most < 2) return launch.all();
-  the_pool().share(most, launch);
+  bound_openmp_spinning();
+  the_pool.share(most, launch);
 }
 
 }  // namespace sycl::detail
