@@ -10,8 +10,8 @@ PYTHON := .venv/bin/python
 export PATH := $(CURDIR)/.venv/bin:$(PATH)
 PROMPT ?= What is photosynthesis?
 
-CPP := $(wildcard *.cpp *.h batch/*.cpp batch/*.h formats/*.h formats/*.cpp includes/*.h) \
-       $(shell find host -name '*.cpp' -o -name '*.h' -o -name '*.hpp')
+CPP := $(shell find . \( -name .git -o -name .venv -o -name build -o -name tests \) -prune -o \
+         \( -name '*.cpp' -o -name '*.h' -o -name '*.hpp' \) -print)
 PACKAGE := $(CPP) $(wildcard orrery/*.py orrery/quantizers/*.py orrery/data/* host/orrery_host/*.py) CMakeLists.txt host/CMakeLists.txt pyproject.toml
 NATIVE_TESTS := $(wildcard tests/native/*.cpp tests/native/*.h)
 KERNEL_TESTS = $(addprefix tests/,test_linear_xpu_kernel.py test_linear_batch.py test_super_block.py test_grid.py \

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "operations.h"
+#include "module/operations.h"
 #include "utils.h"
 
 namespace orrery {

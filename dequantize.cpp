@@ -1,12 +1,12 @@
 // Dense weights of half and float by explicit-SIMD kernels, a few whole blocks a work-item. The sizes come from the
 // dense tensor.
-#include "dequantize.h"
+#include "linear/dense/dequantize.h"
 
 #include <stdexcept>
 
 #include "formats/registry.h"
 #include "includes/assertion.h"
-#include "linear_dense_kernel.h"
+#include "linear/dense/dense_kernel.h"
 
 namespace orrery {
 

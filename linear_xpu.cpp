@@ -6,10 +6,10 @@
 #include <stdexcept>
 #include <vector>
 
-#include "device_class.h"
-#include "interpreter_version.h"
-#include "operations.h"
-#include "signature.h"
+#include "module/device_class.h"
+#include "module/interpreter_version.h"
+#include "module/operations.h"
+#include "module/signature.h"
 
 namespace orrery {
 namespace {
@@ -195,30 +195,6 @@ PyObject* create_module() {
 }
 
 }  // namespace
-
-// With the interpreter's stable interface only: it runs before the interpreter's version is tested.
-void bring_device() {
-  if (c10::impl::hasDeviceGuardImpl(c10::DeviceType::XPU) || !Py_IsInitialized()) return;
-  const PyGILState_STATE lock = PyGILState_Ensure();
-  std::string why;
-  PyObject* xpu = PyImport_ImportModule("torch.xpu");
-  PyObject* done = xpu ? PyObject_CallMethod(xpu, "init", nullptr) : nullptr;
-  // An AssertionError is PyTorch's own word for a build without xpu; the question says that more clearly.
-  if (!done && !PyErr_ExceptionMatches(PyExc_AssertionError)) {
-    PyObject *type, *error, *trace;
-    PyErr_Fetch(&type, &error, &trace);
-    PyErr_NormalizeException(&type, &error, &trace);
-    PyObject* text = PyObject_Str(error);
-    const char* utf8 = text ? PyUnicode_AsUTF8(text) : nullptr;
-    why = utf8 ? utf8 : "importing torch failed";
-    for (PyObject* held : {type, error, trace, text}) Py_XDECREF(held);
-  }
-  PyErr_Clear();
-  Py_XDECREF(done);
-  Py_XDECREF(xpu);
-  PyGILState_Release(lock);
-  if (!why.empty()) throw std::runtime_error(why);
-}
 
 }  // namespace orrery
 

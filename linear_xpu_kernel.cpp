@@ -1,4 +1,5 @@
-// forward_new behind its wrapper: sizes, the decision, the checks of the chosen way, and the launch.
+// forward_new behind its wrapper: sizes, the decision (linear/dispatch.h), the checks of the chosen way, and the launch.
+// The kernels stand in linear/one_row/, linear/row_pairs/ and linear/dense/.
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 
@@ -6,13 +7,13 @@
 #include <stdexcept>
 #include <string>
 
-#include "device_class.h"
 #include "formats/registry.h"
-#include "linear_checks.h"
-#include "linear_dense.h"
-#include "linear_dispatch.h"
-#include "linear_kernels.h"
-#include "operations.h"
+#include "linear/checks.h"
+#include "linear/dense/dense.h"
+#include "linear/dispatch.h"
+#include "linear/launch.h"
+#include "module/device_class.h"
+#include "module/operations.h"
 
 namespace orrery {
 namespace {

@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "includes/assertion.h"
-#include "operations.h"
+#include "module/operations.h"
 #include "utils.h"
 
 namespace orrery {
@@ -31,7 +31,7 @@ struct rms_norm_kernel {
     const uint64_t row = item.global(0), tid = item.local_linear();
     const even_split<GS> blocks(hidden_size / BS);
     const T* x = input + row * hidden_size;
-    float* weighted = local.get_pointer();
+    float* weighted = &local[0];
     float* partial = weighted + hidden_size;
 
     vector acc;

@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "includes/assertion.h"
-#include "operations.h"
+#include "module/operations.h"
 #include "utils.h"
 
 namespace orrery {

@@ -10,7 +10,7 @@
 #include <type_traits>
 
 #include "includes/assertion.h"
-#include "operations.h"
+#include "module/operations.h"
 #include "utils.h"
 
 namespace orrery {
@@ -118,7 +118,7 @@ struct sdp_body {
     }
 
     T* o = out.data + out.offset(b, h, r);
-    sum_over_group(item, local.get_pointer(), acc, sum, [&](int d, const auto& lanes, float total) {
+    sum_over_group(item, &local[0], acc, sum, [&](int d, const auto& lanes, float total) {
       convert<T>(lanes / std::decay_t<decltype(lanes)>(total)).store(o + d);
     });
   }

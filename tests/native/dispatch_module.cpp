@@ -10,8 +10,8 @@
 #include "formats/grid.h"
 #include "formats/registry.h"
 #include "formats/super_block.h"
-#include "interpreter_version.h"
-#include "linear_dispatch.h"
+#include "module/interpreter_version.h"
+#include "linear/dispatch.h"
 #include "native_test.h"
 
 namespace py = pybind11;

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "linear_kernels.h"
+#include "linear/launch.h"
 #include "native_test.h"
 
 namespace {

@@ -198,9 +198,9 @@ std::vector<bool> local_memory_places() {
     sycl::local_accessor<float> c(sycl::range<1>(70), h);
     h.parallel_for(sycl::nd_range<1>({1}, {1}), [&, a, b, c](sycl::nd_item<1>) {
       const auto at = [](const void* p) { return reinterpret_cast<uintptr_t>(p); };
-      out[0] = at(a.get_pointer()) % 64 == 0;
-      out[1] = at(b.get_pointer()) % 64 == 0 && at(b.get_pointer()) >= at(a.get_pointer() + 5);
-      out[2] = at(c.get_pointer()) % 64 == 0 && at(c.get_pointer()) >= at(b.get_pointer() + 3);
+      out[0] = at(&a[0]) % 64 == 0;
+      out[1] = at(&b[0]) % 64 == 0 && at(&b[0]) > at(&a[4]);
+      out[2] = at(&c[0]) % 64 == 0 && at(&c[0]) > at(&b[2]);
     });
   });
   return out;
@@ -443,7 +443,7 @@ struct sum_kernel {
       const auto x = orrery::simd<T, N>::load(in + (item.group() * 2 + r) * WG + item.local_linear());
       acc[r] = x * x + x;
     }
-    orrery::tree_sum<WG>(item, partial.get_pointer(), acc, [&](int r, T total) { out[item.group() * 2 + r] = total; });
+    orrery::tree_sum<WG>(item, &partial[0], acc, [&](int r, T total) { out[item.group() * 2 + r] = total; });
   }
 };
 

@@ -153,7 +153,7 @@ class handler {
 
 template <typename T, int D>
 local_accessor<T, D>::local_accessor(range<D> size, handler& h)
-    : offset_(h.add_local_memory(detail::bytes_of(size, sizeof(T)))), size_(size.size()) {}
+    : offset_(h.add_local_memory(detail::bytes_of(size, sizeof(T)))), range_(size) {}
 
 template <typename CommandGroup>
 event queue::submit(CommandGroup&& cgf, const ext::orrery::code_location& where) {

@@ -34,12 +34,19 @@ class local_accessor {
  public:
   local_accessor() = default;
   local_accessor(range<D> size, handler& h);
-  size_t size() const { return size_; }
-  T* get_pointer() const { return reinterpret_cast<T*>(detail::local_memory + offset_); }
-  T& operator[](size_t i) const { return get_pointer()[i]; }
+  size_t size() const { return range_.size(); }
+  T& operator[](id<D> i) const {
+    size_t linear = 0;
+    for (int d = 0; d < D; ++d) linear = linear * range_[d] + i[d];
+    return first()[linear];
+  }
+  T& operator[](size_t i) const requires(D == 1) { return first()[i]; }
 
  private:
-  size_t offset_ = 0, size_ = 0;
+  T* first() const { return reinterpret_cast<T*>(detail::local_memory + offset_); }
+
+  size_t offset_ = 0;
+  range<D> range_;
 };
 
 }  // namespace sycl

@@ -1,0 +1,83 @@
+#include "linear/one_row/quantize_q8_1.h"
+
+#include <ATen/ops/empty.h>
+
+#include "formats/q8_1.h"
+#include "includes/item.h"
+#include "linear/one_row/row_kernel.h"
+#include "utils.h"
+
+namespace orrery {
+
+namespace {
+
+using formats::q8_1;
+
+// The nearest integer, halves away from zero; 0 for a NaN, and no further from 0 than the codes go.
+template <int N>
+simd<int32_t, N> nearest_code(const simd<float, N>& q) {
+  using F = simd<float, N>;
+  using I = simd<int32_t, N>;
+  F v = select(q == q, q, F(0.0f));
+  v = select(F(127.0f) < v, F(127.0f), v);
+  v = select(v < F(-127.0f), F(-127.0f), v);
+  const I whole = convert<int32_t>(v);
+  const F rest = v - convert<float>(whole);
+  const I up = select(rest < F(0.5f), I(0), I(1)), down = select(F(-0.5f) < rest, I(0), I(1));
+  return whole + up - down;
+}
+
+}  // namespace
+
+// A sub-group makes a block, a lane a code. The codes are made with the scale in float, which is finer than the half
+// that a reader gets.
+template <typename T>
+struct quantize_xpu_kernel_q8_1 {
+  static constexpr int sub_group_size = q8_1::elements;
+  static constexpr bool has_barriers = false;
+  static constexpr int work_group = 256;
+
+  const T* x;
+  uint8_t* out;
+
+  template <typename Item>
+  void operator()(const Item& item) const {
+    constexpr int N = Item::lanes;
+    using F = simd<float, N>;
+    const uint64_t i = item.global();
+    const int lane = static_cast<int>(i % q8_1::elements);
+    uint8_t* block = out + i / q8_1::elements * q8_1::bytes;
+    const F v = convert<float>(simd<T, N>::load(x + i));
+    const float sum = butterfly_sum<q8_1::elements>(item, v);
+    const F size = bit_cast<float>(bit_cast<uint32_t>(v) & simd<uint32_t, N>(0x7FFFFFFFu));
+    const float largest = butterfly<q8_1::elements>(item, size, [](const auto& a, const auto& b) {
+      const auto greater = select(b < a, a, b);  // a NaN on one side leaves the other side's value
+      return select(b == b, greater, a);
+    });
+    const float step = largest * std::bit_cast<float>(0x3C010204u);  // 1 / 127
+    simd<int32_t, N> code;
+    if (largest != 0.0f) code = nearest_code(v / F(step));
+    convert<int8_t>(code).store(reinterpret_cast<int8_t*>(block + q8_1::codes_at + lane));
+    if (lane == 0) {
+      simd<c10::Half, 1>(c10::Half(step)).store(reinterpret_cast<c10::Half*>(block + q8_1::d_at));
+      simd<c10::Half, 1>(c10::Half(sum)).store(reinterpret_cast<c10::Half*>(block + q8_1::sum_at));
+    }
+  }
+};
+
+at::Tensor quantize_q8_1(const void* x, c10::ScalarType type, int64_t rows, int64_t state_size, c10::Device device) {
+  at::Tensor out =
+      at::empty({rows * state_size / q8_1::elements * q8_1::bytes}, at::TensorOptions(at::kByte).device(device));
+  auto* blocks = static_cast<uint8_t*>(out.data_ptr());
+  with_value_type(type, [&](auto t) {
+    using T = decltype(t);
+    using kernel = quantize_xpu_kernel_q8_1<T>;
+    const sycl::nd_range<1> range(static_cast<size_t>(rows * state_size), kernel::work_group);
+    launch(device, range, {"linear_xpu_kernel", "quantize_xpu_kernel_q8_1"}, [&](sycl::handler&) {
+      return kernel{static_cast<const T*>(x), blocks};
+    });
+  });
+  return out;
+}
+
+}  // namespace orrery
