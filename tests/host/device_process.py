@@ -9,6 +9,8 @@ import textwrap
 def run_python(code: str, path=None, **environment: str) -> subprocess.CompletedProcess:
     """With a path the code is run as a file of that name, which processes that are spawned from it can import."""
     settings = {name: value for name, value in os.environ.items() if not name.startswith("ORRERY_HOST_")}
+    here = os.path.dirname(__file__)  # so that the code can import what these tests share
+    settings["PYTHONPATH"] = os.pathsep.join(filter(None, [os.environ.get("PYTHONPATH"), here]))
     code = textwrap.dedent(code)
     if path:
         path.write_text(code)

@@ -50,7 +50,8 @@ def test_a_data_loaders_worker_can_return_cpu_tensors(start, tmp_path):
 )
 def test_an_xpu_tensor_of_a_worker_is_an_error_in_the_main_process(start, wrap, tmp_path):
     done = run_python(LOADER.format(device="xpu", wrap=wrap, start=start), tmp_path / "loader.py")
-    assert done.returncode == 1 and last_line(done) == SENTENCE, done.stderr
+    # PyTorch ends the other worker then, and sometimes adds that it was terminated.
+    assert done.returncode == 1 and SENTENCE in done.stderr.splitlines(), done.stderr
 
 
 def test_an_xpu_tensor_as_an_argument_of_a_process(tmp_path):
@@ -91,25 +92,21 @@ def test_copies_and_files_are_as_ever():
 def test_children_of_fork_while_other_threads_use_the_device():
     check_python(
         """
-        import os, signal, threading, torch
-        done = threading.Event()
+        import contextlib, torch
+        from forked import in_child, repeating
+
         def churn():
-            while not done.is_set():
-                torch.empty(200 << 20, dtype=torch.uint8, device="xpu")  # mapped anew each time, under the pool's lock
-        threads = [threading.Thread(target=churn, daemon=True) for _ in range(3)]
-        for thread in threads:
-            thread.start()
-        for _ in range(60):
-            child = os.fork()
-            if child == 0:
-                signal.alarm(10)
-                x = torch.ones(50, device="xpu")
-                ok = (x + 1).cpu().sum().item() == 100 and torch.xpu.Stream().sycl_queue != 0
-                os._exit(0 if ok else 1)
-            assert os.waitpid(child, 0)[1] == 0
-        done.set()
-        for thread in threads:
-            thread.join()
+            torch.empty(200 << 20, dtype=torch.uint8, device="xpu")  # mapped anew each time, under the pool's lock
+
+        def uses_the_device():
+            x = torch.ones(50, device="xpu")
+            return (x + 1).cpu().sum().item() == 100 and torch.xpu.Stream().sycl_queue != 0
+
+        with contextlib.ExitStack() as threads:
+            for _ in range(3):
+                threads.enter_context(repeating(churn))
+            for _ in range(60):
+                assert in_child(uses_the_device)
         """
     )
 
@@ -117,18 +114,20 @@ def test_children_of_fork_while_other_threads_use_the_device():
 def test_a_child_does_not_wait_for_threads_that_it_does_not_have():
     check_python(
         """
-        import os, signal, torch
+        import torch
+        from forked import in_child
+
         torch.set_num_threads(2)
         x = torch.randn(1000, 1001, device="xpu")
         expected = x.sin()  # the threads are there now
+
+        def child():
+            x.copy_(x.clone())
+            same = torch.equal(x.sin(), expected) and x.t().contiguous().shape == (1001, 1000)
+            return same and torch.get_num_threads() == 1
+
         for _ in range(2):
-            child = os.fork()
-            if child == 0:
-                signal.alarm(15)
-                x.copy_(x.clone())
-                ok = torch.equal(x.sin(), expected) and x.t().contiguous().shape == (1001, 1000)
-                os._exit(0 if ok and torch.get_num_threads() == 1 else 1)
-            assert os.waitpid(child, 0)[1] == 0
+            assert in_child(child)
         assert torch.get_num_threads() == 2
         """
     )
@@ -137,12 +136,10 @@ def test_a_child_does_not_wait_for_threads_that_it_does_not_have():
 def test_a_child_that_leaves_the_device_alone_keeps_its_threads():
     check_python(
         """
-        import os, torch
+        import torch
+        from forked import in_child
+
         torch.set_num_threads(2)
-        child = os.fork()
-        if child == 0:
-            torch.ones(3).sum()
-            os._exit(0 if torch.get_num_threads() == 2 else 1)
-        assert os.waitpid(child, 0)[1] == 0
+        assert in_child(lambda: torch.ones(3).sum() == 3 and torch.get_num_threads() == 2)
         """
     )

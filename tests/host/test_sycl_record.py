@@ -144,16 +144,15 @@ def test_an_event_finds_no_other_threads_record():
 
 def test_a_fork_amid_the_launches_of_another_thread():
     check_python("""
-        import os, signal, threading
         import torch
         import orrery_native_tests as native
+        from forked import in_child, repeating
 
         def work():
-            while not done:
-                native.recording_begin()
-                for _ in range(50):
-                    native.launch()
-                native.recording_end()
+            native.recording_begin()
+            for _ in range(50):
+                native.launch()
+            native.recording_end()
 
         def child():
             native.recording_begin()
@@ -161,20 +160,9 @@ def test_a_fork_amid_the_launches_of_another_thread():
             native.record("in the child", native.launch(global_size=[16]))
             return [l["name"] for l in native.recording_end()] == [None, "in the child"]
 
-        done = False
-        worker = threading.Thread(target=work)
-        worker.start()
-        try:
+        with repeating(work):
             for _ in range(300):
-                pid = os.fork()
-                if pid == 0:
-                    signal.alarm(10)
-                    os._exit(0 if child() else 1)
-                status = os.waitpid(pid, 0)[1]
-                assert status == 0, status
-        finally:
-            done = True
-            worker.join()
+                assert in_child(child)
         """)
 
 

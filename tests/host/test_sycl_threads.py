@@ -111,79 +111,45 @@ def test_subnormals_are_kept_where_the_caller_flushes_its_own():
             torch.set_flush_denormal(False)
 
 
-def test_a_child_of_fork_launches():
-    check_python("""
-        import os, signal
-        import torch
-        import orrery_native_tests as native
+LAUNCHES = """
+    import os, threading, time
+    import torch
+    import orrery_native_tests as native
+    from forked import in_child, repeating
 
-        torch.set_num_threads(3)
-        assert native.groups_run(300, 0, 5) == [5] * 300
-        for _ in range(50):
-            pid = os.fork()
-            if pid == 0:
-                signal.alarm(20)
-                os._exit(0 if native.groups_run(300, 5, 20) == [20] * 300 else 1)
-            status = os.waitpid(pid, 0)[1]
-            assert status == 0, status
-            assert native.groups_run(300, 0, 5) == [5] * 300
-        """)
+    def launches(count):
+        torch.set_num_threads(count)
+        return native.groups_run(300, 5, 10) == [10] * 300
+    """
+
+
+def test_a_child_of_fork_launches():
+    check_python(LAUNCHES + """
+    assert launches(3)
+    for _ in range(50):
+        assert in_child(lambda: launches(3))
+        assert launches(3)
+    """)
 
 
 def test_a_child_forked_amid_a_launch_of_another_thread_launches():
-    check_python("""
-        import os, signal, threading
-        import torch
-        import orrery_native_tests as native
-
-        def work():
-            torch.set_num_threads(2)
-            while not done:
-                native.groups_run(200, 20, 10)
-
-        torch.set_num_threads(2)
-        done = False
-        worker = threading.Thread(target=work)
-        worker.start()
-        try:
-            for _ in range(100):
-                pid = os.fork()
-                if pid == 0:
-                    signal.alarm(20)
-                    os._exit(0 if native.groups_run(300, 0, 5) == [5] * 300 else 1)
-                status = os.waitpid(pid, 0)[1]
-                assert status == 0, status
-        finally:
-            done = True
-            worker.join()
-        """)
+    check_python(LAUNCHES + """
+    with repeating(lambda: launches(2)):
+        for _ in range(100):
+            assert in_child(lambda: launches(2))
+    """)
 
 
 def test_a_child_forked_amid_the_first_launch_of_another_thread_launches():
-    check_python("""
-        import os, signal, threading, time
-        import torch
-        import orrery_native_tests as native
+    check_python(LAUNCHES + """
+    def forks_amid_its_first_launch(seconds):
+        threading.Thread(target=launches, args=(2,), daemon=True).start()
+        time.sleep(seconds)
+        return in_child(lambda: launches(2))
 
-        def launches():
-            torch.set_num_threads(2)
-            return native.groups_run(300, 0, 5) == [5] * 300
-
-        def in_child(act):
-            pid = os.fork()
-            if pid == 0:
-                signal.alarm(20)
-                os._exit(0 if act() else 1)
-            return os.waitpid(pid, 0)[1] == 0
-
-        def forks_amid_its_first_launch(seconds):
-            threading.Thread(target=launches, daemon=True).start()
-            time.sleep(seconds)
-            return in_child(launches)
-
-        failed = [us for us in range(0, 2000, 50) if not in_child(lambda: forks_amid_its_first_launch(us * 1e-6))]
-        assert not failed, failed
-        """)
+    failed = [us for us in range(0, 2000, 50) if not in_child(lambda: forks_amid_its_first_launch(us * 1e-6))]
+    assert not failed, failed
+    """)
 
 
 def test_openmp_threads_sleep_soon_after_a_parallel_region():
