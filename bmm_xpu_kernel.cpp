@@ -1,4 +1,4 @@
-// bmm: a plain batched matrix product of floats, one work-item an element of the result.
+// bmm: a plain batched matrix product of floats, one work-item per element of the result.
 #include <ATen/core/Tensor.h>
 #include <c10/util/Exception.h>
 

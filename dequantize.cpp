@@ -1,4 +1,4 @@
-// Dense weights of half and float by explicit-SIMD kernels, a few whole blocks a work-item. The sizes come from the
+// Dense weights of half and float by explicit-SIMD kernels, a few whole blocks per work-item. The sizes come from the
 // dense tensor.
 #include "linear/dense/dequantize.h"
 

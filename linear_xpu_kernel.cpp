@@ -1,5 +1,5 @@
-// forward_new behind its wrapper: sizes, the decision (linear/dispatch.h), the checks of the chosen way, and the launch.
-// The kernels stand in linear/one_row/, linear/row_pairs/ and linear/dense/.
+// forward_new behind its wrapper: sizes, the decision (linear/dispatch.h), the checks of the chosen way, and the
+// launch. The kernels stand in linear/one_row/, linear/row_pairs/ and linear/dense/.
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 

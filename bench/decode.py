@@ -19,7 +19,7 @@ _PROMPT = "The history of astronomy begins with"
 _PROMPT_TOKENS = 256
 _PEER = "xllamacpp Q4_0"
 _MOST_TOKENS = 128
-# Of the peer beside busy loops, where it makes some 2 a second.
+# Of the peer beside busy loops, where it makes some 2 per second.
 _FEW_TOKENS = 8
 # What an answer beside that many busy loops is held to: parts of the speed without them, and of one thread's beside them.
 _OF_QUIET = {1: 0.5, 2: 0.35}

@@ -98,7 +98,7 @@ def call_cost(calls: Mapping[str, Call], runs: int, batch: int = 1000) -> dict[s
 
 
 def read_bandwidth(runs: int = 9, size: int | None = None) -> float:
-    """Bytes a second that the current number of threads reads from memory.
+    """Bytes per second that the current number of threads reads from memory.
 
     The buffer is eight times the last-level cache. Several reductions are tried, since which of them saturates the
     memory depends on the vector units, and the best median counts.

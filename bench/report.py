@@ -37,7 +37,7 @@ class Bar:
 
 @dataclass
 class Row:
-    """One measured case. Times are seconds a call, or with `per_second` set, that many units a second."""
+    """One measured case. Times are seconds per call, or with `per_second` set, that many units per second."""
 
     name: str
     ours: float | None = None
@@ -55,7 +55,7 @@ class Row:
         return self.ours / self.peer if self.per_second else self.peer / self.ours
 
     def rate(self) -> float | None:
-        """Bytes a second."""
+        """Bytes per second."""
         if not self.ours or not self.bytes:
             return None
         return self.bytes * self.ours if self.per_second else self.bytes / self.ours

@@ -156,7 +156,8 @@ struct nf3 : half_scale {
   }
 
  private:
-  // Lane i has quarter i % 4 of block i / 4, lane 0 the first of its block: six words a block, of which two are shared.
+  // Lane i has quarter i % 4 of block i / 4, lane 0 the first of its block: six words per block, of which two are
+  // shared.
   template <int N>
   static void load_lanes(const uint8_t* p, simd<uint32_t, N> (&word)[2]) {
     using U = simd<uint32_t, N>;

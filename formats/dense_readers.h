@@ -4,7 +4,7 @@
 //   places, per_place  places of a block, and elements of a place, which lie `places` apart
 //   quant_bytes        bytes of a block where the codes lie
 //   scale_bytes        bytes of a block in the scale plane
-//   read<T>(..., out)  out[h], h below per_place: the elements place + h * places and following, one a lane, each
+//   read<T>(..., out)  out[h], h below per_place: the elements place + h * places and following, one per lane, each
 //                      computed in T
 // and, where a code is the bits of a half, half_bits too: a NaN that passes through a float comes back as another.
 #pragma once
@@ -35,7 +35,7 @@ struct byte_reader {
     const auto byte = bytes<C>(at, block, place);
     const uint8_t* scales = at.scales + block * scale_bytes;
     if constexpr (per_place == 2 && C >= 16) {
-      // Sixteen products a block, looked up, instead of one for each element.
+      // Sixteen products per block, looked up, instead of one for each element.
       const auto values = dequantized<Format, T, any_lanes>(simd<uint32_t, 16>::iota(), scales);
       ORRERY_UNROLL for (int p = 0; p < 2; ++p) out[p] = lookup16(values, Format::byte_code(byte, p));
     } else {

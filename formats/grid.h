@@ -64,7 +64,7 @@ inline constexpr packed_grid<2048> iq1s_codes([](int i, int j) {
 });
 
 // iq1s_grid is sorted by elements 4 to 7, so these come in 81 runs, of which no eight neighbours see more than two:
-// five permutations instead of sixteen, 9 ns a block of the product instead of 12.
+// five permutations instead of sixteen, 9 ns per block of the product instead of 12.
 struct sorted_runs {
   alignas(64) uint8_t run[256] = {};      // of the first of eight entries
   alignas(64) uint8_t next_at[256] = {};  // the first of the eight that belongs to the next run, or 8

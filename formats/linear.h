@@ -2,7 +2,7 @@
 //
 // A split format, of this header or of codebook.h, has
 //   value<T>(code, d..)      the value rule for one element, from its scale as it is stored
-//   unscaled<T>(code)        the same without the scale, one code a lane; bits above the code are ignored
+//   unscaled<T>(code)        the same without the scale, one code per lane; bits above the code are ignored
 //   scaled<T, N, Share>(..)  a sum of unscaled terms times the scale; `Share` neighbouring lanes lie in one block
 //   run, words               elements that a work-item takes in a pass, 32-bit words that hold their codes
 //   load(..), ask_for<N>(..) those words, from the run that starts at element o of a block; the same as a prefetch
@@ -66,7 +66,7 @@ struct byte_runs {
   }
 };
 
-// Two 4-bit codes a byte, elements j and j + 32. A run is two runs of 8 elements that lie 32 apart, taken by turns.
+// Two 4-bit codes per byte, elements j and j + 32. A run is two runs of 8 elements that lie 32 apart, taken by turns.
 template <bool HighFirst>
 struct nibble_pairs : byte_runs<16> {
   static constexpr int codes_per_byte = 2;
@@ -161,7 +161,7 @@ struct q4_1 : ruled_nibbles<plain_code> {
   }
 };
 
-// One 8-bit code a byte.
+// One 8-bit code per byte.
 struct whole_bytes : byte_runs<8> {
   static constexpr int codes_per_byte = 1;
 
@@ -197,7 +197,7 @@ struct q8_0 : whole_bytes, float_scale {
   }
 };
 
-// The values of one code a lane, `Share` neighbouring lanes to a block, the first of which has its scale at `scales`.
+// The values of one code per lane, `Share` neighbouring lanes to a block, the first of which has its scale at `scales`.
 template <typename Format, typename T, int Share, int N>
 simd<T, N> dequantized(const simd<uint32_t, N>& code, const uint8_t* scales) {
   if constexpr (requires { Format::rounds_last; }) {

@@ -6,8 +6,8 @@
 //   value(b, e)    the value rule: element e of block b, all arithmetic in float
 //   values(b, h)   elements 16 h to 16 h + 15, by the same arithmetic
 //
-// q4_k, q5_k and q6_k are read by 16 work-items a block, which see it as four stretches of elements; a place p of 0 to
-// 15 has `span` neighbouring elements of each stretch (and in q5_k those 16 behind them too).
+// q4_k, q5_k and q6_k are read by 16 work-items per block, which see it as four stretches of elements; a place p of 0
+// to 15 has `span` neighbouring elements of each stretch (and in q5_k those 16 behind them too).
 //   element(p, s, k)     the element of place p that is the k-th of stretch s
 //   part<N>(b, p)        what N places from p on need of block b: N is 1 or 16
 //   code<s, k>()         the part's integers, as exact floats
@@ -43,7 +43,7 @@ inline V affine(float d, uint32_t scale, const V& q, float dmin, uint32_t minimu
 
 }  // namespace detail
 
-// Four 2-bit codes a byte; sub-blocks of 16.
+// Four 2-bit codes per byte; sub-blocks of 16.
 struct q2_k {
   static constexpr int bytes = 84;
   static constexpr int scales_at = 0, codes_at = 16, d_at = 80, dmin_at = 82;
@@ -330,7 +330,7 @@ struct q5_k : nibble_super_block {
   };
 };
 
-// Four low bits and two high bits an element, less 32; sub-blocks of 16 with signed scales and no minimum.
+// Four low bits and two high bits per element, less 32; sub-blocks of 16 with signed scales and no minimum.
 struct q6_k {
   static constexpr int bytes = 210;
   static constexpr int low_at = 0, high_at = 128, scales_at = 192, d_at = 208;

@@ -140,7 +140,7 @@ constexpr bool last_finishes = false;
 
 // The one meeting of an explicit-SIMD kernel, and its last act: when all GS work-items have come, `finish(i, end)` runs
 // for the work-items [i, end), one at a time on a GPU. The kernel's has_barriers is !last_finishes: 32 stacks and the
-// switches between them cost a group 2 us.
+// switches between them cost 2 us per group.
 template <int GS, typename Item, typename Finish>
 void meet_to_finish(const Item& item, Finish finish) {
   if constexpr (last_finishes) {

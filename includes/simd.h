@@ -1,4 +1,4 @@
-// simd<T, N>: N values of T, one a work-item (or one an element in explicit-SIMD kernels).
+// simd<T, N>: N values of T, one per work-item (or one per element in explicit-SIMD kernels).
 //
 // Every operation rounds to T. Half and bfloat16 values live in registers as floats that have been rounded; one float
 // operation followed by one rounding is exact for half and is the definition of the operation for bfloat16. Nothing
@@ -436,7 +436,7 @@ inline void store_some(T* p, uint64_t bits, vector_t<held_t<T>, W> v) {
 
 }  // namespace detail
 
-// N truth values, one bit a lane. N is at most 64.
+// N truth values, one bit per lane. N is at most 64.
 template <int N>
 struct mask {
   static_assert(N <= 64);

@@ -48,7 +48,7 @@ class Format:
 
     @property
     def bits(self) -> float:
-        """Bits an element."""
+        """Bits per element."""
         return 8 * self.block_bytes / self.elements
 
     def size(self, rows: int, cols: int) -> int:

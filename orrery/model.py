@@ -34,7 +34,7 @@ DTYPES = {"float32": torch.float32, "float16": torch.float16, "bfloat16": torch.
 # need less memory for activations.
 PASS_ROWS = 512
 # Query rows of one attention call. A row walks over all keys that the call is given, those hidden by the mask too: with
-# 32 rows a call, a prompt of 256 tokens costs 36864 steps a head instead of 65536.
+# 32 rows per call, a prompt of 256 tokens costs 36864 steps per head instead of 65536.
 ATTENTION_ROWS = 32
 # Rows of logits made together, each a whole vocabulary.
 LOGIT_ROWS = 256

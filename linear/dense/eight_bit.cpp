@@ -1,4 +1,4 @@
-// Dense weights from one code a byte: a work-item takes two neighbouring bytes or one.
+// Dense weights from one code per byte: a work-item takes two neighbouring bytes or one.
 #include "linear/dense/dense_kernel.h"
 
 namespace orrery {

@@ -1,4 +1,4 @@
-// Launchers of the ordinary kernels that write dense weights, a few formats a unit.
+// Launchers of the ordinary kernels that write dense weights, a few formats per unit.
 #pragma once
 
 #include <c10/core/Device.h>

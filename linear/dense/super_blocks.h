@@ -1,4 +1,4 @@
-// Dense values of the formats of 256 elements: a work-group a block, whatever the device's class.
+// Dense values of the formats of 256 elements: a work-group per block, whatever the device's class.
 #pragma once
 
 #include <c10/core/Device.h>
@@ -8,7 +8,7 @@
 
 namespace orrery {
 
-// Of a format with 256 elements a block. Fills `dense` with output_size * state_size values of `type` (Half, Float,
+// Of a format with 256 elements per block. Fills `dense` with output_size * state_size values of `type` (Half, Float,
 // Double or BFloat16). Only whole blocks of 256 elements are written: what is left of the product stays as it is.
 void launch_dequantize_blocks(int32_t qtype, c10::ScalarType type, uint64_t output_size, uint64_t state_size,
                               const void* weight, void* dense, c10::Device device, bool wait);

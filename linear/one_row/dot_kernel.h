@@ -28,7 +28,7 @@ struct dot_kernel {
   const uint8_t* weight = nullptr;
   const uint8_t* activations = nullptr;
   T* y = nullptr;
-  sycl::local_accessor<T> partial;  // 32 a row, in_type only
+  sycl::local_accessor<T> partial;  // 32 per row, in_type only
 
   template <typename Item>
   void operator()(const Item& item) const {

@@ -61,7 +61,7 @@ struct row_pair_kernel : row_arguments<T> {
   }
 
   // Adds a block of each row to the row's sum, for N places from p on. The rows take turns in every step: one behind
-  // the other, the second waits for its scales (65 cycles a block instead of 70).
+  // the other, the second waits for its scales (65 cycles per block instead of 70).
   template <int N, typename X>
   ORRERY_INLINE static void add_terms(simd<float, N> (&acc)[rows], const uint8_t* const (&block)[rows], int p, X x) {
     using F = simd<float, N>;
