@@ -2,6 +2,7 @@
 # make test    all tests                                           make scalar    kernel tests, one strand a work-item
 # make bench   every operator beside what one would use instead    make sanitize  all tests under ASan and UBSan
 # make format  clang-format on all sources                         make clean     removes builds, keeps .venv
+# make sanitize-threads   tests of launches under ThreadSanitizer
 #
 # MARCH=x86-64-v3 builds for that instruction set instead of this machine's; ARGS="..." goes on to pytest or bench.
 
@@ -18,7 +19,7 @@ KERNEL_TESTS = $(addprefix tests/,test_linear_xpu_kernel.py test_linear_batch.py
                  test_q8_1.py test_linear_dense.py test_dequantize.py test_bmm_xpu_kernel.py test_sdp.py test_norm.py \
                  test_rope.py)
 
-.PHONY: demo test build bench scalar sanitize format clean
+.PHONY: demo test build bench scalar sanitize sanitize-threads format clean
 .DELETE_ON_ERROR:
 
 demo: build
@@ -47,6 +48,9 @@ scalar: .venv/installed
 
 sanitize: .venv/installed
 	@tools/sanitize.sh $(ARGS)
+
+sanitize-threads: .venv/installed
+	@tools/sanitize_threads.sh $(ARGS)
 
 bench: build
 	@$(PYTHON) -m bench $(ARGS)

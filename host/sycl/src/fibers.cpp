@@ -10,6 +10,8 @@
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
 #include <sanitizer/common_interface_defs.h>
+#elif defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
 #endif
 
 namespace sycl::detail {
@@ -25,8 +27,56 @@ constexpr const char* met_after_leaving = "A strand met a barrier after it had l
 // Thrown at a strand's meeting point to unwind it once its group has failed.
 struct abandoned {};
 
+// What the sanitizers know a stack by. They are told before and after each switch from one to another.
+struct known_stack {
+#if defined(__SANITIZE_ADDRESS__)
+  const void* bottom = nullptr;
+  size_t size = 0;
+  void* fake = nullptr;
+#elif defined(__SANITIZE_THREAD__)
+  void* flow = nullptr;
+#endif
+};
+
+known_stack made_known([[maybe_unused]] const boost::context::stack_context& stack) {
+#if defined(__SANITIZE_ADDRESS__)
+  return {static_cast<char*>(stack.sp) - stack.size, stack.size};
+#elif defined(__SANITIZE_THREAD__)
+  return {__tsan_create_fiber(0)};
+#else
+  return {};
+#endif
+}
+
+void forget([[maybe_unused]] const known_stack& stack) {
+#if defined(__SANITIZE_ADDRESS__)
+  // The frames of a parked fiber never return; whoever gets these pages next must not meet their red zones.
+  __asan_unpoison_memory_region(stack.bottom, stack.size);
+#elif defined(__SANITIZE_THREAD__)
+  __tsan_destroy_fiber(stack.flow);
+#endif
+}
+
+// Part of its caller: ThreadSanitizer would book the return from it on the other stack.
+[[gnu::always_inline]] inline void before_switch([[maybe_unused]] known_stack& from,
+                                                 [[maybe_unused]] const known_stack& to) {
+#if defined(__SANITIZE_ADDRESS__)
+  __sanitizer_start_switch_fiber(&from.fake, to.bottom, to.size);
+#elif defined(__SANITIZE_THREAD__)
+  from.flow = __tsan_get_current_fiber();
+  __tsan_switch_to_fiber(to.flow, 0);
+#endif
+}
+
+void after_switch([[maybe_unused]] known_stack& from, [[maybe_unused]] const known_stack& to) {
+#if defined(__SANITIZE_ADDRESS__)
+  __sanitizer_finish_switch_fiber(to.fake, &from.bottom, &from.size);
+#endif
+}
+
 struct fiber {
   boost::context::stack_context stack;
+  known_stack known;
   ctx::fcontext_t at = nullptr;
   strand_state state = strand_state::finished;
   fibers* owner = nullptr;
@@ -46,18 +96,12 @@ struct fibers {
   bool abandoning = false;
   std::vector<char> exchange;
   std::vector<uint8_t> parity;
-#if defined(__SANITIZE_ADDRESS__)
-  const void* scheduler_stack = nullptr;
-  size_t scheduler_size = 0;
-#endif
+  known_stack scheduler_known;
 
   ~fibers() {
     boost::context::protected_fixedsize_stack pool(stack_bytes);
     for (auto& f : all) {
-#if defined(__SANITIZE_ADDRESS__)
-      // The frames of a parked fiber never return; whoever gets these pages next must not meet their red zones.
-      __asan_unpoison_memory_region(static_cast<char*>(f->stack.sp) - f->stack.size, f->stack.size);
-#endif
+      forget(f->known);
       pool.deallocate(f->stack);
     }
   }
@@ -67,6 +111,7 @@ struct fibers {
     while (static_cast<int>(all.size()) < strands) {
       auto f = std::make_unique<fiber>();
       f->stack = pool.allocate();
+      f->known = made_known(f->stack);
       f->owner = this;
       f->strand = static_cast<int>(all.size());
       f->at = ctx::make_fcontext(f->stack.sp, f->stack.size, &fibers::main);
@@ -77,35 +122,23 @@ struct fibers {
   // Runs a strand until it meets or ends.
   void resume(fiber& f) {
     f.started = true;
-#if defined(__SANITIZE_ADDRESS__)
-    void* fake = nullptr;
-    __sanitizer_start_switch_fiber(&fake, static_cast<char*>(f.stack.sp) - f.stack.size, f.stack.size);
-#endif
+    before_switch(scheduler_known, f.known);
     const ctx::transfer_t back = ctx::jump_fcontext(f.at, &f);
-#if defined(__SANITIZE_ADDRESS__)
-    __sanitizer_finish_switch_fiber(fake, nullptr, nullptr);
-#endif
+    after_switch(f.known, scheduler_known);
     f.at = back.fctx;
   }
 
-  void suspend() {
-#if defined(__SANITIZE_ADDRESS__)
-    void* fake = nullptr;
-    __sanitizer_start_switch_fiber(&fake, scheduler_stack, scheduler_size);
-#endif
+  void suspend(fiber& f) {
+    before_switch(f.known, scheduler_known);
     scheduler = ctx::jump_fcontext(scheduler, nullptr).fctx;
-#if defined(__SANITIZE_ADDRESS__)
-    __sanitizer_finish_switch_fiber(fake, &scheduler_stack, &scheduler_size);
-#endif
+    after_switch(scheduler_known, f.known);
   }
 
   static void main(ctx::transfer_t from) {
     auto& f = *static_cast<fiber*>(from.data);
     auto& self = *f.owner;
     self.scheduler = from.fctx;
-#if defined(__SANITIZE_ADDRESS__)
-    __sanitizer_finish_switch_fiber(nullptr, &self.scheduler_stack, &self.scheduler_size);
-#endif
+    after_switch(self.scheduler_known, f.known);
     for (;;) {
       try {
         self.plan->run_strand(self.plan->context, *self.group, f.strand);
@@ -114,7 +147,7 @@ struct fibers {
         if (!self.failure) self.failure = std::current_exception();
       }
       if (f.state != strand_state::left) f.state = strand_state::finished;
-      self.suspend();
+      self.suspend(f);
     }
   }
 };
@@ -215,7 +248,7 @@ void meet(group_state& g, int strand, strand_state at) {
   fiber& f = *set.all[strand];
   if (f.state == strand_state::left) throw exception(errc::kernel, met_after_leaving);
   f.state = at;
-  set.suspend();
+  set.suspend(f);
   if (set.abandoning) throw abandoned{};
 }
 
