@@ -26,7 +26,7 @@ struct dequantize_fp8_e5m2_kernel : dense_blocks_kernel<formats::byte_reader<for
 namespace {
 
 struct frame {
-  int32_t qtype;
+  weight_format format;
   const char* function;
   const char* record;
   bool waits = false;
@@ -47,7 +47,7 @@ at::Tensor fill(const frame& f, const at::Tensor& weight, const at::Tensor& dens
   const uint64_t rows = dense.size(0), columns = dense.size(1);
   const uint64_t nb = rows * columns >> 6;
   const auto* bytes = static_cast<const uint8_t*>(weight.data_ptr());
-  const formats::block_planes planes{bytes, bytes + scale_offset(f.qtype, rows, columns),
+  const formats::block_planes planes{bytes, bytes + scale_offset(f.format, rows, columns),
                                      bytes + fp6_second_plane(rows, columns)};
   const auto type = dense.scalar_type();
   if (type != at::kFloat && type != at::kHalf) {
@@ -65,46 +65,47 @@ at::Tensor fill(const frame& f, const at::Tensor& weight, const at::Tensor& dens
 }  // namespace
 
 at::Tensor dequantize_q4_0(const at::Tensor& weight, const at::Tensor& dense) {
-  return fill<dequantize_q4_0_kernel, 8>({2, "dequantize_q4_0", "dequantize q4_0"}, weight, dense);
+  return fill<dequantize_q4_0_kernel, 8>({weight_format::q4_0, "dequantize_q4_0", "dequantize q4_0"}, weight, dense);
 }
 
 // The record has the other format's name.
 at::Tensor dequantize_q4_1(const at::Tensor& weight, const at::Tensor& dense) {
-  return fill<dequantize_q4_1_kernel, 8>({3, "dequantize_q4_1", "dequantize q4_0"}, weight, dense);
+  return fill<dequantize_q4_1_kernel, 8>({weight_format::q4_1, "dequantize_q4_1", "dequantize q4_0"}, weight, dense);
 }
 
 at::Tensor dequantize_q8_0(const at::Tensor& weight, const at::Tensor& dense) {
-  return fill<dequantize_q8_0_kernel, 4>({8, "dequantize_q8_0", "dequantize q8_0"}, weight, dense);
+  return fill<dequantize_q8_0_kernel, 4>({weight_format::q8_0, "dequantize_q8_0", "dequantize q8_0"}, weight, dense);
 }
 
 at::Tensor dequantize_fp4(const at::Tensor& weight, const at::Tensor& dense) {
-  return fill<dequantize_fp4_kernel, 8>({16, "dequantize_fp4", "dequantize fp4"}, weight, dense);
+  return fill<dequantize_fp4_kernel, 8>({weight_format::fp4, "dequantize_fp4", "dequantize fp4"}, weight, dense);
 }
 
 at::Tensor dequantize_fp6(const at::Tensor& weight, const at::Tensor& dense) {
-  return fill<dequantize_fp6_kernel, 8>({29, "dequantize_fp6", "dequantize fp6", true}, weight, dense);
+  return fill<dequantize_fp6_kernel, 8>({weight_format::fp6, "dequantize_fp6", "dequantize fp6", true}, weight, dense);
 }
 
 at::Tensor dequantize_fp8_e5m2(const at::Tensor& weight, const at::Tensor& dense) {
-  return fill<dequantize_fp8_e5m2_kernel, 4>({19, "dequantize_fp8_e5m2", "dequantize fp8 e5m2"}, weight, dense);
+  return fill<dequantize_fp8_e5m2_kernel, 4>({weight_format::fp8_e5m2, "dequantize_fp8_e5m2", "dequantize fp8 e5m2"},
+                                             weight, dense);
 }
 
-at::Tensor dequantize(int32_t qtype, const at::Tensor& weight, const at::Tensor& dense) {
-  switch (qtype) {
-    case 2:
+at::Tensor dequantize(weight_format format, const at::Tensor& weight, const at::Tensor& dense) {
+  switch (format) {
+    case weight_format::q4_0:
       return dequantize_q4_0(weight, dense);
-    case 3:
+    case weight_format::q4_1:
       return dequantize_q4_1(weight, dense);
-    case 8:
+    case weight_format::q8_0:
       return dequantize_q8_0(weight, dense);
-    case 16:
+    case weight_format::fp4:
       return dequantize_fp4(weight, dense);
-    case 19:
+    case weight_format::fp8_e5m2:
       return dequantize_fp8_e5m2(weight, dense);
-    case 29:
+    case weight_format::fp6:
       return dequantize_fp6(weight, dense);
     default:
-      throw std::runtime_error("unsupported qtype: " + std::to_string(qtype));
+      throw std::runtime_error("unsupported qtype: " + std::to_string(code_of(format)));
   }
 }
 

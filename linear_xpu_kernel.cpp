@@ -31,8 +31,8 @@ linear_request request_of(const at::Tensor& input, const at::Tensor& weight, int
   request.state_size = input.size(1);
   if (qtype < 0 || qtype >= format_codes || block_bytes[qtype] == 0) refuse_code(qtype);
   if (request.state_size == 0) throw std::runtime_error("orrery_ops: input must have at least one column");
-  request.output_size = rows_of_weight(qtype, weight.size(0), request.state_size);
-  request.qtype = qtype;
+  request.output_size = rows_of_weight(weight_format{qtype}, weight.size(0), request.state_size);
+  request.format = weight_format{qtype};
   request.type = input.scalar_type();
   request.seq_hint = seq_hint;
   request.device_class = device_class;
@@ -61,7 +61,7 @@ at::Tensor run_rows(const at::Tensor& input, const at::Tensor& weight, const lin
   if (way.family == kernel_family::batch) {
     launch_batch(way.kernel, way.shape, request.type, args);
   } else {
-    launch_single_row(request.qtype, way.shape, request.type, args);
+    launch_single_row(request.format, way.shape, request.type, args);
   }
   return result;
 }
@@ -69,7 +69,7 @@ at::Tensor run_rows(const at::Tensor& input, const at::Tensor& weight, const lin
 }  // namespace
 
 at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t seq_hint) {
-  if (find_weight_format(qtype) == nullptr) refuse_code(qtype);  // sizes without a reader
+  if (find_weight_format(weight_format{qtype}) == nullptr) refuse_code(qtype);  // sizes without a reader
   linear_request request = request_of(input, weight, qtype, seq_hint);
   request.settings = read_settings(request);
   const linear_decision way = decide(request);
@@ -88,8 +88,9 @@ at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, 
 
 at::Tensor qlinear_forward_xpu(at::Tensor input, at::Tensor weight, int32_t qtype) {
   const linear_request request = request_of(input, weight, qtype, 0);
-  constexpr int32_t served[] = {2, 3, 8, 10, 15, 16, 19, 21};
-  if (std::find(std::begin(served), std::end(served), qtype) == std::end(served)) {
+  using enum weight_format;
+  constexpr weight_format served[] = {q4_0, q4_1, q8_0, nf4, fp8_e4m3, fp4, fp8_e5m2, iq2_xxs};
+  if (std::find(std::begin(served), std::end(served), request.format) == std::end(served)) {
     return empty_dense(weight, request);
   }
   return dense_weight(weight, request, decide_dense(request));

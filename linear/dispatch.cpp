@@ -67,7 +67,7 @@ struct tile_row {
 };
 
 struct format_plan {
-  int32_t qtype;
+  weight_format format;
   const char* single;
   row_cut cut;
   int run;           // elements that a lane takes in a pass, which state_size must be a multiple of; 0: no test
@@ -80,69 +80,69 @@ struct format_plan {
 // The limits on n differ between formats on purpose, and so do the two tile rules at equality.
 // clang-format off
 constexpr format_plan plans[] = {
-    {2, "qlinear_xpu_kernel_q4_0_2x16", row_cut::two_rows, 16, true,
+    {weight_format::q4_0, "qlinear_xpu_kernel_q4_0_2x16", row_cut::two_rows, 16, true,
      {dense_cut::four_bit, "qlinear_xpu_dequantize_kernel_q4_0_1x4", "qlinear_xpu_dequantize_kernel_q4_0_1x2", false,
       true, "dequantize_q4_0_kernel", "dequantize q4_0", 8},
      {{7, "qlinear_xpu_kernel_q4_0_2x16_by_batch", false}, {20, "qlinear_xpu_kernel_q4_0_2x16_batch", false, false}},
      {tile_rule::large_prompt, "qlinear_xpu_tile_dequantize_kernel_q4_0_1x4",
       "qlinear_xpu_tile_dequantize_kernel_q4_0_1x2", false}},
-    {3, "qlinear_xpu_kernel_q4_1_2x16", row_cut::two_rows, 16, true,
+    {weight_format::q4_1, "qlinear_xpu_kernel_q4_1_2x16", row_cut::two_rows, 16, true,
      {dense_cut::four_bit, "qlinear_xpu_dequantize_kernel_q4_1_1x4", "qlinear_xpu_dequantize_kernel_q4_1_1x2", true,
       true, "dequantize_q4_1_kernel", "dequantize q4_0", 8},
      {{20, "qlinear_xpu_kernel_q4_1_2x16_batch", true, false}}},
-    {6, "qlinear_xpu_kernel_q5_0", row_cut::one_row, 0, false,
+    {weight_format::q5_0, "qlinear_xpu_kernel_q5_0", row_cut::one_row, 0, false,
      {dense_cut::one_byte, "qlinear_xpu_dequantize_kernel_q5_0", "qlinear_xpu_dequantize_kernel_q5_0", true, true}},
-    {7, "qlinear_xpu_kernel_q5_1", row_cut::one_row, 0, false,
+    {weight_format::q5_1, "qlinear_xpu_kernel_q5_1", row_cut::one_row, 0, false,
      {dense_cut::one_byte, "qlinear_xpu_dequantize_kernel_q5_1", "qlinear_xpu_dequantize_kernel_q5_1", false, false}},
-    {8, "qlinear_xpu_kernel_q8_0_2x8", row_cut::two_rows, 8, true,
+    {weight_format::q8_0, "qlinear_xpu_kernel_q8_0_2x8", row_cut::two_rows, 8, true,
      {dense_cut::eight_bit, "qlinear_xpu_dequantize_kernel_q8_0_1x2", "qlinear_xpu_dequantize_kernel_q8_0_1x1", true,
       true, "dequantize_q8_0_kernel", "dequantize q8_0", 4},
      {{7, "qlinear_xpu_kernel_q8_0_2x8_batch", true, true, true}},
      {tile_rule::large_weight, "qlinear_xpu_tile_dequantize_kernel_q8_0_1x1",
       "qlinear_xpu_tile_dequantize_kernel_q8_0_1x1"}},
-    {10, "qlinear_xpu_kernel_nf4_2x16", row_cut::two_rows, 16, true,
+    {weight_format::nf4, "qlinear_xpu_kernel_nf4_2x16", row_cut::two_rows, 16, true,
      {dense_cut::four_bit, "qlinear_xpu_dequantize_kernel_nf4_1x4", "qlinear_xpu_dequantize_kernel_nf4_1x2", true,
       true},
      {{14, "qlinear_xpu_kernel_nf4_2x16_batch", true, false}}},
-    {11, "qlinear_xpu_kernel_nf3_2x16", row_cut::two_rows, 16, true,
+    {weight_format::nf3, "qlinear_xpu_kernel_nf3_2x16", row_cut::two_rows, 16, true,
      {dense_cut::one_element, "qlinear_xpu_dequantize_kernel_nf3_new", "qlinear_xpu_dequantize_kernel_nf3_new", true,
       true}},
-    {15, "qlinear_xpu_kernel_fp8_e4m3_2x8", row_cut::two_rows, 8, true,
+    {weight_format::fp8_e4m3, "qlinear_xpu_kernel_fp8_e4m3_2x8", row_cut::two_rows, 8, true,
      {dense_cut::eight_bit, "qlinear_xpu_dequantize_kernel_fp8_e4m3_1x2", "qlinear_xpu_dequantize_kernel_fp8_e4m3_1x1",
       true, true}},
-    {16, "qlinear_xpu_kernel_fp4_2x16", row_cut::two_rows, 16, true,
+    {weight_format::fp4, "qlinear_xpu_kernel_fp4_2x16", row_cut::two_rows, 16, true,
      {dense_cut::four_bit, "qlinear_xpu_dequantize_kernel_fp4_1x4", "qlinear_xpu_dequantize_kernel_fp4_1x2", true, true,
       "dequantize_fp4_kernel", "dequantize fp4", 8},
      {{7, "qlinear_xpu_kernel_fp4_2x16_batch", false}}},
-    {19, "qlinear_xpu_kernel_fp8_e5m2_2x8", row_cut::two_rows, 8, false,
+    {weight_format::fp8_e5m2, "qlinear_xpu_kernel_fp8_e5m2_2x8", row_cut::two_rows, 8, false,
      {dense_cut::eight_bit, "qlinear_xpu_dequantize_kernel_fp8_e5m2_1x2", "qlinear_xpu_dequantize_kernel_fp8_e5m2_1x1",
       true, true, "dequantize_fp8_e5m2_kernel", "dequantize fp8 e5m2", 4},
      {{7, "qlinear_xpu_kernel_fp8_e5m2_2x8_batch"}},
      {tile_rule::large_weight, "qlinear_xpu_tile_dequantize_kernel_fp8_e5m2_1x1",
       "qlinear_xpu_tile_dequantize_kernel_fp8_e5m2_1x1"}},
-    {21, "qlinear_xpu_kernel_iq2_xxs_q8_1", row_cut::row_by_index, 0, false,
+    {weight_format::iq2_xxs, "qlinear_xpu_kernel_iq2_xxs_q8_1", row_cut::row_by_index, 0, false,
      {dense_cut::block_of_32, "qlinear_xpu_dequantize_kernel_iq2_xxs", "qlinear_xpu_dequantize_kernel_iq2_xxs", true,
       true}},
-    {23, "qlinear_xpu_kernel_q2_k_q8_1", row_cut::one_sub_group, 0, false,
+    {weight_format::q2_k, "qlinear_xpu_kernel_q2_k_q8_1", row_cut::one_sub_group, 0, false,
      {dense_cut::block_of_64, "qlinear_xpu_dequantize_kernel_q2_k", "qlinear_xpu_dequantize_kernel_q2_k", true, true}},
-    {24, "qlinear_xpu_kernel_iq1_s_q8_1", row_cut::one_sub_group, 0, false,
+    {weight_format::iq1_s, "qlinear_xpu_kernel_iq1_s_q8_1", row_cut::one_sub_group, 0, false,
      {dense_cut::block_of_32, "qlinear_xpu_dequantize_kernel_iq1_s", "qlinear_xpu_dequantize_kernel_iq1_s", true,
       true}},
-    {26, "qlinear_xpu_kernel_q6_k", row_cut::one_sub_group, 0, false,
+    {weight_format::q6_k, "qlinear_xpu_kernel_q6_k", row_cut::one_sub_group, 0, false,
      {dense_cut::block_of_64, "qlinear_xpu_dequantize_kernel_q6_k", "qlinear_xpu_dequantize_kernel_q6_k", true, true}},
-    {27, "qlinear_xpu_kernel_q4_k", row_cut::pair_of_rows, 0, false,
+    {weight_format::q4_k, "qlinear_xpu_kernel_q4_k", row_cut::pair_of_rows, 0, false,
      {dense_cut::block_of_32, "qlinear_xpu_dequantize_kernel_q4_k", "qlinear_xpu_dequantize_kernel_q4_k", true, true}},
-    {28, "qlinear_xpu_kernel_q5_k", row_cut::pair_of_rows, 0, false,
+    {weight_format::q5_k, "qlinear_xpu_kernel_q5_k", row_cut::pair_of_rows, 0, false,
      {dense_cut::block_of_64, "qlinear_xpu_dequantize_kernel_q5_k", "qlinear_xpu_dequantize_kernel_q5_k", false,
       false}},
-    {29, "qlinear_xpu_kernel_fp6_2x16", row_cut::two_rows, 16, true,
+    {weight_format::fp6, "qlinear_xpu_kernel_fp6_2x16", row_cut::two_rows, 16, true,
      {dense_cut::one_element, "dequantize_fp6_kernel", "dequantize_fp6_kernel", true, true, "dequantize_fp6_kernel",
       "dequantize fp6", 8}},
 };
 // clang-format on
 
 struct vector_plan {
-  int32_t qtype;
+  weight_format format;
   const char* general;
   const char* slim;
   bool stages;  // the slim kernel stages its input, so that its groups grow sooner
@@ -150,41 +150,43 @@ struct vector_plan {
 };
 
 constexpr vector_plan vector_plans[] = {
-    {2, "vector_forward_kernel_q4_0", "vector_forward_kernel_q4_0_slim", false, false},
-    {3, "vector_forward_kernel_q4_1", "vector_forward_kernel_q4_1_slim", false, false},
-    {8, "vector_forward_kernel_q8_0", "vector_forward_kernel_q8_0_slim", true, false},
-    {16, "vector_forward_kernel_fp4", "vector_forward_kernel_fp4_slim", true, false},
-    {19, "vector_forward_kernel_fp8_e5m2", "vector_forward_kernel_fp8_e5m2_slim", true, false},
-    {29, "vector_forward_kernel_fp6", "vector_forward_kernel_fp6_slim", true, true},
+    {weight_format::q4_0, "vector_forward_kernel_q4_0", "vector_forward_kernel_q4_0_slim", false, false},
+    {weight_format::q4_1, "vector_forward_kernel_q4_1", "vector_forward_kernel_q4_1_slim", false, false},
+    {weight_format::q8_0, "vector_forward_kernel_q8_0", "vector_forward_kernel_q8_0_slim", true, false},
+    {weight_format::fp4, "vector_forward_kernel_fp4", "vector_forward_kernel_fp4_slim", true, false},
+    {weight_format::fp8_e5m2, "vector_forward_kernel_fp8_e5m2", "vector_forward_kernel_fp8_e5m2_slim", true, false},
+    {weight_format::fp6, "vector_forward_kernel_fp6", "vector_forward_kernel_fp6_slim", true, true},
 };
 
 template <typename Plan, size_t Rows>
-const Plan* find_plan(const Plan (&rows)[Rows], int32_t qtype) {
-  const Plan* row = std::find_if(rows, rows + Rows, [qtype](const Plan& plan) { return plan.qtype == qtype; });
+const Plan* find_plan(const Plan (&rows)[Rows], weight_format format) {
+  const Plan* row = std::find_if(rows, rows + Rows, [format](const Plan& plan) { return plan.format == format; });
   return row == rows + Rows ? nullptr : row;
 }
 
-const format_plan& plan_of(int32_t qtype) {
-  if (const format_plan* plan = find_plan(plans, qtype)) return *plan;
-  throw std::runtime_error("unsupported qtype: " + std::to_string(qtype));
+const format_plan& plan_of(weight_format format) {
+  if (const format_plan* plan = find_plan(plans, format)) return *plan;
+  throw std::runtime_error("unsupported qtype: " + std::to_string(code_of(format)));
 }
 
 bool half_or_float(ScalarType type) { return type == ScalarType::Half || type == ScalarType::Float; }
 
 bool takes_explicit_simd(const linear_request& r) {
   if (r.state_size % 256 != 0 || r.output_size % 32 != 0 || !half_or_float(r.type)) return false;
-  if (find_plan(vector_plans, r.qtype) == nullptr || r.n > 64) return false;
+  if (find_plan(vector_plans, r.format) == nullptr || r.n > 64) return false;
   const uint32_t c = r.device_class;
   if (c != 0 && c != 1 && c != 2 && c != 4) return false;
-  return r.n >= 2 || ((c == 1 || c == 2) && (r.qtype == 8 || r.qtype == 16));
+  return r.n >= 2 || ((c == 1 || c == 2) && (r.format == weight_format::q8_0 || r.format == weight_format::fp4));
 }
 
 bool takes_matrix_engine(const linear_request& r, bool disabled) {
   if (disabled || r.n < 2 || r.output_size % 16 != 0) return false;
-  if (r.qtype != 2 && r.qtype != 8 && r.qtype != 15 && r.qtype != 19) return false;
+  if (r.format != weight_format::q4_0 && r.format != weight_format::q8_0 && r.format != weight_format::fp8_e4m3 &&
+      r.format != weight_format::fp8_e5m2)
+    return false;
   if (r.device_class == 0) return r.n <= 16;
   if (r.device_class != 1 && r.device_class != 2) return false;
-  return r.n >= (r.qtype == 15 ? 2 : 7) && r.n <= 64;
+  return r.n >= (r.format == weight_format::fp8_e4m3 ? 2 : 7) && r.n <= 64;
 }
 
 int slim_group(bool stages, int64_t n) {
@@ -193,7 +195,7 @@ int slim_group(bool stages, int64_t n) {
 }
 
 linear_decision explicit_simd(const linear_request& r) {
-  const vector_plan& plan = *find_plan(vector_plans, r.qtype);
+  const vector_plan& plan = *find_plan(vector_plans, r.format);
   const bool slim = r.device_class == 4 && r.n <= 8;
   const int group = slim ? slim_group(plan.stages, r.n) : r.device_class == 0 ? 16 : 32;
   linear_decision d;
@@ -203,7 +205,7 @@ linear_decision explicit_simd(const linear_request& r) {
   d.global = {r.output_size, 1};
   d.local = {static_cast<uint64_t>(group), 1};
   d.shape = {1, group, group};
-  d.scale_offset = r.qtype == 19 ? 0 : scale_offset(r.qtype, r.output_size, r.state_size);
+  d.scale_offset = r.format == weight_format::fp8_e5m2 ? 0 : scale_offset(r.format, r.output_size, r.state_size);
   d.waits = !slim && plan.general_waits;
   d.tail = slim ? static_cast<int>(r.n) : r.n % 8 == 0 ? 8 : static_cast<int>(r.n % 8);
   return d;
@@ -217,7 +219,7 @@ linear_decision matrix_engine(const linear_request& r) {
   d.global = {r.output_size / columns * 8, static_cast<uint64_t>(r.n + 7) / 8};
   d.local = {8, 1};
   d.shape = {1, 8, columns};
-  d.scale_offset = scale_offset(r.qtype, r.output_size, r.state_size);
+  d.scale_offset = scale_offset(r.format, r.output_size, r.state_size);
   d.tail = r.n % 8 == 0 ? 8 : static_cast<int>(r.n % 8);
   return d;
 }
@@ -235,13 +237,14 @@ linear_decision single_row(const linear_request& r, const format_plan& plan, con
   d.family = kernel_family::single_row;
   d.kernel = plan.single;
   d.row_multiple = plan.run;
-  d.scale_offset = plan.takes_scale ? scale_offset(r.qtype, r.output_size, r.state_size) : 0;
-  d.quantizes_input = r.qtype == 21 || r.qtype == 23 || r.qtype == 24;
+  d.scale_offset = plan.takes_scale ? scale_offset(r.format, r.output_size, r.state_size) : 0;
+  d.quantizes_input =
+      r.format == weight_format::iq2_xxs || r.format == weight_format::q2_k || r.format == weight_format::iq1_s;
   d.waits = d.quantizes_input;
   switch (plan.cut) {
     case row_cut::two_rows:
       d.shape = class_shape;
-      d.shape.rows = r.qtype == 2 && r.device_class == 5 ? 8 : 2;
+      d.shape.rows = r.format == weight_format::q4_0 && r.device_class == 5 ? 8 : 2;
       d.global = {groups_of_rows(r.output_size, d.shape), 1};
       break;
     case row_cut::one_row:
@@ -276,7 +279,7 @@ linear_decision batch(const linear_request& r, const format_plan& plan, const ba
   d.global = {groups, static_cast<uint64_t>(r.n + 1) / 2};
   d.local = {static_cast<uint64_t>(shape.work_group), 1};
   d.row_multiple = plan.run;
-  d.scale_offset = plan.takes_scale ? scale_offset(r.qtype, r.output_size, r.state_size) : 0;
+  d.scale_offset = plan.takes_scale ? scale_offset(r.format, r.output_size, r.state_size) : 0;
   return d;
 }
 
@@ -306,8 +309,8 @@ linear_decision dense_by_blocks(const linear_request& r, const dense_row& dense)
   d.global = {r.output_size * r.state_size / 64 / dense.simd_blocks, 1};
   d.local = {1, 1};
   d.shape = {1, 1, 0};
-  d.waits = r.qtype == 29;
-  d.scale_offset = scale_offset(r.qtype, r.output_size, r.state_size);
+  d.waits = r.format == weight_format::fp6;
+  d.scale_offset = scale_offset(r.format, r.output_size, r.state_size);
   return d;
 }
 
@@ -320,7 +323,7 @@ linear_decision dense_by_rows(const linear_request& r, const format_plan& plan) 
   d.kernel = wide ? dense.wide : dense.narrow;
   d.waits = wide ? dense.wide_waits : dense.narrow_waits;
   d.row_multiple = 64;
-  d.scale_offset = plan.takes_scale ? scale_offset(r.qtype, r.output_size, r.state_size) : 0;
+  d.scale_offset = plan.takes_scale ? scale_offset(r.format, r.output_size, r.state_size) : 0;
   if (dense.cut == dense_cut::block_of_32 || dense.cut == dense_cut::block_of_64) {
     const uint64_t group = dense.cut == dense_cut::block_of_32 ? 32 : 64;
     d.global = {r.output_size * r.state_size / 256 * group, 1};
@@ -338,7 +341,7 @@ linear_decision dense_by_rows(const linear_request& r, const format_plan& plan) 
 
 linear_decision whole(const linear_request& r, const format_plan& plan) {
   // fp6 has no other kernel: with any other type its host function refuses.
-  const bool by_blocks = plan.dense.simd != nullptr && (half_or_float(r.type) || r.qtype == 29);
+  const bool by_blocks = plan.dense.simd != nullptr && (half_or_float(r.type) || r.format == weight_format::fp6);
   return by_blocks ? dense_by_blocks(r, plan.dense) : dense_by_rows(r, plan);
 }
 
@@ -352,7 +355,7 @@ linear_decision tile(const linear_request& r, const format_plan& plan) {
   d.kernel = wide ? plan.tile.wide : plan.tile.narrow;
   d.waits = wide ? plan.tile.wide_waits : true;
   d.row_multiple = 64;
-  d.scale_offset = scale_offset(r.qtype, r.output_size, r.state_size);
+  d.scale_offset = scale_offset(r.format, r.output_size, r.state_size);
   d.tile_rows = std::min(size, r.output_size);
   d.tiles = r.output_size / size + (r.output_size % size != 0);
   d.global = {d.tile_rows * group, 1};
@@ -376,7 +379,7 @@ bool takes_tiles(const linear_request& r, tile_rule rule) {
 }
 
 linear_decision by_format(const linear_request& r) {
-  const format_plan& plan = plan_of(r.qtype);
+  const format_plan& plan = plan_of(r.format);
   const row_shape shape = class_shape(r.device_class);
   if (r.n == 1) return single_row(r, plan, shape);
   for (const batch_row& row : plan.batch) {
@@ -419,13 +422,13 @@ const char* family_name(kernel_family family) {
 }
 
 linear_decision decide(const linear_request& request) {
-  plan_of(request.qtype);
+  plan_of(request.format);
   if (takes_explicit_simd(request)) return explicit_simd(request);
   if (takes_matrix_engine(request, request.settings.matrix_engine_disabled)) return matrix_engine(request);
   return by_format(request);
 }
 
-linear_decision decide_dense(const linear_request& request) { return dense_by_rows(request, plan_of(request.qtype)); }
+linear_decision decide_dense(const linear_request& request) { return dense_by_rows(request, plan_of(request.format)); }
 
 linear_settings read_settings(const linear_request& request) { return read_settings(request, environment_variable); }
 
@@ -435,7 +438,7 @@ linear_settings read_settings(const linear_request& request, variable_reader var
   const char* disabled = variable("ORRERY_LLM_DOTGRID_DISABLED");
   settings.matrix_engine_disabled = disabled != nullptr && std::strcmp(disabled, "1") == 0;
   if (takes_matrix_engine(request, settings.matrix_engine_disabled)) return settings;
-  const tile_rule rule = plan_of(request.qtype).tile.rule;
+  const tile_rule rule = plan_of(request.format).tile.rule;
   if (rule == tile_rule::never) return settings;
   if (const char* text = variable("TILE_THRESHOLD")) settings.tile_threshold = parse_signed(text);
   if (rule == tile_rule::large_prompt) {

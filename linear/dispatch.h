@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "formats/registry.h"
 #include "linear/launch.h"
 
 namespace orrery {
@@ -31,7 +32,7 @@ struct linear_settings {
 };
 
 struct linear_request {
-  int32_t qtype = 0;
+  weight_format format{};
   c10::ScalarType type = c10::ScalarType::Float;
   int64_t n = 1;
   uint64_t state_size = 0;

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "formats/registry.h"
+
 namespace orrery {
 
 // The template arguments of a single-row instance: sub-group size, work-group size, rows of the weight per group.
@@ -49,7 +51,7 @@ void with_value_type(c10::ScalarType type, F f) {
 }
 
 // Submits the single-row kernel of a format; `type` is Half, Float, Double or BFloat16.
-void launch_single_row(int32_t qtype, const row_shape& shape, c10::ScalarType type, const row_launch& args);
+void launch_single_row(weight_format format, const row_shape& shape, c10::ScalarType type, const row_launch& args);
 
 // Submits the kernel for a few input rows that the dispatch named.
 void launch_batch(std::string_view kernel, const row_shape& shape, c10::ScalarType type, const row_launch& args);

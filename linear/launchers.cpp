@@ -5,31 +5,21 @@ namespace orrery {
 namespace {
 
 struct row {
-  int32_t qtype;
+  weight_format format;
   void (*launch)(const row_shape&, c10::ScalarType, const row_launch&);
 };
 
-// clang-format off
 constexpr row rows[] = {
-    {2,  launch_row_q4_0},
-    {3,  launch_row_q4_1},
-    {6,  launch_row_q5_0},
-    {7,  launch_row_q5_1},
-    {8,  launch_row_q8_0},
-    {10, launch_row_nf4},
-    {11, launch_row_nf3},
-    {15, launch_row_fp8_e4m3},
-    {16, launch_row_fp4},
-    {19, launch_row_fp8_e5m2},
-    {21, launch_row_iq2_xxs},
-    {23, launch_row_q2_k},
-    {24, launch_row_iq1_s},
-    {26, launch_row_q6_k},
-    {27, launch_row_q4_k},
-    {28, launch_row_q5_k},
-    {29, launch_row_fp6},
+    {weight_format::q4_0, launch_row_q4_0},       {weight_format::q4_1, launch_row_q4_1},
+    {weight_format::q5_0, launch_row_q5_0},       {weight_format::q5_1, launch_row_q5_1},
+    {weight_format::q8_0, launch_row_q8_0},       {weight_format::nf4, launch_row_nf4},
+    {weight_format::nf3, launch_row_nf3},         {weight_format::fp8_e4m3, launch_row_fp8_e4m3},
+    {weight_format::fp4, launch_row_fp4},         {weight_format::fp8_e5m2, launch_row_fp8_e5m2},
+    {weight_format::iq2_xxs, launch_row_iq2_xxs}, {weight_format::q2_k, launch_row_q2_k},
+    {weight_format::iq1_s, launch_row_iq1_s},     {weight_format::q6_k, launch_row_q6_k},
+    {weight_format::q4_k, launch_row_q4_k},       {weight_format::q5_k, launch_row_q5_k},
+    {weight_format::fp6, launch_row_fp6},
 };
-// clang-format on
 
 struct batch_row {
   std::string_view kernel;
@@ -48,9 +38,9 @@ constexpr batch_row batch_rows[] = {
 
 }  // namespace
 
-void launch_single_row(int32_t qtype, const row_shape& shape, c10::ScalarType type, const row_launch& args) {
+void launch_single_row(weight_format format, const row_shape& shape, c10::ScalarType type, const row_launch& args) {
   for (const row& r : rows) {
-    if (r.qtype == qtype) return r.launch(shape, type, args);
+    if (r.format == format) return r.launch(shape, type, args);
   }
 }
 

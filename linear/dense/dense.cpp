@@ -17,14 +17,16 @@ namespace orrery {
 namespace {
 
 struct launcher_row {
-  int32_t qtype;
+  weight_format format;
   void (*launch)(c10::ScalarType, const dense_launch&);
 };
 
 constexpr launcher_row launchers[] = {
-    {2, launch_dense_q4_0}, {3, launch_dense_q4_1},      {6, launch_dense_q5_0}, {7, launch_dense_q5_1},
-    {8, launch_dense_q8_0}, {10, launch_dense_nf4},      {11, launch_dense_nf3}, {15, launch_dense_fp8_e4m3},
-    {16, launch_dense_fp4}, {19, launch_dense_fp8_e5m2},
+    {weight_format::q4_0, launch_dense_q4_0}, {weight_format::q4_1, launch_dense_q4_1},
+    {weight_format::q5_0, launch_dense_q5_0}, {weight_format::q5_1, launch_dense_q5_1},
+    {weight_format::q8_0, launch_dense_q8_0}, {weight_format::nf4, launch_dense_nf4},
+    {weight_format::nf3, launch_dense_nf3},   {weight_format::fp8_e4m3, launch_dense_fp8_e4m3},
+    {weight_format::fp4, launch_dense_fp4},   {weight_format::fp8_e5m2, launch_dense_fp8_e5m2},
 };
 
 at::Tensor empty_matrix(uint64_t rows, uint64_t columns, const at::Tensor& weight, at::ScalarType type) {
@@ -38,9 +40,9 @@ at::Tensor product(const at::Tensor& input, const at::Tensor& dense) { return at
 void fill_rows(const at::Tensor& dense, uint64_t first_row, const at::Tensor& weight, const linear_request& request,
                const linear_decision& way) {
   const auto* row = std::find_if(std::begin(launchers), std::end(launchers),
-                                 [&](const launcher_row& l) { return l.qtype == request.qtype; });
+                                 [&](const launcher_row& l) { return l.format == request.format; });
   if (row == std::end(launchers)) {
-    return launch_dequantize_blocks(request.qtype, request.type, request.output_size, request.state_size,
+    return launch_dequantize_blocks(request.format, request.type, request.output_size, request.state_size,
                                     weight.data_ptr(), dense.data_ptr(), weight.device(), way.waits);
   }
   dense_launch args;
@@ -77,7 +79,7 @@ at::Tensor linear_whole(const at::Tensor& input, const at::Tensor& weight, const
                         const linear_decision& way) {
   if (way.shape.sub_group != 1) return product(input, dense_weight(weight, request, way));
   const at::Tensor dense = empty_dense(weight, request);
-  return product(input, dequantize(request.qtype, weight, dense));
+  return product(input, dequantize(request.format, weight, dense));
 }
 
 at::Tensor linear_by_tiles(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,
@@ -99,10 +101,11 @@ at::Tensor linear_by_tiles(const at::Tensor& input, const at::Tensor& weight, co
 at::Tensor dequantize_rows_xpu(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t row_size) {
   const at::Tensor rows = at::empty({input.size(0), input.size(1), row_size},
                                     at::TensorOptions().dtype(at::kFloat).device(weight.device()));
-  if (!has_rows_dequantize(qtype)) return rows;
+  const weight_format format{qtype};
+  if (!has_rows_dequantize(format)) return rows;
   const int64_t* index = input.const_data_ptr<int64_t>();
   check_row("dequantize_rows", row_size, 64);
-  launch_dequantize_rows(qtype, index, input.size(0) * input.size(1), row_size >> 8, weight.data_ptr(),
+  launch_dequantize_rows(format, index, input.size(0) * input.size(1), row_size >> 8, weight.data_ptr(),
                          rows.data_ptr<float>(), weight.device());
   return rows;
 }

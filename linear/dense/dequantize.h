@@ -3,7 +3,7 @@
 
 #include <ATen/core/Tensor.h>
 
-#include <cstdint>
+#include "formats/registry.h"
 
 namespace orrery {
 
@@ -16,6 +16,6 @@ at::Tensor dequantize_fp6(const at::Tensor& weight, const at::Tensor& dense);
 at::Tensor dequantize_fp8_e5m2(const at::Tensor& weight, const at::Tensor& dense);
 
 // The one of these for a format that has one.
-at::Tensor dequantize(int32_t qtype, const at::Tensor& weight, const at::Tensor& dense);
+at::Tensor dequantize(weight_format format, const at::Tensor& weight, const at::Tensor& dense);
 
 }  // namespace orrery

@@ -126,18 +126,19 @@ void launch_blocks(c10::ScalarType type, const blocks_launch& a, const char* fun
 }
 
 struct row {
-  int32_t qtype;
+  weight_format format;
   void (*launch)(c10::ScalarType, const blocks_launch&, const char*);
   const char* name;
 };
 
 constexpr row rows[] = {
-    {21, launch_blocks<qlinear_xpu_dequantize_kernel_iq2_xxs>, "qlinear_xpu_dequantize_kernel_iq2_xxs"},
-    {23, launch_blocks<qlinear_xpu_dequantize_kernel_q2_k>, "qlinear_xpu_dequantize_kernel_q2_k"},
-    {24, launch_blocks<qlinear_xpu_dequantize_kernel_iq1_s>, "qlinear_xpu_dequantize_kernel_iq1_s"},
-    {26, launch_blocks<qlinear_xpu_dequantize_kernel_q6_k>, "qlinear_xpu_dequantize_kernel_q6_k"},
-    {27, launch_blocks<qlinear_xpu_dequantize_kernel_q4_k>, "qlinear_xpu_dequantize_kernel_q4_k"},
-    {28, launch_blocks<qlinear_xpu_dequantize_kernel_q5_k>, "qlinear_xpu_dequantize_kernel_q5_k"},
+    {weight_format::iq2_xxs, launch_blocks<qlinear_xpu_dequantize_kernel_iq2_xxs>,
+     "qlinear_xpu_dequantize_kernel_iq2_xxs"},
+    {weight_format::q2_k, launch_blocks<qlinear_xpu_dequantize_kernel_q2_k>, "qlinear_xpu_dequantize_kernel_q2_k"},
+    {weight_format::iq1_s, launch_blocks<qlinear_xpu_dequantize_kernel_iq1_s>, "qlinear_xpu_dequantize_kernel_iq1_s"},
+    {weight_format::q6_k, launch_blocks<qlinear_xpu_dequantize_kernel_q6_k>, "qlinear_xpu_dequantize_kernel_q6_k"},
+    {weight_format::q4_k, launch_blocks<qlinear_xpu_dequantize_kernel_q4_k>, "qlinear_xpu_dequantize_kernel_q4_k"},
+    {weight_format::q5_k, launch_blocks<qlinear_xpu_dequantize_kernel_q5_k>, "qlinear_xpu_dequantize_kernel_q5_k"},
 };
 
 template <typename Kernel>
@@ -153,22 +154,24 @@ void launch_indexed(const int64_t* index, uint64_t indexes, uint64_t nb_row, con
 
 }  // namespace
 
-void launch_dequantize_blocks(int32_t qtype, c10::ScalarType type, uint64_t output_size, uint64_t state_size,
+void launch_dequantize_blocks(weight_format format, c10::ScalarType type, uint64_t output_size, uint64_t state_size,
                               const void* weight, void* dense, c10::Device device, bool wait) {
   const blocks_launch a{output_size * state_size >> 8, static_cast<const uint8_t*>(weight), dense, device, wait};
   for (const row& r : rows) {
-    if (r.qtype == qtype) return r.launch(type, a, r.name);
+    if (r.format == format) return r.launch(type, a, r.name);
   }
 }
 
-bool has_rows_dequantize(int32_t qtype) { return qtype == 23 || qtype == 27; }
+bool has_rows_dequantize(weight_format format) {
+  return format == weight_format::q2_k || format == weight_format::q4_k;
+}
 
-void launch_dequantize_rows(int32_t qtype, const int64_t* index, uint64_t indexes, uint64_t nb_row, const void* weight,
-                            float* dense, c10::Device device) {
-  if (qtype == 23) {
+void launch_dequantize_rows(weight_format format, const int64_t* index, uint64_t indexes, uint64_t nb_row,
+                            const void* weight, float* dense, c10::Device device) {
+  if (format == weight_format::q2_k) {
     launch_indexed<xpu_dequantize_rows_kernel_q2_k>(index, indexes, nb_row, weight, dense, device,
                                                     "xpu_dequantize_rows_kernel_q2_k");
-  } else if (qtype == 27) {
+  } else if (format == weight_format::q4_k) {
     launch_indexed<xpu_dequantize_rows_kernel_q4_k>(index, indexes, nb_row, weight, dense, device,
                                                     "xpu_dequantize_rows_kernel_q4_k");
   }

@@ -10,8 +10,8 @@
 #include "formats/grid.h"
 #include "formats/registry.h"
 #include "formats/super_block.h"
-#include "module/interpreter_version.h"
 #include "linear/dispatch.h"
+#include "module/interpreter_version.h"
 #include "native_test.h"
 
 namespace py = pybind11;
@@ -55,7 +55,8 @@ py::dict as_dict(const orrery::linear_decision& d) {
 // The decision, and in "read" the variables that were asked for, in order.
 py::dict decide(int32_t qtype, const std::string& type, int64_t n, uint64_t state_size, uint64_t output_size,
                 int64_t seq_hint, uint32_t device_class, const std::map<std::string, std::string>& environment) {
-  orrery::linear_request request{qtype, scalar_type(type), n, state_size, output_size, seq_hint, device_class, {}};
+  orrery::linear_request request{
+      orrery::weight_format{qtype}, scalar_type(type), n, state_size, output_size, seq_hint, device_class, {}};
   variables = environment;
   variables_read.clear();
   request.settings = orrery::read_settings(request, read_variable);
@@ -160,11 +161,15 @@ PYBIND11_MODULE(orrery_dispatch, m) {
   m.def("version_fits", version_fits);
   m.def("block_values", values_of);
   m.def("block_dots", dots_of);
-  m.def("rows_of_weight", orrery::rows_of_weight);
-  m.def("scale_offset", orrery::scale_offset);
+  m.def("rows_of_weight", [](int32_t code, uint64_t bytes, uint64_t state_size) {
+    return orrery::rows_of_weight(orrery::weight_format{code}, bytes, state_size);
+  });
+  m.def("scale_offset", [](int32_t code, uint64_t output_size, uint64_t state_size) {
+    return orrery::scale_offset(orrery::weight_format{code}, output_size, state_size);
+  });
   m.def("fp6_second_plane", orrery::fp6_second_plane);
   m.def("format_name", [](int32_t code) {
-    const orrery::format_row* row = orrery::find_weight_format(code);
+    const orrery::format_row* row = orrery::find_weight_format(orrery::weight_format{code});
     return row == nullptr ? std::string() : std::string(row->name);
   });
   m.attr("block_elems") = py::cast(orrery::block_elems);
