@@ -114,7 +114,7 @@ class launch_run {
 }  // namespace
 
 // Made on each thread, not by one for all: threads begin together, so that the others would wait or make their own all
-// the same. For a row of 4096 floats it is 1 us of 370.
+// the same. A row of 4096 floats takes 4 us of a product's 360, one of 576 takes 0.6 us of 25.
 char* launch_scratch(const void* place, size_t bytes, bool& fresh) {
   fresh = mine.scratch_launch != mine.launch;
   if (!fresh && (place != mine.scratch_place || bytes != mine.scratch_bytes)) {
