@@ -179,6 +179,21 @@ def test_openmp_threads_sleep_soon_after_a_parallel_region():
     check_python(source)
 
 
+def test_openmp_manages_more_threads_than_there_are_processors():
+    # The launch's own worker, the thread that keeps OpenMP's team, and the team's others.
+    check_python("""
+        import os, pathlib
+        import torch
+        import orrery_native_tests as native
+
+        torch.set_num_threads(2)
+        before = len(list(pathlib.Path("/proc/self/task").iterdir()))
+        native.groups_run(300, 0, 1)
+        more = len(list(pathlib.Path("/proc/self/task").iterdir())) - before
+        assert more == 2 + len(os.sched_getaffinity(0)), more
+        """)
+
+
 def test_settings_of_openmp_are_left_alone():
     count = """
         import pathlib
