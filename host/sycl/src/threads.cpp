@@ -6,11 +6,11 @@
 // Measured with SmolLM2-135M in q4_0, 2 threads on 2 cores (Xeon with AVX512-FP16), tokens per second of an answer:
 //
 //                                               alone   one busy loop   two
-//   this                                          144              90    50
+//   this                                          139              89    52
 //   OpenMP's parallel regions                     146         7 to 14    51
 //   oneTBB, pieces of the same size               133              74    37
 //   PyTorch's inter-op pool, pieces taken alike    84              79    66
-//   one thread                                     78              78    50
+//   one thread                                     76              77    54
 #include "threads.hpp"
 
 #include <pthread.h>
