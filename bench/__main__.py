@@ -56,9 +56,8 @@ def _operators(peers_alone: bool):
 def main(argv: list[str] | None = None) -> int:
     arguments = _arguments(argv)
     torch.set_num_threads(arguments.threads)
-    loads = (arguments.load,) if arguments.load else ()
     ops = _operators(arguments.peers)
-    setting = Setting(ops, arguments.threads, arguments.quick, measure.Flush(), arguments.model, loads)
+    setting = Setting(ops, arguments.threads, arguments.quick, measure.Flush(), arguments.model, arguments.load)
     machine = measure.machine(arguments.threads) | ({"busy loops": arguments.load} if arguments.load else {})
     if machine["load_average"] > 0.5:
         print("Other work is running on this machine: the numbers will be worse than it can do.", file=sys.stderr)

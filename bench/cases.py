@@ -45,7 +45,7 @@ class Setting:
     quick: bool
     flush: Flush
     model: Path | None
-    loads: tuple[int, ...] = ()  # numbers of busy loops that were asked for
+    load: int = 0  # busy loops that were asked for
 
     def runs(self, full: int) -> int:
         return max(3, full // 8) if self.quick else full
@@ -348,25 +348,21 @@ def threads(setting: Setting) -> list[Row]:
     if setting.ops is None:
         return []
     rows = [_product_by_threads(setting)]
-    return rows + decode.crowded_rows(setting.threads, setting.loads or (1, 2), setting.quick, setting.model)
+    return rows + decode.crowded_rows(setting.threads, (setting.load,) if setting.load else (1, 2), setting.quick, setting.model)
 
 
 def _product_by_threads(setting: Setting) -> Row:
     data, _ = random_weight(FORMATS["q4_0"], 4096, 4096)
     weight, x = data.to("xpu"), torch.randn(1, 4096).to("xpu")
 
-    def product() -> None:
+    def product(count: int) -> None:
+        torch.set_num_threads(count)  # less than a microsecond
         setting.ops.forward_new(x, weight, FORMATS["q4_0"].code, 1)
 
-    seconds: dict[int, list[float]] = {1: [], setting.threads: []}
-    for _ in range(setting.runs(64)):
-        for count, samples in seconds.items():
-            torch.set_num_threads(count)
-            samples.append(interleaved({"": product}, 4)[""])
+    seconds = interleaved({count: partial(product, count) for count in (1, setting.threads)}, setting.runs(256))
     torch.set_num_threads(setting.threads)
-    one, all_ = median(seconds[1]), median(seconds[setting.threads])
     name = f"q4_0 4096x4096, {setting.threads} threads"
-    return Row(name, all_, one, "1 thread", bars=[Bar("speed", 1.7)])
+    return Row(name, seconds[setting.threads], seconds[1], "1 thread", bars=[Bar("speed", 1.7)])
 
 
 CASES: dict[str, Callable[[Setting], list[Row]]] = {
