@@ -20,8 +20,7 @@ template <typename Format, typename T, dot_tree Tree, int Rows>
 struct dot_kernel {
   static constexpr int sub_group_size = 32;
   static constexpr bool has_barriers = Tree == dot_tree::in_type && lanes_of<dot_kernel> == 1;
-  static constexpr int rows = Rows;
-  static constexpr dot_tree tree = Tree;
+  static constexpr int dimensions = Rows > 1 ? 2 : 1;
 
   uint64_t output_size = 0;
   uint32_t blocks = 0;  // of a row
@@ -29,6 +28,15 @@ struct dot_kernel {
   const uint8_t* activations = nullptr;
   T* y = nullptr;
   sycl::local_accessor<T> partial;  // 32 per row, in_type only
+
+  void bind(const linear_decision&, const linear_operands& on, sycl::handler& h) {
+    output_size = on.output_size;
+    blocks = static_cast<uint32_t>(on.state_size / 256);
+    weight = on.weight;
+    activations = static_cast<const uint8_t*>(on.x);
+    y = static_cast<T*>(on.y);
+    if (Tree == dot_tree::in_type) partial = sycl::local_accessor<T>(sycl::range<1>(32 * Rows), h);
+  }
 
   template <typename Item>
   void operator()(const Item& item) const {

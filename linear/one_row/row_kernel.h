@@ -6,7 +6,6 @@
 
 #include "includes/item.h"
 #include "linear/launch.h"
-#include "utils.h"
 
 namespace orrery {
 
@@ -18,6 +17,12 @@ struct row_arguments {
   const T* x = nullptr;
   T* y = nullptr;
   uint64_t n = 1;  // input rows
+
+  void take(const linear_decision& way, const linear_operands& on) {
+    *this = {
+        on.state_size, on.output_size, on.weight, way.scale_offset, static_cast<const T*>(on.x), static_cast<T*>(on.y),
+        on.n};
+  }
 };
 
 // A work-group owns R rows of W and K input rows, a work-item takes Format::run elements of each in a pass. All
@@ -27,12 +32,21 @@ template <typename Format, typename T, int SG, int WG, int R, int K = 1>
 struct row_kernel : row_arguments<T> {
   static constexpr int sub_group_size = SG;
   static constexpr bool has_barriers = lanes_of<row_kernel> == 1;
+  static constexpr int dimensions = K;
   static constexpr int run = Format::run;
   static constexpr int runs_per_block = 64 / run;
   static constexpr int chunk = WG * run;
   static constexpr int inputs = run + (Format::has_offset ? 1 : 0);  // vectors of a pass: the terms, then their sum
 
   sycl::local_accessor<T, K> partial;  // R rows of WG for each input row
+
+  void bind(const linear_decision& way, const linear_operands& on, sycl::handler& h) {
+    this->take(way, on);
+    sycl::range<K> size;
+    size[0] = K;
+    size[K - 1] = R * WG;
+    partial = sycl::local_accessor<T, K>(size, h);
+  }
 
   template <typename Item>
   void operator()(const Item& item) const {
@@ -248,9 +262,15 @@ template <typename Format, typename T, int SG, int WG>
 struct block_row_kernel : row_arguments<T> {
   static constexpr int sub_group_size = SG;
   static constexpr bool has_barriers = lanes_of<block_row_kernel> == 1;
+  static constexpr int dimensions = 1;
   static constexpr int blocks_per_pass = WG / 32;
 
   sycl::local_accessor<T> partial;  // WG
+
+  void bind(const linear_decision& way, const linear_operands& on, sycl::handler& h) {
+    this->take(way, on);
+    partial = sycl::local_accessor<T>(sycl::range<1>(WG), h);
+  }
 
   template <typename Item>
   void operator()(const Item& item) const {
@@ -290,36 +310,5 @@ struct block_row_kernel : row_arguments<T> {
     high = Format::template value<T>(b, block);
   }
 };
-
-template <typename T>
-row_arguments<T> arguments_of(const row_launch& a) {
-  return {a.state_size, a.output_size, a.weight, a.scale_offset, static_cast<const T*>(a.x), static_cast<T*>(a.y), a.n};
-}
-
-// Launches the instance of `Kernel` that `T`, the rows a group R and the arguments ask for.
-template <typename Kernel, typename T>
-void launch_row_kernel(const row_launch& a, int work_group, int rows, const char* function) {
-  const size_t groups = (a.output_size + rows - 1) / rows;
-  launch(a.device, sycl::nd_range<1>(groups * work_group, work_group), {"linear_xpu_kernel", function},
-         [&](sycl::handler& h) {
-           Kernel kernel;
-           static_cast<row_arguments<T>&>(kernel) = arguments_of<T>(a);
-           kernel.partial = sycl::local_accessor<T>(sycl::range<1>(rows * work_group), h);
-           return kernel;
-         });
-}
-
-// The instances of a family with sub-groups of 16 and 32, `Rows` rows a group.
-template <template <typename, int, int> typename Kernel, int Rows>
-void launch_rows(const row_shape& shape, c10::ScalarType type, const row_launch& a, const char* function) {
-  with_value_type(type, [&](auto t) {
-    using T = decltype(t);
-    if (shape.sub_group == 32) {
-      launch_row_kernel<Kernel<T, 32, 64>, T>(a, 64, Rows, function);
-    } else {
-      launch_row_kernel<Kernel<T, 16, 32>, T>(a, 32, Rows, function);
-    }
-  });
-}
 
 }  // namespace orrery
