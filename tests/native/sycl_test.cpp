@@ -268,7 +268,6 @@ std::vector<int> some_go(const std::string& how, size_t local, const std::vector
 }
 
 struct throwing_kernel {
-  static constexpr int sub_group_size = 1;
   size_t at;
   const std::string* what;
   std::vector<int>* started;
