@@ -10,8 +10,8 @@
 #include <system_error>
 #include <thread>
 
-// From GNU OpenMP's own interface. A compiler's pragma may ask for another library, and a parallel region without a body
-// is removed.
+// From GNU OpenMP's own interface. A compiler's pragma may ask for another library, and a parallel region without a
+// body is removed.
 extern "C" {
 int omp_get_num_procs();
 void GOMP_parallel(void (*body)(void*), void* data, unsigned threads, unsigned flags);
