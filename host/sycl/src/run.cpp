@@ -94,7 +94,7 @@ class launch_run {
     const kernel_scope scope(aligned(mine.local, plan_.local_memory));
     group_state g;
     g.strands = strands_;
-    if (shuffle_) g.lane_shift = 1 + static_cast<int>(seed_ % 7);
+    g.lanes_mixed = shuffle_;
     if (shuffle_ || (plan_.barriers && strands_ > 1)) {
       for (size_t at = begin; at < end; ++at) one_group(g, at);
     } else {

@@ -23,8 +23,8 @@ enum class strand_state : uint8_t { ready, at_group_barrier, at_sub_group, finis
 struct group_state {
   size_t group[3] = {0, 0, 0};
   int strands = 0;
-  int arrived = 0;     // strands at the end of the group, see lane_item::when_last
-  int lane_shift = 0;  // by which the lanes of a sub-group are turned against its work-items, see sub_group_of
+  int arrived = 0;           // strands at the end of the group, see lane_item::when_last
+  bool lanes_mixed = false;  // the lanes of a sub-group are not in the order of its work-items, see sub_group
   // The values of lane_item::once_a_launch: where they lie, the place in the kernel that made them, and their size.
   char* scratch = nullptr;
   const void* scratch_place = nullptr;
@@ -87,17 +87,26 @@ class sub_group {
   friend void group_barrier(const sub_group& g);
 
   sub_group() = default;
+  // Which work-item is which lane is nothing to rely on. Mixed lanes take every other work-item first, which a
+  // butterfly shows; it would not show lanes that are turned or mirrored.
+  uint32_t lane_of(uint32_t place) const {
+    return state_->lanes_mixed ? place / 2 + (place % 2) * ((size_ + 1) / 2) : place;
+  }
+  uint32_t place_of(uint32_t lane) const {
+    const uint32_t even = (size_ + 1) / 2;
+    if (!state_->lanes_mixed) return lane;
+    return lane < even ? 2 * lane : 2 * (lane - even) + 1;
+  }
   void barrier() const { detail::meet(*state_, strand_, detail::strand_state::at_sub_group); }
 
   detail::group_state* state_;
   int strand_;
-  uint32_t first_strand_, shift_, lane_, size_, number_, count_;
+  uint32_t first_strand_, lane_, size_, number_, count_;
 };
 
 namespace detail {
 
-// The sub-group of a strand that is one work-item. The last one of a group may be smaller than `sub_group_size`. Which
-// work-item is which lane is nothing to rely on, so a shuffled schedule turns the lanes.
+// The sub-group of a strand that is one work-item. The last one of a group may be smaller than `sub_group_size`.
 template <int D>
 sub_group sub_group_of(const item_base<D>& at, int sub_group_size) {
   const size_t items = at.ranges->get_local_range().size(), place = at.local_linear % sub_group_size;
@@ -106,9 +115,8 @@ sub_group sub_group_of(const item_base<D>& at, int sub_group_size) {
   sg.state_ = at.state;
   sg.strand_ = at.strand;
   sg.first_strand_ = static_cast<uint32_t>(at.strand - place);
-  sg.shift_ = static_cast<uint32_t>(at.state->lane_shift % size);
-  sg.lane_ = static_cast<uint32_t>((place + sg.shift_) % size);
   sg.size_ = static_cast<uint32_t>(size);
+  sg.lane_ = sg.lane_of(static_cast<uint32_t>(place));
   sg.number_ = static_cast<uint32_t>(at.local_linear / sub_group_size);
   sg.count_ = static_cast<uint32_t>((items + sub_group_size - 1) / sub_group_size);
   return sg;
@@ -125,7 +133,7 @@ T value_of_lane(const sub_group& sg, T value, size_t lane) {
   char* slots = exchange(*sg.state_, sg.strand_);
   std::memcpy(slots + exchange_slot * sg.strand_, &value, sizeof(T));
   sg.barrier();
-  const size_t strand = sg.first_strand_ + (lane + sg.size_ - sg.shift_) % sg.size_;
+  const size_t strand = sg.first_strand_ + sg.place_of(static_cast<uint32_t>(lane));
   std::memcpy(&value, slots + exchange_slot * strand, sizeof(T));
   return value;
 }
