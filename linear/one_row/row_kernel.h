@@ -269,10 +269,8 @@ struct row_kernel : row_arguments<T> {
 
   void bind(const linear_decision& way, const linear_operands& on, sycl::handler& h) {
     this->take(way, on);
-    sycl::range<K> size;
-    size[0] = K;
-    size[K - 1] = R * WG;
-    partial = sycl::local_accessor<T, K>(size, h);
+    constexpr size_t row = R * WG, sizes[] = {K == 1 ? row : K, row};
+    partial = sycl::local_accessor<T, K>(range_of<K>(sizes), h);
   }
 
   template <typename Item>
