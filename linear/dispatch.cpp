@@ -430,6 +430,8 @@ linear_decision decide(const linear_request& request) {
 
 linear_decision decide_dense(const linear_request& request) { return dense_by_rows(request, plan_of(request.format)); }
 
+linear_decision decide_matrix_engine(const linear_request& request) { return matrix_engine(request); }
+
 linear_settings read_settings(const linear_request& request) { return read_settings(request, environment_variable); }
 
 linear_settings read_settings(const linear_request& request, variable_reader variable) {

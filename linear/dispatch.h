@@ -65,6 +65,9 @@ linear_decision decide(const linear_request& request);
 // The ordinary kernel that makes a dense weight, whatever the type; of no use for fp6, which has none.
 linear_decision decide_dense(const linear_request& request);
 
+// The matrix engine's launch for any request; `output_size` has to be a multiple of its columns, which the launch checks.
+linear_decision decide_matrix_engine(const linear_request& request);
+
 // Reads from the environment exactly what the way of this request reads, in its order. A malformed number throws
 // std::invalid_argument or std::out_of_range, also where the number would not matter.
 linear_settings read_settings(const linear_request& request);

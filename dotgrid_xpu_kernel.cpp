@@ -1,0 +1,101 @@
+// Products of a few input rows on the matrix engine: the table of instances and their launch. The kernel stands in
+// linear/engine/dotgrid_kernel.h, the engine itself in includes/matrix_engine.h.
+#include <ATen/ops/empty.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "includes/assertion.h"
+#include "linear/engine/dotgrid.h"
+#include "linear/engine/dotgrid_kernel.h"
+#include "utils.h"
+
+namespace orrery {
+namespace {
+
+struct arguments {
+  const void* x;
+  const uint8_t* quants;
+  const uint8_t* scales;
+  void* y;
+  const linear_request& request;
+  const linear_decision& way;
+  c10::Device device;
+};
+
+template <typename T, typename C, typename P, int tail, int N>
+void launch_dotgrid(const arguments& a) {
+  using kernel = dotgrid_forward_kernel<T, C, float, P, tail, N, 8>;
+  constexpr int QK = kernel::QK;
+  const uint64_t state_size = a.request.state_size, output_size = a.request.output_size;
+  ORRERY_ASSERT(output_size % N == 0);
+  ORRERY_ASSERT(state_size % QK == 0);
+  const uint64_t nb = state_size / QK;
+  const auto make = [&](sycl::handler& h) {
+    return kernel{static_cast<const T*>(a.x),
+                  a.quants,
+                  a.scales,
+                  static_cast<T*>(a.y),
+                  nb,
+                  (nb + kernel::slices - 1) / kernel::slices,
+                  output_size,
+                  a.request.format,
+                  sycl::local_accessor<P>(sycl::range<1>(8 * kernel::slices * N), h)};
+  };
+  const linear_decision& way = a.way;
+  launch(a.device, sycl::nd_range<2>({way.global[0], way.global[1]}, {way.local[0], way.local[1]}),
+         {"dotgrid_xpu_kernel", way.kernel}, make, way.record, way.waits);
+}
+
+// By the rows of the last tile: entry i is for i rows, entry 0 for 8.
+using launchers = std::array<void (*)(const arguments&), 8>;
+
+template <typename T, typename C, typename P, int N, int... I>
+constexpr launchers by_tail(std::integer_sequence<int, I...>) {
+  return {launch_dotgrid < T, C, P, I == 0 ? 8 : I, N > ...};
+}
+
+struct type_row {
+  c10::ScalarType type;
+  launchers narrow, wide;  // 8 and 16 columns
+};
+
+template <typename T, typename C, typename P>
+constexpr type_row row_of(c10::ScalarType type) {
+  constexpr auto tails = std::make_integer_sequence<int, 8>();
+  return {type, by_tail<T, C, P, 8>(tails), by_tail<T, C, P, 16>(tails)};
+}
+
+constexpr type_row rows[] = {
+    row_of<c10::Half, c10::Half, c10::Half>(c10::kHalf),
+    row_of<float, c10::Half, c10::Half>(c10::kFloat),
+    row_of<c10::BFloat16, c10::BFloat16, c10::BFloat16>(c10::kBFloat16),
+};
+
+// No exception, and no destructors: other threads of the runtime may be at work.
+[[noreturn]] void refuse_type() {
+  std::fputs("unsupported dtype\n", stderr);
+  std::fflush(stderr);
+  std::_Exit(2);
+}
+
+}  // namespace
+
+at::Tensor dotgrid_forward(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,
+                           const linear_decision& way) {
+  const at::Tensor result = at::empty({request.n, static_cast<int64_t>(request.output_size)},
+                                      at::TensorOptions().dtype(input.scalar_type()).device(weight.device()));
+  const auto* quants = static_cast<const uint8_t*>(weight.data_ptr());
+  for (const type_row& row : rows) {
+    if (row.type != request.type) continue;
+    const launchers& instances = way.shape.rows == 16 ? row.wide : row.narrow;
+    instances[way.tail % 8](
+        {input.data_ptr(), quants, quants + way.scale_offset, result.data_ptr(), request, way, weight.device()});
+    return result;
+  }
+  refuse_type();
+}
+
+}  // namespace orrery
