@@ -8,18 +8,28 @@
 
 namespace orrery::formats {
 
+// The value of code p of each byte.
+template <typename Format, typename C, int N>
+simd<C, N> values_of_bytes(const simd<uint8_t, N>& bytes, int p) {
+  if constexpr (requires { Format::template signed_bytes<C>(bytes); }) {
+    return Format::template signed_bytes<C>(bytes);
+  } else {
+    return Format::template unscaled<C>(Format::byte_code(convert<uint32_t>(bytes), p));
+  }
+}
+
 // One block of N neighbouring rows, whose codes lie `row_bytes` apart, as operand B of its four operations: elements e
 // and e + 1 (e even) of column j are the unit j behind b + e * N.
 template <typename Format, typename C, int N>
 __attribute__((noinline)) void read_operands(const uint8_t* codes, uint64_t row_bytes,
                                              matrix_engine::operand_element<C>* b) {
-  alignas(64) uint8_t pairs[Format::quant_bytes * N];
+  alignas(64) uint8_t pairs[64 * N];
   interleave_pairs<N, Format::quant_bytes>(codes, row_bytes, pairs);
   ORRERY_UNROLL for (int j = 0; j < Format::quant_bytes; j += 2) {
-    const auto byte = convert<uint32_t>(simd<uint8_t, 2 * N>::load(pairs + j * N));
+    const auto bytes = simd<uint8_t, 2 * N>::load(pairs + interleaved_at<N>(j / 2));
     ORRERY_UNROLL for (int p = 0; p < Format::codes_per_byte; ++p) {
-      const auto value = Format::template unscaled<C>(Format::byte_code(byte, p));
-      convert<matrix_engine::operand_element<C>>(value).store(b + Format::byte_element(j, p) * N);
+      const auto values = values_of_bytes<Format, C>(bytes, p);
+      convert<matrix_engine::operand_element<C>>(values).store(b + Format::byte_element(j, p) * N);
     }
   }
 }

@@ -7,7 +7,7 @@ namespace orrery {
 
 namespace detail {
 
-#ifdef __AVX512BW__
+#ifdef ORRERY_LANE_MASKS
 // Eight rows of four times eight 16-bit units, transposed in each quarter: chunk q of out[i] has unit 8q + i of rows 0
 // to 7.
 ORRERY_INLINE inline void transpose_quarters(const __m512i (&row)[8], __m512i (&out)[8]) {
@@ -31,38 +31,37 @@ ORRERY_INLINE inline void transpose_quarters(const __m512i (&row)[8], __m512i (&
 
 }  // namespace detail
 
-// Pairs of bytes of N rows, which lie `stride` bytes apart: pair p of row j goes to out + 2 (p * N + j). A multiple of
-// 8 rows of 32 or 64 bytes.
+// Where interleave_pairs puts pair p of its first row.
+template <int N>
+constexpr int interleaved_at(int p) {
+  return (p % 8 * 4 + p / 8) * 16 * (N / 8);
+}
+
+// Pairs of bytes of N rows, which lie `stride` bytes apart: pair p of row j goes to out + interleaved_at<N>(p) + 2 j. The
+// rows are a multiple of 8, of 32 or 64 bytes; `out` has room for 64 bytes a row.
 template <int N, int Bytes>
 ORRERY_INLINE inline void interleave_pairs(const uint8_t* rows, uint64_t stride, uint8_t* out) {
-#ifdef __AVX512BW__
-  // Rows of 32 bytes fill half a vector, the same rows' other half is not looked at: two rows a vector would save 8 of
-  // 24 shuffles and take 4 more loads.
+#ifdef ORRERY_LANE_MASKS
+  // Rows of 32 bytes fill half a vector each, and the other half is shuffled for nothing.
   ORRERY_UNROLL for (int j = 0; j < N; j += 8) {
     __m512i row[8], all[8];
     ORRERY_UNROLL for (int r = 0; r < 8; ++r) {
-      const uint8_t* p = rows + (j + r) * stride;
-      if constexpr (Bytes == 64) {
-        row[r] = _mm512_loadu_si512(p);
-      } else {
-        row[r] = _mm512_maskz_loadu_epi64(0x0F, p);
-      }
+      row[r] = _mm512_maskz_loadu_epi64(Bytes == 64 ? 0xFF : 0x0F, rows + (j + r) * stride);
     }
     detail::transpose_quarters(row, all);
     ORRERY_UNROLL for (int i = 0; i < 8; ++i) {
-      const auto store = [&](int q, auto units) { std::memcpy(out + 2 * ((8 * q + i) * N + j), &units, 16); };
-      const auto units = (detail::vector_t<int64_t, 8>)all[i];
-      store(0, __builtin_shufflevector(units, units, 0, 1));
-      store(1, __builtin_shufflevector(units, units, 2, 3));
-      if constexpr (Bytes == 64) {
-        store(2, __builtin_shufflevector(units, units, 4, 5));
-        store(3, __builtin_shufflevector(units, units, 6, 7));
+      if constexpr (N == 8) {
+        _mm512_storeu_si512(out + i * 64, all[i]);
+      } else {
+        ORRERY_UNROLL for (int q = 0; q < Bytes / 16; ++q) {
+          std::memcpy(out + interleaved_at<N>(8 * q + i) + 2 * j, reinterpret_cast<const char*>(&all[i]) + 16 * q, 16);
+        }
       }
     }
   }
 #else
   for (int p = 0; p < Bytes / 2; ++p) {
-    for (int j = 0; j < N; ++j) std::memcpy(out + 2 * (p * N + j), rows + j * stride + 2 * p, 2);
+    for (int j = 0; j < N; ++j) std::memcpy(out + interleaved_at<N>(p) + 2 * j, rows + j * stride + 2 * p, 2);
   }
 #endif
 }

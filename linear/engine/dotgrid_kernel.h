@@ -70,9 +70,20 @@ struct dotgrid_forward_kernel {
     const auto inputs = tiles_of_input(item, a);
     for (uint64_t block = first; block < last; ++block) {
       const uint64_t at = column * nb + block;
+      ask_for_weights<Format>(at);
       formats::read_operands<Format, C, N>(quants + at * Format::quant_bytes, nb * Format::quant_bytes, b);
       matrix_engine::add_block<R, N, element>(sum, inputs.template operand<R>(block), b,
                                               formats::read_scales<Format, N>(scales, at, nb));
+    }
+  }
+
+  // The block of the columns whose turn it is: these on a device, whose work-items wait for memory by turns. On the host
+  // the next group's, as this group's are a stretch of memory that is streamed once.
+  template <typename Format>
+  ORRERY_INLINE void ask_for_weights(uint64_t at) const {
+    if constexpr (last_finishes) at += N * nb;
+    ORRERY_UNROLL for (int j = 0; j < N; ++j) {
+      __builtin_prefetch(quants + (at + j * nb) * Format::quant_bytes, 0, 2);
     }
   }
 
