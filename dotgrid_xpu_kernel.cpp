@@ -10,47 +10,34 @@
 #include "includes/assertion.h"
 #include "linear/engine/dotgrid.h"
 #include "linear/engine/dotgrid_kernel.h"
-#include "utils.h"
+#include "linear/launch.h"
 
 namespace orrery {
 namespace {
 
-struct arguments {
-  const void* x;
-  const uint8_t* quants;
-  const uint8_t* scales;
-  void* y;
-  const linear_request& request;
-  const linear_decision& way;
-  c10::Device device;
-};
-
 template <typename T, typename C, typename P, int tail, int N>
-void launch_dotgrid(const arguments& a) {
+void launch_dotgrid(weight_format format, const linear_decision& way, const linear_operands& on) {
   using kernel = dotgrid_forward_kernel<T, C, float, P, tail, N, 8>;
   constexpr int QK = kernel::QK;
-  const uint64_t state_size = a.request.state_size, output_size = a.request.output_size;
+  const uint64_t state_size = on.state_size, output_size = on.output_size;
   ORRERY_ASSERT(output_size % N == 0);
   ORRERY_ASSERT(state_size % QK == 0);
   const uint64_t nb = state_size / QK;
-  const auto make = [&](sycl::handler& h) {
-    return kernel{static_cast<const T*>(a.x),
-                  a.quants,
-                  a.scales,
-                  static_cast<T*>(a.y),
+  launch_decided<2>(way, on.device, {"dotgrid_xpu_kernel", way.kernel}, [&](sycl::handler& h) {
+    return kernel{static_cast<const T*>(on.x),
+                  on.weight,
+                  on.weight + way.scale_offset,
+                  static_cast<T*>(on.y),
                   nb,
                   (nb + kernel::slices - 1) / kernel::slices,
                   output_size,
-                  a.request.format,
-                  sycl::local_accessor<P>(sycl::range<1>(8 * kernel::slices * N), h)};
-  };
-  const linear_decision& way = a.way;
-  launch(a.device, sycl::nd_range<2>({way.global[0], way.global[1]}, {way.local[0], way.local[1]}),
-         {"dotgrid_xpu_kernel", way.kernel}, make, way.record, way.waits);
+                  format,
+                  sycl::local_accessor<P>(sycl::range<1>(kernel::partial_sums), h)};
+  });
 }
 
 // By the rows of the last tile: entry i is for i rows, entry 0 for 8.
-using launchers = std::array<void (*)(const arguments&), 8>;
+using launchers = std::array<void (*)(weight_format, const linear_decision&, const linear_operands&), 8>;
 
 template <typename T, typename C, typename P, int N, int... I>
 constexpr launchers by_tail(std::integer_sequence<int, I...>) {
@@ -87,12 +74,18 @@ at::Tensor dotgrid_forward(const at::Tensor& input, const at::Tensor& weight, co
                            const linear_decision& way) {
   const at::Tensor result = at::empty({request.n, static_cast<int64_t>(request.output_size)},
                                       at::TensorOptions().dtype(input.scalar_type()).device(weight.device()));
-  const auto* quants = static_cast<const uint8_t*>(weight.data_ptr());
+  const linear_operands on{.type = request.type,
+                           .n = static_cast<uint64_t>(request.n),
+                           .state_size = request.state_size,
+                           .output_size = request.output_size,
+                           .weight = static_cast<const uint8_t*>(weight.data_ptr()),
+                           .x = input.data_ptr(),
+                           .y = result.data_ptr(),
+                           .device = weight.device()};
   for (const type_row& row : rows) {
     if (row.type != request.type) continue;
     const launchers& instances = way.shape.rows == 16 ? row.wide : row.narrow;
-    instances[way.tail % 8](
-        {input.data_ptr(), quants, quants + way.scale_offset, result.data_ptr(), request, way, weight.device()});
+    instances[way.tail % 8](request.format, way, on);
     return result;
   }
   refuse_type();

@@ -37,8 +37,8 @@ constexpr int interleaved_at(int p) {
   return (p % 8 * 4 + p / 8) * 16 * (N / 8);
 }
 
-// Pairs of bytes of N rows, which lie `stride` bytes apart: pair p of row j goes to out + interleaved_at<N>(p) + 2 j. The
-// rows are a multiple of 8, of 32 or 64 bytes; `out` has room for 64 bytes a row.
+// Pairs of bytes of N rows, which lie `stride` bytes apart: pair p of row j goes to out + interleaved_at<N>(p) + 2 j.
+// The rows are a multiple of 8, of 32 or 64 bytes; `out` has room for 64 bytes a row.
 template <int N, int Bytes>
 ORRERY_INLINE inline void interleave_pairs(const uint8_t* rows, uint64_t stride, uint8_t* out) {
 #ifdef ORRERY_LANE_MASKS

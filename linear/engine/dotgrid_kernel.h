@@ -9,6 +9,7 @@
 #include "formats/registry.h"
 #include "includes/item.h"
 #include "includes/matrix_engine.h"
+#include "includes/simd/prefetch.h"
 
 namespace orrery {
 
@@ -21,6 +22,7 @@ struct dotgrid_forward_kernel {
   static constexpr bool has_barriers = !last_finishes;
   static constexpr int QK = matrix_engine::block;
   static constexpr int slices = depth;
+  static constexpr int partial_sums = depth * slices * N;
   using element = matrix_engine::operand_element<C>;
 
   const T* x;
@@ -70,20 +72,19 @@ struct dotgrid_forward_kernel {
     const auto inputs = tiles_of_input(item, a);
     for (uint64_t block = first; block < last; ++block) {
       const uint64_t at = column * nb + block;
-      ask_for_weights<Format>(at);
+      if constexpr (last_finishes) ask_for_next<Format>(at);
       formats::read_operands<Format, C, N>(quants + at * Format::quant_bytes, nb * Format::quant_bytes, b);
       matrix_engine::add_block<R, N, element>(sum, inputs.template operand<R>(block), b,
                                               formats::read_scales<Format, N>(scales, at, nb));
     }
   }
 
-  // The block of the columns whose turn it is: these on a device, whose work-items wait for memory by turns. On the host
-  // the next group's, as this group's are a stretch of memory that is streamed once.
+  // The next group's weights, a block of them for each block of this group's: a thread takes groups in order, and
+  // memory is too far for what is asked for only a block ahead.
   template <typename Format>
-  ORRERY_INLINE void ask_for_weights(uint64_t at) const {
-    if constexpr (last_finishes) at += N * nb;
+  ORRERY_INLINE void ask_for_next(uint64_t block) const {
     ORRERY_UNROLL for (int j = 0; j < N; ++j) {
-      __builtin_prefetch(quants + (at + j * nb) * Format::quant_bytes, 0, 2);
+      prefetch_far<Format::quant_bytes>(quants + (block + (N + j) * nb) * Format::quant_bytes);
     }
   }
 

@@ -771,4 +771,5 @@ PYBIND11_MODULE(orrery_native_tests, m) {
 #endif
   bind_simd(m);
   bind_formats(m);
+  bind_matrix_engine(m);
 }
