@@ -3,6 +3,7 @@
 
 #include "formats/bytes.h"
 #include "formats/codebook.h"
+#include "formats/registry.h"
 #include "includes/matrix_engine.h"
 #include "includes/simd/interleave.h"
 

@@ -3,6 +3,7 @@ rigorous bounds."""
 
 from __future__ import annotations
 
+import ctypes
 import itertools
 import subprocess
 import sys
@@ -23,10 +24,16 @@ STATES = (64, 448, 512, 576, 1088)  # 1, 7, 8, 9 and 17 blocks
 
 
 def run(case: dot.Case, wide: bool = False) -> np.ndarray:
+    """The product, into memory of NaN; what lies behind it stays as it is."""
     inputs, weight = case.tensors
-    leave_nan_behind((len(case.x), case.rows), ref.DTYPES[case.dtype])
+    marks = bytes(range(1, 256)) * 32
+    room = torch.full((len(case.x), case.rows), float("nan"), dtype=ref.DTYPES[case.dtype], device="xpu")
+    at, behind = room.data_ptr(), room.data_ptr() + room.nbytes
+    ctypes.memmove(behind, marks, len(marks))
+    del room  # its memory becomes the result's
     y = orrery_launch.dotgrid_forward(inputs, weight, ref.CODES[case.name], case.rows, WIDE[wide])
     assert y.shape == (len(case.x), case.rows) and y.dtype == ref.DTYPES[case.dtype]
+    assert y.data_ptr() == at and ctypes.string_at(behind, len(marks)) == marks
     return dot.numbers(y)
 
 

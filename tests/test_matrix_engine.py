@@ -4,9 +4,10 @@ from __future__ import annotations
 
 import numpy as np
 import pytest
-from sycl_settings import native
+import torch  # noqa: F401  its libraries first
 
 import linear_reference as ref
+import orrery_native_tests as native
 from dotgrid_reference import BLOCK, FORMATS, values_of, weight_of
 
 U = 2.0**-24
@@ -35,7 +36,7 @@ def in_units(b: np.ndarray) -> np.ndarray:
 def engine(kind: str, a: np.ndarray, b: np.ndarray, scales: np.ndarray) -> np.ndarray:
     rows, columns = a.shape[1], b.shape[2]
     flat = [list(map(float, t.reshape(-1))) for t in (a, in_units(b), scales)]
-    return np.array(native().engine_product(kind, rows, columns, *flat), np.float32).reshape(rows, columns)
+    return np.array(native.engine_product(kind, rows, columns, *flat), np.float32).reshape(rows, columns)
 
 
 @pytest.mark.parametrize("columns", [8, 16])
@@ -97,7 +98,7 @@ def test_every_code_comes_where_it_belongs(name: str, dtype: str, columns: int) 
     for first in range(2):
         row_bytes = 2 * ref.SPLIT[name].quant_bytes
         data = w[first * row_bytes // 2 :].tobytes()
-        got = native().engine_operand(ref.CODES[name], dtype, columns, data, row_bytes)
+        got = native.engine_operand(ref.CODES[name], dtype, columns, data, row_bytes)
         want = in_units(np.ascontiguousarray(values[first::2, 0].T)[None]).reshape(-1)
         got, want = np.array(got, np.float32), ref.Arithmetic(dtype).of(want).astype(np.float32)
         assert ref.differing(got, want) == 0  # the sign of zero too
