@@ -1,5 +1,6 @@
 // forward_new behind its wrapper: sizes, the decision (linear/dispatch.h), the checks of the chosen way, and the
-// launch. The kernels stand in linear/one_row/, linear/row_pairs/ and linear/dense/.
+// launch. The kernels stand in linear/one_row/, linear/row_pairs/ and linear/dense/; those of the matrix engine are
+// launched in dotgrid_xpu_kernel.cpp.
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 
@@ -11,6 +12,7 @@
 #include "linear/checks.h"
 #include "linear/dense/dense.h"
 #include "linear/dispatch.h"
+#include "linear/engine/dotgrid.h"
 #include "linear/one_row/quantize_q8_1.h"
 #include "module/device_class.h"
 #include "module/operations.h"
@@ -83,6 +85,8 @@ at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, 
     case kernel_family::one_row:
     case kernel_family::row_pairs:
       return run_rows(input, weight, request, way);
+    case kernel_family::matrix_engine:
+      return dotgrid_forward(input, weight, request, way);
     case kernel_family::whole:
       return linear_whole(input, weight, request, way);
     case kernel_family::tile:

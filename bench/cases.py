@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 from functools import partial
+from math import gcd
 from pathlib import Path
 from statistics import median
 from types import ModuleType
@@ -16,6 +17,7 @@ from orrery import formats as weight_formats
 from orrery.formats import FORMATS, Format, quantize
 
 from . import decode
+from . import engine as matrix_engine
 from .measure import Call, Flush, call_cost, interleaved
 from .report import Bar, Row
 
@@ -72,10 +74,11 @@ class Setting:
 
 
 def random_weight(fmt: Format, rows: int, columns: int) -> tuple[torch.Tensor, torch.Tensor]:
-    """The bytes of a random matrix and its float32 values. 64 rows repeat: quantizing is slow."""
-    part = quantize(fmt, torch.randn(64, columns, generator=torch.Generator().manual_seed(0)) * 0.03)
-    data = torch.cat([plane.repeat(rows // 64, 1).view(-1) for plane in fmt.planes(part)])
-    return data, weight_formats.dequantize(fmt, part, columns).repeat(rows // 64, 1)
+    """The bytes of a random matrix and its float32 values. At most 64 rows repeat: quantizing is slow."""
+    some = gcd(rows, 64)
+    part = quantize(fmt, torch.randn(some, columns, generator=torch.Generator().manual_seed(0)) * 0.03)
+    data = torch.cat([plane.repeat(rows // some, 1).view(-1) for plane in fmt.planes(part)])
+    return data, weight_formats.dequantize(fmt, part, columns).repeat(rows // some, 1)
 
 
 def _linear_row(
@@ -122,6 +125,11 @@ def types(setting: Setting) -> list[Row]:
         for name in ("q4_0", "q8_0", "fp8_e5m2", "q6_k")
         for dtype in (torch.float16, torch.bfloat16)
     ]
+
+
+def engine(setting: Setting) -> list[Row]:
+    """A few input rows on the matrix engine."""
+    return matrix_engine.in_own_process(setting.threads, setting.quick) if setting.ops is not None else []
 
 
 # Rows of input: the smallest batch, the last ones of the batched kernels, and two that take the dense weight.
@@ -370,6 +378,7 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "formats": formats,
     "types": types,
     "batches": batches,
+    "engine": engine,
     "dequantize": dequantize,
     "small": small,
     "empty": empty,

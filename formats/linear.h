@@ -185,6 +185,11 @@ struct q8_0 : whole_bytes, float_scale {
   static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
     return from_top_byte<T>(code << 24);
   }
+  // The same for codes as they lie in memory, without the shifts.
+  template <typename T, int N>
+  static simd<T, N> signed_bytes(const simd<uint8_t, N>& code) {
+    return exactly<T>(convert<float>(convert<int32_t>(bit_cast<int8_t>(code))));
+  }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
     return from_top_byte<T>(word[k / 4] << (24 - k % 4 * 8));

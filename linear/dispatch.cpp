@@ -269,6 +269,8 @@ linear_decision decide(const linear_request& request) {
 
 linear_decision decide_dense(const linear_request& request) { return dense_by_rows(request, plan_of(request.format)); }
 
+linear_decision decide_matrix_engine(const linear_request& request) { return matrix_engine(request); }
+
 linear_decision decide_band(const linear_decision& tile, uint64_t rows) {
   linear_decision band = tile;
   band.global[0] = rows * tile.local[0];

@@ -101,6 +101,10 @@ linear_decision decide(const linear_request& request);
 // The ordinary kernel that makes a dense weight, whatever the type; of no use for fp6, which has none.
 linear_decision decide_dense(const linear_request& request);
 
+// The matrix engine's launch for any request; `output_size` has to be a multiple of its columns, which the launch
+// checks.
+linear_decision decide_matrix_engine(const linear_request& request);
+
 // A tile's decision for `rows` rows of the weight.
 linear_decision decide_band(const linear_decision& tile, uint64_t rows);
 

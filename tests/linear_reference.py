@@ -394,11 +394,16 @@ def main() -> None:
     print(json.dumps([{"case": c, **seen_in(*c)} for c in cases_of(family, device_class)]))
 
 
+def environment_of_class(device_class: int) -> dict[str, str]:
+    """That of a process whose device is of that class."""
+    return {**os.environ, "ORRERY_HOST_DEVICE_NAME": DEVICE_OF_CLASS[device_class]}
+
+
 def run_on_class(device_class: int, script: str, *arguments: str) -> list[dict]:
     """The JSON that a script prints in a process whose device is of that class."""
     process = subprocess.run(
         [sys.executable, script, *arguments],
-        env={**os.environ, "ORRERY_HOST_DEVICE_NAME": DEVICE_OF_CLASS[device_class]},
+        env=environment_of_class(device_class),
         capture_output=True,
         text=True,
         check=False,

@@ -1,8 +1,10 @@
 """The benchmarks' arithmetic, table and files. Timings themselves are never asserted."""
 
 import contextlib
+import dataclasses
 import json
 import os
+import subprocess
 import time
 from pathlib import Path
 
@@ -13,7 +15,7 @@ import torch
 from gguf.constants import GGMLQuantizationType as Type
 
 import bench.__main__
-from bench import cases, decode, llama, measure, report
+from bench import cases, decode, engine, llama, measure, report
 from bench.report import Bar, Row
 from orrery.formats import FORMATS, dequantize
 
@@ -224,6 +226,20 @@ def test_busy_loops_are_busy_and_end():
         assert sum(busy_seconds(pid) for pid in loops) > sum(before) + 0.1
     assert len(loops) >= 2
     assert not any(Path(f"/proc/{pid}").exists() for pid in loops)
+
+
+def test_rows_of_another_process_come_back(monkeypatch):
+    row = Row("a", 1.0, 2.0, "b", bytes=3, bars=[Bar("speed", 0.5)])
+    answers = [(0, json.dumps([dataclasses.asdict(row)]), ""), (1, "", "RuntimeError: no device")]
+
+    def run(command, env, **_):
+        assert command[1:] == ["-m", "bench.engine", "2", "1"] and "Pike(TM) A" in env["ORRERY_HOST_DEVICE_NAME"]
+        return subprocess.CompletedProcess(command, *answers.pop(0))
+
+    monkeypatch.setattr(engine.subprocess, "run", run)
+    assert engine.in_own_process(2, True) == [row]
+    with pytest.raises(RuntimeError, match="^the process on a device of class 1 failed: RuntimeError: no device$"):
+        engine.in_own_process(2, True)
 
 
 def busy_seconds(pid: int) -> float:

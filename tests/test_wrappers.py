@@ -255,7 +255,7 @@ def test_fp6_has_no_dense_weight_in_other_types() -> None:
 
 @pytest.mark.parametrize(
     "code, rows, kernel",
-    [(8, 1, "vector_forward_kernel_q8_0"), (29, 64, "vector_forward_kernel_fp6"), (15, 2, "dotgrid_forward_kernel")],
+    [(8, 1, "vector_forward_kernel_q8_0"), (29, 64, "vector_forward_kernel_fp6")],
 )
 def test_a_way_without_kernels_says_so(code: int, rows: int, kernel: str) -> None:
     script = (

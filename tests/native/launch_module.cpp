@@ -1,10 +1,12 @@
 // Lets the tests launch the kernels for a few input rows themselves: no device's class brings the dispatch to all of
 // their instances.
 #include <pybind11/pybind11.h>
+#include <torch/csrc/utils/pybind.h>
 
 #include <stdexcept>
 #include <string>
 
+#include "linear/engine/dotgrid.h"
 #include "linear/instances.h"
 #include "native_test.h"
 
@@ -42,6 +44,22 @@ void launch_pairs(const std::string& kernel, int sub_group, const std::string& t
                         .device = c10::Device(c10::DeviceType::XPU, 0)});
 }
 
+// The matrix engine whatever the sizes, format and type; with 16 columns for device class 0, else with 8.
+at::Tensor dotgrid_forward(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, uint64_t output_size,
+                           uint32_t device_class) {
+  orrery::linear_request request;
+  request.format = orrery::weight_format{qtype};
+  request.type = input.scalar_type();
+  request.n = input.size(0);
+  request.state_size = input.size(1);
+  request.output_size = output_size;
+  request.device_class = device_class;
+  return orrery::dotgrid_forward(input, weight, request, orrery::decide_matrix_engine(request));
+}
+
 }  // namespace
 
-PYBIND11_MODULE(orrery_launch, m) { m.def("launch_pairs", launch_pairs); }
+PYBIND11_MODULE(orrery_launch, m) {
+  m.def("launch_pairs", launch_pairs);
+  m.def("dotgrid_forward", dotgrid_forward);
+}

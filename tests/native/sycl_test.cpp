@@ -745,4 +745,5 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   bind_simd(m);
   bind_formats(m);
   bind_standard(m);
+  bind_matrix_engine(m);
 }

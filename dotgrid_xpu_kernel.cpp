@@ -1,0 +1,94 @@
+// Products of a few input rows on the matrix engine: the table of instances and their launch. The kernel stands in
+// linear/engine/dotgrid_kernel.h, the engine itself in includes/matrix_engine.h.
+#include <ATen/ops/empty.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "includes/assertion.h"
+#include "linear/engine/dotgrid.h"
+#include "linear/engine/dotgrid_kernel.h"
+#include "linear/launch.h"
+
+namespace orrery {
+namespace {
+
+template <typename T, typename C, typename P, int tail, int N>
+void launch_dotgrid(weight_format format, const linear_decision& way, const linear_operands& on) {
+  using kernel = dotgrid_forward_kernel<T, C, float, P, tail, N, 8>;
+  constexpr int QK = kernel::QK;
+  const uint64_t state_size = on.state_size, output_size = on.output_size;
+  ORRERY_ASSERT(output_size % N == 0);
+  ORRERY_ASSERT(state_size % QK == 0);
+  const uint64_t nb = state_size / QK;
+  launch_decided<2>(way, on.device, {"dotgrid_xpu_kernel", way.kernel}, [&](sycl::handler& h) {
+    return kernel{static_cast<const T*>(on.x),
+                  on.weight,
+                  on.weight + way.scale_offset,
+                  static_cast<T*>(on.y),
+                  nb,
+                  (nb + kernel::slices - 1) / kernel::slices,
+                  output_size,
+                  format,
+                  sycl::local_accessor<P>(sycl::range<1>(kernel::partial_sums), h)};
+  });
+}
+
+// By the rows of the last tile: entry i is for i rows, entry 0 for 8.
+using launchers = std::array<void (*)(weight_format, const linear_decision&, const linear_operands&), 8>;
+
+template <typename T, typename C, typename P, int N, int... I>
+constexpr launchers by_tail(std::integer_sequence<int, I...>) {
+  return {launch_dotgrid < T, C, P, I == 0 ? 8 : I, N > ...};
+}
+
+struct type_row {
+  c10::ScalarType type;
+  launchers narrow, wide;  // 8 and 16 columns
+};
+
+template <typename T, typename C, typename P>
+constexpr type_row row_of(c10::ScalarType type) {
+  constexpr auto tails = std::make_integer_sequence<int, 8>();
+  return {type, by_tail<T, C, P, 8>(tails), by_tail<T, C, P, 16>(tails)};
+}
+
+constexpr type_row rows[] = {
+    row_of<c10::Half, c10::Half, c10::Half>(c10::kHalf),
+    row_of<float, c10::Half, c10::Half>(c10::kFloat),
+    row_of<c10::BFloat16, c10::BFloat16, c10::BFloat16>(c10::kBFloat16),
+};
+
+// No exception, and no destructors: other threads of the runtime may be at work.
+[[noreturn]] void refuse_type() {
+  std::fputs("unsupported dtype\n", stderr);
+  std::fflush(stderr);
+  std::_Exit(2);
+}
+
+}  // namespace
+
+at::Tensor dotgrid_forward(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,
+                           const linear_decision& way) {
+  const at::Tensor result = at::empty({request.n, static_cast<int64_t>(request.output_size)},
+                                      at::TensorOptions().dtype(input.scalar_type()).device(weight.device()));
+  const linear_operands on{.type = request.type,
+                           .n = static_cast<uint64_t>(request.n),
+                           .state_size = request.state_size,
+                           .output_size = request.output_size,
+                           .weight = static_cast<const uint8_t*>(weight.data_ptr()),
+                           .x = input.data_ptr(),
+                           .y = result.data_ptr(),
+                           .device = weight.device()};
+  for (const type_row& row : rows) {
+    if (row.type != request.type) continue;
+    const launchers& instances = way.shape.rows == 16 ? row.wide : row.narrow;
+    instances[way.tail % 8](request.format, way, on);
+    return result;
+  }
+  refuse_type();
+}
+
+}  // namespace orrery
