@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "batch/batch_forward.h"
 #include "formats/registry.h"
 #include "linear/checks.h"
 #include "linear/dense/dense.h"
@@ -74,6 +75,8 @@ at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, 
   request.settings = read_settings(request);
   const linear_decision way = decide(request);
   switch (way.family) {
+    case kernel_family::explicit_simd:
+      return run_explicit_simd(input, weight, request, way);
     case kernel_family::single_row:
     case kernel_family::batch:
       return run_rows(input, weight, request, way);

@@ -54,13 +54,18 @@ struct linear_decision {
   uint32_t scale_offset = 0;     // 0 where the kernel takes none
   bool quantizes_input = false;  // the activation goes through the q8_1 quantizer first
   bool waits = false;            // the host waits for the launch
-  int tail = 0;                  // rows of the last step of the explicit-SIMD and matrix-engine kernels
-  uint64_t tile_rows = 0;        // rows of the first band
-  uint64_t tiles = 0;            // number of bands
+  bool slim = false;             // the explicit-SIMD kernel for up to 8 rows
+  int tail = 0;            // rows of the last step of the explicit-SIMD and matrix-engine kernels; all of a slim one
+  uint64_t tile_rows = 0;  // rows of the first band
+  uint64_t tiles = 0;      // number of bands
 };
 
 // Throws std::runtime_error for a code that no weight may have.
 linear_decision decide(const linear_request& request);
+
+// The explicit-SIMD vector kernel for a request that is known to go to one. Throws std::runtime_error for a format that
+// has none.
+linear_decision decide_explicit_simd(const linear_request& request);
 
 // The ordinary kernel that makes a dense weight, whatever the type; of no use for fp6, which has none.
 linear_decision decide_dense(const linear_request& request);
