@@ -1,38 +1,49 @@
-// What a launch of an explicit-SIMD vector kernel takes, and the instances of each format.
+// The explicit-SIMD vector kernels: which formats have them, and the instances of each.
 #pragma once
 
-#include <c10/core/Device.h>
-
-#include <cstdint>
-
-#include "formats/planes.h"
+#include "formats/registry.h"
 #include "linear/dispatch.h"
 
 namespace orrery {
 
-// Rows of x are state_size elements apart, rows of y output_size; both are of the instance's type.
-struct vector_operands {
-  formats::block_planes planes;
-  const void* x = nullptr;
-  void* y = nullptr;
-  uint64_t input_size = 0;
-  uint64_t state_size = 0;
-  uint64_t output_size = 0;
-  c10::Device device{c10::DeviceType::XPU};
+constexpr int most_vector_rows = 64, vector_tails = 8;
+
+struct slim_instance {
+  linear_launcher* launch;
+  int group;  // work-items
 };
 
-using vector_launcher = void (*)(const linear_decision& way, const vector_operands& operands);
-
-// By type, half first, then by tail or number of input rows from 1 on.
-struct vector_instances {
-  vector_launcher general[2][8];
-  vector_launcher slim[2][8];
+// Of one format; the unit of its format group defines it. The kernel for up to 64 input rows has an instance for every
+// tail, the one for up to 8 rows an instance for every number.
+struct vector_kernels {
+  const char* general_name;
+  const char* slim_name;
+  linear_launcher* general[vector_tails];
+  slim_instance slim[vector_tails];
 };
 
-extern const vector_instances q4_0_instances, q4_1_instances;  // int4
-extern const vector_instances q8_0_instances;                  // int8
-extern const vector_instances fp4_instances;
-extern const vector_instances fp6_instances;
-extern const vector_instances fp8_e5m2_instances;  // fp8
+extern const vector_kernels q4_0_vectors, q4_1_vectors;  // int4
+extern const vector_kernels q8_0_vectors;                // int8
+extern const vector_kernels fp4_vectors;
+extern const vector_kernels fp6_vectors;
+extern const vector_kernels fp8_e5m2_vectors;  // fp8
+
+struct vector_plan {
+  weight_format format;
+  const vector_kernels* kernels;
+  bool general_waits = false;  // the host waits for the launch
+};
+
+inline constexpr vector_plan vector_plans[] = {
+    {weight_format::q4_0, &q4_0_vectors},     {weight_format::q4_1, &q4_1_vectors},
+    {weight_format::q8_0, &q8_0_vectors},     {weight_format::fp4, &fp4_vectors},
+    {weight_format::fp6, &fp6_vectors, true}, {weight_format::fp8_e5m2, &fp8_e5m2_vectors},
+};
+
+// What a kernel counts on, each an assertion: whole spans in a row and whole groups, and for the general kernel that
+// its rows come out even by groups of eight and a tail.
+void check_general(const linear_decision& way, const linear_operands& on);
+void check_slim(const linear_decision& way, const linear_operands& on);
+void check_no_scales(const void* scales);
 
 }  // namespace orrery

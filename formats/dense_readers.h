@@ -107,7 +107,7 @@ struct q5_reader {
 
 // The 64 values of a block in the order of its elements, each computed in half.
 template <typename Reader>
-simd<c10::Half, 64> block_values(const block_planes& at, uint64_t block) {
+ORRERY_INLINE inline simd<c10::Half, 64> block_values(const block_planes& at, uint64_t block) {
   constexpr int places = Reader::places;
   simd<c10::Half, places> part[Reader::per_place];
   Reader::template read<c10::Half, places>(at, block, 0, part);
@@ -116,12 +116,11 @@ simd<c10::Half, 64> block_values(const block_planes& at, uint64_t block) {
   return all;
 }
 
-// The same of four blocks, one after another.
-template <typename Reader>
-simd<c10::Half, 256> span_values(const block_planes& at, uint64_t first_block) {
-  simd<c10::Half, 256> all;
-  for_each_constant<4>([&](auto q) { all.template set_slice<q * 64>(block_values<Reader>(at, first_block + q)); });
-  return all;
+// The same of neighbouring blocks, one after another, into a vector that holds them all.
+template <typename Reader, int N>
+ORRERY_INLINE inline void read_blocks(const block_planes& at, uint64_t first_block, simd<c10::Half, N>& values) {
+  for_each_constant<N / 64>(
+      [&](auto b) ORRERY_INLINE { values.template set_slice<b * 64>(block_values<Reader>(at, first_block + b)); });
 }
 
 }  // namespace orrery::formats
