@@ -11,6 +11,7 @@
 #include "linear/engine/dotgrid.h"
 #include "linear/engine/dotgrid_kernel.h"
 #include "linear/launch.h"
+#include "linear/operands.h"
 
 namespace orrery {
 namespace {
@@ -74,14 +75,7 @@ at::Tensor dotgrid_forward(const at::Tensor& input, const at::Tensor& weight, co
                            const linear_decision& way) {
   const at::Tensor result = at::empty({request.n, static_cast<int64_t>(request.output_size)},
                                       at::TensorOptions().dtype(input.scalar_type()).device(weight.device()));
-  const linear_operands on{.type = request.type,
-                           .n = static_cast<uint64_t>(request.n),
-                           .state_size = request.state_size,
-                           .output_size = request.output_size,
-                           .weight = static_cast<const uint8_t*>(weight.data_ptr()),
-                           .x = input.data_ptr(),
-                           .y = result.data_ptr(),
-                           .device = weight.device()};
+  const linear_operands on = operands_of(request, input, weight, result);
   for (const type_row& row : rows) {
     if (row.type != request.type) continue;
     const launchers& instances = way.shape.rows == 16 ? row.wide : row.narrow;

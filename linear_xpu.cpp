@@ -167,8 +167,7 @@ void register_operations(pybind11::module_& m) {
   bind_unbuilt(m, "dequantize_key_value", "dequantize key value", signature<void(T, T, T, T)>);
   bind_unbuilt(m, "query_key_fp8_matmul", "query key matmul", signature<Tensor(T, T)>);
   bind_unbuilt(m, "attn_value_fp8_matmul", "attn value matmul", signature<Tensor(T, T)>);
-  bind_unbuilt(m, "batch_forward", "batch forward",
-               signature<Tensor(T, T, int64_t, int64_t, int64_t, int32_t, int32_t)>);
+  bind_operation(m, "batch_forward", batch_forward, "batch forward");
   bind_operation(m, "sdp", sdp, "sdp");
   bind_unbuilt(m, "sdp_fp8", "fp8 sdp", signature<Tensor(T, T, T, mask)>);
   bind_unbuilt(m, "sdp_causal", "sdp causal", signature<Tensor(T, T, T)>);

@@ -1,6 +1,5 @@
 // forward_new behind its wrapper: sizes, the decision (linear/dispatch.h), the checks of the chosen way, and the
-// launch. The kernels stand in linear/one_row/, linear/row_pairs/ and linear/dense/; those of the matrix engine are
-// launched in dotgrid_xpu_kernel.cpp.
+// launch. The kernels stand in linear/one_row/, linear/row_pairs/, linear/dense/, batch/ and linear/engine/.
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 
@@ -8,12 +7,14 @@
 #include <stdexcept>
 #include <string>
 
+#include "batch/batch_forward.h"
 #include "formats/registry.h"
 #include "linear/checks.h"
 #include "linear/dense/dense.h"
 #include "linear/dispatch.h"
 #include "linear/engine/dotgrid.h"
 #include "linear/one_row/quantize_q8_1.h"
+#include "linear/operands.h"
 #include "module/device_class.h"
 #include "module/operations.h"
 
@@ -63,14 +64,7 @@ at::Tensor run_rows(const at::Tensor& input, const at::Tensor& weight, const lin
     check_quantized_row(request.state_size);
     x = quantize_q8_1(input.data_ptr(), request.type, request.n, request.state_size, weight.device());
   }
-  way.launch(way, {.type = request.type,
-                   .n = static_cast<uint64_t>(request.n),
-                   .state_size = request.state_size,
-                   .output_size = request.output_size,
-                   .weight = static_cast<const uint8_t*>(weight.data_ptr()),
-                   .x = x.data_ptr(),
-                   .y = result.data_ptr(),
-                   .device = weight.device()});
+  way.launch(way, operands_of(request, x, weight, result));
   return result;
 }
 
@@ -82,6 +76,8 @@ at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, 
   request.settings = read_settings(request);
   const linear_decision way = decide(request);
   switch (way.family) {
+    case kernel_family::explicit_simd:
+      return run_explicit_simd(input, weight, request, way);
     case kernel_family::one_row:
     case kernel_family::row_pairs:
       return run_rows(input, weight, request, way);
@@ -90,10 +86,9 @@ at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, 
     case kernel_family::whole:
       return linear_whole(input, weight, request, way);
     case kernel_family::tile:
-      return linear_by_tiles(input, weight, request, way);
-    default:
-      not_built_yet(way.kernel);
+      break;
   }
+  return linear_by_tiles(input, weight, request, way);
 }
 
 at::Tensor qlinear_forward_xpu(at::Tensor input, at::Tensor weight, int32_t qtype) {

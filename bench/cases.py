@@ -20,6 +20,7 @@ from . import decode
 from . import engine as matrix_engine
 from .measure import Call, Flush, call_cost, interleaved
 from .report import Bar, Row
+from .rounding import RoundedOperations
 
 # Largest distance of our result from the float32 product, as a part of its length: a guard against timing a wrong
 # answer. Half and bfloat16 round every partial sum, over up to 4096 terms.
@@ -143,6 +144,35 @@ def batches(setting: Setting) -> list[Row]:
         for name, counts in _BATCHES.items()
         for n in counts
     ]
+
+
+def vectors(setting: Setting) -> list[Row]:
+    """A few input rows through the explicit-SIMD kernels of q4_0, beside as many rounded operations and nothing else:
+    one product and one sum for each weight and row."""
+    operations, size = RoundedOperations(setting.threads), 4096
+    return [
+        _vector_row(setting, operations, size, n, dtype, device_class)
+        for device_class, counts in ((1, (2, 8, 32)), (4, (2, 8)))
+        for n in counts
+        for dtype in (torch.float32, torch.float16)
+    ]
+
+
+def _vector_row(
+    setting: Setting, operations: RoundedOperations, size: int, n: int, dtype: torch.dtype, device_class: int
+) -> Row:
+    fmt = FORMATS["q4_0"]
+    weight, dense = random_weight(fmt, size, size)
+    x = torch.randn(n, size, generator=torch.Generator().manual_seed(1)).to(dtype)
+    device_x, device_weight = setting.on_device(x), setting.on_device(weight)
+
+    def ours() -> torch.Tensor:
+        return setting.ops.batch_forward(device_x, device_weight, n, size, size, fmt.code, device_class)
+
+    name = f"batch_forward q4_0 {size}x{size} {str(dtype).removeprefix('torch.')}, {n} rows, class {device_class}"
+    setting.check(name, ours, x.float() @ dense.T, _NEAR[torch.float16])
+    times = setting.both(ours, partial(operations, n * size * size), 16)
+    return Row(name, *times, "its rounded operations", bytes=weight.numel(), bars=[Bar("speed", 0.6)])
 
 
 def dequantize(setting: Setting) -> list[Row]:
@@ -379,6 +409,7 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "types": types,
     "batches": batches,
     "engine": engine,
+    "vectors": vectors,
     "dequantize": dequantize,
     "small": small,
     "empty": empty,

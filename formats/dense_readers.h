@@ -10,15 +10,9 @@
 #pragma once
 
 #include "formats/codebook.h"
+#include "formats/planes.h"
 
 namespace orrery::formats {
-
-// Where the parts of a weight lie, from its first block on. A format without a scale plane does not read `scales`.
-struct block_planes {
-  const uint8_t* quants = nullptr;
-  const uint8_t* scales = nullptr;
-  const uint8_t* top_bits = nullptr;  // of fp6
-};
 
 // Vectors never leave a block, so all their lanes share its scale.
 constexpr int any_lanes = 128;
@@ -110,5 +104,23 @@ struct q5_reader {
     ORRERY_UNROLL for (int h = 0; h < 2; ++h) out[h] = Format::template value<T>(code[h], bytes);
   }
 };
+
+// The 64 values of a block in the order of its elements, each computed in half.
+template <typename Reader>
+ORRERY_INLINE inline simd<c10::Half, 64> block_values(const block_planes& at, uint64_t block) {
+  constexpr int places = Reader::places;
+  simd<c10::Half, places> part[Reader::per_place];
+  Reader::template read<c10::Half, places>(at, block, 0, part);
+  simd<c10::Half, 64> all;
+  for_each_constant<Reader::per_place>([&](auto h) { all.template set_slice<h * places>(part[h]); });
+  return all;
+}
+
+// The same of neighbouring blocks, one after another, into a vector that holds them all.
+template <typename Reader, int N>
+ORRERY_INLINE inline void read_blocks(const block_planes& at, uint64_t first_block, simd<c10::Half, N>& values) {
+  for_each_constant<N / 64>(
+      [&](auto b) ORRERY_INLINE { values.template set_slice<b * 64>(block_values<Reader>(at, first_block + b)); });
+}
 
 }  // namespace orrery::formats

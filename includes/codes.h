@@ -168,7 +168,7 @@ ORRERY_INLINE inline void from_memory([[maybe_unused]] float (&numbers)[Count]) 
 
 // Calls f with the integers 0 to Count - 1 as constants.
 template <int Count, typename F>
-ORRERY_INLINE inline void for_each_constant(F f) {
+ORRERY_INLINE inline constexpr void for_each_constant(F f) {
   [&]<int... I>(std::integer_sequence<int, I...>) ORRERY_INLINE { (f(std::integral_constant<int, I>()), ...); }
   (std::make_integer_sequence<int, Count>());
 }

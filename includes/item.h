@@ -166,4 +166,17 @@ void meet_to_finish(const Item& item, Finish finish) {
   }
 }
 
+// An explicit-SIMD kernel of several steps with meetings between them, whole: `steps(begin, end, meet)` runs once for
+// the work-items [begin, end) of a group of `size`, one at a time on a GPU. Each part of it is a loop over them, and
+// meet() stands where all work-items of the group have to have come. The kernel's has_barriers is !last_finishes.
+template <typename Item, typename Steps>
+void in_steps(const Item& item, int size, Steps steps) {
+  if constexpr (last_finishes) {
+    item.when_last([&] { steps(0, size, [] {}); });
+  } else {
+    const int i = static_cast<int>(item.local_linear());
+    steps(i, i + 1, [&] { item.barrier(); });
+  }
+}
+
 }  // namespace orrery

@@ -880,7 +880,8 @@ ORRERY_INLINE inline void prefetch(const void* p) {
 template <typename T, int N, int Share, typename P>
 inline simd<T, N> load_shared(const void* p) {
   if constexpr (N <= Share) {
-    return convert<T>(simd<P, N>(simd<P, 1>::load(static_cast<const P*>(p))[0]));
+    // As it is held: by way of a P the compiler narrows and widens it once more.
+    return convert<T>(exactly<P>(simd<float, N>(simd<P, 1>::load(static_cast<const P*>(p)).held_at(0))));
   } else {
     constexpr int M = N / Share;
     const auto few = convert<T>(simd<P, M>::load(static_cast<const P*>(p)));

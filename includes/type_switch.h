@@ -36,16 +36,14 @@ auto with_value_type(c10::ScalarType type, F f) {
   }
 }
 
+inline void check_half_or_float(c10::ScalarType type) {
+  if (!is_half_or_float(type)) throw std::runtime_error("unsupported dtype, only fp32 and fp16 are supported");
+}
+
 template <typename F>
 auto with_half_or_float(c10::ScalarType type, F f) {
-  switch (type) {
-    case c10::kHalf:
-      return f(c10::Half());
-    case c10::kFloat:
-      return f(float());
-    default:
-      throw std::runtime_error("unsupported dtype, only fp32 and fp16 are supported");
-  }
+  check_half_or_float(type);
+  return type == c10::kHalf ? f(c10::Half()) : f(float());
 }
 
 // Calls `f` with the size as a constant.

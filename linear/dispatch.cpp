@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "batch/instances.h"
 #include "formats/registry.h"
 #include "includes/type_switch.h"
 #include "linear/instances.h"
@@ -16,31 +17,17 @@ namespace {
 
 using c10::ScalarType;
 
-struct vector_plan {
-  weight_format format;
-  const char* general;
-  const char* slim;
-  bool stages;  // the slim kernel stages its input, so that its groups grow sooner
-  bool general_waits;
-};
-
-constexpr vector_plan vector_plans[] = {
-    {weight_format::q4_0, "vector_forward_kernel_q4_0", "vector_forward_kernel_q4_0_slim", false, false},
-    {weight_format::q4_1, "vector_forward_kernel_q4_1", "vector_forward_kernel_q4_1_slim", false, false},
-    {weight_format::q8_0, "vector_forward_kernel_q8_0", "vector_forward_kernel_q8_0_slim", true, false},
-    {weight_format::fp4, "vector_forward_kernel_fp4", "vector_forward_kernel_fp4_slim", true, false},
-    {weight_format::fp8_e5m2, "vector_forward_kernel_fp8_e5m2", "vector_forward_kernel_fp8_e5m2_slim", true, false},
-    {weight_format::fp6, "vector_forward_kernel_fp6", "vector_forward_kernel_fp6_slim", true, true},
-};
-
-const format_plan& plan_of(weight_format format) {
-  if (const format_plan* plan = find_format(plans, format)) return *plan;
+template <typename Plan, size_t Rows>
+const Plan& plan_in(const Plan (&rows)[Rows], weight_format format) {
+  if (const Plan* plan = find_format(rows, format)) return *plan;
   throw std::runtime_error("unsupported qtype: " + std::to_string(code_of(format)));
 }
 
+const format_plan& plan_of(weight_format format) { return plan_in(plans, format); }
+
 bool takes_explicit_simd(const linear_request& r) {
   if (r.state_size % 256 != 0 || r.output_size % 32 != 0 || !is_half_or_float(r.type)) return false;
-  if (find_format(vector_plans, r.format) == nullptr || r.n > 64) return false;
+  if (find_format(vector_plans, r.format) == nullptr || r.n > most_vector_rows) return false;
   const uint32_t c = r.device_class;
   if (c != 0 && c != 1 && c != 2 && c != 4) return false;
   return r.n >= 2 || ((c == 1 || c == 2) && (r.format == weight_format::q8_0 || r.format == weight_format::fp4));
@@ -54,28 +41,6 @@ bool takes_matrix_engine(const linear_request& r, bool disabled) {
   if (r.device_class == 0) return r.n <= 16;
   if (r.device_class != 1 && r.device_class != 2) return false;
   return r.n >= (r.format == weight_format::fp8_e4m3 ? 2 : 7) && r.n <= 64;
-}
-
-int slim_group(bool stages, int64_t n) {
-  if (!stages) return n <= 4 ? 8 : 16;
-  return n <= 2 ? 8 : n <= 4 ? 16 : 32;
-}
-
-linear_decision explicit_simd(const linear_request& r) {
-  const vector_plan& plan = *find_format(vector_plans, r.format);
-  const bool slim = r.device_class == 4 && r.n <= 8;
-  const int group = slim ? slim_group(plan.stages, r.n) : r.device_class == 0 ? 16 : 32;
-  linear_decision d;
-  d.family = kernel_family::explicit_simd;
-  d.kernel = slim ? plan.slim : plan.general;
-  d.record = "batch forward kernel";
-  d.global = {r.output_size, 1};
-  d.local = {static_cast<uint64_t>(group), 1};
-  d.shape = {1, group, group};
-  d.scale_offset = r.format == weight_format::fp8_e5m2 ? 0 : scale_offset(r.format, r.output_size, r.state_size);
-  d.waits = !slim && plan.general_waits;
-  d.tail = slim ? static_cast<int>(r.n) : r.n % 8 == 0 ? 8 : static_cast<int>(r.n % 8);
-  return d;
 }
 
 linear_decision matrix_engine(const linear_request& r) {
@@ -262,9 +227,37 @@ const char* family_name(kernel_family family) {
 
 linear_decision decide(const linear_request& request) {
   plan_of(request.format);
-  if (takes_explicit_simd(request)) return explicit_simd(request);
+  if (takes_explicit_simd(request)) return decide_explicit_simd(request);
   if (takes_matrix_engine(request, request.settings.matrix_engine_disabled)) return matrix_engine(request);
   return by_format(request);
+}
+
+linear_decision decide_explicit_simd(const linear_request& r) {
+  const vector_plan& plan = plan_in(vector_plans, r.format);
+  const vector_kernels& kernels = *plan.kernels;
+  const auto n = static_cast<uint64_t>(r.n);
+  linear_decision d;
+  d.family = kernel_family::explicit_simd;
+  d.record = "batch forward kernel";
+  if (r.device_class == 4 && n <= vector_tails) {
+    d.kernel = kernels.slim_name;
+    d.tail = static_cast<int>(n);
+    if (n > 0) {
+      d.launch = kernels.slim[n - 1].launch;
+      d.shape.work_group = kernels.slim[n - 1].group;
+    }
+  } else {
+    d.kernel = kernels.general_name;
+    d.tail = n % vector_tails == 0 ? vector_tails : static_cast<int>(n % vector_tails);
+    d.launch = kernels.general[d.tail - 1];
+    d.shape.work_group = r.device_class == 0 ? 16 : 32;
+    d.waits = plan.general_waits;
+  }
+  d.shape.sub_group = 1;
+  d.shape.rows = d.shape.work_group;
+  d.global = {r.output_size, 1};
+  d.local = {static_cast<uint64_t>(d.shape.work_group), 1};
+  return d;
 }
 
 linear_decision decide_dense(const linear_request& request) { return dense_by_rows(request, plan_of(request.format)); }

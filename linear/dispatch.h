@@ -98,6 +98,10 @@ struct linear_decision {
 // Throws std::runtime_error for a code that no weight may have.
 linear_decision decide(const linear_request& request);
 
+// The explicit-SIMD vector kernel, for any request of a format that has them; without a launcher where there is none
+// for the number of rows. Throws std::runtime_error for other formats.
+linear_decision decide_explicit_simd(const linear_request& request);
+
 // The ordinary kernel that makes a dense weight, whatever the type; of no use for fp6, which has none.
 linear_decision decide_dense(const linear_request& request);
 

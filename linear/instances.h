@@ -4,11 +4,9 @@
 // would instantiate them all.
 #pragma once
 
-#include <array>
-#include <string_view>
-
 #include "formats/registry.h"
 #include "linear/dispatch.h"
+#include "linear/kernel_name.h"
 
 namespace orrery {
 
@@ -75,23 +73,6 @@ template <typename T, int SBS> struct dequantize_fp6_kernel;
 template <typename T, int SBS> struct dequantize_fp8_e5m2_kernel;
 // clang-format on
 
-namespace detail {
-
-// The identifier itself, so that a kernel's name is typed nowhere as text.
-template <template <typename, int...> typename Kernel>
-consteval auto spelled_name() {
-  constexpr std::string_view text = __PRETTY_FUNCTION__;
-  constexpr auto end = text.find_first_of(";]", text.find("Kernel = "));
-  constexpr auto begin = text.find_last_of(" :", end) + 1;
-  std::array<char, end - begin + 1> name{};
-  for (size_t i = begin; i < end; ++i) name[i - begin] = text[i];
-  return name;
-}
-template <template <typename, int...> typename Kernel>
-inline constexpr auto kernel_name = spelled_name<Kernel>();
-
-}  // namespace detail
-
 struct kernel_instance {
   const char* name = nullptr;
   row_shape shape;
@@ -105,7 +86,7 @@ constexpr bool waits = true;
 // The instance of `Kernel` with the template arguments `Shape` behind the value type.
 template <template <typename, int...> typename Kernel, int... Shape>
 constexpr kernel_instance instance(row_shape shape, bool waiting = false) {
-  return {detail::kernel_name<Kernel>.data(), shape, launch_kernel<Kernel, Shape...>, waiting};
+  return {kernel_name<Kernel>, shape, launch_kernel<Kernel, Shape...>, waiting};
 }
 
 // By kind of device: class 0, class 5, the others. An empty one stands for that of the others.
@@ -183,8 +164,7 @@ struct block_plan {
 };
 template <template <typename, int...> typename Kernel, int Blocks>
 constexpr block_plan blocks(const char* record, bool waiting = false) {
-  return {
-      {detail::kernel_name<Kernel>.data(), {1, 1, 0}, launch_block_kernel<Kernel, Blocks>, waiting}, record, Blocks};
+  return {{kernel_name<Kernel>, {1, 1, 0}, launch_block_kernel<Kernel, Blocks>, waiting}, record, Blocks};
 }
 
 struct tile_plan {

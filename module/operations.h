@@ -15,6 +15,10 @@ at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, 
 at::Tensor qlinear_forward_xpu(at::Tensor input, at::Tensor weight, int32_t qtype);
 at::Tensor dequantize_rows_xpu(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t row_size);
 
+// batch/batch_forward
+at::Tensor batch_forward(const at::Tensor& input, const at::Tensor& weight, int64_t input_size, int64_t state_size,
+                         int64_t output_size, int32_t qtype, int32_t device_class);
+
 // bmm_xpu_kernel
 at::Tensor bmm_xpu(at::Tensor A, at::Tensor B, at::Tensor C);
 

@@ -15,7 +15,7 @@ import torch
 from gguf.constants import GGMLQuantizationType as Type
 
 import bench.__main__
-from bench import cases, decode, engine, llama, measure, report
+from bench import cases, decode, engine, llama, measure, report, rounding
 from bench.report import Bar, Row
 from orrery.formats import FORMATS, dequantize
 
@@ -298,3 +298,10 @@ def test_answers_beside_busy_loops_are_compared(monkeypatch):
         ("decode, 1 busy loop", 60.0, 48.0, "1 thread, same load", [Bar("speed", 0.9)]),
         ("decode, 1 busy loop", 60.0, 3.0, "xllamacpp Q4_0, same load", []),
     ]
+
+
+def test_rounded_operations_are_products_and_sums() -> None:
+    operations = rounding.RoundedOperations(2)
+    assert operations._loop(64) == 8 * 16 * 8 * 0.5 * 0.25  # eight sums of 16 lanes, eight products each
+    assert operations._loop(0) == 0
+    operations(1 << 20)

@@ -178,7 +178,6 @@ def explicit_simd(code: int, n: int, state: int, rows: int, cls: int) -> dict[st
         "local": (group,),
         "sub_group": 1,
         "waits": code == 29 and not slim,
-        "scale_offset": 0 if code == 19 else scale_position(code, rows, state),
         "tail": n if slim else (n % 8 or 8),
     }
 

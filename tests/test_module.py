@@ -62,7 +62,8 @@ QKV_NAMES = (
 )  # fmt: skip
 
 BUILT = {
-    "forward_new", "dequant", "dequantize_rows", "bmm", "sdp", "rms_norm", "rotary_half_inplaced", "rotary_two_inplaced",
+    "forward_new", "dequant", "dequantize_rows", "bmm", "batch_forward", "sdp", "rms_norm", "rotary_half_inplaced",
+    "rotary_two_inplaced",
 }  # fmt: skip
 
 

@@ -1,0 +1,35 @@
+"""The time of rounded half operations: the floor under a kernel whose every product and sum is rounded."""
+
+from __future__ import annotations
+
+import ctypes
+import os
+import subprocess
+import tempfile
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+import torch
+
+_ROOT = Path(__file__).resolve().parents[1]
+_LANES = 16
+
+
+class RoundedOperations:
+    """Runs a number of products and as many sums of halves on all threads, as the vectors of the kernels do them."""
+
+    def __init__(self, threads: int) -> None:
+        self._threads = threads
+        self._pool = ThreadPoolExecutor(threads)
+        with tempfile.TemporaryDirectory() as folder:
+            library = Path(folder) / "rounding.so"
+            includes = [f"-I{_ROOT}", f"-I{_ROOT}/includes", "-isystem", f"{Path(torch.__file__).parent}/include"]
+            options = ["-std=c++20", "-O3", "-march=native", "-ffp-contract=off", "-shared", "-fPIC", *includes]
+            source = Path(__file__).with_name("rounding.cpp")
+            subprocess.run([os.environ.get("CXX", "c++"), *options, source, "-o", library], check=True)
+            self._loop = ctypes.CDLL(str(library)).multiply_and_add
+        self._loop.argtypes, self._loop.restype = [ctypes.c_uint64], ctypes.c_float
+
+    def __call__(self, products: int) -> None:
+        share = products // _LANES // self._threads
+        list(self._pool.map(self._loop, [share] * self._threads))

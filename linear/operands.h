@@ -1,0 +1,23 @@
+// What a product's kernel works on, from the tensors of its call.
+#pragma once
+
+#include <ATen/core/Tensor.h>
+
+#include "linear/dispatch.h"
+
+namespace orrery {
+
+// `x` is the input, or what was made of it, for `request`.
+inline linear_operands operands_of(const linear_request& request, const at::Tensor& x, const at::Tensor& weight,
+                                   const at::Tensor& result) {
+  return {.type = request.type,
+          .n = static_cast<uint64_t>(request.n),
+          .state_size = request.state_size,
+          .output_size = request.output_size,
+          .weight = static_cast<const uint8_t*>(weight.data_ptr()),
+          .x = x.data_ptr(),
+          .y = result.data_ptr(),
+          .device = weight.device()};
+}
+
+}  // namespace orrery
