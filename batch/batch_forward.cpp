@@ -14,7 +14,7 @@
 
 namespace orrery {
 
-void check_general(const linear_decision& way, const linear_operands& on) {
+void check_general_vectors(const linear_decision& way, const linear_operands& on) {
   const uint64_t nb = on.state_size / 64, GS = way.local[0], output_size = on.output_size, input_size = on.n;
   constexpr uint64_t SBS = 4, VS = 8;
   ORRERY_ASSERT(nb % SBS == 0);
@@ -25,7 +25,7 @@ void check_general(const linear_decision& way, const linear_operands& on) {
   ORRERY_ASSERT(boundary % VS == 0);
 }
 
-void check_slim(const linear_decision& way, const linear_operands& on) {
+void check_slim_vectors(const linear_decision& way, const linear_operands& on) {
   const uint64_t nb = on.state_size / 64, GS = way.local[0], output_size = on.output_size;
   constexpr uint64_t SBS = 4;
   ORRERY_ASSERT(nb % SBS == 0);

@@ -42,8 +42,8 @@ inline constexpr vector_plan vector_plans[] = {
 
 // What a kernel counts on, each an assertion: whole spans in a row and whole groups, and for the general kernel that
 // its rows come out even by groups of eight and a tail.
-void check_general(const linear_decision& way, const linear_operands& on);
-void check_slim(const linear_decision& way, const linear_operands& on);
+void check_general_vectors(const linear_decision& way, const linear_operands& on);
+void check_slim_vectors(const linear_decision& way, const linear_operands& on);
 void check_no_scales(const void* scales);
 
 }  // namespace orrery
