@@ -17,6 +17,7 @@ from typing import TYPE_CHECKING
 import torch
 import torch.nn.functional as F
 
+from orrery import device_class
 from orrery.formats import FORMATS
 
 from .measure import Call, Flush, interleaved
@@ -25,7 +26,7 @@ from .report import Bar, Row
 if TYPE_CHECKING:
     from .cases import Setting
 
-_DEVICE = "Pike(TM) A"  # the name of a device of class 1
+_CLASS = 1
 # Type, rows of the weight, and how far our result may be away from the float32 product: operands and the eight slices'
 # sums are rounded to half or bfloat16. Of 4096 rows in float another family would take care.
 _TYPES = ((torch.float32, 4112, 2e-3), (torch.bfloat16, 4096, 2e-2))
@@ -37,17 +38,17 @@ _FULL, _PART = 512, 0.5
 
 
 def in_own_process(threads: int, quick: bool) -> list[Row]:
-    """The rows that a process on a device of class 1 measures."""
+    """The rows that a process on a device of that class measures."""
     done = subprocess.run(
         [sys.executable, "-m", "bench.engine", str(threads), str(int(quick))],
-        env={**os.environ, "ORRERY_HOST_DEVICE_NAME": _DEVICE},
+        env={**os.environ, device_class.VARIABLE: device_class.NAMES[_CLASS]},
         cwd=Path(__file__).parents[1],
         capture_output=True,
         text=True,
         check=False,
     )
     if done.returncode != 0:
-        raise RuntimeError(f"the process on a device of class 1 failed: {done.stderr.strip()[-500:]}")
+        raise RuntimeError(f"the process on a device of class {_CLASS} failed: {done.stderr.strip()[-500:]}")
     return [Row(**{**row, "bars": [Bar(**bar) for bar in row["bars"]]}) for row in json.loads(done.stdout)]
 
 
@@ -79,7 +80,7 @@ def rows_of(setting: Setting, dtype: torch.dtype, weight_rows: int, limit: float
     made = []
     for format_name in _FORMATS:
         for n in _COUNTS:
-            name = f"forward_new {format_name} {weight_rows}x{_COLUMNS} {type_name}, class 1, {n} rows"
+            name = f"forward_new {format_name} {weight_rows}x{_COLUMNS} {type_name}, class {_CLASS}, {n} rows"
             row = partial(Row, name, seconds[format_name, n], bytes=sizes[format_name])
             at_rate = seconds["peer", _FULL] * n / _FULL
             peer_name = f"torch linear float32 at {_FULL} rows' rate"

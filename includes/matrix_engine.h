@@ -69,6 +69,7 @@ class plain_tile {
   float acc_[R][N] = {};
 };
 
+#ifdef SYCL_EXT_ORRERY_HOST
 // In vector registers. A pair of steps of one row is spread over a vector, whose lanes are the pairs of W / 2 columns;
 // so each row has a sum for the even steps and one for the odd ones beside it. The two sums come together by two rows
 // at a time: lanes of four are {row r: 2 columns, row r + 1: the same 2 columns}.
@@ -145,6 +146,7 @@ class vector_tile {
 
   vector acc_[row_pairs][V] = {};
 };
+#endif
 
 // The scalar items take the plain one, which is thereby proven.
 #if defined(SYCL_EXT_ORRERY_HOST) && !defined(ORRERY_HOST_ITEMS_SCALAR)
