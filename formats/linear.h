@@ -5,9 +5,9 @@
 //   unscaled<T>(code)        the same without the scale, one code per lane; bits above the code are ignored
 //   scaled<T, N, Share>(..)  a sum of unscaled terms times the scale; `Share` neighbouring lanes lie in one block
 //   run, words               elements that a work-item takes in a pass, 32-bit words that hold their codes
-//   load(..), ask_for<N>(..) those words, from the run that starts at element o of a block; the same as a prefetch
-//   term<T>(words, k)        the unscaled value of the k-th term of the run's sum
-//   first_element, element   where in the block the run begins, and its k-th term from there
+//   load(..), prefetch_codes<N>(..) those words, from the run that starts at element o of a block; the same as a
+//   prefetch term<T>(words, k)        the unscaled value of the k-th term of the run's sum first_element, element where
+//   in the block the run begins, and its k-th term from there
 // and, where each byte holds whole codes,
 //   codes_per_byte           1 or 2
 //   byte_code(byte, p)       code p of a byte, bits above it are anything
@@ -61,7 +61,7 @@ struct byte_runs {
     load_words(weight + block * quant_bytes + o / Run * 8, word);
   }
   template <int N>
-  ORRERY_INLINE static void ask_for(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int o) {
+  ORRERY_INLINE static void prefetch_codes(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int o) {
     prefetch<N * 8>(weight + block * quant_bytes + o / Run * 8);
   }
 };
@@ -90,7 +90,7 @@ struct nibble_pairs : byte_runs<16> {
 
 // The values of 16 codes, as registers hold them.
 template <typename T>
-using nibble_table = std::array<held_t<T>, 16>;
+using nibble_table = std::array<register_type<T>, 16>;
 
 // values[code & 15].
 template <typename T, int N>
@@ -98,7 +98,7 @@ simd<T, N> value_of_nibble(const nibble_table<T>& values, const simd<uint32_t, N
   if constexpr (N == 1) {
     return simd<T, 1>(T(values[code[0] & 15]));
   } else {
-    return lookup16(simd<T, 16>::load_held(values.data()), code);
+    return lookup16(simd<T, 16>::load_register_values(values.data()), code);
   }
 }
 
@@ -117,8 +117,8 @@ struct ruled_nibbles : nibble_pairs<false> {
   }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    if constexpr (has_upper_word_lookup<N> && std::is_same_v<held_t<T>, float>) {
-      if (k % 8 >= 4) return exactly<T>(value_of_upper_word<Rule, 4>(nibble_pairs::code(word, k - 4)));
+    if constexpr (has_upper_word_lookup<N> && std::is_same_v<register_type<T>, float>) {
+      if (k % 8 >= 4) return convert_exact<T>(value_of_upper_word<Rule, 4>(nibble_pairs::code(word, k - 4)));
     }
     return unscaled<T>(nibble_pairs::code(word, k));
   }
@@ -193,7 +193,7 @@ struct q8_0 : whole_bytes, float_scale {
  private:
   template <typename T, int N>
   static simd<T, N> from_top_byte(const simd<uint32_t, N>& top) {
-    return exactly<T>(convert<float>(bit_cast<int32_t>(top) >> 24));
+    return convert_exact<T>(convert<float>(bit_cast<int32_t>(top) >> 24));
   }
 };
 
@@ -227,7 +227,7 @@ struct q5_block {
   }
 
   static float half_at(const uint8_t* p) {
-    return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(p)).held_at(0);
+    return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(p)).register_value(0);
   }
 
  private:
@@ -235,11 +235,7 @@ struct q5_block {
   template <int N>
   static simd<uint32_t, N> spread_bits(uint32_t bits) {
     using U = simd<uint32_t, N>;
-    U r;
-    ORRERY_UNROLL for (int c = 0; c < U::chunks; ++c) {
-      r.v[c] = (((bits >> (c * U::W)) >> detail::iota<uint32_t, U::W>()) & 1u) << 4;
-    }
-    return r;
+    return ((U(bits) >> U::iota()) & U(1u)) << 4;
   }
 };
 

@@ -8,7 +8,7 @@
 //   local_linear()                       linear local id of the first lane
 //   barrier()                            work-group barrier
 //   xor_lane<SG>(value, bits)            another lane's value, where an item is one work-item
-//   when_last(f), once_a_launch<T>(n, f) only under `if constexpr (Item::last_acts_for_group)`
+//   when_last(f), shared_by_launch<T>(n, f) only under `if constexpr (Item::last_acts_for_group)`
 //
 // A kernel declares
 //   static constexpr int sub_group_size  the required sub-group size; 1 for explicit SIMD

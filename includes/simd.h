@@ -6,12 +6,15 @@
 // code where the compiler makes the sub-group.
 #pragma once
 
-#include "simd/conversion.h"     // IWYU pragma: export
-#include "simd/fold.h"           // IWYU pragma: export
-#include "simd/mask.h"           // IWYU pragma: export
-#include "simd/shared_values.h"  // IWYU pragma: export
-#include "simd/shuffle.h"        // IWYU pragma: export
-#include "simd/square_root.h"    // IWYU pragma: export
-#include "simd/vector.h"         // IWYU pragma: export
-// Vectors' own native functions.
-#include "native.h"  // IWYU pragma: export
+// IWYU pragma: begin_exports
+#include "native.h"
+#include "simd/barriers.h"
+#include "simd/bytes.h"
+#include "simd/conversion.h"
+#include "simd/fold.h"
+#include "simd/mask.h"
+#include "simd/shuffle.h"
+#include "simd/square_root.h"
+#include "simd/vector.h"
+#include "simd/words.h"
+// IWYU pragma: end_exports

@@ -27,17 +27,18 @@ inline T fold(const simd<T, N>& a) {
 template <typename T, int N>
 inline simd<T, N> fold_each(const simd<T, N> (&row)[N]) {
   using V = simd<T, N>;
+  using S = typename V::S;
   simd<T, N> r;
   if constexpr (V::W == N && N > 1) {
-    using I = detail::int_like<typename V::S>;
+    using I = detail::int_like<S>;
     typename V::chunk v[N];
     ORRERY_UNROLL for (int i = 0; i < N; ++i) v[i] = row[i].v[0];
-    const auto lane = detail::iota<I, N>();
+    const auto lane = machine::iota<I, N>();
     ORRERY_UNROLL for (int h = N / 2; h >= 1; h /= 2) {
-      const auto low = lane / I(h) * I(2 * h) + lane % I(h);
+      const auto group = lane / I(h), low = group * I(2 * h) + (lane - group * I(h));
       ORRERY_UNROLL for (int i = 0; i < h; ++i) {
         const auto a = v[2 * i], b = v[2 * i + 1];
-        v[i] = detail::rounded<T, N>(__builtin_shuffle(a, b, low) + __builtin_shuffle(a, b, low + I(h)));
+        v[i] = detail::rounded<T, N>(machine::permute2<S, N>(a, b, low) + machine::permute2<S, N>(a, b, low + I(h)));
       }
     }
     r.v[0] = v[0];

@@ -1,14 +1,12 @@
 // simd<T, N>: the class, its loads and stores, its arithmetic.
+//
+// `v`, `W`, `S` and `chunk` are for the headers of this folder alone; kernels and formats use the operations.
 #pragma once
 
-#include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <type_traits>
-#include <utility>
 
 #include "mask.h"
-#include "memory_instructions.h"
 #include "rounding.h"
 
 namespace orrery {
@@ -16,19 +14,18 @@ namespace orrery {
 template <typename T, int N>
 struct simd {
   using element = T;
-  using S = held_t<T>;
+  using S = register_type<T>;
   static constexpr int lanes = N;
-  static constexpr int W = detail::chunk_lanes<S, N>();  // lanes of a machine vector
+  static constexpr int W = machine::lanes<S, N>;  // lanes of a machine vector
   static constexpr int chunks = N / W;
-  using chunk = detail::vector_t<S, W>;
+  using chunk = machine::vector<S, W>;
 
   chunk v[chunks];
 
   simd() { ORRERY_UNROLL for (int c = 0; c < chunks; ++c) v[c] = chunk{}; }
   // The same value in every lane. The value is already one of T.
   simd(T value) {
-    // x - 0 is x for every x, the zeros included; 0 + x is not.
-    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) v[c] = static_cast<S>(value) - chunk{};
+    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) v[c] = machine::broadcast<S, W>(static_cast<S>(value));
   }
 
   static simd load(const T* p) {
@@ -43,11 +40,14 @@ struct simd {
     ORRERY_UNROLL for (int c = 0; c < chunks; ++c) r.v[c] = detail::load_some<T, W>(p + c * W, m.bits >> (c * W));
     return r;
   }
-  // From values as registers hold them, each exactly a T.
-  static simd load_held(const S* p) {
+  // From and to values as registers keep them, each exactly a T.
+  static simd load_register_values(const S* p) {
     simd r;
-    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) std::memcpy(&r.v[c], p + c * W, sizeof(chunk));
+    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) r.v[c] = machine::load<S, W>(p + c * W);
     return r;
+  }
+  void store_register_values(S* p) const {
+    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) machine::store<S, W>(p + c * W, v[c]);
   }
   void store(T* p) const { ORRERY_UNROLL for (int c = 0; c < chunks; ++c) detail::store_vector<T, W>(p + c * W, v[c]); }
   void store(T* p, mask<N> m) const {
@@ -97,27 +97,15 @@ struct simd {
   static simd iota() {
     simd r;
     ORRERY_UNROLL for (int c = 0; c < chunks; ++c) {
-      r.v[c] = detail::rounded<T, W>(detail::iota<S, W>() + static_cast<S>(c * W));
+      r.v[c] = detail::rounded<T, W>(machine::iota<S, W>() + static_cast<S>(c * W));
     }
     return r;
   }
 
-  // The value of one lane as it is held (exactly a T).
-  S held_at(int i) const {
-    if constexpr (W == 1) {
-      return v[i];
-    } else {
-      return v[i / W][i % W];
-    }
-  }
-  T operator[](int i) const { return T(held_at(i)); }
-  void set(int i, T value) {
-    if constexpr (W == 1) {
-      v[i] = static_cast<S>(value);
-    } else {
-      v[i / W][i % W] = static_cast<S>(value);
-    }
-  }
+  // The value of one lane as registers keep it.
+  S register_value(int i) const { return machine::get<S, W>(v[i / W], i % W); }
+  T operator[](int i) const { return T(register_value(i)); }
+  void set(int i, T value) { machine::set<S, W>(v[i / W], i % W, static_cast<S>(value)); }
   // Lanes First to First + M - 1.
   template <int First, int M>
   simd<T, M> slice() const {
@@ -126,9 +114,9 @@ struct simd {
     if constexpr (W == simd<T, M>::W && First % W == 0) {
       ORRERY_UNROLL for (int c = 0; c < simd<T, M>::chunks; ++c) r.v[c] = v[First / W + c];
     } else if constexpr (M == 1) {
-      r.v[0] = held_at(First);
+      r.v[0] = register_value(First);
     } else if constexpr (simd<T, M>::W == M && First / W == (First + M - 1) / W) {
-      r.v[0] = detail::lanes_of_vector<First % W, W>(v[First / W], std::make_integer_sequence<int, M>());
+      r.v[0] = machine::part<S, W, First % W, M>(v[First / W]);
     } else {
       std::memcpy(&r.v, reinterpret_cast<const char*>(&v) + First * sizeof(S), M * sizeof(S));
     }
@@ -178,12 +166,12 @@ struct simd {
   }
   friend simd operator>>(const simd& a, int n) requires std::is_integral_v<T> {
     simd r;
-    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) r.v[c] = a.v[c] >> n;
+    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) r.v[c] = a.v[c] >> S(n);
     return r;
   }
   friend simd operator<<(const simd& a, int n) requires std::is_integral_v<T> {
     simd r;
-    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) r.v[c] = a.v[c] << n;
+    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) r.v[c] = a.v[c] << S(n);
     return r;
   }
   simd& operator+=(const simd& o) { return *this = *this + o; }
@@ -193,7 +181,7 @@ struct simd {
   template <typename Op>
   friend mask<N> compare(const simd& a, const simd& b, Op op) {
     mask<N> m;
-    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) m.bits |= detail::mask_bits<W>(op(a.v[c], b.v[c])) << (c * W);
+    ORRERY_UNROLL for (int c = 0; c < chunks; ++c) m.bits |= machine::mask_bits<S, W>(op(a.v[c], b.v[c])) << (c * W);
     return m;
   }
   friend mask<N> operator<(const simd& a, const simd& b) {

@@ -84,16 +84,23 @@ struct dot_kernel {
     }
   }
 
-#ifdef ORRERY_BYTE_DOTS
   // A format multiplies one or more neighbouring blocks at once, which are half of the work-items or all of them.
   static constexpr uint32_t unit = Format::blocks_at_once;
   static constexpr int unit_lanes = Format::parts * unit;
   using inputs = typename Format::inputs;
 
   template <typename Item>
-  const inputs* input_order(const Item& item) const {
+  auto input_order(const Item& item) const {
+    if constexpr (has_byte_vectors) {
+      return arranged(item);
+    } else {
+      return activations;
+    }
+  }
+  template <typename Item>
+  const inputs* arranged(const Item& item) const {
     const uint32_t units = (blocks + unit - 1) / unit;
-    return item.template once_a_launch<inputs>(units, [&](inputs* to) {
+    return item.template shared_by_launch<inputs>(units, [&](inputs* to) {
       for (uint32_t u = 0; u < units; ++u) {
         const uint32_t b = u * unit, left = blocks - b < unit ? blocks - b : unit;
         to[u].fill(activations_of(b), 8 * left);
@@ -101,6 +108,7 @@ struct dot_kernel {
     });
   }
 
+  // In vectors of bytes.
   simd<float, 32> row_sums(uint64_t row, const inputs* x) const {
     constexpr int turns = 32 / unit_lanes;
     simd<float, unit_lanes> sums[turns];
@@ -119,12 +127,8 @@ struct dot_kernel {
     for_each_constant<turns>([&](auto i) { all.template set_slice<i * unit_lanes>(sums[i]); });
     return all;
   }
-#else
-  template <typename Item>
-  const uint8_t* input_order(const Item&) const {
-    return activations;
-  }
 
+  // One part after another.
   simd<float, 32> row_sums(uint64_t row, const uint8_t*) const {
     float sums[32] = {};
     for (uint32_t b = 0; b < blocks; ++b) {
@@ -135,7 +139,6 @@ struct dot_kernel {
     }
     return simd<float, 32>::load(sums);
   }
-#endif
 };
 
 }  // namespace orrery

@@ -353,7 +353,7 @@ def test_fold_of_each_row(name, width):
 @pytest.mark.parametrize("name, width", [c for c in FLOAT_CASES if c[1] <= 32])
 def test_load_as_registers_hold_it(name, width):
     a = sample(name, 5 * width)
-    out = run("load_held", name, width, blank(name, a.size), a=np.ascontiguousarray(values_of(name, a).astype(
+    out = run("load_register_values", name, width, blank(name, a.size), a=np.ascontiguousarray(values_of(name, a).astype(
         np.float64 if name == "double" else np.float32)), count=5)
     equal(name, out, a, any_nan=True)
 

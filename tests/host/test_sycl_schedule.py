@@ -35,7 +35,7 @@ def test_values_made_once_a_launch_and_thread(count):
             assert right and 1 <= made <= count
 
 
-TAKEN = "kernel: A kernel may call once_a_launch in one place only, and there for one count."
+TAKEN = "kernel: A kernel may call shared_by_launch in one place only, and there for one count."
 
 
 @pytest.mark.parametrize("schedule", SCHEDULES)

@@ -146,8 +146,8 @@ struct vectors {
         for (int i = 0; i < N; ++i) rows[i] = a(c, k * N + i);
         orrery::fold_each(rows).store(out(c, k));
       });
-      add<T, N>("load_held", [](const call& c, int64_t k) {
-        V::load_held(static_cast<const typename V::S*>(c.a) + k * N).store(out(c, k));
+      add<T, N>("load_register_values", [](const call& c, int64_t k) {
+        V::load_register_values(static_cast<const typename V::S*>(c.a) + k * N).store(out(c, k));
       });
     }
   }

@@ -522,7 +522,7 @@ std::pair<int, bool> shared_once(size_t groups) {
   std::atomic<bool> right{true};
   queue_of().submit([&](sycl::handler& h) {
     h.parallel_for_lanes<16, 16>(sycl::nd_range<1>({groups * 16}, {16}), [&](const auto& item) {
-      const float* values = item.template once_a_launch<float>(100, [&](float* to) {
+      const float* values = item.template shared_by_launch<float>(100, [&](float* to) {
         ++made;
         for (int i = 0; i < 100; ++i) to[i] = static_cast<float>(i) + 0.5f;
       });
@@ -542,10 +542,10 @@ std::string shared_from(const std::string& form, size_t groups) {
     queue.submit([&](sycl::handler& h) {
       h.parallel_for_lanes<16, 16>(sycl::nd_range<1>({groups * 16}, {16}), [&](const auto& item) {
         const auto one = [&](size_t count) {
-          return item.template once_a_launch<int>(count, [&](int* to) { std::fill_n(to, count, 1); })[count - 1];
+          return item.template shared_by_launch<int>(count, [&](int* to) { std::fill_n(to, count, 1); })[count - 1];
         };
         const auto other = [&] {
-          return item.template once_a_launch<int>(8, [](int* to) { std::fill_n(to, 8, 2); })[7];
+          return item.template shared_by_launch<int>(8, [](int* to) { std::fill_n(to, 8, 2); })[7];
         };
         if (form == "group" && item.group() % 2 == 1) {
           if (other() != 2) throw std::runtime_error("the other place's values");
