@@ -89,7 +89,6 @@ struct nf3 : half_scale {
   static constexpr int words = 2;  // low bits, top bits
   static constexpr int quant_bytes = 24;
   static constexpr int low_at = 8;
-  // A dense value is a product in float for every T, rounded once.
   static constexpr bool rounds_last = true;
 
   // clang-format off
@@ -273,9 +272,9 @@ struct fp8_e4m3 : whole_bytes, float_scale {
 
 // The high byte of a half whose low byte is 0x80: no code is zero, and all with the highest exponent are NaN. The scale
 // plane is there and not read.
-struct fp8_e5m2 : whole_bytes {
+struct fp8_e5m2 : whole_bytes, split_defaults {
   static constexpr int scale_bytes = 4;
-  static constexpr bool has_offset = false;
+  static constexpr bool codes_are_halves = true;
 
   template <typename T>
   static T value(int code) {

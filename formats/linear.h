@@ -8,7 +8,7 @@
 //   load(..), prefetch_codes<N>(..) those words, from the run that starts at element o of a block; the same as a
 //   prefetch term<T>(words, k)        the unscaled value of the k-th term of the run's sum first_element, element where
 //   in the block the run begins, and its k-th term from there
-// and, where each byte holds whole codes,
+// what split_defaults says otherwise, and, where each byte holds whole codes,
 //   codes_per_byte           1 or 2
 //   byte_code(byte, p)       code p of a byte, bits above it are anything
 //   byte_element(j, p)       which element of the block code p of byte j is
@@ -33,11 +33,20 @@ T times(T a, T b) {
   return (simd<T, 1>(a) * simd<T, 1>(b))[0];
 }
 
-// One scale of type S a block.
-template <typename S>
-struct one_scale {
-  static constexpr int scale_bytes = sizeof(S);
+// What holds where a split format says nothing else.
+struct split_defaults {
+  // Whether a value has a second term, an offset.
   static constexpr bool has_offset = false;
+  // Whether a dense value is computed in float for every T and rounded once, at the end.
+  static constexpr bool rounds_last = false;
+  // Whether half_bits(code) gives a value's bits as a half.
+  static constexpr bool codes_are_halves = false;
+};
+
+// One scale of type S per block.
+template <typename S>
+struct one_scale : split_defaults {
+  static constexpr int scale_bytes = sizeof(S);
 
   template <typename T, int N, int Share>
   static simd<T, N> scaled(const simd<T, N>& s, const uint8_t* scales) {
@@ -134,7 +143,7 @@ struct q4_0 : ruled_nibbles<less_8>, half_scale {
   }
 };
 
-struct q4_1 : ruled_nibbles<plain_code> {
+struct q4_1 : ruled_nibbles<plain_code>, split_defaults {
   static constexpr int scale_bytes = 4;
   static constexpr bool has_offset = true;
 
@@ -200,7 +209,7 @@ struct q8_0 : whole_bytes, float_scale {
 // The values of one code per lane, `Share` neighbouring lanes to a block, the first of which has its scale at `scales`.
 template <typename Format, typename T, int Share, int N>
 simd<T, N> dequantized(const simd<uint32_t, N>& code, const uint8_t* scales) {
-  if constexpr (requires { Format::rounds_last; }) {
+  if constexpr (Format::rounds_last) {
     return convert<T>(Format::template scaled<float, N, Share>(Format::template unscaled<float>(code), scales));
   } else if constexpr (Format::has_offset) {
     const simd<T, N> one(to<T>(1));

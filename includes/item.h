@@ -13,14 +13,27 @@
 // A kernel declares
 //   static constexpr int sub_group_size  the required sub-group size; 1 for explicit SIMD
 //   static constexpr bool has_barriers   false if its strands meet only through tree_sum at their end
-//   static constexpr int smallest_group  if a group may be smaller than the sub-group size: its smallest size
+// and, if a group may be smaller than the sub-group size, has the base small_groups<smallest size>.
 #pragma once
 
+#include <concepts>
 #include <sycl/sycl.hpp>
 
 #include "simd.h"
 
 namespace orrery {
+
+struct has_small_groups {};
+template <int Smallest>
+struct small_groups : has_small_groups {
+  static constexpr int smallest_group = Smallest;
+};
+
+template <typename K>
+concept kernel_functor = requires {
+  { K::sub_group_size } -> std::convertible_to<int>;
+  { K::has_barriers } -> std::convertible_to<bool>;
+};
 
 #ifndef SYCL_EXT_ORRERY_HOST
 // One work-item of a device whose compiler makes the sub-groups.
@@ -57,10 +70,10 @@ template <typename Kernel>
 constexpr int lanes_of = 1;
 #endif
 
-template <int D, typename Kernel>
+template <int D, kernel_functor Kernel>
 void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel& kernel) {
 #ifdef SYCL_EXT_ORRERY_HOST
-  if constexpr (requires { Kernel::smallest_group; }) {
+  if constexpr (std::derived_from<Kernel, has_small_groups>) {
     if constexpr (Kernel::smallest_group < lanes_of<Kernel>) {
       if (range.get_local_range().size() < lanes_of<Kernel>) {
         return h.parallel_for_lanes<Kernel::smallest_group, Kernel::sub_group_size>(range, kernel);

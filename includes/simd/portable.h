@@ -17,52 +17,51 @@ template <typename S, int W>
 struct array_vector {
   S lane[W];
 
-  array_vector() {
-    for (int i = 0; i < W; ++i) lane[i] = S(0);
-  }
+  array_vector() = default;  // and so array_vector{} is zeros
   array_vector(S value) {
     for (int i = 0; i < W; ++i) lane[i] = value;
   }
 
-  friend array_vector operator+(const array_vector& a, const array_vector& b) {
+  using V = array_vector;
+  friend V operator+(const V& a, const V& b) {
     return each(a, b, [](unsigned_type x, unsigned_type y) { return x + y; });
   }
-  friend array_vector operator-(const array_vector& a, const array_vector& b) {
+  friend V operator-(const V& a, const V& b) {
     return each(a, b, [](unsigned_type x, unsigned_type y) { return x - y; });
   }
-  friend array_vector operator*(const array_vector& a, const array_vector& b) {
+  friend V operator*(const V& a, const V& b) {
     return each(a, b, [](unsigned_type x, unsigned_type y) { return x * y; });
   }
-  friend array_vector operator/(const array_vector& a, const array_vector& b) {
+  friend V operator/(const V& a, const V& b) {
     return each(a, b, [](S x, S y) { return x / y; });
   }
-  friend array_vector operator-(const array_vector& a) {
+  friend V operator-(const V& a) {
     return each(a, a, [](unsigned_type x, unsigned_type) { return -x; });
   }
-  friend array_vector operator&(const array_vector& a, const array_vector& b) {
+  friend V operator&(const V& a, const V& b) {
     return each(a, b, [](S x, S y) { return x & y; });
   }
-  friend array_vector operator|(const array_vector& a, const array_vector& b) {
+  friend V operator|(const V& a, const V& b) {
     return each(a, b, [](S x, S y) { return x | y; });
   }
-  friend array_vector operator^(const array_vector& a, const array_vector& b) {
+  friend V operator^(const V& a, const V& b) {
     return each(a, b, [](S x, S y) { return x ^ y; });
   }
-  friend array_vector operator>>(const array_vector& a, const array_vector& n) {
+  friend V operator>>(const V& a, const V& n) {
     return each(a, n, [](S x, S y) { return x >> y; });
   }
-  friend array_vector operator<<(const array_vector& a, const array_vector& n) {
+  friend V operator<<(const V& a, const V& n) {
     return each(a, n, [](unsigned_type x, S y) { return x << y; });
   }
 
   using comparison = array_vector<int_like<S>, W>;
-  friend comparison operator<(const array_vector& a, const array_vector& b) {
+  friend comparison operator<(const V& a, const V& b) {
     return compared(a, b, [](S x, S y) { return x < y; });
   }
-  friend comparison operator==(const array_vector& a, const array_vector& b) {
+  friend comparison operator==(const V& a, const V& b) {
     return compared(a, b, [](S x, S y) { return x == y; });
   }
-  friend comparison operator!=(const array_vector& a, const array_vector& b) {
+  friend comparison operator!=(const V& a, const V& b) {
     return compared(a, b, [](S x, S y) { return x != y; });
   }
 
@@ -241,7 +240,7 @@ struct portable {
   // A short vector in the low lanes of one of W; the lanes above are anything.
   template <typename S, int M, int W>
   static vector<S, W> widen(const vector<S, M>& few) {
-    vector<S, W> r;
+    vector<S, W> r{};
     for (int i = 0; i < M; ++i) r.lane[i] = few.lane[i];
     return r;
   }
@@ -310,7 +309,7 @@ struct portable {
   static uint64_t top_bits(const bytes& a) { return common_bits(a, broadcast<uint8_t, 64>(128)); }
   // Lanes of `a`, where a bit is set with b added to them, or negative.
   static bytes add_where(uint64_t where, const bytes& a, const bytes& b) { return blend<uint8_t, 64>(where, a + b, a); }
-  static bytes negate_where(uint64_t where, const bytes& a) { return blend<uint8_t, 64>(where, bytes() - a, a); }
+  static bytes negate_where(uint64_t where, const bytes& a) { return blend<uint8_t, 64>(where, bytes{} - a, a); }
   // Bits of `yes` where those of `mask` are set, of `no` elsewhere.
   static bytes merge_bits(const bytes& mask, const bytes& yes, const bytes& no) {
     bytes r;

@@ -16,7 +16,7 @@ template <typename Reader, typename V, int C, typename T>
 void write_places(const formats::block_planes& at, uint64_t block, int place, T* dense) {
   T* to = dense + block * 64 + place;
   constexpr bool halves = std::is_same_v<V, c10::Half> && std::is_same_v<T, c10::Half>;
-  if constexpr (halves && requires { Reader::template half_bits<C>(at, block, place); }) {
+  if constexpr (halves && Reader::reads_half_bits) {
     Reader::template half_bits<C>(at, block, place).store(reinterpret_cast<uint16_t*>(to));
   } else {
     simd<V, C> out[Reader::per_place];
@@ -36,11 +36,10 @@ struct dense_arguments {
 // A work-group fills one row. Its work-items take PerItem neighbouring places each, and again one group's share further
 // on. All arithmetic is in T.
 template <typename Reader, typename T, int SG, int PerItem>
-struct dense_row_kernel : dense_arguments<T> {
+struct dense_row_kernel : dense_arguments<T>, small_groups<16> {  // of _1x4, where 128 does not divide the row
   using reader = Reader;
   static constexpr int sub_group_size = SG;
   static constexpr bool has_barriers = false;
-  static constexpr int smallest_group = 16;  // of _1x4, where 128 does not divide the row
 
   template <typename Item>
   void operator()(const Item& item) const {
