@@ -770,5 +770,6 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.attr("scalar_items") = false;
 #endif
   bind_simd(m);
+  bind_simd_verbs(m);
   bind_formats(m);
 }
