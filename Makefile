@@ -15,7 +15,7 @@ CPP := $(shell find . \( -name .git -o -name .venv -o -name build -o -name tests
          \( -name '*.cpp' -o -name '*.h' -o -name '*.hpp' \) -print)
 PACKAGE := $(CPP) $(wildcard orrery/*.py orrery/quantizers/*.py orrery/data/* host/orrery_host/*.py) CMakeLists.txt host/CMakeLists.txt pyproject.toml
 NATIVE_TESTS := $(wildcard tests/native/*.cpp tests/native/*.h)
-KERNEL_TESTS = $(addprefix tests/,test_linear_xpu_kernel.py test_linear_batch.py test_super_block.py test_grid.py \
+KERNEL_TESTS = $(addprefix tests/,test_linear_xpu_kernel.py test_row_pairs.py test_super_block.py test_grid.py \
                  test_q8_1.py test_linear_dense.py test_dequantize.py test_bmm_xpu_kernel.py test_sdp.py test_norm.py \
                  test_rope.py)
 

@@ -11,7 +11,7 @@
 #include "linear/checks.h"
 #include "linear/dense/dense.h"
 #include "linear/dispatch.h"
-#include "linear/launch.h"
+#include "linear/one_row/quantize_q8_1.h"
 #include "module/device_class.h"
 #include "module/operations.h"
 
@@ -44,25 +44,31 @@ at::Tensor empty_result(const at::Tensor& input, const at::Tensor& weight, const
                    at::TensorOptions().dtype(input.scalar_type()).device(weight.device()));
 }
 
+// Ranges are submitted whole: a quantizer's group takes 256 elements.
+void check_quantized_row(uint64_t state_size) {
+  if (state_size % 256 == 0) return;
+  throw std::runtime_error("orrery_ops: an input that is quantized first must have a multiple of 256 columns, not " +
+                           std::to_string(state_size));
+}
+
 at::Tensor run_rows(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,
                     const linear_decision& way) {
-  at::Tensor result = empty_result(input, weight, request);
+  const at::Tensor result = empty_result(input, weight, request);
   check_value_type(request.type);
   check_row(way.kernel, request.state_size, way.row_multiple);
-  row_launch args{request.state_size,
-                  request.output_size,
-                  static_cast<const uint8_t*>(weight.data_ptr()),
-                  way.scale_offset,
-                  input.data_ptr(),
-                  result.data_ptr(),
-                  weight.device(),
-                  static_cast<uint64_t>(request.n),
-                  way.waits};
-  if (way.family == kernel_family::batch) {
-    launch_batch(way.kernel, way.shape, request.type, args);
-  } else {
-    launch_single_row(request.format, way.shape, request.type, args);
+  at::Tensor x = input;
+  if (way.quantizes_input) {
+    check_quantized_row(request.state_size);
+    x = quantize_q8_1(input.data_ptr(), request.type, request.n, request.state_size, weight.device());
   }
+  way.launch(way, {.type = request.type,
+                   .n = static_cast<uint64_t>(request.n),
+                   .state_size = request.state_size,
+                   .output_size = request.output_size,
+                   .weight = static_cast<const uint8_t*>(weight.data_ptr()),
+                   .x = x.data_ptr(),
+                   .y = result.data_ptr(),
+                   .device = weight.device()});
   return result;
 }
 
@@ -74,8 +80,8 @@ at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, 
   request.settings = read_settings(request);
   const linear_decision way = decide(request);
   switch (way.family) {
-    case kernel_family::single_row:
-    case kernel_family::batch:
+    case kernel_family::one_row:
+    case kernel_family::row_pairs:
       return run_rows(input, weight, request, way);
     case kernel_family::whole:
       return linear_whole(input, weight, request, way);

@@ -3,9 +3,9 @@
 #include <ATen/ops/empty.h>
 
 #include <cstdint>
-#include <stdexcept>
 
 #include "includes/assertion.h"
+#include "includes/type_switch.h"
 #include "module/operations.h"
 #include "utils.h"
 
@@ -79,16 +79,8 @@ at::Tensor rms_norm_of_type(const at::Tensor& weight, const at::Tensor& input, f
   ORRERY_ASSERT(weight.size(0) == input.size(1));
   ORRERY_ASSERT(weight.scalar_type() == input.scalar_type());
   at::Tensor out = at::empty({rows, hidden_size}, input.options());
-  switch (input.scalar_type()) {
-    case at::kFloat:
-      launch_rms_norm<float, 32, 32>(weight, input, out, eps, rows, hidden_size);
-      break;
-    case at::kHalf:
-      launch_rms_norm<c10::Half, 32, 32>(weight, input, out, eps, rows, hidden_size);
-      break;
-    default:
-      throw std::runtime_error("unsupported dtype, only fp32 and fp16 are supported");
-  }
+  with_half_or_float(input.scalar_type(),
+                     [&](auto t) { launch_rms_norm<decltype(t), 32, 32>(weight, input, out, eps, rows, hidden_size); });
   return out;
 }
 

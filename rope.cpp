@@ -2,9 +2,9 @@
 #include <ATen/core/Tensor.h>
 
 #include <cstdint>
-#include <stdexcept>
 
 #include "includes/assertion.h"
+#include "includes/type_switch.h"
 #include "module/operations.h"
 #include "utils.h"
 
@@ -102,19 +102,6 @@ void launch_rotary(const at::Tensor& inv_freq, const at::Tensor& position_ids, c
       query.device(), record);
 }
 
-template <template <typename, int> typename Kernel, int HD>
-void choose_type(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at::Tensor& query,
-                 const at::Tensor& key, const char* record) {
-  switch (key.scalar_type()) {
-    case at::kFloat:
-      return launch_rotary<Kernel, float, HD>(inv_freq, position_ids, query, key, record);
-    case at::kHalf:
-      return launch_rotary<Kernel, c10::Half, HD>(inv_freq, position_ids, query, key, record);
-    default:
-      throw std::runtime_error("unsupported dtype, only fp32 and fp16 are supported");
-  }
-}
-
 template <template <typename, int> typename Kernel>
 void rotary(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at::Tensor& query, const at::Tensor& key,
             const char* record) {
@@ -125,16 +112,11 @@ void rotary(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at
   ORRERY_ASSERT(inv_freq.is_contiguous());
   ORRERY_ASSERT(position_ids.is_contiguous());
   ORRERY_ASSERT(inv_freq.numel() == head_dim / 2);
-  switch (head_dim) {
-    case 64:
-      return choose_type<Kernel, 64>(inv_freq, position_ids, query, key, record);
-    case 96:
-      return choose_type<Kernel, 96>(inv_freq, position_ids, query, key, record);
-    case 128:
-      return choose_type<Kernel, 128>(inv_freq, position_ids, query, key, record);
-    default:
-      throw std::runtime_error("unsupported head_dim, only 128, 96 and 64 are supported");
-  }
+  with_head_dim(head_dim, [&](auto hd) {
+    with_half_or_float(key.scalar_type(), [&](auto t) {
+      launch_rotary<Kernel, decltype(t), hd()>(inv_freq, position_ids, query, key, record);
+    });
+  });
 }
 
 }  // namespace

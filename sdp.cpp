@@ -1,22 +1,20 @@
-// sdp: softmax(query key^T / sqrt(head_dim) + mask) value, for every query row by itself.
+// sdp: softmax(query key^T / sqrt(head_dim) + mask) value, for every query row by itself. The walk over the keys stands
+// in attention/walk.h.
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 
-#include <algorithm>
-#include <bit>
 #include <cstdint>
 #include <optional>
-#include <stdexcept>
 #include <type_traits>
 
+#include "attention/walk.h"
 #include "includes/assertion.h"
+#include "includes/type_switch.h"
 #include "module/operations.h"
 #include "utils.h"
 
 namespace orrery {
 namespace {
-
-constexpr int GS = 32;
 
 struct no_mask {};
 
@@ -38,56 +36,11 @@ operand<T, Strides> operand_of(const at::Tensor& x) {
   return o;
 }
 
-constexpr float scale_of(int head_dim) {
-  const uint32_t bits = head_dim == 64 ? 0x3E000000u : head_dim == 96 ? 0x3DD105ECu : 0x3DB504F3u;
-  return std::bit_cast<float>(bits);
-}
-constexpr float log2_e = std::bit_cast<float>(0x3FB8AA3Bu);
-
-// Sums a vector and a float over the work-items of a group by the halving tree, in `local`, GS * (HD + 1) floats, and
-// calls store(d, sums of lanes d, d + 1, ..., sum of the floats). A kernel's last act. A GPU's work-item writes its
-// vector as a column and folds a few rows. On the host the last strand takes 16 lanes of all vectors at once, where
-// columns would be 4096 stores of one float.
-template <int HD, typename Item, typename Store>
-void sum_over_group(const Item& item, float* local, const simd<float, HD>& acc, float sum, Store store) {
-  const size_t tid = item.local_linear();
-  float* sums = local + HD * GS;
-  sums[tid] = sum;
-  if constexpr (last_finishes) {
-    acc.store(local + tid * HD);
-  } else {
-    acc.store_strided(local + tid, GS);
-  }
-  meet_to_finish<GS>(item, [&](int begin, int end) {
-    const float total = fold(simd<float, GS>::load(sums));
-    if constexpr (last_finishes) {
-      constexpr int W = 16;
-      using vector = simd<float, W>;
-      for (int d = 0; d < HD; d += W) {
-        vector v[GS / 2];
-        ORRERY_UNROLL for (int i = 0; i < GS / 2; ++i) {
-          v[i] = vector::load(local + i * HD + d) + vector::load(local + (i + GS / 2) * HD + d);
-        }
-        ORRERY_UNROLL for (int h = GS / 4; h >= 1; h /= 2) {
-          ORRERY_UNROLL for (int i = 0; i < h; ++i) v[i] += v[i + h];
-        }
-        store(d, v[0], total);
-      }
-    } else {
-      for (int d = begin * (HD / GS); d < end * (HD / GS); ++d) {
-        store(d, simd<float, 1>(fold(simd<float, GS>::load(local + d * GS))), total);
-      }
-    }
-  });
-}
-
-// A work-group takes one query row of one head; its work-items share the keys and meet once, at the end.
 template <typename T, typename M, int HD>
 struct sdp_body {
   static constexpr int sub_group_size = 1;
   static constexpr bool has_barriers = !last_finishes;
   static constexpr bool masked = !std::is_same_v<M, no_mask>;
-  static constexpr int keys = 16;  // whose dot products are folded together
 
   uint64_t q_per_kv;
   operand<const T, 3> query;
@@ -99,40 +52,23 @@ struct sdp_body {
 
   template <typename Item>
   void operator()(const Item& item) const {
-    const uint64_t b = item.global(0), h = item.global(1), r = item.group(2), tid = item.local_linear();
+    const uint64_t b = item.global(0), h = item.global(1), r = item.group(2);
     const uint64_t kvh = h / q_per_kv;
     const auto q = simd<T, HD>::load(query.data + query.offset(b, h, r));
-    const uint64_t k = key.offset(b, kvh), v = value.offset(b, kvh), m = mask.offset(b, h, r);
-    const even_split<GS> range(context_length);
-
-    simd<float, HD> acc;
-    float sum = 0.0f;
-    for (uint64_t t = range.begin(tid), last = range.begin(tid + 1); t < last; t += keys) {
-      const int n = static_cast<int>(std::min<uint64_t>(keys, last - t));
-      float e[keys];
-      weights(q, k + t * HD, m + t, n, e);
-      for (int i = 0; i < n; ++i) {
-        acc += convert<float>(simd<T, HD>::load(value.data + v + (t + i) * HD)) * simd<float, HD>(e[i]);
-        sum += e[i];
+    const plain_rows<T, HD> keys{key.data + key.offset(b, kvh)}, values{value.data + value.offset(b, kvh)};
+    const auto add_mask = [&]([[maybe_unused]] uint64_t t, [[maybe_unused]] int n, const auto& x) {
+      if constexpr (masked) {
+        const M* at = mask.data + mask.offset(b, h, r) + t;
+        return x + convert<float>(simd<M, keys_at_once>::load(at, orrery::mask<keys_at_once>::first(n)));
+      } else {
+        return x;
       }
-    }
-
+    };
+    const auto share = walk_keys(item, context_length, q, keys, values, add_mask);
     T* o = out.data + out.offset(b, h, r);
-    sum_over_group(item, &local[0], acc, sum, [&](int d, const auto& lanes, float total) {
+    sum_over_group(item, &local[0], share, [&](int d, const auto& lanes, float total) {
       convert<T>(lanes / std::decay_t<decltype(lanes)>(total)).store(o + d);
     });
-  }
-
- private:
-  // e[i] = exp(scale * dot(q, key i) + mask i) for n keys from the offsets k and m on; no maximum is taken off.
-  void weights(const simd<T, HD>& q, uint64_t k, uint64_t m, int n, float (&e)[keys]) const {
-    simd<T, keys> part[keys];
-    for (int i = 0; i < n; ++i) part[i] = fold_to<keys>(q * simd<T, HD>::load(key.data + k + i * HD));
-    auto x = convert<float>(fold_each(part)) * simd<float, keys>(scale_of(HD));
-    if constexpr (masked) {
-      x += convert<float>(simd<M, keys>::load(mask.data + m, orrery::mask<keys>::first(n)));
-    }
-    native::exp2(x * simd<float, keys>(log2_e)).store(e);
   }
 };
 
@@ -152,8 +88,9 @@ struct call {
 
 template <typename T, typename M, int HD>
 void launch_sdp(const call& c) {
-  using kernel = typename std::conditional_t<std::is_same_v<M, no_mask>, std::type_identity<sdp_kernel<T, GS, HD>>,
-                                             std::type_identity<with_mask::sdp_kernel<T, M, GS, HD>>>::type;
+  using kernel =
+      typename std::conditional_t<std::is_same_v<M, no_mask>, std::type_identity<sdp_kernel<T, walk_group, HD>>,
+                                  std::type_identity<with_mask::sdp_kernel<T, M, walk_group, HD>>>::type;
   const uint64_t bsz = c.query.size(0), num_heads = c.query.size(1), input_size = c.query.size(2);
   sdp_body<T, M, HD> body{};
   body.q_per_kv = num_heads / static_cast<uint64_t>(c.key.size(1));
@@ -165,27 +102,19 @@ void launch_sdp(const call& c) {
   body.context_length = c.key.size(2);
   submit_kernel(
       [&](sycl::handler& h) {
-        body.local = sycl::local_accessor<float>(sycl::range<1>((HD + 1) * GS), h);
-        parallel_for(h, sycl::nd_range<3>({bsz, num_heads, input_size * GS}, {1, 1, GS}), kernel{body});
+        body.local = sycl::local_accessor<float>(sycl::range<1>(walk_memory<HD>), h);
+        parallel_for(h, sycl::nd_range<3>({bsz, num_heads, input_size * walk_group}, {1, 1, walk_group}), kernel{body});
       },
       c.query.device(), "sdp");
 }
 
 template <int HD>
 void choose_types(const call& c) {
-  const auto is = [](const at::Tensor& x, at::ScalarType type) { return x.scalar_type() == type; };
-  const bool query_float = is(c.query, at::kFloat), query_half = is(c.query, at::kHalf);
-  if (!c.mask) {
-    if (query_float) return launch_sdp<float, no_mask, HD>(c);
-    if (query_half) return launch_sdp<c10::Half, no_mask, HD>(c);
-  } else {
-    const bool mask_float = is(*c.mask, at::kFloat), mask_half = is(*c.mask, at::kHalf);
-    if (query_float && mask_float) return launch_sdp<float, float, HD>(c);
-    if (query_float && mask_half) return launch_sdp<float, c10::Half, HD>(c);
-    if (query_half && mask_float) return launch_sdp<c10::Half, float, HD>(c);
-    if (query_half && mask_half) return launch_sdp<c10::Half, c10::Half, HD>(c);
-  }
-  throw std::runtime_error("unsupported dtype, only fp32 and fp16 are supported");
+  with_half_or_float(c.query.scalar_type(), [&](auto t) {
+    using T = decltype(t);
+    if (!c.mask) return launch_sdp<T, no_mask, HD>(c);
+    with_half_or_float(c.mask->scalar_type(), [&](auto m) { launch_sdp<T, decltype(m), HD>(c); });
+  });
 }
 
 }  // namespace
@@ -213,19 +142,7 @@ at::Tensor sdp(const at::Tensor& query, const at::Tensor& key, const at::Tensor&
     expanded = mask->size(1) == 1 ? mask->expand({-1, num_heads, -1, -1}) : *mask;
   }
   const call c{query, key, value, expanded, out};
-  switch (head_dim) {
-    case 64:
-      choose_types<64>(c);
-      break;
-    case 96:
-      choose_types<96>(c);
-      break;
-    case 128:
-      choose_types<128>(c);
-      break;
-    default:
-      throw std::runtime_error("unsupported head_dim, only 128, 96 and 64 are supported");
-  }
+  with_head_dim(head_dim, [&](auto hd) { choose_types<hd()>(c); });
   return out;
 }
 

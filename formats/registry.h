@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 namespace orrery {
@@ -83,12 +84,19 @@ constexpr std::array<Value, format_codes> by_code(Value format_row::*field) {
 inline constexpr std::array<int32_t, format_codes> block_elems = detail::by_code(&format_row::elements);
 inline constexpr std::array<uint64_t, format_codes> block_bytes = detail::by_code(&format_row::bytes);
 
-// The row of a code that a weight may have, else null: holes of the table, and sizes without a reader, have none.
-constexpr const format_row* find_weight_format(weight_format format) {
-  for (const format_row& row : format_rows) {
-    if (row.format == format && row.layout != weight_layout::none) return &row;
+// The row of a format in a table that has a `format` in each row, else null.
+template <typename Row, size_t Rows>
+constexpr const Row* find_format(const Row (&rows)[Rows], weight_format format) {
+  for (const Row& row : rows) {
+    if (row.format == format) return &row;
   }
   return nullptr;
+}
+
+// The row of a code that a weight may have, else null: holes of the table, and sizes without a reader, have none.
+constexpr const format_row* find_weight_format(weight_format format) {
+  const format_row* row = find_format(format_rows, format);
+  return row == nullptr || row->layout == weight_layout::none ? nullptr : row;
 }
 
 // Remainders are dropped without notice, as the readers' addresses never depend on them.

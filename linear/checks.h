@@ -1,21 +1,13 @@
-// The checks that stand before the launch of a linear kernel: the input's type, then the length of a row.
+// The check of a row's length that stands before the launch of a linear kernel, behind that of the input's type.
 #pragma once
 
-#include <c10/core/ScalarType.h>
 #include <c10/util/Exception.h>
 
 #include <string>
 
+#include "includes/type_switch.h"
+
 namespace orrery {
-
-inline bool is_value_type(c10::ScalarType type) {
-  return type == c10::kHalf || type == c10::kFloat || type == c10::kDouble || type == c10::kBFloat16;
-}
-
-inline void check_value_type(c10::ScalarType type) {
-  TORCH_CHECK_NOT_IMPLEMENTED(is_value_type(type), "\"qlinear_forward_xpu\" not implemented for '", toString(type),
-                              "'");
-}
 
 // A multiple of 0 asks for nothing. The percent signs are literal; the numbers follow the text without a blank.
 inline void check_row(const char* kernel, uint64_t state_size, uint64_t multiple) {

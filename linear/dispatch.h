@@ -1,6 +1,7 @@
 // Which kernel serves a linear layer: a pure function from sizes, format, device class and settings to a decision.
 #pragma once
 
+#include <c10/core/Device.h>
 #include <c10/core/ScalarType.h>
 
 #include <array>
@@ -8,15 +9,14 @@
 #include <string_view>
 
 #include "formats/registry.h"
-#include "linear/launch.h"
 
 namespace orrery {
 
 enum class kernel_family {
   explicit_simd,  // several rows, one weight row per hardware thread
   matrix_engine,  // several rows on the matrix engine
-  single_row,     // one row, sub-group kernels
-  batch,          // a few rows, two at a time
+  one_row,        // one row, sub-group kernels
+  row_pairs,      // a few rows, two at a time
   whole,          // dense weight, then at::linear
   tile,           // dense weight by bands of rows, then at::linear
 };
@@ -42,14 +42,50 @@ struct linear_request {
   linear_settings settings;
 };
 
+// The template arguments of an instance: sub-group size, work-group size, rows of the weight per group. 0: not of this
+// kernel.
+struct row_shape {
+  int sub_group = 0;
+  int work_group = 0;
+  int rows = 0;
+
+  friend constexpr bool operator==(const row_shape&, const row_shape&) = default;
+};
+
+struct linear_decision;
+
+// What a kernel of the linear layer works on; x and y hold elements of `type`.
+struct linear_operands {
+  c10::ScalarType type = c10::ScalarType::Float;
+  uint64_t n = 1;            // input rows
+  uint64_t state_size = 0;   // elements of a row of the weight
+  uint64_t output_size = 0;  // rows of the weight
+  const uint8_t* weight = nullptr;
+  const void* x = nullptr;   // the input, or its q8_1 blocks where the decision says so; null for a dense weight
+  void* y = nullptr;         // the result, or the dense weight
+  uint64_t first_block = 0;  // of a band of dense rows
+  c10::Device device{c10::DeviceType::XPU};
+};
+
+// Submits the kernel of a decision.
+using linear_launcher = void(const linear_decision& way, const linear_operands& on);
+
+// Those of all kernels with one instance per type: Half, Float, Double and BFloat16, and the explicit-SIMD ones of a
+// dense weight, which have Half and Float and refuse any other.
+template <template <typename, int...> typename Kernel, int... Shape>
+linear_launcher launch_kernel;
+template <template <typename, int> typename Kernel, int Blocks>
+linear_launcher launch_block_kernel;
+
 // Ranges have a trailing 1 where the launch has one dimension.
 struct linear_decision {
-  kernel_family family = kernel_family::single_row;
+  kernel_family family = kernel_family::one_row;
   const char* kernel = "";                // the functor's name
+  linear_launcher* launch = nullptr;      // its instance's
   const char* record = "gridrun_kernel";  // the profiler record's name
   std::array<uint64_t, 2> global{0, 0};
   std::array<uint64_t, 2> local{0, 0};
-  row_shape shape;               // sub-group, work-group, weight rows per group (0: not of this kernel)
+  row_shape shape;
   int row_multiple = 0;          // state_size must be a multiple of it; 0: no test
   uint32_t scale_offset = 0;     // 0 where the kernel takes none
   bool quantizes_input = false;  // the activation goes through the q8_1 quantizer first
@@ -64,6 +100,9 @@ linear_decision decide(const linear_request& request);
 
 // The ordinary kernel that makes a dense weight, whatever the type; of no use for fp6, which has none.
 linear_decision decide_dense(const linear_request& request);
+
+// A tile's decision for `rows` rows of the weight.
+linear_decision decide_band(const linear_decision& tile, uint64_t rows);
 
 // Reads from the environment exactly what the way of this request reads, in its order. A malformed number throws
 // std::invalid_argument or std::out_of_range, also where the number would not matter.

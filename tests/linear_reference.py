@@ -184,7 +184,7 @@ def element_of_run(name: str, o: np.ndarray, k: int) -> np.ndarray:
     return o + k
 
 
-# The sum of a run's inputs, for q4_1: one after another in the single-row kernel, two at a time in the batched one.
+# The sum of a run's inputs, for q4_1: one after another in the single-row kernel, two at a time in those of pairs.
 def inputs_in_order(a: Arithmetic, inputs: list[np.ndarray]) -> np.ndarray:
     total = inputs[0]
     for x in inputs[1:]:
@@ -341,8 +341,8 @@ def differing(got: np.ndarray, expected: np.ndarray) -> int:
     return int(((got.view(kind) != expected.view(kind)) & ~(np.isnan(got) & np.isnan(expected))).sum())
 
 
-# Input rows of the batched kernels by format: the fewest and the most that the dispatch gives one, and odd numbers.
-BATCHES = {
+# Input rows of the kernels for pairs, by format: the fewest and the most that the dispatch gives one, and odd numbers.
+PAIRED = {
     "q4_0": (2, 3, 7, 8, 20),
     "q4_1": (2, 5, 20),
     "q8_0": (2, 7),
@@ -350,7 +350,7 @@ BATCHES = {
     "fp4": (2, 7),
     "fp8_e5m2": (2, 7),
 }
-BATCH_SHAPES = [(1, 64), (2, 192), (3, 1088), (7, 320), (5, 80)]
+PAIR_SHAPES = [(1, 64), (2, 192), (3, 1088), (7, 320), (5, 80)]
 
 
 def is_whole(name: str, rows: int, state: int) -> bool:
@@ -362,9 +362,9 @@ def cases_of(family: str, device_class: int) -> list[tuple]:
     """Format, type, rows, elements and input rows."""
     if family == "row":
         return [(f, d, *s, 1) for f in CODES for d in DTYPES for s in SHAPES if is_whole(f, *s)]
-    # Class 0 has no batched kernel for two formats.
-    formats = [f for f in BATCHES if device_class != 0 or f not in ("q4_0", "fp4")]
-    return [(f, d, *s, n) for f in formats for d in DTYPES for s in BATCH_SHAPES for n in BATCHES[f] if is_whole(f, *s)]
+    # Class 0 takes no pairs in two formats.
+    formats = [f for f in PAIRED if device_class != 0 or f not in ("q4_0", "fp4")]
+    return [(f, d, *s, n) for f in formats for d in DTYPES for s in PAIR_SHAPES for n in PAIRED[f] if is_whole(f, *s)]
 
 
 def fields_of(launch: orrery_host.Launch) -> dict:

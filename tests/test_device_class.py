@@ -60,7 +60,7 @@ def test_each_class_launches_its_own_instances(device_name: str, cls: int) -> No
     for case, seen in zip(cases, json.loads(done.stdout), strict=True):
         code, name, state, rows = case
         want = dispatch.decide(code, name, 1, state, rows, 0, cls)
-        if want["family"] != "single_row":
+        if want["family"] != "one_row":
             assert seen == f"orrery_ops: {want['kernel']} is not built yet", case
             continue
         assert_launch(seen, want, case)

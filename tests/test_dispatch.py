@@ -44,9 +44,9 @@ def two_row_range(rows: int, sg: int, wg: int) -> int:
     return (rows * sg + sg) // wg * wg
 
 
-def single_row(code: int, state: int, rows: int, cls: int) -> dict[str, Any]:
+def one_row(code: int, state: int, rows: int, cls: int) -> dict[str, Any]:
     sg, wg = (32, 64) if cls == 0 else (16, 32)
-    out: dict[str, Any] = {"family": "single_row", "kernel": SINGLE[code], "record": "gridrun_kernel"}
+    out: dict[str, Any] = {"family": "one_row", "kernel": SINGLE[code], "record": "gridrun_kernel"}
     if code == 2 and cls == 5:
         out |= {"global": ((rows * 4 + 28) // 32 * 32,), "local": (32,), "sub_group": 16, "rows": 8}
     elif code in (6, 7):
@@ -66,7 +66,7 @@ def single_row(code: int, state: int, rows: int, cls: int) -> dict[str, Any]:
     return out
 
 
-def batch(code: int, n: int, state: int, rows: int, cls: int) -> dict[str, Any] | None:
+def row_pairs(code: int, n: int, state: int, rows: int, cls: int) -> dict[str, Any] | None:
     sg, wg = (32, 64) if cls == 0 else (16, 32)
     if code == 2 and cls != 0 and n <= 7:
         kernel, style = "qlinear_xpu_kernel_q4_0_2x16_by_batch", "B"
@@ -87,7 +87,7 @@ def batch(code: int, n: int, state: int, rows: int, cls: int) -> dict[str, Any] 
     first = rows // 2 * wg if style == "A" else (rows + 1) // 2 * wg
     pairs = (n + 1) // 2
     return {
-        "family": "batch",
+        "family": "row_pairs",
         "kernel": kernel,
         "record": "gridrun_kernel",
         "global": (first,) if pairs == 1 else (first, pairs),
@@ -201,8 +201,8 @@ def expected(code: int, type_: str, n: int, state: int, rows: int, hint: int, cl
                 "tail": n % 8 or 8, "waits": False, "scale_offset": scale_position(code, rows, state),
             }  # fmt: skip
     if n == 1:
-        return single_row(code, state, rows, cls)
-    if (few := batch(code, n, state, rows, cls)) is not None:
+        return one_row(code, state, rows, cls)
+    if (few := row_pairs(code, n, state, rows, cls)) is not None:
         return few
     tiled = False
     if code == 2:
@@ -245,7 +245,7 @@ def decide(code: int, n: int, cls: int, type_: str = HALF, state: int = 4096, ro
 
 def test_one_row_of_q4_0_on_class_1_stays_narrow() -> None:
     got = decide(2, 1, 1)
-    assert (got["family"], got["kernel"]) == ("single_row", "qlinear_xpu_kernel_q4_0_2x16")
+    assert (got["family"], got["kernel"]) == ("one_row", "qlinear_xpu_kernel_q4_0_2x16")
     assert (got["sub_group"], got["work_group"], got["rows"]) == (16, 32, 2)
     assert got["global"] == (4096 * 16,)
 
@@ -253,8 +253,8 @@ def test_one_row_of_q4_0_on_class_1_stays_narrow() -> None:
 def test_one_row_of_q8_0_on_class_1_takes_the_vector_kernel() -> None:
     assert decide(8, 1, 1)["kernel"] == "vector_forward_kernel_q8_0"
     assert decide(8, 1, 2)["family"] == "explicit_simd"
-    assert decide(8, 1, 0)["family"] == "single_row"
-    assert decide(8, 1, 4)["family"] == "single_row"
+    assert decide(8, 1, 0)["family"] == "one_row"
+    assert decide(8, 1, 4)["family"] == "one_row"
 
 
 def test_eight_rows_of_fp8_e5m2_on_class_3_go_whole() -> None:
@@ -311,11 +311,11 @@ def test_tiles_cover_all_rows_and_the_last_may_be_short() -> None:
 def test_a_limit_lies_where_the_format_has_it() -> None:
     last = {2: 20, 3: 20, 8: 7, 10: 14, 16: 7, 19: 7}
     for code in FORMATS:
-        batched = [n for n in range(2, 70) if decide(code, n, 5)["family"] == "batch"]
-        assert batched == list(range(2, last.get(code, 1) + 1)), FORMATS[code]
+        by_pairs = [n for n in range(2, 70) if decide(code, n, 5)["family"] == "row_pairs"]
+        assert by_pairs == list(range(2, last.get(code, 1) + 1)), FORMATS[code]
 
 
-def test_class_0_never_takes_the_batched_kernels_of_q4_0_and_fp4() -> None:
+def test_class_0_never_takes_the_pairs_of_q4_0_and_fp4() -> None:
     for code, n in itertools.product((2, 16), range(2, 70)):
         assert decide(code, n, 0, DOUBLE, rows=4095)["family"] == "whole"
 
@@ -323,8 +323,8 @@ def test_class_0_never_takes_the_batched_kernels_of_q4_0_and_fp4() -> None:
 def test_no_rows_of_input_take_no_kernel_that_a_format_lacks() -> None:
     for code, cls in itertools.product(FORMATS, CLASSES):
         got = decide(code, 0, cls, DOUBLE, rows=4095)
-        batched = code in (2, 3, 8, 10, 16, 19) and not (cls == 0 and code in (2, 16))
-        assert got["family"] == ("batch" if batched else "whole"), (FORMATS[code], cls)
+        by_pairs = code in (2, 3, 8, 10, 16, 19) and not (cls == 0 and code in (2, 16))
+        assert got["family"] == ("row_pairs" if by_pairs else "whole"), (FORMATS[code], cls)
 
 
 def test_an_odd_row_is_dropped_in_one_style_and_kept_in_the_other() -> None:
@@ -376,8 +376,8 @@ def test_the_first_malformed_number_in_reading_order_is_told() -> None:
 
 
 def test_numbers_that_a_way_does_not_read_may_be_malformed() -> None:
-    assert decide(8, 1, 3, KELPIE_LLM_LOW_MEM="x")["family"] == "single_row"
-    assert decide(3, 1, 3, TILE_SIZE="x", TILE_THRESHOLD="x")["family"] == "single_row"
+    assert decide(8, 1, 3, KELPIE_LLM_LOW_MEM="x")["family"] == "one_row"
+    assert decide(3, 1, 3, TILE_SIZE="x", TILE_THRESHOLD="x")["family"] == "one_row"
     assert decide(8, 1, 1, TILE_SIZE="x")["family"] == "explicit_simd"
     assert decide(15, 8, 1, TILE_SIZE="x")["family"] == "matrix_engine"
 

@@ -8,6 +8,7 @@ import pytest
 import torch
 
 import block_reference as ref
+import orrery_host
 import orrery_ops
 from linear_reference import DTYPES, differing
 from test_super_block import blocks_of
@@ -115,8 +116,11 @@ def test_a_nan_does_not_hide_the_largest(lane: int) -> None:
 @pytest.mark.parametrize("name", ["q2_k", "iq2_xxs", "iq1_s"])
 def test_a_row_that_is_no_whole_number_of_groups_cannot_be_launched(name: str, state: int) -> None:
     weight = torch.zeros(64 * ref.BYTES[name], dtype=torch.uint8, device="xpu")
-    with pytest.raises(RuntimeError, match=f"global range {state} .* no multiple of its local range 256"):
+    with pytest.raises(RuntimeError) as caught, orrery_host.record_launches() as launches:
         orrery_ops.forward_new(torch.ones(1, state, device="xpu"), weight, ref.CODES[name], 1)
+    assert type(caught.value) is RuntimeError and launches == []
+    text = "orrery_ops: an input that is quantized first must have a multiple of 256 columns, not "
+    assert str(caught.value) == text + str(state)
 
 
 # --- Dot products of blocks -----------------------------------------------------------------------------------------

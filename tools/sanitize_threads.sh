@@ -17,7 +17,8 @@ fi
 reports="$PWD/build/tsan/reports"
 rm -rf "$reports"
 mkdir "$reports"
-export TSAN_OPTIONS="die_after_fork=0:log_path=$reports/process${TSAN_OPTIONS:+:$TSAN_OPTIONS}"
+suppressions="$PWD/tools/sanitize_threads.supp"
+export TSAN_OPTIONS="die_after_fork=0:suppressions=$suppressions:log_path=$reports/process${TSAN_OPTIONS:+:$TSAN_OPTIONS}"
 export PYTHONPATH="$PWD/build/tsan/python"
 # The interpreter is not instrumented, so the runtime comes first.
 compiler=$(sed -n 's/^CMAKE_CXX_COMPILER:[^=]*=//p' build/tsan/CMakeCache.txt)

@@ -8,26 +8,11 @@
 
 #include "formats/registry.h"
 #include "linear/checks.h"
-#include "linear/dense/dequantize.h"
-#include "linear/dense/launchers.h"
 #include "linear/dense/super_blocks.h"
 #include "module/operations.h"
 
 namespace orrery {
 namespace {
-
-struct launcher_row {
-  weight_format format;
-  void (*launch)(c10::ScalarType, const dense_launch&);
-};
-
-constexpr launcher_row launchers[] = {
-    {weight_format::q4_0, launch_dense_q4_0}, {weight_format::q4_1, launch_dense_q4_1},
-    {weight_format::q5_0, launch_dense_q5_0}, {weight_format::q5_1, launch_dense_q5_1},
-    {weight_format::q8_0, launch_dense_q8_0}, {weight_format::nf4, launch_dense_nf4},
-    {weight_format::nf3, launch_dense_nf3},   {weight_format::fp8_e4m3, launch_dense_fp8_e4m3},
-    {weight_format::fp4, launch_dense_fp4},   {weight_format::fp8_e5m2, launch_dense_fp8_e5m2},
-};
 
 at::Tensor empty_matrix(uint64_t rows, uint64_t columns, const at::Tensor& weight, at::ScalarType type) {
   return at::empty({static_cast<int64_t>(rows), static_cast<int64_t>(columns)},
@@ -36,29 +21,15 @@ at::Tensor empty_matrix(uint64_t rows, uint64_t columns, const at::Tensor& weigh
 
 at::Tensor product(const at::Tensor& input, const at::Tensor& dense) { return at::linear(input, dense, {}); }
 
-// Rows from `first_row` on, as many as `dense` has.
-void fill_rows(const at::Tensor& dense, uint64_t first_row, const at::Tensor& weight, const linear_request& request,
-               const linear_decision& way) {
-  const auto* row = std::find_if(std::begin(launchers), std::end(launchers),
-                                 [&](const launcher_row& l) { return l.format == request.format; });
-  if (row == std::end(launchers)) {
-    return launch_dequantize_blocks(request.format, request.type, request.output_size, request.state_size,
-                                    weight.data_ptr(), dense.data_ptr(), weight.device(), way.waits);
-  }
-  dense_launch args;
-  args.kernel = way.kernel;
-  args.state_size = request.state_size;
-  args.first_block = wrapped_blocks(first_row, request.state_size);
-  args.rows = dense.size(0);
-  args.group_items = way.local[0];
-  args.sub_group = way.shape.sub_group;
-  args.tile = way.family == kernel_family::tile;
-  args.weight = static_cast<const uint8_t*>(weight.data_ptr());
-  args.scale_offset = way.scale_offset;
-  args.dense = dense.data_ptr();
-  args.waits = way.waits;
-  args.device = weight.device();
-  row->launch(request.type, args);
+// The rows from `first_row` on that `dense` has.
+void fill_rows(const at::Tensor& dense, uint64_t first_row, const at::Tensor& weight, const linear_decision& way) {
+  way.launch(way, {.type = dense.scalar_type(),
+                   .state_size = static_cast<uint64_t>(dense.size(1)),
+                   .output_size = static_cast<uint64_t>(dense.size(0)),
+                   .weight = static_cast<const uint8_t*>(weight.data_ptr()),
+                   .y = dense.data_ptr(),
+                   .first_block = static_cast<uint64_t>(wrapped_blocks(first_row, dense.size(1))),
+                   .device = weight.device()});
 }
 
 }  // namespace
@@ -69,17 +40,15 @@ at::Tensor empty_dense(const at::Tensor& weight, const linear_request& request) 
 
 at::Tensor dense_weight(const at::Tensor& weight, const linear_request& request, const linear_decision& way) {
   const at::Tensor dense = empty_dense(weight, request);
-  check_value_type(request.type);
+  if (way.row_multiple != 0) check_value_type(request.type);
   check_row(way.kernel, request.state_size, way.row_multiple);
-  fill_rows(dense, 0, weight, request, way);
+  fill_rows(dense, 0, weight, way);
   return dense;
 }
 
 at::Tensor linear_whole(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,
                         const linear_decision& way) {
-  if (way.shape.sub_group != 1) return product(input, dense_weight(weight, request, way));
-  const at::Tensor dense = empty_dense(weight, request);
-  return product(input, dequantize(request.format, weight, dense));
+  return product(input, dense_weight(weight, request, way));
 }
 
 at::Tensor linear_by_tiles(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,
@@ -91,7 +60,7 @@ at::Tensor linear_by_tiles(const at::Tensor& input, const at::Tensor& weight, co
     const at::Tensor dense = empty_matrix(rows, request.state_size, weight, request.type);
     check_value_type(request.type);
     check_row(way.kernel, request.state_size, way.row_multiple);
-    fill_rows(dense, start, weight, request, way);
+    fill_rows(dense, start, weight, decide_band(way, rows));
     result.index_put_({Slice(), Slice(static_cast<int64_t>(start), static_cast<int64_t>(start + rows))},
                       product(input, dense));
   }
@@ -105,8 +74,12 @@ at::Tensor dequantize_rows_xpu(at::Tensor input, at::Tensor weight, int32_t qtyp
   if (!has_rows_dequantize(format)) return rows;
   const int64_t* index = input.const_data_ptr<int64_t>();
   check_row("dequantize_rows", row_size, 64);
-  launch_dequantize_rows(format, index, input.size(0) * input.size(1), row_size >> 8, weight.data_ptr(),
-                         rows.data_ptr<float>(), weight.device());
+  launch_dequantize_rows(format, {.index = index,
+                                  .indexes = static_cast<uint64_t>(input.size(0) * input.size(1)),
+                                  .nb_row = static_cast<uint64_t>(row_size) >> 8,
+                                  .weight = static_cast<const uint8_t*>(weight.data_ptr()),
+                                  .dense = rows.data_ptr<float>(),
+                                  .device = weight.device()});
   return rows;
 }
 

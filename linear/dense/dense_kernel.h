@@ -5,9 +5,7 @@
 #include <cstdint>
 
 #include "formats/dense_readers.h"
-#include "linear/dense/launchers.h"
 #include "linear/launch.h"
-#include "utils.h"
 
 namespace orrery {
 
@@ -25,69 +23,41 @@ void write_places(const formats::block_planes& at, uint64_t block, int place, T*
   }
 }
 
-template <typename T>
-struct dense_arguments {
+// A work-group fills one row. Its work-items take PerItem neighbouring places each, and again one group's share further
+// on. All arithmetic is in T.
+template <typename Reader, typename T, int SG, int PerItem>
+struct dense_row_kernel : small_groups<16> {  // of _1x4, where 128 does not divide the row
+  static constexpr int sub_group_size = SG;
+  static constexpr bool has_barriers = false;
+  static constexpr int dimensions = 1;
+
   uint64_t state_size = 0;
   uint64_t group_items = 0;
   formats::block_planes planes;  // from the first row on that is written
   T* dense = nullptr;
-};
 
-// A work-group fills one row. Its work-items take PerItem neighbouring places each, and again one group's share further
-// on. All arithmetic is in T.
-template <typename Reader, typename T, int SG, int PerItem>
-struct dense_row_kernel : dense_arguments<T>, small_groups<16> {  // of _1x4, where 128 does not divide the row
-  using reader = Reader;
-  static constexpr int sub_group_size = SG;
-  static constexpr bool has_barriers = false;
+  void bind(const linear_decision& way, const linear_operands& on, sycl::handler&) {
+    state_size = on.state_size;
+    group_items = way.local[0];
+    planes = {on.weight + on.first_block * Reader::quant_bytes,
+              on.weight + way.scale_offset + on.first_block * Reader::scale_bytes};
+    dense = static_cast<T*>(on.y);
+  }
 
   template <typename Item>
   void operator()(const Item& item) const {
     constexpr int share = Item::lanes * PerItem;
     constexpr int C = std::min(share, Reader::places);
-    const uint64_t places = this->state_size / 64 * Reader::places;
-    const uint64_t first_block = item.group() * (this->state_size / 64);
-    for (uint64_t p = item.local_linear() * PerItem; p < places; p += this->group_items * PerItem) {
+    const uint64_t places = state_size / 64 * Reader::places;
+    const uint64_t first_block = item.group() * (state_size / 64);
+    for (uint64_t p = item.local_linear() * PerItem; p < places; p += group_items * PerItem) {
       ORRERY_UNROLL for (int i = 0; i < share; i += C) {
-        write_places<Reader, T, C>(this->planes, first_block + (p + i) / Reader::places,
-                                   static_cast<int>((p + i) % Reader::places), this->dense);
+        write_places<Reader, T, C>(planes, first_block + (p + i) / Reader::places,
+                                   static_cast<int>((p + i) % Reader::places), dense);
       }
     }
   }
 };
-
-template <typename Kernel, typename T>
-void launch_dense_kernel(const dense_launch& a) {
-  using reader = typename Kernel::reader;
-  Kernel kernel;
-  static_cast<dense_arguments<T>&>(kernel) = {
-      a.state_size,
-      a.group_items,
-      {a.weight + a.first_block * reader::quant_bytes, a.weight + a.scale_offset + a.first_block * reader::scale_bytes},
-      static_cast<T*>(a.dense)};
-  launch(
-      a.device, sycl::nd_range<1>(a.rows * a.group_items, a.group_items), {"linear_xpu_kernel", a.kernel},
-      [&](sycl::handler&) { return kernel; }, default_record, a.waits);
-}
-
-// The instance for the sub-group size: 32 for the devices that take the wide kernels, 16 for the others.
-template <template <typename, int> typename Wide, template <typename, int> typename Narrow>
-void launch_dense_rows(c10::ScalarType type, const dense_launch& a) {
-  with_value_type(type, [&](auto t) {
-    using T = decltype(t);
-    if (a.sub_group == 32) {
-      launch_dense_kernel<Wide<T, 32>, T>(a);
-    } else {
-      launch_dense_kernel<Narrow<T, 16>, T>(a);
-    }
-  });
-}
-
-// For a kernel that only the other devices take.
-template <template <typename, int> typename Kernel>
-void launch_dense_narrow(c10::ScalarType type, const dense_launch& a) {
-  with_value_type(type, [&](auto t) { launch_dense_kernel<Kernel<decltype(t), 16>, decltype(t)>(a); });
-}
 
 // Explicit SIMD: a work-item writes SBS whole blocks. The values are halves, widened at the store.
 template <typename Reader, typename T, int SBS>
@@ -95,8 +65,15 @@ struct dense_blocks_kernel {
   static constexpr int sub_group_size = 1;
   static constexpr bool has_barriers = false;
 
+  static constexpr int dimensions = 1;
+
   formats::block_planes planes;
-  T* dense;
+  T* dense = nullptr;
+
+  void bind(const linear_decision& way, const linear_operands& on, sycl::handler&) {
+    planes = {on.weight, on.weight + way.scale_offset, on.weight + fp6_second_plane(on.output_size, on.state_size)};
+    dense = static_cast<T*>(on.y);
+  }
 
   template <typename Item>
   void operator()(const Item& item) const {

@@ -25,18 +25,13 @@ template <typename T, int SG>
 struct qlinear_xpu_tile_dequantize_kernel_fp8_e5m2_1x1
     : dense_row_kernel<formats::byte_reader<formats::fp8_e5m2>, T, SG, 1> {};
 
-void launch_dense_q8_0(c10::ScalarType type, const dense_launch& a) {
-  if (a.tile) return launch_dense_narrow<qlinear_xpu_tile_dequantize_kernel_q8_0_1x1>(type, a);
-  launch_dense_rows<qlinear_xpu_dequantize_kernel_q8_0_1x2, qlinear_xpu_dequantize_kernel_q8_0_1x1>(type, a);
-}
-
-void launch_dense_fp8_e4m3(c10::ScalarType type, const dense_launch& a) {
-  launch_dense_rows<qlinear_xpu_dequantize_kernel_fp8_e4m3_1x2, qlinear_xpu_dequantize_kernel_fp8_e4m3_1x1>(type, a);
-}
-
-void launch_dense_fp8_e5m2(c10::ScalarType type, const dense_launch& a) {
-  if (a.tile) return launch_dense_narrow<qlinear_xpu_tile_dequantize_kernel_fp8_e5m2_1x1>(type, a);
-  launch_dense_rows<qlinear_xpu_dequantize_kernel_fp8_e5m2_1x2, qlinear_xpu_dequantize_kernel_fp8_e5m2_1x1>(type, a);
-}
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_q8_0_1x2, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_q8_0_1x1, 16>;
+template linear_launcher launch_kernel<qlinear_xpu_tile_dequantize_kernel_q8_0_1x1, 16>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_fp8_e4m3_1x2, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_fp8_e4m3_1x1, 16>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_fp8_e5m2_1x2, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_fp8_e5m2_1x1, 16>;
+template linear_launcher launch_kernel<qlinear_xpu_tile_dequantize_kernel_fp8_e5m2_1x1, 16>;
 
 }  // namespace orrery

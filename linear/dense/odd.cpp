@@ -10,16 +10,11 @@ struct qlinear_xpu_dequantize_kernel_q5_1 : dense_row_kernel<formats::q5_reader<
 template <typename T, int SG>
 struct qlinear_xpu_dequantize_kernel_nf3_new : dense_row_kernel<formats::nf3_reader, T, SG, 1> {};
 
-void launch_dense_q5_0(c10::ScalarType type, const dense_launch& a) {
-  launch_dense_rows<qlinear_xpu_dequantize_kernel_q5_0, qlinear_xpu_dequantize_kernel_q5_0>(type, a);
-}
-
-void launch_dense_q5_1(c10::ScalarType type, const dense_launch& a) {
-  launch_dense_rows<qlinear_xpu_dequantize_kernel_q5_1, qlinear_xpu_dequantize_kernel_q5_1>(type, a);
-}
-
-void launch_dense_nf3(c10::ScalarType type, const dense_launch& a) {
-  launch_dense_rows<qlinear_xpu_dequantize_kernel_nf3_new, qlinear_xpu_dequantize_kernel_nf3_new>(type, a);
-}
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_q5_0, 16>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_q5_0, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_q5_1, 16>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_q5_1, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_nf3_new, 16>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_nf3_new, 32>;
 
 }  // namespace orrery

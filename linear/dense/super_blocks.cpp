@@ -3,8 +3,7 @@
 #include "formats/grid.h"
 #include "formats/super_block.h"
 #include "includes/item.h"
-#include "linear/one_row/row_kernel.h"
-#include "utils.h"
+#include "linear/launch.h"
 
 namespace orrery {
 namespace {
@@ -55,8 +54,15 @@ struct block_values {
 
 template <typename Format, typename Split, typename T>
 struct dequantize_kernel : block_values<Format, Split, T> {
-  const uint8_t* weight;
-  T* dense;
+  static constexpr int dimensions = 1;
+
+  const uint8_t* weight = nullptr;
+  T* dense = nullptr;
+
+  void bind(const linear_decision&, const linear_operands& on, sycl::handler&) {
+    weight = on.weight;
+    dense = static_cast<T*>(on.y);
+  }
 
   template <typename Item>
   void operator()(const Item& item) const {
@@ -83,6 +89,8 @@ struct dequantize_rows_kernel : block_values<Format, Split, float> {
 
 using formats::iq1_s, formats::iq2_xxs, formats::q2_k, formats::q4_k, formats::q5_k, formats::q6_k;
 
+}  // namespace
+
 template <typename T>
 struct qlinear_xpu_dequantize_kernel_q2_k : dequantize_kernel<q2_k, four_apart, T> {};
 template <typename T>
@@ -99,82 +107,45 @@ struct qlinear_xpu_dequantize_kernel_iq1_s : dequantize_kernel<iq1_s, grid_group
 struct xpu_dequantize_rows_kernel_q2_k : dequantize_rows_kernel<q2_k, four_apart> {};
 struct xpu_dequantize_rows_kernel_q4_k : dequantize_rows_kernel<q4_k, nibble_runs<32>> {};
 
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_q2_k>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_q4_k>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_q5_k>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_q6_k>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_iq2_xxs>;
+template linear_launcher launch_kernel<qlinear_xpu_dequantize_kernel_iq1_s>;
+
+namespace {
+
 template <typename Kernel>
-void launch_groups(uint64_t groups, const Kernel& kernel, c10::Device device, const char* function, bool wait) {
-  launch(
-      device, sycl::nd_range<1>(groups * Kernel::work_group, Kernel::work_group), {"linear_xpu_kernel", function},
-      [&](sycl::handler&) { return kernel; }, default_record, wait);
-}
-
-struct blocks_launch {
-  uint64_t blocks;
-  const uint8_t* weight;
-  void* dense;
-  c10::Device device;
-  bool wait;
-};
-
-template <template <typename> typename Kernel>
-void launch_blocks(c10::ScalarType type, const blocks_launch& a, const char* function) {
-  with_value_type(type, [&](auto t) {
-    using T = decltype(t);
-    Kernel<T> kernel;
-    kernel.weight = a.weight;
-    kernel.dense = static_cast<T*>(a.dense);
-    launch_groups(a.blocks, kernel, a.device, function, a.wait);
+void launch_indexed(const indexed_rows& rows, const char* function) {
+  const sycl::nd_range<1> range(rows.indexes * rows.nb_row * Kernel::work_group, Kernel::work_group);
+  launch(rows.device, range, {"linear_xpu_kernel", function}, [&](sycl::handler&) {
+    Kernel kernel;
+    kernel.index = rows.index;
+    kernel.nb_row = rows.nb_row;
+    kernel.weight = rows.weight;
+    kernel.dense = rows.dense;
+    return kernel;
   });
 }
 
-struct row {
+struct indexed_row {
   weight_format format;
-  void (*launch)(c10::ScalarType, const blocks_launch&, const char*);
-  const char* name;
+  const char* kernel;
+  void (*launch)(const indexed_rows& rows, const char* function);
 };
 
-constexpr row rows[] = {
-    {weight_format::iq2_xxs, launch_blocks<qlinear_xpu_dequantize_kernel_iq2_xxs>,
-     "qlinear_xpu_dequantize_kernel_iq2_xxs"},
-    {weight_format::q2_k, launch_blocks<qlinear_xpu_dequantize_kernel_q2_k>, "qlinear_xpu_dequantize_kernel_q2_k"},
-    {weight_format::iq1_s, launch_blocks<qlinear_xpu_dequantize_kernel_iq1_s>, "qlinear_xpu_dequantize_kernel_iq1_s"},
-    {weight_format::q6_k, launch_blocks<qlinear_xpu_dequantize_kernel_q6_k>, "qlinear_xpu_dequantize_kernel_q6_k"},
-    {weight_format::q4_k, launch_blocks<qlinear_xpu_dequantize_kernel_q4_k>, "qlinear_xpu_dequantize_kernel_q4_k"},
-    {weight_format::q5_k, launch_blocks<qlinear_xpu_dequantize_kernel_q5_k>, "qlinear_xpu_dequantize_kernel_q5_k"},
+constexpr indexed_row indexed[] = {
+    {weight_format::q2_k, "xpu_dequantize_rows_kernel_q2_k", launch_indexed<xpu_dequantize_rows_kernel_q2_k>},
+    {weight_format::q4_k, "xpu_dequantize_rows_kernel_q4_k", launch_indexed<xpu_dequantize_rows_kernel_q4_k>},
 };
-
-template <typename Kernel>
-void launch_indexed(const int64_t* index, uint64_t indexes, uint64_t nb_row, const void* weight, float* dense,
-                    c10::Device device, const char* function) {
-  Kernel kernel;
-  kernel.index = index;
-  kernel.nb_row = nb_row;
-  kernel.weight = static_cast<const uint8_t*>(weight);
-  kernel.dense = dense;
-  launch_groups(indexes * nb_row, kernel, device, function, false);
-}
 
 }  // namespace
 
-void launch_dequantize_blocks(weight_format format, c10::ScalarType type, uint64_t output_size, uint64_t state_size,
-                              const void* weight, void* dense, c10::Device device, bool wait) {
-  const blocks_launch a{output_size * state_size >> 8, static_cast<const uint8_t*>(weight), dense, device, wait};
-  for (const row& r : rows) {
-    if (r.format == format) return r.launch(type, a, r.name);
-  }
-}
+bool has_rows_dequantize(weight_format format) { return find_format(indexed, format) != nullptr; }
 
-bool has_rows_dequantize(weight_format format) {
-  return format == weight_format::q2_k || format == weight_format::q4_k;
-}
-
-void launch_dequantize_rows(weight_format format, const int64_t* index, uint64_t indexes, uint64_t nb_row,
-                            const void* weight, float* dense, c10::Device device) {
-  if (format == weight_format::q2_k) {
-    launch_indexed<xpu_dequantize_rows_kernel_q2_k>(index, indexes, nb_row, weight, dense, device,
-                                                    "xpu_dequantize_rows_kernel_q2_k");
-  } else if (format == weight_format::q4_k) {
-    launch_indexed<xpu_dequantize_rows_kernel_q4_k>(index, indexes, nb_row, weight, dense, device,
-                                                    "xpu_dequantize_rows_kernel_q4_k");
-  }
+void launch_dequantize_rows(weight_format format, const indexed_rows& rows) {
+  if (const indexed_row* row = find_format(indexed, format)) row->launch(rows, row->kernel);
 }
 
 }  // namespace orrery

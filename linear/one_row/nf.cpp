@@ -1,5 +1,4 @@
 #include "formats/codebook.h"
-#include "linear/launchers.h"
 #include "linear/one_row/row_kernel.h"
 
 namespace orrery {
@@ -10,12 +9,9 @@ struct qlinear_xpu_kernel_nf4_2x16 : row_kernel<formats::nf4, T, SG, WG, 2> {};
 template <typename T, int SG, int WG>
 struct qlinear_xpu_kernel_nf3_2x16 : row_kernel<formats::nf3, T, SG, WG, 2> {};
 
-void launch_row_nf4(const row_shape& shape, c10::ScalarType type, const row_launch& args) {
-  launch_rows<qlinear_xpu_kernel_nf4_2x16, 2>(shape, type, args, "qlinear_xpu_kernel_nf4_2x16");
-}
-
-void launch_row_nf3(const row_shape& shape, c10::ScalarType type, const row_launch& args) {
-  launch_rows<qlinear_xpu_kernel_nf3_2x16, 2>(shape, type, args, "qlinear_xpu_kernel_nf3_2x16");
-}
+template linear_launcher launch_kernel<qlinear_xpu_kernel_nf4_2x16, 16, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_kernel_nf4_2x16, 32, 64>;
+template linear_launcher launch_kernel<qlinear_xpu_kernel_nf3_2x16, 16, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_kernel_nf3_2x16, 32, 64>;
 
 }  // namespace orrery

@@ -1,5 +1,4 @@
 #include "formats/linear.h"
-#include "linear/launchers.h"
 #include "linear/one_row/row_kernel.h"
 
 namespace orrery {
@@ -7,8 +6,7 @@ namespace orrery {
 template <typename T, int SG, int WG>
 struct qlinear_xpu_kernel_q4_1_2x16 : row_kernel<formats::q4_1, T, SG, WG, 2> {};
 
-void launch_row_q4_1(const row_shape& shape, c10::ScalarType type, const row_launch& args) {
-  launch_rows<qlinear_xpu_kernel_q4_1_2x16, 2>(shape, type, args, "qlinear_xpu_kernel_q4_1_2x16");
-}
+template linear_launcher launch_kernel<qlinear_xpu_kernel_q4_1_2x16, 16, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_kernel_q4_1_2x16, 32, 64>;
 
 }  // namespace orrery

@@ -1,5 +1,4 @@
 #include "formats/linear.h"
-#include "linear/launchers.h"
 #include "linear/one_row/row_kernel.h"
 
 namespace orrery {
@@ -10,12 +9,9 @@ struct qlinear_xpu_kernel_q5_0 : block_row_kernel<formats::q5_0, T, SG, WG> {};
 template <typename T, int SG, int WG>
 struct qlinear_xpu_kernel_q5_1 : block_row_kernel<formats::q5_1, T, SG, WG> {};
 
-void launch_row_q5_0(const row_shape& shape, c10::ScalarType type, const row_launch& args) {
-  launch_rows<qlinear_xpu_kernel_q5_0, 1>(shape, type, args, "qlinear_xpu_kernel_q5_0");
-}
-
-void launch_row_q5_1(const row_shape& shape, c10::ScalarType type, const row_launch& args) {
-  launch_rows<qlinear_xpu_kernel_q5_1, 1>(shape, type, args, "qlinear_xpu_kernel_q5_1");
-}
+template linear_launcher launch_kernel<qlinear_xpu_kernel_q5_0, 16, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_kernel_q5_0, 32, 64>;
+template linear_launcher launch_kernel<qlinear_xpu_kernel_q5_1, 16, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_kernel_q5_1, 32, 64>;
 
 }  // namespace orrery

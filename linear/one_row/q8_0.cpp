@@ -1,5 +1,4 @@
 #include "formats/linear.h"
-#include "linear/launchers.h"
 #include "linear/one_row/row_kernel.h"
 
 namespace orrery {
@@ -7,8 +6,7 @@ namespace orrery {
 template <typename T, int SG, int WG>
 struct qlinear_xpu_kernel_q8_0_2x8 : row_kernel<formats::q8_0, T, SG, WG, 2> {};
 
-void launch_row_q8_0(const row_shape& shape, c10::ScalarType type, const row_launch& args) {
-  launch_rows<qlinear_xpu_kernel_q8_0_2x8, 2>(shape, type, args, "qlinear_xpu_kernel_q8_0_2x8");
-}
+template linear_launcher launch_kernel<qlinear_xpu_kernel_q8_0_2x8, 16, 32>;
+template linear_launcher launch_kernel<qlinear_xpu_kernel_q8_0_2x8, 32, 64>;
 
 }  // namespace orrery

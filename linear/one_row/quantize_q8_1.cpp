@@ -4,7 +4,7 @@
 
 #include "formats/q8_1.h"
 #include "includes/item.h"
-#include "linear/one_row/row_kernel.h"
+#include "includes/type_switch.h"
 #include "utils.h"
 
 namespace orrery {

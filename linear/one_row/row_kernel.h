@@ -6,7 +6,6 @@
 
 #include "includes/item.h"
 #include "linear/launch.h"
-#include "utils.h"
 
 namespace orrery {
 
@@ -18,45 +17,74 @@ struct row_arguments {
   const T* x = nullptr;
   T* y = nullptr;
   uint64_t n = 1;  // input rows
+
+  void take(const linear_decision& way, const linear_operands& on) {
+    *this = {
+        on.state_size, on.output_size, on.weight, way.scale_offset, static_cast<const T*>(on.x), static_cast<T*>(on.y),
+        on.n};
+  }
 };
 
-// A work-group owns R rows of W and K input rows, a work-item takes Format::run elements of each in a pass. All
-// arithmetic is in T, the accumulator and the local memory too. With K = 2 the second index of a group is its pair of
-// input rows; if their number is odd, the last pair's second row is computed like any other and not stored.
-template <typename Format, typename T, int SG, int WG, int R, int K = 1>
-struct row_kernel : row_arguments<T> {
-  static constexpr int sub_group_size = SG;
-  static constexpr bool has_barriers = lanes_of<row_kernel> == 1;
+// R rows of a weight: row `first` and every `step`-th one behind it. The next group's begin `next` rows further on.
+struct weight_rows {
+  const uint8_t* weight = nullptr;
+  uint32_t scale_offset = 0;
+  uint64_t first = 0, step = 1, next = 0;
+};
+
+// Products of R rows of a weight with K input rows, summed over a row by the WG work-items of a group: a work-item
+// takes Format::run elements of each in a pass. All arithmetic is in T. Which rows, and what becomes of the sums, is
+// the kernel's.
+template <typename Format, typename T, int WG, int R, int K = 1>
+struct row_sums {
   static constexpr int run = Format::run;
   static constexpr int runs_per_block = 64 / run;
   static constexpr int chunk = WG * run;
   static constexpr int inputs = run + (Format::has_offset ? 1 : 0);  // vectors of a pass: the terms, then their sum
 
-  sycl::local_accessor<T, K> partial;  // R rows of WG for each input row
+  uint64_t state_size = 0;
+  const T* x = nullptr;
+  uint64_t n = 1;  // input rows
 
-  template <typename Item>
-  void operator()(const Item& item) const {
-    constexpr int N = Item::lanes;
-    const uint64_t group = item.group(), first_row = K == 1 ? 0 : K * item.group(1);
+  // Adds an item's share of the products to acc[k * R + r], for input row k and row r of the weight. `in` comes from
+  // input_order.
+  template <typename Item, int N, typename Inputs>
+  void add(const Item& item, simd<T, N> (&acc)[K * R], const Inputs& in, const weight_rows& rows) const {
     const size_t l = item.local_linear();
-    const auto x = input_order<N>(item, first_row);
-    simd<T, N> acc[K * R];
-    if (this->state_size % 64 == 0) {
-      add_row<N>(acc, x, place<true>(*this, group, l), l);
+    if (state_size % 64 == 0) {
+      add_row<N>(acc, in, place<true>(*this, rows, l), l);
     } else {
-      add_row<N>(acc, x, place<false>(*this, group, l), l);
+      add_row<N>(acc, in, place<false>(*this, rows, l), l);
     }
-    const uint64_t live = std::min<uint64_t>(K, this->n - first_row);
-    tree_sum<WG, K * R>(item, &partial[sycl::id<K>()], acc, [&](int i, T total) {
-      const uint64_t k = i / R, row = R * group + i % R;
-      if (k < live && row < this->output_size) this->y[(first_row + k) * this->output_size + row] = total;
-    });
+  }
+
+  // The order in which runs meet the inputs is the same for every group, so the host makes it once a launch and thread;
+  // a GPU's work-item reads x itself.
+  template <typename Item>
+  auto input_order(const Item& item, uint64_t first_row = 0) const {
+    constexpr int N = Item::lanes;
+    const size_t l = item.local_linear();
+    if constexpr (N == 1) {
+      return own_inputs{x + first_row * state_size, state_size, run * l};
+    } else {
+      const uint64_t passes = (state_size + chunk - 1) / chunk, pairs = (n + K - 1) / K;
+      const uint64_t size = passes * K * inputs * WG;
+      const register_type<T>* all =
+          item.template shared_by_launch<register_type<T>>(pairs * size, [&](register_type<T>* to) {
+            for (uint64_t row = 0; row < pairs * K; row += K) {
+              for (uint64_t t = 0; t < passes; ++t) {
+                for (uint64_t k = 0; k < K; ++k, to += inputs * WG) arrange(to, row + k, t);
+              }
+            }
+          });
+      return arranged_inputs<N>{all + first_row / K * size + l};
+    }
   }
 
  private:
   template <int N, typename Inputs, typename Place>
   void add_row(simd<T, N> (&acc)[K * R], Inputs x, const Place& at, size_t l) const {
-    const uint64_t full = this->state_size / chunk;
+    const uint64_t full = state_size / chunk;
     for (uint64_t t = 0; t < full; ++t, x.next_pass()) add_pass(acc, x, at, t);
     const auto some = tail_lanes<N>(l);
     if (!some.any()) return;
@@ -69,7 +97,7 @@ struct row_kernel : row_arguments<T> {
   // Work-items whose run lies in the part of the row that does not fill a pass.
   template <int N>
   mask<N> tail_lanes(size_t l) const {
-    return mask<N>::first(static_cast<int64_t>((this->state_size / run) % WG) - static_cast<int64_t>(l));
+    return mask<N>::first(static_cast<int64_t>((state_size / run) % WG) - static_cast<int64_t>(l));
   }
 
   static constexpr uint64_t input_index(uint64_t c, int k) {
@@ -110,35 +138,13 @@ struct row_kernel : row_arguments<T> {
     void next_pass() { c += chunk; }
   };
 
-  // The order in which runs meet the inputs is the same for every group, so the host makes it once a launch and thread;
-  // a GPU's work-item reads x itself.
-  template <int N, typename Item>
-  auto input_order(const Item& item, uint64_t first_row) const {
-    const size_t l = item.local_linear();
-    if constexpr (N == 1) {
-      return own_inputs{this->x + first_row * this->state_size, this->state_size, run * l};
-    } else {
-      const uint64_t passes = (this->state_size + chunk - 1) / chunk, pairs = (this->n + K - 1) / K;
-      const uint64_t size = passes * K * inputs * WG;
-      const register_type<T>* all =
-          item.template shared_by_launch<register_type<T>>(pairs * size, [&](register_type<T>* to) {
-            for (uint64_t row = 0; row < pairs * K; row += K) {
-              for (uint64_t t = 0; t < passes; ++t) {
-                for (uint64_t k = 0; k < K; ++k, to += inputs * WG) arrange(to, row + k, t);
-              }
-            }
-          });
-      return arranged_inputs<N>{all + first_row / K * size + l};
-    }
-  }
-
   void arrange(register_type<T>* to, uint64_t row, uint64_t t) const {
-    const uint64_t left = row < this->n ? (this->state_size - t * chunk) / run : 0;
+    const uint64_t left = row < n ? (state_size - t * chunk) / run : 0;
     const int items = static_cast<int>(std::min<uint64_t>(left, WG));
-    const T* x = this->x + row * this->state_size;
+    const T* from = x + row * state_size;
     for (int k = 0; k < run; ++k) {
       for (int l = 0; l < items; ++l) {
-        to[k * WG + l] = static_cast<register_type<T>>(x[input_index(t * chunk + run * l, k)]);
+        to[k * WG + l] = static_cast<register_type<T>>(from[input_index(t * chunk + run * l, k)]);
       }
       for (int l = items; l < WG; ++l) to[k * WG + l] = 0;
     }
@@ -157,20 +163,22 @@ struct row_kernel : row_arguments<T> {
   struct place {
     const uint8_t *weight, *scales;
     uint32_t scale_offset;
-    uint64_t first, row_blocks;  // first: the element that lane 0 starts from; blocks are counted in 32 bits
+    uint64_t first;                     // the element that lane 0 starts from
+    uint64_t step_blocks, next_blocks;  // blocks are counted in 32 bits
     int l;
 
-    place(const row_kernel& k, uint64_t group, size_t l)
-        : weight(k.weight),
-          scales(k.weight + k.scale_offset),
-          scale_offset(k.scale_offset),
-          first(R * group * k.state_size + run * l),
-          row_blocks(k.state_size / 64),
+    place(const row_sums& sums, const weight_rows& rows, size_t l)
+        : weight(rows.weight),
+          scales(rows.weight + rows.scale_offset),
+          scale_offset(rows.scale_offset),
+          first(rows.first * sums.state_size + run * l),
+          step_blocks(sums.state_size / 64 * rows.step),
+          next_blocks(sums.state_size / 64 * rows.next),
           l(static_cast<int>(l)) {}
 
     uint32_t block(uint64_t t, int r, int lane = 0) const {
       return static_cast<uint32_t>((first + run * lane) / 64) +
-             static_cast<uint32_t>(t * (chunk / 64) + r * row_blocks);
+             static_cast<uint32_t>(t * (chunk / 64) + r * step_blocks);
     }
     template <int N>
     void load(uint64_t t, int r, simd<uint32_t, N> (&word)[Format::words], int lane = 0) const {
@@ -179,7 +187,7 @@ struct row_kernel : row_arguments<T> {
     // The row that the next group has in this one's place.
     template <int N>
     ORRERY_INLINE void prefetch_next(uint64_t t, int r) const {
-      Format::template prefetch_codes<N>(weight, scale_offset, block(t, r) + R * row_blocks, l % runs_per_block * run);
+      Format::template prefetch_codes<N>(weight, scale_offset, block(t, r) + next_blocks, l % runs_per_block * run);
     }
     const uint8_t* scale(uint64_t t, int r, int lane = 0) const {
       return scales + uint64_t(block(t, r, lane)) * Format::scale_bytes;
@@ -245,15 +253,54 @@ struct row_kernel : row_arguments<T> {
   }
 };
 
+// y = W x: a work-group owns R rows of W and K input rows. With K = 2 the second index of a group is its pair of input
+// rows; if their number is odd, the last pair's second row is computed like any other and not stored.
+template <typename Format, typename T, int SG, int WG, int R, int K = 1>
+struct row_kernel : row_arguments<T> {
+  static constexpr int sub_group_size = SG;
+  static constexpr bool has_barriers = lanes_of<row_kernel> == 1;
+  static constexpr int dimensions = K;
+
+  sycl::local_accessor<T, K> partial;  // R rows of WG for each input row
+
+  void bind(const linear_decision& way, const linear_operands& on, sycl::handler& h) {
+    this->take(way, on);
+    sycl::range<K> size;
+    size[0] = K;
+    size[K - 1] = R * WG;
+    partial = sycl::local_accessor<T, K>(size, h);
+  }
+
+  template <typename Item>
+  void operator()(const Item& item) const {
+    const uint64_t first = R * item.group(), first_input = K == 1 ? 0 : K * item.group(1);
+    const row_sums<Format, T, WG, R, K> sums{this->state_size, this->x, this->n};
+    simd<T, Item::lanes> acc[K * R];
+    sums.add(item, acc, sums.input_order(item, first_input),
+             {.weight = this->weight, .scale_offset = this->scale_offset, .first = first, .next = R});
+    const uint64_t live = std::min<uint64_t>(K, this->n - first_input);
+    tree_sum<WG, K * R>(item, &partial[sycl::id<K>()], acc, [&](int i, T total) {
+      const uint64_t k = i / R, row = first + i % R;
+      if (k < live && row < this->output_size) this->y[(first_input + k) * this->output_size + row] = total;
+    });
+  }
+};
+
 // q5_0 and q5_1: a work-group owns one row, a work-item one byte of a block and so elements j and j + 32. There is no
 // guard at the end: with 64 work-items and an odd number of blocks the last pass reads the next row's first block.
 template <typename Format, typename T, int SG, int WG>
 struct block_row_kernel : row_arguments<T> {
   static constexpr int sub_group_size = SG;
   static constexpr bool has_barriers = lanes_of<block_row_kernel> == 1;
+  static constexpr int dimensions = 1;
   static constexpr int blocks_per_pass = WG / 32;
 
   sycl::local_accessor<T> partial;  // WG
+
+  void bind(const linear_decision& way, const linear_operands& on, sycl::handler& h) {
+    this->take(way, on);
+    partial = sycl::local_accessor<T>(sycl::range<1>(WG), h);
+  }
 
   template <typename Item>
   void operator()(const Item& item) const {
@@ -293,36 +340,5 @@ struct block_row_kernel : row_arguments<T> {
     high = Format::template value<T>(b, block);
   }
 };
-
-template <typename T>
-row_arguments<T> arguments_of(const row_launch& a) {
-  return {a.state_size, a.output_size, a.weight, a.scale_offset, static_cast<const T*>(a.x), static_cast<T*>(a.y), a.n};
-}
-
-// Launches the instance of `Kernel` that `T`, the rows a group R and the arguments ask for.
-template <typename Kernel, typename T>
-void launch_row_kernel(const row_launch& a, int work_group, int rows, const char* function) {
-  const size_t groups = (a.output_size + rows - 1) / rows;
-  launch(a.device, sycl::nd_range<1>(groups * work_group, work_group), {"linear_xpu_kernel", function},
-         [&](sycl::handler& h) {
-           Kernel kernel;
-           static_cast<row_arguments<T>&>(kernel) = arguments_of<T>(a);
-           kernel.partial = sycl::local_accessor<T>(sycl::range<1>(rows * work_group), h);
-           return kernel;
-         });
-}
-
-// The instances of a family with sub-groups of 16 and 32, `Rows` rows a group.
-template <template <typename, int, int> typename Kernel, int Rows>
-void launch_rows(const row_shape& shape, c10::ScalarType type, const row_launch& a, const char* function) {
-  with_value_type(type, [&](auto t) {
-    using T = decltype(t);
-    if (shape.sub_group == 32) {
-      launch_row_kernel<Kernel<T, 32, 64>, T>(a, 64, Rows, function);
-    } else {
-      launch_row_kernel<Kernel<T, 16, 32>, T>(a, 32, Rows, function);
-    }
-  });
-}
 
 }  // namespace orrery

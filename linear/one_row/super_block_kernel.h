@@ -15,11 +15,17 @@ template <typename Format, typename T>
 struct row_pair_kernel : row_arguments<T> {
   static constexpr int sub_group_size = 8;
   static constexpr bool has_barriers = lanes_of<row_pair_kernel> == 1;
+  static constexpr int dimensions = 1;
   static constexpr int work_group = 32, rows = 2;
   static constexpr int steps = Format::span, products = 4 / steps;    // steps of a stretch, products of a step
   static constexpr int inputs = 16 + (products > 1 ? 4 * steps : 0);  // of a place: its elements, then their sums
 
   sycl::local_accessor<float> partial;  // 2 rows of 32, for every T
+
+  void bind(const linear_decision& way, const linear_operands& on, sycl::handler& h) {
+    this->take(way, on);
+    partial = sycl::local_accessor<float>(sycl::range<1>(rows * work_group), h);
+  }
 
   template <typename Item>
   void operator()(const Item& item) const {
@@ -147,7 +153,9 @@ template <typename Format, typename T>
 struct single_sub_group_kernel : row_arguments<T> {
   static constexpr int sub_group_size = 32;
   static constexpr bool has_barriers = false;
-  static constexpr int work_group = 32, rows = 1;
+  static constexpr int dimensions = 1;
+
+  void bind(const linear_decision& way, const linear_operands& on, sycl::handler&) { this->take(way, on); }
 
   template <typename Item>
   void operator()(const Item& item) const {

@@ -11,7 +11,7 @@ from sanitizers import THREADS_SANITIZED
 from sycl_settings import SCHEDULES, host_settings, native, threads
 
 COUNTS = [1, 2, 3, 7, 16]  # the last two are more than most machines for tests have cores
-forks_amid_launches = pytest.mark.skipif(
+forks_with_workers = pytest.mark.skipif(
     THREADS_SANITIZED, reason="ThreadSanitizer ends a child whose new thread has the address of one left behind"
 )
 
@@ -127,6 +127,7 @@ LAUNCHES = """
     """
 
 
+@forks_with_workers
 def test_a_child_of_fork_launches():
     check_python(LAUNCHES + """
     assert launches(3)
@@ -136,7 +137,7 @@ def test_a_child_of_fork_launches():
     """)
 
 
-@forks_amid_launches
+@forks_with_workers
 def test_a_child_forked_amid_a_launch_of_another_thread_launches():
     check_python(LAUNCHES + """
     with repeating(lambda: launches(2)):
@@ -145,7 +146,7 @@ def test_a_child_forked_amid_a_launch_of_another_thread_launches():
     """)
 
 
-@forks_amid_launches
+@forks_with_workers
 def test_a_child_forked_amid_the_first_launch_of_another_thread_launches():
     check_python(LAUNCHES + """
     def forks_amid_its_first_launch(seconds):

@@ -47,7 +47,7 @@ def sub_group_of(name: str, device_class: int) -> int:
     return 32 if device_class == 0 and name != "q8_0" else 16
 
 
-def batch_product(
+def pairs_product(
     kernel: str, sub_group: int, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, state: int, n: int
 ) -> np.ndarray:
     """One input row after another; NaN where a kernel writes nothing."""
@@ -63,7 +63,7 @@ def batch_product(
 @cache
 def expected(kernel: str, sub_group: int, dtype: str, rows: int, state: int, n: int) -> np.ndarray:
     case = ref.case(KERNELS[kernel][0], dtype, rows, state, n=n)
-    return batch_product(kernel, sub_group, dtype, *case, rows, state, n)
+    return pairs_product(kernel, sub_group, dtype, *case, rows, state, n)
 
 
 def assert_launch_fits(launch: dict, kernel: str, sub_group: int, dtype: str, rows: int, n: int) -> None:
@@ -77,14 +77,14 @@ def assert_launch_fits(launch: dict, kernel: str, sub_group: int, dtype: str, ro
 
 
 @pytest.mark.parametrize("dtype", ref.DTYPES)
-@pytest.mark.parametrize("name", ref.BATCHES)
+@pytest.mark.parametrize("name", ref.PAIRED)
 @pytest.mark.parametrize("device_class", ref.DEVICE_OF_CLASS)
 def test_every_class_launches_its_instance_and_gives_the_bits(device_class: int, name: str, dtype: str) -> None:
     sub_group = sub_group_of(name, device_class)
-    cases = [c for c in ref.cases_of("batch", device_class) if c[:2] == (name, dtype)]
+    cases = [c for c in ref.cases_of("row_pairs", device_class) if c[:2] == (name, dtype)]
     assert cases or (device_class == 0 and name in ("q4_0", "fp4"))
     for case in cases:
-        seen = seen_on_class("batch", device_class)[case]
+        seen = seen_on_class("row_pairs", device_class)[case]
         rows, state, n = case[2:]
         kernel = kernel_of(name, n)
         want = expected(kernel, sub_group, dtype, rows, state, n)
@@ -99,7 +99,7 @@ def test_the_classes_reach_all_instances_but_three(dtype: str) -> None:
     for name, device_class, n, size in product(names, ref.DEVICE_OF_CLASS, range(2, 70), sizes):
         rows, state = size
         way = dispatch.decide(ref.CODES[name], TYPE_NAMES[dtype], n, state, rows, 1, device_class)
-        if way["family"] == "batch":
+        if way["family"] == "row_pairs":
             assert way["work_group"] == 2 * way["sub_group"]
             found.add((way["kernel"], way["sub_group"]))
     built = {(kernel, sub_group) for kernel, (_, sub_groups) in KERNELS.items() for sub_group in sub_groups}
@@ -110,14 +110,15 @@ def test_the_classes_reach_all_instances_but_three(dtype: str) -> None:
 @pytest.mark.parametrize("kernel, sub_group", sorted(UNREACHED))
 def test_instances_that_no_class_reaches_give_the_bits(kernel: str, sub_group: int, dtype: str) -> None:
     name = KERNELS[kernel][0]
-    for (rows, state), n in product(ref.BATCH_SHAPES, (1, *ref.BATCHES[name])):
+    for (rows, state), n in product(ref.PAIR_SHAPES, (1, *ref.PAIRED[name])):
         w, x = ref.case(name, dtype, rows, state, n=n)
         weight, inputs = ref.to_device(name, dtype, w, x, rows, state, n)
         y = torch.full((n, rows), float("nan"), dtype=ref.DTYPES[dtype], device="xpu")
         offset = dispatch.scale_offset(ref.CODES[name], rows, state)
         addresses = weight.data_ptr(), offset, inputs.data_ptr(), y.data_ptr()
         with orrery_host.record_launches() as launches:
-            orrery_launch.launch_batch(kernel, sub_group, TYPE_NAMES[dtype], *addresses, n, state, rows)
+            kept = kernel not in DROPPING
+            orrery_launch.launch_pairs(kernel, sub_group, TYPE_NAMES[dtype], *addresses, n, state, rows, kept)
         (launch,) = launches
         assert_launch_fits(ref.fields_of(launch), kernel, sub_group, dtype, rows, n)
         want = expected(kernel, sub_group, dtype, rows, state, n)
@@ -125,23 +126,23 @@ def test_instances_that_no_class_reaches_give_the_bits(kernel: str, sub_group: i
 
 
 @pytest.mark.parametrize("dtype", ref.DTYPES)
-@pytest.mark.parametrize("name", ref.BATCHES)
+@pytest.mark.parametrize("name", ref.PAIRED)
 def test_wild_scales_multiply_through(name: str, dtype: str) -> None:
     w, x = ref.case(name, dtype, 20, 576, wild=True, n=3)
     got, _ = ref.run(name, dtype, w, x, 20, 576, 3)
-    assert ref.differing(got, batch_product(kernel_of(name, 3), 16, dtype, w, x, 20, 576, 3)) == 0
+    assert ref.differing(got, pairs_product(kernel_of(name, 3), 16, dtype, w, x, 20, 576, 3)) == 0
 
 
-@pytest.mark.parametrize("name", ref.BATCHES)
+@pytest.mark.parametrize("name", ref.PAIRED)
 def test_what_lies_behind_an_odd_number_of_input_rows_does_not_show(name: str) -> None:
     w, x = ref.case(name, "float16", 6, 320, n=3)
     with_nan = x.copy()
     with_nan[3 * 320 :] = np.nan
     got, _ = ref.run(name, "float16", w, with_nan, 6, 320, 3)
-    assert ref.differing(got, batch_product(kernel_of(name, 3), 16, "float16", w, x, 6, 320, 3)) == 0
+    assert ref.differing(got, pairs_product(kernel_of(name, 3), 16, "float16", w, x, 6, 320, 3)) == 0
 
 
-def test_the_batch_kernels_of_q4_0_differ_in_the_last_of_an_odd_number_of_rows() -> None:
+def test_the_two_kernels_of_q4_0_differ_in_the_last_of_an_odd_number_of_rows() -> None:
     w, x = ref.case("q4_0", "float32", 5, 64, n=8)
     kept, _ = ref.run("q4_0", "float32", w, x, 5, 64, 7)
     assert np.isfinite(kept).all()
@@ -172,7 +173,7 @@ def test_inputs_that_cancel_leave_no_offset() -> None:
 
 def all_products() -> list[torch.Tensor]:
     results = []
-    for name in ref.BATCHES:
+    for name in ref.PAIRED:
         for dtype in ref.DTYPES:
             w, x = ref.case(name, dtype, 98, 576, n=5)
             weight, inputs = ref.to_device(name, dtype, w, x, 98, 576, 5)
@@ -181,4 +182,4 @@ def all_products() -> list[torch.Tensor]:
 
 
 def test_neither_schedule_nor_threads_show() -> None:
-    assert_same_bits_in_any_order("test_linear_batch", all_products)
+    assert_same_bits_in_any_order("test_row_pairs", all_products)
