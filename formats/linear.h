@@ -5,10 +5,11 @@
 //   unscaled<T>(code)        the same without the scale, one code per lane; bits above the code are ignored
 //   scaled<T, N, Share>(..)  a sum of unscaled terms times the scale; `Share` neighbouring lanes lie in one block
 //   run, words               elements that a work-item takes in a pass, 32-bit words that hold their codes
-//   load(..), prefetch_codes<N>(..) those words, from the run that starts at element o of a block; the same as a
-//   prefetch term<T>(words, k)        the unscaled value of the k-th term of the run's sum first_element, element where
-//   in the block the run begins, and its k-th term from there
-// what split_defaults says otherwise, and, where each byte holds whole codes,
+//   load(..)                 those words, from the run that starts at element o of a block
+//   prefetch_codes<N>(..)    asks for the words of N such runs
+//   term<T>(words, k)        the unscaled value of the k-th term of the run's sum
+//   first_element, element   where in the block the run begins, and its k-th term from there
+// what split_defaults has, where it is otherwise, and, where each byte holds whole codes,
 //   codes_per_byte           1 or 2
 //   byte_code(byte, p)       code p of a byte, bits above it are anything
 //   byte_element(j, p)       which element of the block code p of byte j is

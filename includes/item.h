@@ -61,7 +61,7 @@ class work_item {
 };
 #endif
 
-// The host can also run one strand a work-item, as a GPU does: a proof that the sources are plain work-item code.
+// The host can also run one strand per work-item, as a GPU does: a proof that the sources are plain work-item code.
 #if defined(SYCL_EXT_ORRERY_HOST) && !defined(ORRERY_HOST_ITEMS_SCALAR)
 template <typename Kernel>
 constexpr int lanes_of = Kernel::sub_group_size;
@@ -88,7 +88,7 @@ void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel
 }
 
 // Sum over the work-items of a group for R rows at once: pairs at distance WG / 2 first, then WG / 4, down to 1, which
-// is the halving tree over the group's WG values. `store(row, total)` runs once a row. A kernel's last act.
+// is the halving tree over the group's WG values. `store(row, total)` runs once per row. A kernel's last act.
 template <int WG, int R, typename T, typename Item, int N, typename Store>
 void tree_sum(const Item& item, T* partial, const simd<T, N> (&acc)[R], Store store) {
   const size_t l = item.local_linear();

@@ -67,7 +67,7 @@ inline simd<T, N> shuffle(const simd<T, N>& a, const simd<I, N>& index) {
 
 // Even lanes, then odd lanes, of a vector.
 template <typename T, int N>
-inline std::pair<simd<T, N / 2>, simd<T, N / 2>> split_pairs(const simd<T, N>& a) {
+ORRERY_INLINE inline std::pair<simd<T, N / 2>, simd<T, N / 2>> split_pairs(const simd<T, N>& a) {
   using V = simd<T, N>;
   using H = simd<T, N / 2>;
   using S = typename V::S;
@@ -89,7 +89,7 @@ inline std::pair<simd<T, N / 2>, simd<T, N / 2>> split_pairs(const simd<T, N>& a
 }
 
 template <typename T, int N>
-inline simd<T, 2 * N> join_pairs(const simd<T, N>& even, const simd<T, N>& odd) {
+ORRERY_INLINE inline simd<T, 2 * N> join_pairs(const simd<T, N>& even, const simd<T, N>& odd) {
   using V = simd<T, N>;
   using S = typename V::S;
   simd<T, 2 * N> r;

@@ -7,7 +7,7 @@ namespace orrery {
 
 // K words of each lane's own run: lane i's word k is at p + 4 (K i + k), little-endian, any alignment.
 template <int K, int N>
-inline void load_words(const uint8_t* p, simd<uint32_t, N> (&word)[K]) {
+ORRERY_INLINE inline void load_words(const uint8_t* p, simd<uint32_t, N> (&word)[K]) {
   const auto* words = reinterpret_cast<const uint32_t*>(p);
   if constexpr (N == 1) {
     ORRERY_UNROLL for (int k = 0; k < K; ++k) word[k] = simd<uint32_t, 1>::load(words + k);
@@ -15,9 +15,14 @@ inline void load_words(const uint8_t* p, simd<uint32_t, N> (&word)[K]) {
     word[0] = simd<uint32_t, N>::load(words);
   } else {
     static_assert(K == 2);
-    const auto both = split_pairs(simd<uint32_t, 2 * N>::load(words));
-    word[0] = both.first;
-    word[1] = both.second;
+    constexpr int W = simd<uint32_t, N>::W;
+    const auto even = machine::iota<int32_t, W>() * 2;
+    ORRERY_UNROLL for (int c = 0; c < word[0].chunks; ++c) {
+      const auto a = machine::load<uint32_t, W>(words + 2 * c * W),
+                 b = machine::load<uint32_t, W>(words + (2 * c + 1) * W);
+      word[0].v[c] = machine::permute2<uint32_t, W>(a, b, even);
+      word[1].v[c] = machine::permute2<uint32_t, W>(a, b, even + 1);
+    }
   }
 }
 

@@ -54,7 +54,7 @@ std::vector<uint64_t> masks(int width, int64_t count, uint64_t a, uint64_t b) {
   throw std::invalid_argument("no such width");
 }
 
-// K words a lane from a byte address of any alignment; one row a word.
+// K words per lane from a byte address of any alignment; one row per word.
 template <int K, int N>
 void load_words_of(const uint8_t* p, uint32_t* out) {
   orrery::simd<uint32_t, N> word[K];

@@ -77,7 +77,7 @@ void check_usable(sycl::queue& queue) {
   if (sum != 6) throw std::runtime_error("the queue is unusable after an exception");
 }
 
-// One row a work-item: group, local and global id in each dimension, then local, group and global linear id.
+// One row per work-item: group, local and global id in each dimension, then local, group and global linear id.
 std::vector<sizes> item_ids(const sizes& global, const sizes& local) {
   return with_dims(global.size(), [&](auto dims) {
     constexpr int D = dims;
@@ -482,7 +482,7 @@ void tree_sums_in(int sg, int wg, bool scalar, py::buffer_info& in, py::buffer_i
 
 void tree_sums(const std::string& type, int sg, int wg, bool scalar, py::buffer in_buffer, py::buffer out_buffer) {
   auto in = in_buffer.request(), out = out_buffer.request(true);
-  if (out.size != in.size / wg) throw std::invalid_argument("one result a row of WG values");
+  if (out.size != in.size / wg) throw std::invalid_argument("one result per row of WG values");
   if (type == "half")
     tree_sums_in<c10::Half>(sg, wg, scalar, in, out);
   else if (type == "bfloat16")

@@ -211,7 +211,7 @@ class lane_item {
   void when_last(F&& whole) const {
     if (++at_.state->arrived == at_.state->strands) whole();
   }
-  // `count` values that all groups of a launch share, made by `fill` once a launch and thread. A launch has one such
+  // `count` values that all groups of a launch share, made by `fill` once per launch and thread. A launch has one such
   // set, so a kernel calls this in one place and for one count.
   template <typename T, typename Fill>
   const T* shared_by_launch(size_t count, Fill&& fill) const {
