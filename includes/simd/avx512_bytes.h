@@ -17,8 +17,8 @@ struct avx512_bytes : avx512 {
           _mm512_ternarylogic_epi32(upper, code, _mm512_set1_epi8(-128), 0xF8);  // | (code & sign)
       // Bytes 2 and 3 of a lane from byte k of the two results; 64 is the first byte of the second one.
       const __m512i lane = (__m512i)(iota<uint32_t, 16>() * 4u + static_cast<uint32_t>(k));
-      const __m512i at = _mm512_or_si512(_mm512_slli_epi32(lane, 16),
-                                         _mm512_or_si512(_mm512_slli_epi32(lane, 24), _mm512_set1_epi32(0x40000000)));
+      const __m512i low = _mm512_maskz_slli_epi32(0xFFFF, lane, 16), high = _mm512_maskz_slli_epi32(0xFFFF, lane, 24);
+      const __m512i at = _mm512_or_si512(low, _mm512_or_si512(high, _mm512_set1_epi32(0x40000000)));
       return (vector<float, 16>)_mm512_maskz_permutex2var_epi8(0xCCCCCCCCCCCCCCCC, lower, at, with_sign);
     } else {
       return avx512::lookup_signed<W>(top, second, words, k);
