@@ -35,11 +35,13 @@ def test_the_machine_has_its_own_set():
 
 @pytest.mark.parametrize("verb, name", CASES)
 def test_same_bits_as_the_portable_set(verb, name):
+    written = b""
     for seed in range(8):
         data = inputs(seed)
         expected, actual = native.verbs_run(verb, "portable", data), native.verbs_run(verb, name, data)
-        assert np.frombuffer(actual, np.uint64).any()
         assert actual == expected, seed
+        written += actual
+    assert any(written)
 
 
 def test_wrong_use_is_named():
