@@ -2,9 +2,10 @@
 # make test    all tests                                           make scalar    kernel tests, one strand per work-item
 # make bench   every operator beside what one would use instead    make sanitize  all tests under ASan and UBSan
 # make format  clang-format on all sources                         make clean     removes builds, keeps .venv
-# make sanitize-threads   tests of launches under ThreadSanitizer
+# make sanitize-threads   tests of launches under ThreadSanitizer   make check    syntax check with the other compiler
 #
 # MARCH=x86-64-v3 builds for that instruction set instead of this machine's; ARGS="..." goes on to pytest or bench.
+# CXX=clang++ builds with that compiler (make clean first if another one has built here); CHECK_CXX checks.
 
 SHELL := /bin/bash
 PYTHON := .venv/bin/python
@@ -19,7 +20,7 @@ KERNEL_TESTS = $(addprefix tests/,test_linear_xpu_kernel.py test_row_pairs.py te
                  test_q8_1.py test_linear_dense.py test_dequantize.py test_bmm_xpu_kernel.py test_sdp.py test_norm.py \
                  test_rope.py)
 
-.PHONY: demo test build bench scalar sanitize sanitize-threads format clean
+.PHONY: demo test check build bench scalar sanitize sanitize-threads format clean
 .DELETE_ON_ERROR:
 
 demo: build
@@ -27,7 +28,7 @@ demo: build
 
 build: build/installed
 
-.venv/installed: requirements.txt tools/setup.sh
+.venv/installed: requirements.txt tools/setup.sh tools/compilers.sh
 	@tools/setup.sh
 	@touch $@
 
@@ -37,9 +38,13 @@ build/installed: .venv/installed tools/install.sh $(PACKAGE)
 
 # The same objects again with the modules that only the tests import; nothing of the package is compiled twice.
 test: build
+	$(if $(ARGS),,@tools/check.sh)
 	@cmake --build build/install
 	PYTHONPATH=$(CURDIR)/build/install/python $(PYTHON) -m pytest $(ARGS)
 	$(if $(ARGS),,@$(MAKE) --no-print-directory scalar)
+
+check: .venv/installed
+	@tools/check.sh
 
 scalar: .venv/installed
 	@cmake --preset scalar $(if $(MARCH),-DORRERY_MARCH=$(MARCH))

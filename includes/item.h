@@ -6,7 +6,9 @@
 //   lanes                                how many work-items with neighbouring local ids
 //   group(d), local(d), global(d)        ids in dimension d; of the first lane
 //   local_linear()                       linear local id of the first lane
-//   barrier()                            work-group barrier
+//   barrier()                            work-group barrier; all work-items of a group pass every one
+//   lane<SG>(), sub_group<SG>()          the first lane's index in its sub-group, and that one's in the group. Which
+//                                        work-item is which lane of a sub-group is the implementation's choice
 //   xor_lane<SG>(value, bits)            another lane's value, where an item is one work-item
 //   when_last(f), shared_by_launch<T>(n, f) only under `if constexpr (Item::last_acts_for_group)`
 //
@@ -50,10 +52,17 @@ class work_item {
   size_t local_linear() const { return at_.get_local_linear_id(); }
   size_t global(int d = 0) const { return at_.get_global_id(d); }
   void barrier() const { sycl::group_barrier(at_.get_group()); }
-  void leave() const {}
+  template <int SG>
+  size_t lane() const {
+    return at_.get_sub_group().get_local_linear_id();
+  }
+  template <int SG>
+  size_t sub_group() const {
+    return at_.get_sub_group().get_group_linear_id();
+  }
   template <int SG, typename T>
   T xor_lane(T value, size_t bits) const {
-    return sycl::permute_group_by_xor(at_.get_sub_group(), value, bits);
+    return sycl::permute_group_by_xor(at_.get_sub_group(), value, static_cast<uint32_t>(bits));
   }
 
  private:
@@ -82,8 +91,13 @@ void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel
   }
   h.parallel_for_lanes<lanes_of<Kernel>, Kernel::sub_group_size>(range, kernel);
 #else
-  h.parallel_for(range, [kernel](sycl::nd_item<D> at)
-                            [[sycl::reqd_sub_group_size(Kernel::sub_group_size)]] { kernel(work_item<D>(at)); });
+  // Few devices have sub-groups of 1, and a kernel of explicit SIMD has no use for them: it takes any size.
+  if constexpr (Kernel::sub_group_size == 1) {
+    h.parallel_for(range, [kernel](sycl::nd_item<D> at) { kernel(work_item<D>(at)); });
+  } else {
+    h.parallel_for(range, [kernel](sycl::nd_item<D> at)
+                              [[sycl::reqd_sub_group_size(Kernel::sub_group_size)]] { kernel(work_item<D>(at)); });
+  }
 #endif
 }
 

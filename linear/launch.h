@@ -8,15 +8,22 @@
 
 namespace orrery {
 
+// The first D of the sizes. The standard gives a range no default to be filled.
+template <int D, typename Sizes>
+sycl::range<D> range_of(const Sizes& n) {
+  if constexpr (D == 1) {
+    return {n[0]};
+  } else {
+    static_assert(D == 2);
+    return {n[0], n[1]};
+  }
+}
+
 // Submits the kernel that make(handler) builds.
 template <int D, typename Make>
 void launch_decided(const linear_decision& way, c10::Device device, const launch_place& where, Make make) {
-  sycl::range<D> global, local;
-  for (int d = 0; d < D; ++d) {
-    global[d] = way.global[d];
-    local[d] = way.local[d];
-  }
-  launch(device, sycl::nd_range<D>(global, local), where, make, way.record, way.waits);
+  const sycl::nd_range<D> ranges(range_of<D>(way.global), range_of<D>(way.local));
+  launch(device, ranges, where, make, way.record, way.waits);
 }
 
 // A kernel says how many dimensions its groups have, and bind() sets its arguments and its local memory.

@@ -8,7 +8,7 @@ from collections.abc import Sequence
 from pathlib import Path
 from typing import NoReturn
 
-from orrery import OrreryError, formats
+from orrery import OrreryError, device_class, formats
 
 DTYPES = ("float32", "float16", "bfloat16")
 # Among which the device shares a launch. PyTorch takes any number, and crashes when it starts so many.
@@ -67,6 +67,7 @@ def _parser() -> argparse.ArgumentParser:
     group.add_argument("--model", type=Path, metavar="FILE", help="GGUF file, Llama architecture (default: the bundled one)")
     group.add_argument("--dtype", default="float32", choices=DTYPES, help="type of the activations (default: float32)")
     group.add_argument("--threads", type=_threads, metavar="N", help="CPU threads (default: torch's choice)")
+    device_class.add_option(group)
     group.add_argument("--no-cache", action="store_true", help="neither read nor write the quantized model's cache file")
 
     weights = _Parser(add_help=False)
@@ -120,6 +121,7 @@ def _model_file(args: argparse.Namespace) -> Path:
     """The model file, and torch ready to work on it. Heavy imports wait until the arguments are known to be right."""
     from orrery import gguf_model
 
+    device_class.check(args.device_class)
     path = args.model or gguf_model.bundled_model()
     gguf_model.check_magic(path)
     import torch

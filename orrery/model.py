@@ -241,12 +241,7 @@ def _rows_product(x: torch.Tensor, weight: Weight) -> torch.Tensor:
     if weight.together:
         # For several rows fp6 exists in half and float only.
         given = x.float() if weight.format.name == "fp6" and x.dtype == torch.bfloat16 else x
-        try:
-            return orrery_ops.forward_new(given, weight.data, code, rows).to(x.dtype)
-        except RuntimeError as error:
-            # Some kinds of device have kernels of their own for several rows; one row does not need them.
-            if not str(error).endswith("is not built yet"):
-                raise
+        return orrery_ops.forward_new(given, weight.data, code, rows).to(x.dtype)
     return torch.cat([orrery_ops.forward_new(row, weight.data, code, 1) for row in x.split(1)])
 
 

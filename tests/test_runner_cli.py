@@ -57,6 +57,8 @@ def test_other_architecture(cache, tmp_path):
     (["generate", "--format", "q3_k"], f"orrery: unknown format 'q3_k', the formats are {', '.join(FORMATS)}"),
     (["generate", "--tokens", "0"], "orrery: argument --tokens: 0 is below 1"),
     (["generate", "--threads", "100000"], "orrery: argument --threads: 100000 is above 256"),
+    (["generate", "--device-class", "6"],
+     "orrery: argument --device-class: invalid choice: 6 (choose from 0, 1, 2, 3, 4, 5)"),
     (["generate", "--top-p", "1.5"], "orrery: argument --top-p: 1.5 is not above 0 and at most 1"),
     (["formats", "--formats", "q4_0,q3_k"],
      f"orrery: argument --formats: unknown format 'q3_k', the formats are {', '.join(FORMATS)}"),

@@ -4,6 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 export PATH="$PWD/.venv/bin:$PATH"
+source tools/compilers.sh
 
 cmake --preset tsan
 cmake --build --preset tsan --target orrery_host_C orrery_host_python orrery_native_tests orrery_ops orrery_launch
@@ -21,7 +22,7 @@ suppressions="$PWD/tools/sanitize_threads.supp"
 export TSAN_OPTIONS="die_after_fork=0:suppressions=$suppressions:log_path=$reports/process${TSAN_OPTIONS:+:$TSAN_OPTIONS}"
 export PYTHONPATH="$PWD/build/tsan/python"
 # The interpreter is not instrumented, so the runtime comes first.
-compiler=$(sed -n 's/^CMAKE_CXX_COMPILER:[^=]*=//p' build/tsan/CMakeCache.txt)
+compiler=$(compiler_of build/tsan)
 status=0
 LD_PRELOAD="$("$compiler" -print-file-name=libtsan.so)" python -m pytest "$@" || status=$?
 

@@ -2,31 +2,37 @@
 # Makes .venv with everything in requirements.txt. Run by make; safe to run again after it was interrupted.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source tools/compilers.sh
 
 fail() {
   echo "setup: $*" >&2
   exit 1
 }
 
-# --- System packages: a C++20 compiler and Boost.Context ------------------------------------------------------------
+# --- System packages: a C++20 compiler, another one that checks the sources too, and Boost.Context -------------------
 
-has_compiler() { echo 'int main() {}' | "${CXX:-c++}" -std=c++20 -x c++ -fsyntax-only - 2>/dev/null; }
+compiles() { echo 'int main() {}' | "$1" -std=c++20 -x c++ -fsyntax-only - 2>/dev/null; }
+has_compiler() { compiles "${CXX:-c++}"; }
 has_boost() {
   echo '#include <boost/context/detail/fcontext.hpp>' | "${CXX:-c++}" -x c++ -fsyntax-only - 2>/dev/null &&
     "${CXX:-c++}" -shared -o /dev/null -x c++ /dev/null -x none -lboost_context 2>/dev/null
 }
+other=$(other_compiler "${CXX:-c++}")
 
 missing=()
 has_compiler || missing+=(g++)
+compiles "$other" || missing+=("${other/clang++/clang}")
 has_compiler && has_boost || missing+=(libboost-context-dev)
 if ((${#missing[@]})); then
   if [[ $(id -u) == 0 ]] && command -v apt-get >/dev/null; then
     echo "setup: installing ${missing[*]}"
     DEBIAN_FRONTEND=noninteractive apt-get install -y "${missing[@]}" ||
-      { apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y "${missing[@]}"; }
+      { apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y "${missing[@]}"; } || true
   fi
   has_compiler || fail "a C++20 compiler is missing; install g++ 11 or later, or name yours in CXX."
   has_boost || fail "Boost.Context is missing; install libboost-context-dev (or your system's name for it)."
+  compiles "$other" ||
+    echo "setup: $other is missing, with which make test checks the sources; install it, or name one in CHECK_CXX." >&2
 fi
 
 # --- CPython 3.10 ---------------------------------------------------------------------------------------------------

@@ -20,7 +20,6 @@ namespace orrery::host {
 namespace {
 
 using tensor_list = c10::List<at::Tensor>;
-using optional_tensor_list = c10::List<std::optional<at::Tensor>>;
 
 // Operators that take CPU tensors beside those of a device: indices and sequence lengths.
 constexpr std::array<std::string_view, 9> mixed_devices = {"aten::index",
@@ -59,9 +58,9 @@ c10::IValue with_tensors(const c10::IValue& value, Convert convert) {
     return converted;
   }
   if (value.isOptionalTensorList()) {
-    optional_tensor_list converted;
-    for (const std::optional<at::Tensor>& tensor : value.toOptionalTensorList())
-      converted.push_back(tensor ? std::optional(convert(*tensor)) : std::nullopt);
+    c10::impl::GenericList converted(c10::OptionalType::ofTensor());
+    for (const c10::IValue& element : value.toListRef())
+      converted.push_back(element.isTensor() ? c10::IValue(convert(element.toTensor())) : element);
     return converted;
   }
   return value;

@@ -121,7 +121,8 @@ struct dot_kernel {
     if constexpr (Item::lanes > 1) {
       item.when_last([&] { whole_group(item); });
     } else {
-      const int l = static_cast<int>(item.local(0)), r = Rows > 1 ? static_cast<int>(item.local(1)) : 0;
+      const int l = static_cast<int>(Tree == dot_tree::in_float ? item.template lane<32>() : item.local(0));
+      const int r = Rows > 1 ? static_cast<int>(item.local(1)) : 0;
       const uint64_t row = Rows * item.group() + r;
       // Work-items without a row go through the tree too: all of a group have to pass its barriers.
       const bool live = row < output_size;

@@ -44,10 +44,10 @@ struct quantize_xpu_kernel_q8_1 {
   void operator()(const Item& item) const {
     constexpr int N = Item::lanes;
     using F = simd<float, N>;
-    const uint64_t i = item.global();
-    const int lane = static_cast<int>(i % q8_1::elements);
-    uint8_t* block = out + i / q8_1::elements * q8_1::bytes;
-    const F v = convert<float>(simd<T, N>::load(x + i));
+    const uint64_t lane = item.template lane<q8_1::elements>();
+    const uint64_t b = item.group() * (work_group / q8_1::elements) + item.template sub_group<q8_1::elements>();
+    uint8_t* block = out + b * q8_1::bytes;
+    const F v = convert<float>(simd<T, N>::load(x + b * q8_1::elements + lane));
     const float sum = butterfly_sum<q8_1::elements>(item, v);
     const F size = bit_cast<float>(bit_cast<uint32_t>(v) & simd<uint32_t, N>(0x7FFFFFFFu));
     const float largest = butterfly<q8_1::elements>(item, size, [](const auto& a, const auto& b) {

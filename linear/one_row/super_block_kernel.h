@@ -164,14 +164,14 @@ struct single_sub_group_kernel : row_arguments<T> {
     if constexpr (Item::lanes > 1) {
       total = fold(whole_row(item, row));
     } else {
-      const int l = static_cast<int>(item.local_linear()), p = l % 16;
+      const int l = static_cast<int>(item.template lane<32>()), p = l % 16;
       simd<float, 1> acc;
       for (uint32_t b = l / 16; b < blocks(); b += 2) {
         acc += term<1>(row + size_t(b) * Format::bytes, p, [&](int k) { return simd<float, 1>(input(b, p, k)); });
       }
       total = butterfly_sum<32>(item, acc);
     }
-    if (item.local_linear() == 0) this->y[item.group()] = convert<T>(simd<float, 1>(total))[0];
+    if (item.template lane<32>() == 0) this->y[item.group()] = convert<T>(simd<float, 1>(total))[0];
   }
 
  private:

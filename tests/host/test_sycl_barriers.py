@@ -1,9 +1,8 @@
-"""Barriers, local memory, and strands that end, leave or throw."""
+"""Barriers, local memory, and strands that end or throw."""
 
 import pytest
 from sycl_settings import SCHEDULES, host_settings, native, threads
 
-LEFT = "kernel: A strand met a barrier after it had left its work-group."
 STUCK = "A strand of a work-group ended, or met elsewhere, while others wait for it at a barrier."
 
 
@@ -34,36 +33,13 @@ def test_a_shuffled_schedule_spoils_what_the_last_group_left_in_local_memory():
 def test_a_strand_that_ends_while_others_wait(away, schedule):
     gone = [i in away for i in range(8)]
     with host_settings(**schedule), pytest.raises(RuntimeError) as error:
-        native.some_go("end", 8, gone)
+        native.some_end(8, gone)
     assert str(error.value) == STUCK
-
-
-@pytest.mark.parametrize("schedule", SCHEDULES)
-@pytest.mark.parametrize("away", [[0], [3], [0, 1, 2], [7], range(8)])
-def test_a_strand_may_leave(away, schedule):
-    gone = [i in away for i in range(8)] * 3
-    with host_settings(**schedule):
-        assert native.some_go("leave", 8, gone) == [0 if g else 1 for g in gone]
-
-
-@pytest.mark.parametrize("schedule", SCHEDULES)
-@pytest.mark.parametrize("lanes, local", [(1, 1), (1, 2), (1, 32), (16, 16), (16, 32), (16, 64)])
-def test_a_barrier_after_leaving(lanes, local, schedule):
-    with host_settings(**schedule):
-        assert native.meet_after_leaving(lanes, "others", local) == ""
-        assert native.meet_after_leaving(lanes, "group", local) == LEFT
-
-
-@pytest.mark.parametrize("schedule", SCHEDULES)
-@pytest.mark.parametrize("local", [1, 2, 16, 40])
-def test_a_shuffle_after_leaving(local, schedule):
-    with host_settings(**schedule):
-        assert native.meet_after_leaving(1, "sub-group", local) == LEFT
 
 
 def test_all_strands_of_a_group_may_end_before_its_barrier():
     gone = [False] * 8 + [True] * 8 + [False] * 8
-    assert native.some_go("end", 8, gone) == [1] * 8 + [0] * 8 + [1] * 8
+    assert native.some_end(8, gone) == [1] * 8 + [0] * 8 + [1] * 8
 
 
 @pytest.mark.parametrize("count", [1, 2, 7])

@@ -10,6 +10,7 @@
 void bind_simd(pybind11::module_& m);
 void bind_simd_verbs(pybind11::module_& m);
 void bind_formats(pybind11::module_& m);
+void bind_standard(pybind11::module_& m);
 
 inline c10::ScalarType scalar_type(const std::string& name) {
   for (int code = 0; code < static_cast<int>(c10::ScalarType::NumOptions); ++code) {

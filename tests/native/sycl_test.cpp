@@ -27,9 +27,9 @@ using sizes = std::vector<size_t>;
 
 template <int D>
 sycl::range<D> as_range(const sizes& n) {
-  sycl::range<D> r;
-  for (int d = 0; d < D; ++d) r[d] = n.at(d);
-  return r;
+  sycl::detail::index<D> r;
+  for (int d = 0; d < D; ++d) r.at[d] = n.at(d);
+  return sycl::range<D>(r);
 }
 
 template <typename F>
@@ -109,7 +109,7 @@ std::vector<sizes> range_ids(const sizes& global) {
         size_t linear = 0;
         for (int d = 0; d < D; ++d) linear = linear * range[d] + it.get_id(d);
         const auto id = it.get_id();
-        rows.at(linear) = sizes(id.at.begin(), id.at.end());
+        rows.at(linear) = sizes(array_of(id).begin(), array_of(id).end());
       });
     });
     return rows;
@@ -206,6 +206,9 @@ std::vector<bool> local_memory_places() {
   return out;
 }
 
+// A work-item's place in its group, if the work-items of a sub-group of 16 stand in the order of its lanes.
+size_t place_by_lane(const sycl::sub_group& sg) { return 16 * sg.get_group_linear_id() + sg.get_local_linear_id(); }
+
 // Sub-group sizes and the shuffled values, in the standard's form (sub-groups of 16).
 template <typename T>
 std::vector<T> shuffled(const std::string& kind, size_t local, const std::vector<T>& values, size_t argument) {
@@ -213,7 +216,7 @@ std::vector<T> shuffled(const std::string& kind, size_t local, const std::vector
   queue_of().submit([&](sycl::handler& h) {
     h.parallel_for(sycl::nd_range<1>({values.size()}, {local}), [&](sycl::nd_item<1> it) {
       const auto sg = it.get_sub_group();
-      const size_t g = it.get_global_id(0);
+      const size_t g = it.get_group(0) * local + place_by_lane(sg);
       if (kind == "xor") out[g] = sycl::permute_group_by_xor(sg, values[g], argument);
       if (kind == "select") {
         out[g] =
@@ -236,7 +239,7 @@ std::vector<double> shuffle_two_types(size_t local, int rounds) {
   queue_of().submit([&](sycl::handler& h) {
     h.parallel_for(sycl::nd_range<1>({local}, {local}), [&](sycl::nd_item<1> it) {
       const auto sg = it.get_sub_group();
-      const size_t l = it.get_local_id(0), next = (sg.get_local_linear_id() + 1) % sg.get_local_linear_range();
+      const size_t l = place_by_lane(sg), next = (sg.get_local_linear_id() + 1) % sg.get_local_linear_range();
       double wide = static_cast<double>(l);
       uint8_t byte = static_cast<uint8_t>(l);
       for (int r = 0; r < rounds; ++r) {
@@ -251,15 +254,12 @@ std::vector<double> shuffle_two_types(size_t local, int rounds) {
   return out;
 }
 
-// Work-items in `away` end ("end") or leave ("leave") before the barrier; the others pass it and write 1.
-std::vector<int> some_go(const std::string& how, size_t local, const std::vector<bool>& away) {
+// Work-items in `away` end before the barrier; the others pass it and write 1.
+std::vector<int> some_end(size_t local, const std::vector<bool>& away) {
   std::vector<int> out(away.size());
   queue_of().submit([&](sycl::handler& h) {
     h.parallel_for_lanes<1, 1>(sycl::nd_range<1>({away.size()}, {local}), [&](const auto& item) {
-      if (away[item.global(0)]) {
-        if (how == "leave") item.leave();
-        return;
-      }
+      if (away[item.global(0)]) return;
       item.barrier();
       out[item.global(0)] = 1;
     });
@@ -268,7 +268,6 @@ std::vector<int> some_go(const std::string& how, size_t local, const std::vector
 }
 
 struct throwing_kernel {
-  static constexpr int sub_group_size = 1;
   size_t at;
   const std::string* what;
   std::vector<int>* started;
@@ -378,31 +377,6 @@ std::pair<std::string, int> kernels_in_a_group(int count) {
   });
   check_usable(queue);
   return {error, ran};
-}
-
-// One strand of a group leaves and then meets: "group" at the group's barrier, "sub-group" in a shuffle, "others"
-// nowhere, but all others do at the group's barrier.
-template <int Lanes>
-std::string meet_after_leaving_as(const std::string& where, size_t local) {
-  auto queue = queue_of();
-  const std::string error = error_of([&] {
-    queue.submit([&](sycl::handler& h) {
-      h.parallel_for_lanes<Lanes, 16>(sycl::nd_range<1>({3 * local}, {local}), [&](const auto& item) {
-        const bool leaves = item.group() == 1 && item.local_linear() + Lanes == local;
-        if (leaves) item.leave();
-        if constexpr (Lanes == 1) {
-          if (where == "sub-group") item.template xor_lane<16>(1, 0);
-        }
-        if (where == "group" || (where == "others" && !leaves)) item.barrier();
-      });
-    });
-  });
-  check_usable(queue);
-  return error;
-}
-
-std::string meet_after_leaving(int lanes, const std::string& where, size_t local) {
-  return lanes == 16 ? meet_after_leaving_as<16>(where, local) : meet_after_leaving_as<1>(where, local);
 }
 
 // The error of a command group with one local accessor for each of the sizes: ints in a range of any dimensions.
@@ -722,12 +696,11 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("shuffled_double", &shuffled<double>);
   m.def("shuffled_int", &shuffled<int>);
   m.def("shuffle_two_types", &shuffle_two_types);
-  m.def("some_go", &some_go);
+  m.def("some_end", &some_end);
   m.def("kernel_throws", &kernel_throws);
   m.def("range_error", &range_error);
   m.def("launch_from_kernel", &launch_from_kernel);
   m.def("kernels_in_a_group", &kernels_in_a_group);
-  m.def("meet_after_leaving", &meet_after_leaving);
   m.def("local_memory_error", &local_memory_error);
   m.def("xor_lane_error", &xor_lane_error);
   m.def("tree_sums", &tree_sums);
@@ -772,4 +745,5 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   bind_simd(m);
   bind_simd_verbs(m);
   bind_formats(m);
+  bind_standard(m);
 }

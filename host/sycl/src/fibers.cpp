@@ -22,7 +22,6 @@ namespace {
 
 constexpr size_t stack_bytes = 256 * 1024;
 constexpr const char* no_barriers = "A kernel that declares no barriers met one.";
-constexpr const char* met_after_leaving = "A strand met a barrier after it had left its work-group.";
 
 // Thrown at a strand's meeting point to unwind it once its group has failed.
 struct abandoned {};
@@ -146,7 +145,7 @@ struct fibers {
       } catch (...) {
         if (!self.failure) self.failure = std::current_exception();
       }
-      if (f.state != strand_state::left) f.state = strand_state::finished;
+      f.state = strand_state::finished;
       self.suspend(f);
     }
   }
@@ -156,23 +155,15 @@ namespace {
 
 thread_local fibers mine;
 
-bool gone(const fiber& f) { return f.state == strand_state::finished || f.state == strand_state::left; }
+bool gone(const fiber& f) { return f.state == strand_state::finished; }
 
-// Lets the strands [begin, end) go on if each one that is still there waits at `where`.
+// Lets the strands [begin, end) go on if they all wait at `where`.
 bool release(fibers& set, int begin, int end, strand_state where) {
-  bool any = false;
   for (int i = begin; i < end; ++i) {
-    const fiber& f = *set.all[i];
-    if (f.state == where) {
-      any = true;
-    } else if (f.state != strand_state::left) {
-      return false;
-    }
+    if (set.all[i]->state != where) return false;
   }
-  for (int i = begin; any && i < end; ++i) {
-    if (set.all[i]->state == where) set.all[i]->state = strand_state::ready;
-  }
-  return any;
+  for (int i = begin; i < end; ++i) set.all[i]->state = strand_state::ready;
+  return true;
 }
 
 void abandon(fibers& set, int strands) {
@@ -239,25 +230,13 @@ void run_fibers(const launch_plan& plan, group_state& g, bool shuffle, uint64_t 
 }
 
 void meet(group_state& g, int strand, strand_state at) {
-  if (g.strands == 1) {
-    if (g.left) throw exception(errc::kernel, met_after_leaving);
-    return;
-  }
+  if (g.strands == 1) return;
   if (!g.running) throw exception(errc::kernel, no_barriers);
   fibers& set = *g.running;
   fiber& f = *set.all[strand];
-  if (f.state == strand_state::left) throw exception(errc::kernel, met_after_leaving);
   f.state = at;
   set.suspend(f);
   if (set.abandoning) throw abandoned{};
-}
-
-void leave(group_state& g, int strand) {
-  if (g.running) {
-    g.running->all[strand]->state = strand_state::left;
-  } else {
-    g.left = true;
-  }
 }
 
 char* exchange(group_state& g, int strand) {

@@ -36,7 +36,7 @@ void handler::run(const detail::launch_plan& plan, std::span<const size_t> globa
   r.local_size.assign(local.begin(), local.end());
   r.sub_group_size = plan.sub_group_size;
   r.local_memory = local_requested_;
-  r.device = device_.index();
+  r.device = device_.index_;
   launch_ = detail::add_record(std::move(r), kernel);
 }
 

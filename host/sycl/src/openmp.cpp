@@ -2,7 +2,6 @@
 // and at each barrier inside one. Beside the threads of a launch they would take each other's processors.
 #include "openmp.hpp"
 
-#include <omp.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +9,13 @@
 #include <future>
 #include <system_error>
 #include <thread>
+
+// From GNU OpenMP's own interface. A compiler's pragma may ask for another library, and a parallel region without a
+// body is removed.
+extern "C" {
+int omp_get_num_procs();
+void GOMP_parallel(void (*body)(void*), void* data, unsigned threads, unsigned flags);
+}
 
 namespace sycl::detail {
 
@@ -24,8 +30,7 @@ void bound_openmp_spinning() {
   std::future<void> is_made = made.get_future();
   try {
     std::thread([made = std::move(made)]() mutable {
-#pragma omp parallel num_threads(omp_get_num_procs() + 1)
-      asm volatile("");  // GCC removes a region without a body
+      GOMP_parallel([](void*) {}, nullptr, static_cast<unsigned>(omp_get_num_procs()) + 1, 0);
       made.set_value();
       for (;;) pause();
     }).detach();

@@ -88,7 +88,7 @@ std::vector<launch_record> recording_end() {
 }
 
 void record(const std::string& name, const event& e) {
-  if (e.launch()) each_record(e.launch(), [&](launch_record& r) { r.name = name; });
+  if (e.launch_) each_record(e.launch_, [&](launch_record& r) { r.name = name; });
 }
 
 }  // namespace ext::orrery

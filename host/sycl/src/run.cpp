@@ -94,6 +94,7 @@ class launch_run {
     const kernel_scope scope(aligned(mine.local, plan_.local_memory));
     group_state g;
     g.strands = strands_;
+    g.lanes_mixed = shuffle_;
     if (shuffle_ || (plan_.barriers && strands_ > 1)) {
       for (size_t at = begin; at < end; ++at) one_group(g, at);
     } else {

@@ -90,7 +90,11 @@ settings settings_from_environment() {
 
 void configure(const settings& s) { current() = s; }
 const settings& configuration() { return current(); }
-queue make_queue(int device) { return queue(sycl::device(device)); }
+queue make_queue(int index) {
+  device d;
+  d.index_ = index;
+  return queue(d);
+}
 
 }  // namespace ext::orrery
 

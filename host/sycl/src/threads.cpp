@@ -64,8 +64,9 @@ void relax() {
 #endif
 }
 
-// What is left of a thread's share of a launch: the pieces [next, end).
-struct share_left {
+// What is left of a thread's share of a launch: the pieces [next, end). Aligned as a word, or Clang calls a library for
+// each of its changes.
+struct alignas(uint64_t) share_left {
   uint32_t launch;
   uint16_t next, end;
 };

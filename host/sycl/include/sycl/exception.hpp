@@ -17,8 +17,7 @@ inline std::error_code make_error_code(errc e) noexcept { return {static_cast<in
 
 class ORRERY_SYCL_API exception : public std::exception {
  public:
-  exception(std::error_code code, std::string what) : code_(code), what_(std::move(what)) {}
-  exception(errc code, std::string what) : exception(make_error_code(code), std::move(what)) {}
+  exception(std::error_code code, const std::string& what) : code_(code), what_(what) {}
   const std::error_code& code() const noexcept { return code_; }
   const char* what() const noexcept override { return what_.c_str(); }
 

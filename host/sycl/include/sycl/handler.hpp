@@ -42,7 +42,6 @@ struct typed_launch {
     }
     g.group[0] = linear;
     g.arrived = 0;
-    g.left = false;
   }
   void run_strand(group_state& g, int strand) const {
     Call{}(kernel, item_base<D>{&g, &ranges, strand, static_cast<size_t>(strand) * Lanes});
@@ -87,11 +86,14 @@ constexpr bool has_barriers() {
 
 }  // namespace detail
 
+template <typename T>
+struct is_device_copyable : std::is_trivially_copyable<T> {};
+template <typename T>
+constexpr bool is_device_copyable_v = is_device_copyable<T>::value;
+
 // A command group: its local memory, and at most one kernel, which runs inside parallel_for.
 class handler {
  public:
-  handler(device d, const ext::orrery::code_location& where) : device_(d), where_(where) {}
-
   // The standard's form: one work-item after another.
   template <int D, typename Kernel>
   void parallel_for(nd_range<D> ranges, const Kernel& kernel) {
@@ -102,9 +104,9 @@ class handler {
 
   template <int D, typename Kernel>
   void parallel_for(range<D> size, const Kernel& kernel) {
-    range<D> one;
-    for (int d = 0; d < D; ++d) one[d] = 1;
-    launch<1, 1, false>(nd_range<D>(size, one), kernel, [](const Kernel& k, const detail::item_base<D>& at) {
+    detail::index<D> one;
+    one.at.fill(1);
+    launch<1, 1, false>(nd_range<D>(size, range<D>(one)), kernel, [](const Kernel& k, const detail::item_base<D>& at) {
       id<D> i;
       for (int d = 0; d < D; ++d) i[d] = at.group(d);
       k(item<D>(i));
@@ -119,6 +121,13 @@ class handler {
         [](const Kernel& k, const detail::item_base<D>& at) { k(ext::orrery::lane_item<D, Lanes>(at)); });
   }
 
+ private:
+  friend class queue;
+  template <typename T, int D>
+  friend class local_accessor;
+
+  handler(device d, const ext::orrery::code_location& where) : device_(d), where_(where) {}
+
   // Where `bytes` more of each work-group's local memory start.
   size_t add_local_memory(size_t bytes) {
     const size_t at = local_memory_;
@@ -126,17 +135,16 @@ class handler {
     if (__builtin_add_overflow(local_requested_, bytes, &local_requested_)) local_requested_ = SIZE_MAX;
     return at;
   }
-  event done() const { return event(launch_); }
 
- private:
   template <int Lanes, int SG, bool Barriers, int D, typename Kernel, typename Call>
   void launch(const nd_range<D>& ranges, const Kernel& kernel, Call) {
+    static_assert(is_device_copyable_v<Kernel>, "a kernel is copied to its device byte by byte");
     const detail::typed_launch<D, Lanes, Kernel, Call> typed{kernel, ranges, ranges.get_group_range()};
     detail::launch_plan plan = typed.plan();
     plan.barriers = Barriers;
     plan.sub_group_size = SG;
     plan.local_memory = local_memory_;
-    run(plan, ranges.get_global_range().at, ranges.get_local_range().at, typeid(Kernel));
+    run(plan, array_of(ranges.get_global_range()), array_of(ranges.get_local_range()), typeid(Kernel));
   }
 
   // Checks the launch, runs it and, while launches are collected, records it.
@@ -159,7 +167,7 @@ template <typename CommandGroup>
 event queue::submit(CommandGroup&& cgf, const ext::orrery::code_location& where) {
   handler h(device_, where);
   cgf(h);
-  return h.done();
+  return event(h.launch_);
 }
 
 }  // namespace sycl

@@ -21,7 +21,7 @@ extern ORRERY_SYCL_API constinit thread_local char* local_memory;
 template <int D>
 size_t bytes_of(const range<D>& size, size_t element) {
   size_t bytes = element;
-  for (size_t n : size.at) {
+  for (size_t n : array_of(size)) {
     if (__builtin_mul_overflow(bytes, n, &bytes)) return SIZE_MAX;
   }
   return bytes;
@@ -46,7 +46,7 @@ class local_accessor {
   T* first() const { return reinterpret_cast<T*>(detail::local_memory + offset_); }
 
   size_t offset_ = 0;
-  range<D> range_;
+  range<D> range_{detail::index<D>{}};
 };
 
 }  // namespace sycl

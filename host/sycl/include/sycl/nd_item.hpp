@@ -17,14 +17,14 @@ namespace sycl {
 namespace detail {
 
 // A strand is the flow of control of one sub-group, or of one work-item.
-enum class strand_state : uint8_t { ready, at_group_barrier, at_sub_group, left, finished };
+enum class strand_state : uint8_t { ready, at_group_barrier, at_sub_group, finished };
 
 // One work-group as its strands see it.
 struct group_state {
   size_t group[3] = {0, 0, 0};
   int strands = 0;
-  int arrived = 0;    // strands at the end of the group, see lane_item::when_last
-  bool left = false;  // the only strand of the group has, see lane_item::leave
+  int arrived = 0;           // strands at the end of the group, see lane_item::when_last
+  bool lanes_mixed = false;  // the lanes of a sub-group are not in the order of its work-items, see sub_group
   // The values of lane_item::shared_by_launch: where they lie, the place in the kernel that made them, and their size.
   char* scratch = nullptr;
   const void* scratch_place = nullptr;
@@ -32,11 +32,8 @@ struct group_state {
   struct fibers* running = nullptr;  // null where strands have no stacks of their own, and so cannot wait
 };
 
-// The strand waits until every strand of its group, or of its sub-group, that has not left waits at the same kind of
-// barrier.
+// The strand waits until every strand of its group, or of its sub-group, waits at the same kind of barrier.
 ORRERY_SYCL_API void meet(group_state& g, int strand, strand_state at);
-// The strand's group goes on without it: no meeting waits for it any more, and it may come to none.
-ORRERY_SYCL_API void leave(group_state& g, int strand);
 // The exchange area of a work-group, one slot a strand; alternates so that one meeting a shuffle is enough.
 constexpr size_t exchange_slot = 16;
 ORRERY_SYCL_API char* exchange(group_state& g, int strand);
@@ -64,32 +61,47 @@ struct item_base {
 
 }  // namespace detail
 
+class sub_group;
+
+namespace detail {
+
+template <int D>
+sub_group sub_group_of(const item_base<D>& at, int sub_group_size);
+template <typename T>
+T value_of_lane(const sub_group& sg, T value, size_t lane);
+
+}  // namespace detail
+
 class sub_group {
  public:
-  sub_group(detail::group_state* g, int strand, int lane, int size)
-      : g_(g), strand_(strand), lane_(lane), size_(size) {}
-  size_t get_local_linear_id() const { return lane_; }
-  size_t get_local_linear_range() const { return size_; }
-  void barrier() const { detail::meet(*g_, strand_, detail::strand_state::at_sub_group); }
-
-  template <typename T>
-  T read_lane(T value, int lane) const {
-    static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= detail::exchange_slot);
-    if (lane < 0 || lane >= size_) {
-      throw exception(errc::kernel, "A shuffle reads lane " + std::to_string(lane) + " of a sub-group of " +
-                                        std::to_string(size_) + ".");
-    }
-    // Slots of one size, since other sub-groups may be exchanging values of another type.
-    char* slots = detail::exchange(*g_, strand_);
-    std::memcpy(slots + detail::exchange_slot * strand_, &value, sizeof(T));
-    detail::meet(*g_, strand_, detail::strand_state::at_sub_group);
-    std::memcpy(&value, slots + detail::exchange_slot * (strand_ - lane_ + lane), sizeof(T));
-    return value;
-  }
+  uint32_t get_local_linear_id() const { return lane_; }
+  uint32_t get_local_linear_range() const { return size_; }
+  uint32_t get_group_linear_id() const { return number_; }
+  uint32_t get_group_linear_range() const { return count_; }
 
  private:
-  detail::group_state* g_;
-  int strand_, lane_, size_;
+  template <int D>
+  friend sub_group detail::sub_group_of(const detail::item_base<D>& at, int sub_group_size);
+  template <typename T>
+  friend T detail::value_of_lane(const sub_group& sg, T value, size_t lane);
+  friend void group_barrier(const sub_group& g);
+
+  sub_group() = default;
+  // Which work-item is which lane is nothing to rely on. Mixed lanes take every other work-item first, which a
+  // butterfly shows; it would not show lanes that are turned or mirrored.
+  uint32_t lane_of(uint32_t place) const {
+    return state_->lanes_mixed ? place / 2 + (place % 2) * ((size_ + 1) / 2) : place;
+  }
+  uint32_t place_of(uint32_t lane) const {
+    const uint32_t even = (size_ + 1) / 2;
+    if (!state_->lanes_mixed) return lane;
+    return lane < even ? 2 * lane : 2 * (lane - even) + 1;
+  }
+  void barrier() const { detail::meet(*state_, strand_, detail::strand_state::at_sub_group); }
+
+  detail::group_state* state_;
+  int strand_;
+  uint32_t first_strand_, lane_, size_, number_, count_;
 };
 
 namespace detail {
@@ -97,41 +109,72 @@ namespace detail {
 // The sub-group of a strand that is one work-item. The last one of a group may be smaller than `sub_group_size`.
 template <int D>
 sub_group sub_group_of(const item_base<D>& at, int sub_group_size) {
-  const size_t items = at.ranges->get_local_range().size(), lane = at.local_linear % sub_group_size;
-  const size_t size = std::min<size_t>(sub_group_size, items - (at.local_linear - lane));
-  return sub_group(at.state, at.strand, static_cast<int>(lane), static_cast<int>(size));
+  const size_t items = at.ranges->get_local_range().size(), place = at.local_linear % sub_group_size;
+  const size_t size = std::min<size_t>(sub_group_size, items - (at.local_linear - place));
+  sub_group sg;
+  sg.state_ = at.state;
+  sg.strand_ = at.strand;
+  sg.first_strand_ = static_cast<uint32_t>(at.strand - place);
+  sg.size_ = static_cast<uint32_t>(size);
+  sg.lane_ = sg.lane_of(static_cast<uint32_t>(place));
+  sg.number_ = static_cast<uint32_t>(at.local_linear / sub_group_size);
+  sg.count_ = static_cast<uint32_t>((items + sub_group_size - 1) / sub_group_size);
+  return sg;
+}
+
+template <typename T>
+T value_of_lane(const sub_group& sg, T value, size_t lane) {
+  static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= exchange_slot);
+  if (lane >= sg.size_) {
+    throw exception(errc::kernel, "A shuffle reads lane " + std::to_string(lane) + " of a sub-group of " +
+                                      std::to_string(sg.size_) + ".");
+  }
+  // Slots of one size, since other sub-groups may be exchanging values of another type.
+  char* slots = exchange(*sg.state_, sg.strand_);
+  std::memcpy(slots + exchange_slot * sg.strand_, &value, sizeof(T));
+  sg.barrier();
+  const size_t strand = sg.first_strand_ + sg.place_of(static_cast<uint32_t>(lane));
+  std::memcpy(&value, slots + exchange_slot * strand, sizeof(T));
+  return value;
 }
 
 }  // namespace detail
 
 template <typename T>
-T select_from_group(const sub_group& sg, T value, size_t lane) {
-  return sg.read_lane(value, static_cast<int>(lane));
+T select_from_group(const sub_group& sg, T value, id<1> lane) {
+  return detail::value_of_lane(sg, value, lane[0]);
 }
 template <typename T>
-T permute_group_by_xor(const sub_group& sg, T value, size_t bits) {
-  return sg.read_lane(value, static_cast<int>(sg.get_local_linear_id() ^ bits));
+T permute_group_by_xor(const sub_group& sg, T value, uint32_t mask) {
+  return detail::value_of_lane(sg, value, sg.get_local_linear_id() ^ mask);
 }
+
+template <int D>
+class nd_item;
 
 template <int D = 1>
 class group {
  public:
-  explicit group(const detail::item_base<D>& at) : at_(at) {}
   size_t get_group_id(int d) const { return at_.group(d); }
   size_t get_group_linear_id() const {
     size_t n = 0;
     for (int d = 0; d < D; ++d) n = n * at_.group_range(d) + at_.group(d);
     return n;
   }
-  void barrier() const { detail::meet(*at_.state, at_.strand, detail::strand_state::at_group_barrier); }
 
  private:
+  template <int E>
+  friend void group_barrier(const group<E>& g);
+  friend class nd_item<D>;
+
+  explicit group(const detail::item_base<D>& at) : at_(at) {}
+
   detail::item_base<D> at_;
 };
 
 template <int D>
 void group_barrier(const group<D>& g) {
-  g.barrier();
+  detail::meet(*g.at_.state, g.at_.strand, detail::strand_state::at_group_barrier);
 }
 inline void group_barrier(const sub_group& g) { g.barrier(); }
 
@@ -199,13 +242,21 @@ class lane_item {
   size_t local_linear() const { return at_.local_linear; }
   size_t global(int d = 0) const { return at_.global(d); }
   void barrier() const { detail::meet(*at_.state, at_.strand, detail::strand_state::at_group_barrier); }
+  // The first lane's index in its sub-group of SG, and that sub-group's in the group.
+  template <int SG>
+  size_t lane() const {
+    if constexpr (N == 1) return detail::sub_group_of(at_, SG).get_local_linear_id();
+    return at_.local_linear % SG;
+  }
+  template <int SG>
+  size_t sub_group() const {
+    return at_.local_linear / SG;
+  }
   // The value of the work-item whose index in a sub-group of SG is this one's xor `bits`.
   template <int SG, typename T>
   T xor_lane(T value, size_t bits) const requires(N == 1) {
-    return permute_group_by_xor(detail::sub_group_of(at_, SG), value, bits);
+    return permute_group_by_xor(detail::sub_group_of(at_, SG), value, static_cast<uint32_t>(bits));
   }
-  // From here on the group goes on without this strand, which meets nobody any more.
-  void leave() const { detail::leave(*at_.state, at_.strand); }
   // Every strand calls this as its last act; the last one runs `whole`.
   template <typename F>
   void when_last(F&& whole) const {

@@ -30,16 +30,18 @@ struct local_mem_size {
 
 class device {
  public:
-  explicit device(int index = 0) : index_(index) {}
+  device() = default;
   template <typename Info>
   typename Info::return_type get_info() const;
-  int index() const { return index_; }
   bool is_cpu() const { return true; }
   bool is_gpu() const { return false; }
   bool operator==(const device&) const = default;
 
  private:
-  int index_;
+  friend class handler;
+  friend queue ext::orrery::make_queue(int index);
+
+  int index_ = 0;
 };
 
 template <>
@@ -55,19 +57,22 @@ ORRERY_SYCL_API uint64_t device::get_info<info::device::local_mem_size>() const;
 class event {
  public:
   event() = default;
-  explicit event(uint64_t launch) : launch_(launch) {}
   ORRERY_SYCL_API void wait();
   void wait_and_throw() { wait(); }
-  // The number of the launch while launches are collected, else 0.
-  uint64_t launch() const { return launch_; }
 
  private:
-  uint64_t launch_ = 0;
+  friend class queue;
+  friend void ext::orrery::record(const std::string& name, const event& e);
+
+  explicit event(uint64_t launch) : launch_(launch) {}
+
+  uint64_t launch_ = 0;  // its number while launches are collected, else 0
 };
 
 class queue {
  public:
-  explicit queue(device d = device()) : device_(d) {}
+  queue() = default;
+  explicit queue(const device& d) : device_(d) {}
   device get_device() const { return device_; }
   bool is_in_order() const { return true; }
   void wait() {}
