@@ -1,5 +1,5 @@
 # make demo    text from a real model through the operators        make build     environment and package
-# make test    all tests                                           make scalar    kernel tests, one strand a work-item
+# make test    all tests                                           make scalar    kernel tests, one strand per work-item
 # make bench   every operator beside what one would use instead    make sanitize  all tests under ASan and UBSan
 # make format  clang-format on all sources                         make clean     removes builds, keeps .venv
 # make sanitize-threads   tests of launches under ThreadSanitizer   make check    syntax check with the other compiler

@@ -16,7 +16,7 @@ inline T read(const uint8_t* p) {
 }
 
 inline float half_at(const uint8_t* p) {
-  return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(p)).held_at(0);
+  return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(p)).register_value(0);
 }
 
 }  // namespace orrery::formats

@@ -10,7 +10,7 @@ namespace orrery::formats {
 
 // A normal float to the nearest T, ties to even, as registers hold it.
 template <typename T>
-constexpr held_t<T> nearest(float x) {
+constexpr register_type<T> nearest(float x) {
   constexpr int dropped = std::is_same_v<T, c10::Half> ? 13 : std::is_same_v<T, c10::BFloat16> ? 16 : 0;
   const uint32_t bits = std::bit_cast<uint32_t>(x);
   if constexpr (dropped == 0) return x;
@@ -29,7 +29,7 @@ constexpr nibble_table<T> nearest_values(const float (&table)[Codes]) {
 // The bits of a half, widened.
 inline float half_of_bits(uint32_t bits) {
   const uint16_t half = static_cast<uint16_t>(bits);
-  return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(&half)).held_at(0);
+  return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(&half)).register_value(0);
 }
 
 // Sign, 5 exponent bits, 2 mantissa bits and a third that is always 1: the half with a code in its high byte and 0x80
@@ -89,7 +89,6 @@ struct nf3 : half_scale {
   static constexpr int words = 2;  // low bits, top bits
   static constexpr int quant_bytes = 24;
   static constexpr int low_at = 8;
-  // A dense value is a product in float for every T, rounded once.
   static constexpr bool rounds_last = true;
 
   // clang-format off
@@ -143,7 +142,7 @@ struct nf3 : half_scale {
     }
   }
   template <int N>
-  ORRERY_INLINE static void ask_for(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int) {
+  ORRERY_INLINE static void prefetch_codes(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int) {
     prefetch<N * quant_bytes / 4>(weight + block * quant_bytes);
   }
 
@@ -161,16 +160,9 @@ struct nf3 : half_scale {
   template <int N>
   static void load_lanes(const uint8_t* p, simd<uint32_t, N> (&word)[2]) {
     using U = simd<uint32_t, N>;
-    constexpr int W = U::W;
-    static_assert(W % 4 == 0);
-    const auto i = detail::iota<uint32_t, W>(), first = i / 4 * 6, quarter = i % 4;
-    ORRERY_UNROLL for (int c = 0; c < U::chunks; ++c, p += W / 4 * quant_bytes) {
-      typename U::chunk a, b;
-      std::memcpy(&a, p, sizeof a);
-      std::memcpy(&b, p + sizeof a, sizeof b);
-      word[0].v[c] = __builtin_shuffle(a, b, first + 2 + quarter);
-      word[1].v[c] = __builtin_shuffle(a, b, first + quarter / 2) >> (quarter % 2 * 16);
-    }
+    const U odd_quarter = U::iota() & U(1);
+    word[0] = load_grouped_words<4, 6, N>(p, [](int quarter) { return 2 + quarter; });
+    word[1] = load_grouped_words<4, 6, N>(p, [](int quarter) { return quarter / 2; }) >> (odd_quarter << 4);
   }
 };
 
@@ -207,15 +199,12 @@ struct fp6 : half_scale {
     static constexpr uint32_t pair[16] = {1, 4, 16, 64, 1, 4, 16, 64, 1, 4, 16, 64, 1, 4, 16, 64};
     auto words = convert<int64_t>(simd<uint32_t, 8>::load(reinterpret_cast<const uint32_t*>(low)));
     words = words | words << 36;  // each word, and its low nibbles moved up
-    U b;
-    std::memcpy(&b.v, &words.v, sizeof b.v);
+    const U b = bit_cast<uint32_t>(words);
     const auto a = bit_cast<uint32_t>(load_shared<float, 16, 4, float>(top)) * U::load(pair);
     const U crossed = code_bytes(b, a), ends = U(0xFF00FF);
     const U odd = (crossed >> 8) & ends, even = crossed & ends;  // elements 0, 1 and 2, 3
     const U in_order = ((odd | odd >> 8) & U(0xFFFF)) | ((even << 16) & U(0xFF0000)) | ((even << 8) & U(0xFF000000));
-    simd<uint8_t, 64> code;
-    std::memcpy(&code.v, &in_order.v, sizeof code.v);
-    return code;
+    return bit_cast<uint8_t>(in_order);
   }
 
   // Within four, the third and fourth element come first.
@@ -232,7 +221,7 @@ struct fp6 : half_scale {
     word[2] = top[0];
   }
   template <int N>
-  ORRERY_INLINE static void ask_for(const uint8_t* weight, uint32_t scale_offset, uint64_t block, int o) {
+  ORRERY_INLINE static void prefetch_codes(const uint8_t* weight, uint32_t scale_offset, uint64_t block, int o) {
     prefetch<N * 8>(weight + block * low_bytes + o / 2);
     prefetch<N * 4>(top_plane(weight, scale_offset) + block * top_bytes + o / 4);
   }
@@ -241,7 +230,7 @@ struct fp6 : half_scale {
   static simd<T, N> term(const simd<uint32_t, N> (&word)[3], int k) {
     const int i = k / 4, byte = place_of[element(k) % 4];
     const auto four = code_bytes(word[i / 2] << (i % 2 * 4), word[2] << (2 * i));
-    return exactly<T>(lookup_signed(half_by_high_byte, four, byte));
+    return convert_exact<T>(lookup_signed(half_by_high_byte, four, byte));
   }
 
  private:
@@ -269,11 +258,11 @@ struct fp8_e4m3 : whole_bytes, float_scale {
 
   template <typename T, int N>
   static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
-    return exactly<T>(lookup_signed(magnitudes, code, 0));
+    return convert_exact<T>(lookup_signed(magnitudes, code, 0));
   }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    return exactly<T>(lookup_signed(magnitudes, word[k / 4], k % 4));
+    return convert_exact<T>(lookup_signed(magnitudes, word[k / 4], k % 4));
   }
 
  private:
@@ -283,9 +272,9 @@ struct fp8_e4m3 : whole_bytes, float_scale {
 
 // The high byte of a half whose low byte is 0x80: no code is zero, and all with the highest exponent are NaN. The scale
 // plane is there and not read.
-struct fp8_e5m2 : whole_bytes {
+struct fp8_e5m2 : whole_bytes, split_defaults {
   static constexpr int scale_bytes = 4;
-  static constexpr bool has_offset = false;
+  static constexpr bool codes_are_halves = true;
 
   template <typename T>
   static T value(int code) {
@@ -299,7 +288,7 @@ struct fp8_e5m2 : whole_bytes {
   }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    return exactly<T>(lookup_signed(half_by_high_byte, word[k / 4], k % 4));
+    return convert_exact<T>(lookup_signed(half_by_high_byte, word[k / 4], k % 4));
   }
 
   template <typename T, int N, int Share>

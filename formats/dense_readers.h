@@ -6,7 +6,8 @@
 //   scale_bytes        bytes of a block in the scale plane
 //   read<T>(..., out)  out[h], h below per_place: the elements place + h * places and following, one per lane, each
 //                      computed in T
-// and, where a code is the bits of a half, half_bits too: a NaN that passes through a float comes back as another.
+// and, where it says reads_half_bits because a code is the bits of a half, half_bits<C>(...) with those: a NaN that
+// passes through a float comes back as another.
 #pragma once
 
 #include "formats/codebook.h"
@@ -39,11 +40,11 @@ struct byte_reader {
     }
   }
 
+  static constexpr bool reads_half_bits = Format::codes_are_halves;
   template <int C>
-  static simd<uint16_t, C> half_bits(const block_planes& at, uint64_t block, int place) requires requires {
-    Format::half_bits(0);
+  static simd<uint16_t, C> half_bits(const block_planes& at, uint64_t block, int place) {
+    return convert<uint16_t>((bytes<C>(at, block, place) << 8) | simd<uint32_t, C>(uint32_t(Format::half_bits(0))));
   }
-  { return convert<uint16_t>((bytes<C>(at, block, place) << 8) | simd<uint32_t, C>(uint32_t(Format::half_bits(0)))); }
 
  private:
   template <int C>
@@ -66,6 +67,7 @@ simd<uint32_t, C> gather_codes(int place, One one, Sixteen sixteen) {
 }
 
 struct nf3_reader {
+  static constexpr bool reads_half_bits = false;
   static constexpr int per_place = 1, places = 64;
   static constexpr int quant_bytes = nf3::quant_bytes, scale_bytes = nf3::scale_bytes;
 
@@ -80,6 +82,7 @@ struct nf3_reader {
 
 // Whole blocks at once.
 struct fp6_reader {
+  static constexpr bool reads_half_bits = false;
   static constexpr int per_place = 1, places = 64;
   static constexpr int quant_bytes = fp6::low_bytes, scale_bytes = fp6::scale_bytes;
 
@@ -94,6 +97,7 @@ struct fp6_reader {
 // q5_0 and q5_1, whose blocks keep all bytes together.
 template <typename Format>
 struct q5_reader {
+  static constexpr bool reads_half_bits = false;
   static constexpr int places = 32, per_place = 2, quant_bytes = Format::bytes, scale_bytes = 0;
 
   template <typename T, int C>

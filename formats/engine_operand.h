@@ -5,14 +5,13 @@
 #include "formats/codebook.h"
 #include "formats/registry.h"
 #include "includes/matrix_engine.h"
-#include "includes/simd/interleave.h"
 
 namespace orrery::formats {
 
 // The value of code p of each byte.
 template <typename Format, typename C, int N>
 simd<C, N> values_of_bytes(const simd<uint8_t, N>& bytes, int p) {
-  if constexpr (requires { Format::template signed_bytes<C>(bytes); }) {
+  if constexpr (Format::has_signed_bytes) {
     return Format::template signed_bytes<C>(bytes);
   } else {
     return Format::template unscaled<C>(Format::byte_code(convert<uint32_t>(bytes), p));

@@ -21,7 +21,6 @@ inline constexpr auto ksigns_iq2xs = [] {
   return signs;
 }();
 
-#ifdef ORRERY_BYTE_DOTS
 // Two neighbouring blocks are multiplied at once: lane 8 k + ib is sub-block ib of block k, byte 4 (8 k + ib) + g its
 // group g. Indexes are looked up for 64 groups together, in registers, which gives two bytes for each: four 2-bit codes
 // for elements 0 to 3 and four for elements 4 to 7. In a grid of 256 entries that takes 1.4 ns on Zen 4, gathers of
@@ -40,16 +39,6 @@ struct packed_grid {
     }
   }
 };
-
-// table[index & 127]
-ORRERY_INLINE inline __m512i lookup_128(const uint8_t* table, __m512i index) {
-  return _mm512_permutex2var_epi8(_mm512_load_si512(table), index, _mm512_load_si512(table + 64));
-}
-
-// table[index]
-ORRERY_INLINE inline __m512i lookup_256(const uint8_t* table, __m512i index) {
-  return _mm512_mask_blend_epi8(_mm512_movepi8_mask(index), lookup_128(table, index), lookup_128(table + 128, index));
-}
 
 // Magnitude of a 2-bit code of iq2_xxs, whatever the four bits above it.
 struct magnitude_table {
@@ -89,65 +78,8 @@ struct sorted_runs {
 inline constexpr sorted_runs iq1s_runs;
 static_assert(iq1s_runs.exact);
 
-// For each lane's 32 bits, the bytes that begin at bits 0, Step, 2 Step and 3 Step.
-template <int Step>
-ORRERY_INLINE inline __m512i bytes_at_steps(__m512i words) {
-  constexpr uint64_t low = 0ull | 1ull * Step << 8 | 2ull * Step << 16 | 3ull * Step << 24;
-  constexpr uint64_t from = low | (low + 0x20202020ull) << 32;
-  return _mm512_maskz_multishift_epi64_epi8(~0ull, _mm512_set1_epi64(static_cast<long long>(from)), words);
-}
-
-ORRERY_INLINE inline simd<float, 16> to_float(__m512i words) {
-  simd<int32_t, 16> i;
-  i.v[0] = (decltype(i.v[0] + i.v[0]))words;
-  return convert<float>(i);
-}
-
-// Two vectors that are looked up together.
-struct vectors {
-  __m512i a, b;
-};
-struct masks {
-  __mmask64 a, b;
-};
-
-// A table whose address the compiler does not know, or else it copies the table to the stack before a loop.
-template <typename Table>
-ORRERY_INLINE inline const Table& opaque(const Table& table) {
-  const Table* p = &table;
-  asm volatile("" : "+r"(p));
-  return *p;
-}
-
-// 64 bytes that are read once: left alone, the compiler reads them again for each use.
-ORRERY_INLINE inline __m512i read_once(const uint8_t* p) {
-  __m512i r = _mm512_load_si512(p);
-  asm("" : "+v"(r));
-  return r;
-}
-
-// table[index & 127] in the lanes of the masks. The others keep their index, so that the parts of a larger table are
-// looked up one after the other in the same register and nothing has to be put together. Loads of 64 bytes are what
-// runs out first: with each table read for both vectors a product of 4096 x 4096 takes 545 us, not 662.
-ORRERY_INLINE inline vectors lookup_128(const uint8_t* table, const vectors& index, const masks& where) {
-  const __m512i low = read_once(table), high = read_once(table + 64);
-  return {_mm512_mask2_permutex2var_epi8(low, index.a, where.a, high),
-          _mm512_mask2_permutex2var_epi8(low, index.b, where.b, high)};
-}
-
-// Which half of a table of 256 entries holds an index.
-struct table_halves {
-  masks low, high;
-
-  ORRERY_INLINE explicit table_halves(const vectors& index) {
-    high = {_mm512_movepi8_mask(index.a), _mm512_movepi8_mask(index.b)};
-    low = {_knot_mask64(high.a), _knot_mask64(high.b)};
-  }
-};
-
-// table[index]
-ORRERY_INLINE inline vectors lookup_256(const uint8_t* table, const vectors& index, const table_halves& halves) {
-  return lookup_128(table + 128, lookup_128(table, index, halves.low), halves.high);
+ORRERY_INLINE inline simd<float, 16> to_float(const simd<uint32_t, 16>& words) {
+  return convert<float>(bit_cast<int32_t>(words));
 }
 
 // By the upper four bits of a sub-block's word.
@@ -185,7 +117,6 @@ struct alignas(64) grid_inputs {
 };
 
 }  // namespace detail
-#endif
 
 struct grid_block {
   static constexpr int d_at = 0;
@@ -239,7 +170,6 @@ struct iq2_xxs : grid_block {
     return (((small * d(block)) * q8_1::d(other)) * 0.25f) * static_cast<float>(sum);
   }
 
-#ifdef ORRERY_BYTE_DOTS
   static constexpr int blocks_at_once = 2;
   using inputs = detail::grid_inputs;
 
@@ -249,28 +179,27 @@ struct iq2_xxs : grid_block {
         [](int i, int j) { return static_cast<int>(iq2xxs_grid[i] >> 8 * j & 0xFF) / 17; });
     static constexpr detail::magnitude_table magnitude;
     alignas(64) static constexpr auto all_signs = ksigns_iq2xs;
-    const __m512i first = _mm512_loadu_si512(block + groups_at), second = _mm512_loadu_si512(block + bytes + groups_at);
-    const __m512i even = _mm512_set_epi32(30, 28, 26, 24, 22, 20, 18, 16, 14, 12, 10, 8, 6, 4, 2, 0);
-    const __m512i index = _mm512_permutex2var_epi32(first, even, second);
-    const __m512i words = _mm512_permutex2var_epi32(first, _mm512_add_epi32(even, _mm512_set1_epi32(1)), second);
-    const __m512i negative = detail::lookup_128(all_signs.data(), detail::bytes_at_steps<7>(words));
-    const __m512i magnitudes = _mm512_load_si512(magnitude.of);
-    __m512i sum = _mm512_setzero_si512();
+    using F = simd<float, 16>;
+    simd<uint32_t, 32> both;
+    both.template set_slice<0>(simd<uint32_t, 16>::load(reinterpret_cast<const uint32_t*>(block + groups_at)));
+    both.template set_slice<16>(simd<uint32_t, 16>::load(reinterpret_cast<const uint32_t*>(block + bytes + groups_at)));
+    const auto [indexes, words] = split_pairs(both);
+    const bytes64 index = bytes64::of(indexes);
+    const bytes64 negative = lookup_128(all_signs.data(), bytes_at_steps<7>(words));
+    const bytes64 magnitudes = bytes64::load(magnitude.of);
+    simd<int32_t, 16> sum;
     ORRERY_UNROLL for (int h = 0; h < 2; ++h) {
-      const __m512i codes = detail::lookup_256(grid.half[h], index);
+      const bytes64 codes = lookup_256(grid.half[h], index);
       ORRERY_UNROLL for (int j = 0; j < 4; ++j) {
-        const __m512i values = _mm512_maskz_permutexvar_epi8(~0ull, _mm512_srli_epi16(codes, 2 * j), magnitudes);
-        const __m512i x = _mm512_load_si512(in.codes[4 * h + j]);
-        const __mmask64 minus = _mm512_test_epi8_mask(negative, _mm512_set1_epi8(static_cast<char>(1 << (4 * h + j))));
-        sum = _mm512_dpbusd_epi32(sum, values, _mm512_mask_sub_epi8(x, minus, _mm512_setzero_si512(), x));
+        const bytes64 values = lookup_64(magnitudes, codes >> 2 * j);
+        const mask<64> minus = common_bits(negative, bytes64::all(1 << (4 * h + j)));
+        sum = dot_bytes(sum, values, negate_where(minus, bytes64::load(in.codes[4 * h + j])));
       }
     }
-    using F = simd<float, 16>;
-    const F small = detail::to_float(_mm512_maskz_srli_epi32(0xFFFF, words, 28)) + F(0.5f);
+    const F small = detail::to_float(words >> 28) + F(0.5f);
     const F scaled = ((small * detail::halves(d(block), d(block + bytes))) * F::load(in.d)) * F(0.25f);
-    return scaled * detail::to_float(sum);
+    return scaled * convert<float>(sum);
   }
-#endif
 
  private:
   static float scale(const uint8_t* block, int ib) {
@@ -321,7 +250,6 @@ struct iq1_s : grid_block {
     return (dl * q8_1::d(other)) * static_cast<float>(sum) + (dl * q8_1::sum(other)) * delta(block, ib);
   }
 
-#ifdef ORRERY_BYTE_DOTS
   static constexpr int blocks_at_once = 4;
   struct inputs {
     detail::grid_inputs pair[2];
@@ -335,83 +263,67 @@ struct iq1_s : grid_block {
   ORRERY_INLINE static simd<float, 32> dots(const uint8_t* block, const inputs& in) {
     const two_blocks a(block), b(block + 2 * bytes);
     // The products of the first codes run beside the lookups of the last ones: the other way round they take 8% longer.
-    const detail::vectors first = first_four(a, b), last = last_four(a, b);
-    __m512i sum[2][2] = {{_mm512_setzero_si512(), _mm512_setzero_si512()},
-                         {_mm512_setzero_si512(), _mm512_setzero_si512()}};
+    const bytes64_pair first = first_four(a, b), last = last_four(a, b);
+    simd<int32_t, 16> sum[2][2];
     add_products(sum[0], first.a, in.pair[0].codes);
     add_products(sum[1], first.b, in.pair[1].codes);
     add_products(sum[0], last.a, in.pair[0].codes + 4);
     add_products(sum[1], last.b, in.pair[1].codes + 4);
     float scales[4];
     for (int i = 0; i < 4; ++i) scales[i] = d(block + i * bytes);
-    from_memory(scales);
+    hold_in_memory(scales);
     simd<float, 32> r;
     r.template set_slice<0>(a.scaled(scales, sum[0], in.pair[0]));
     r.template set_slice<16>(b.scaled(scales + 2, sum[1], in.pair[1]));
     return r;
   }
-#endif
 
  private:
-#ifdef ORRERY_BYTE_DOTS
-  static __m256i load_256(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
-  static __m128i load_128(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
-
   // Indexes of the 64 groups of two blocks: eight low bits and three high ones.
   struct two_blocks {
-    __m512i low, high, words;
+    bytes64 low, high;
+    simd<uint32_t, 16> words;
 
-    ORRERY_INLINE explicit two_blocks(const uint8_t* block) {
-      low = _mm512_maskz_inserti64x4(0xFF, _mm512_castsi256_si512(load_256(block + low_at)),
-                                     load_256(block + bytes + low_at), 1);
-      words =
-          _mm512_maskz_cvtepu16_epi32(0xFFFF, _mm256_inserti128_si256(_mm256_castsi128_si256(load_128(block + high_at)),
-                                                                      load_128(block + bytes + high_at), 1));
-      high = detail::bytes_at_steps<3>(words);
+    ORRERY_INLINE explicit two_blocks(const uint8_t* block)
+        : low(bytes64::load_halves(block + low_at, block + bytes + low_at)),
+          words(load_widened_halves(block + high_at, block + bytes + high_at)) {
+      high = bytes_at_steps<3>(words);
     }
 
     // Of eight values for each group, the one that the high bits tell.
-    ORRERY_INLINE __m512i by_high_bits(const __m512i (&of)[8]) const {
-      const auto bit = [&](int i) ORRERY_INLINE {
-        return _mm512_test_epi8_mask(high, _mm512_set1_epi8(static_cast<char>(1 << i)));
-      };
-      const __mmask64 one = bit(0), two = bit(1), four = bit(2);
-      __m512i pair[4];
-      ORRERY_UNROLL for (int i = 0; i < 4; ++i) pair[i] = _mm512_mask_blend_epi8(one, of[2 * i], of[2 * i + 1]);
-      const __m512i lower = _mm512_mask_blend_epi8(two, pair[0], pair[1]);
-      return _mm512_mask_blend_epi8(four, lower, _mm512_mask_blend_epi8(two, pair[2], pair[3]));
+    ORRERY_INLINE bytes64 by_high_bits(const bytes64 (&of)[8]) const {
+      const auto bit = [&](int i) ORRERY_INLINE { return common_bits(high, bytes64::all(1 << i)); };
+      const mask<64> one = bit(0), two = bit(1), four = bit(2);
+      bytes64 pair[4];
+      ORRERY_UNROLL for (int i = 0; i < 4; ++i) pair[i] = select(one, of[2 * i + 1], of[2 * i]);
+      return select(four, select(two, pair[3], pair[2]), select(two, pair[1], pair[0]));
     }
 
-    // The indexes without their three lowest bits.
-    ORRERY_INLINE __m512i eights() const {
-      return _mm512_ternarylogic_epi64(_mm512_set1_epi8(0x1F), _mm512_srli_epi16(low, 3), _mm512_slli_epi16(high, 5),
-                                       0xCA);  // five bits, three above them
-    }
-    ORRERY_INLINE __m512i next_run(__m512i run, __m512i next_at) const {
-      const __m512i place = _mm512_and_si512(low, _mm512_set1_epi8(7));
-      return _mm512_mask_add_epi8(run, _mm512_cmpge_epu8_mask(place, next_at), run, _mm512_set1_epi8(1));
+    // The indexes without their three lowest bits: five bits, three above them.
+    ORRERY_INLINE bytes64 eights() const { return merge_bits(bytes64::all(0x1F), low >> 3, high << 5); }
+    ORRERY_INLINE bytes64 next_run(const bytes64& run, const bytes64& next_at) const {
+      return add_where(at_least(low & bytes64::all(7), next_at), run, bytes64::all(1));
     }
 
-    ORRERY_INLINE simd<float, 16> scaled(const float* d, const __m512i (&sum)[2], const detail::grid_inputs& in) const {
+    ORRERY_INLINE simd<float, 16> scaled(const float* d, const simd<int32_t, 16> (&sum)[2],
+                                         const detail::grid_inputs& in) const {
       using F = simd<float, 16>;
       static constexpr detail::sub_block_tables tables;
-      const __m512i total = _mm512_add_epi32(sum[0], _mm512_maskz_srai_epi32(0xFFFF, sum[1], 2));
-      simd<int32_t, 16> top;
-      top.v[0] = (decltype(top.v[0] + top.v[0]))_mm512_maskz_srli_epi32(0xFFFF, words, 12);
-      const F dl = detail::halves(d[0], d[1]) * shuffle(F::load(tables.odd), top);
-      return (dl * F::load(in.d)) * detail::to_float(total) +
-             (dl * F::load(in.sum)) * shuffle(F::load(tables.delta), top);
+      const auto total = convert<float>(sum[0] + (sum[1] >> 2));
+      const auto top = words >> 12;
+      const F dl = detail::halves(d[0], d[1]) * lookup16(F::load(tables.odd), top);
+      return (dl * F::load(in.d)) * total + (dl * F::load(in.sum)) * lookup16(F::load(tables.delta), top);
     }
   };
 
   // Codes of elements 0 to 3 of each group, from eight tables of 256 entries.
-  ORRERY_INLINE static detail::vectors first_four(const two_blocks& a, const two_blocks& b) {
-    const detail::vectors low{a.low, b.low};
-    const detail::table_halves halves(low);
-    const uint8_t* table = detail::opaque(detail::iq1s_codes).half[0];
-    __m512i of_a[8], of_b[8];
+  ORRERY_INLINE static bytes64_pair first_four(const two_blocks& a, const two_blocks& b) {
+    const bytes64_pair low{a.low, b.low};
+    const table_halves halves(low);
+    const uint8_t* table = hide_address(detail::iq1s_codes).half[0];
+    bytes64 of_a[8], of_b[8];
     ORRERY_UNROLL for (int i = 0; i < 8; ++i) {
-      const auto r = detail::lookup_256(table + 256 * i, low, halves);
+      const auto r = lookup_256(table + 256 * i, low, halves);
       of_a[i] = r.a;
       of_b[i] = r.b;
     }
@@ -419,27 +331,25 @@ struct iq1_s : grid_block {
   }
 
   // Codes of elements 4 to 7 of each group.
-  ORRERY_INLINE static detail::vectors last_four(const two_blocks& a, const two_blocks& b) {
-    const auto& runs = detail::opaque(detail::iq1s_runs);
-    const detail::vectors eights{a.eights(), b.eights()};
-    const detail::table_halves halves(eights);
-    const auto next_at = detail::lookup_256(runs.next_at, eights, halves);
-    const auto first = detail::lookup_256(runs.run, eights, halves);
-    return detail::lookup_128(runs.codes, {a.next_run(first.a, next_at.a), b.next_run(first.b, next_at.b)},
-                              {~0ull, ~0ull});
+  ORRERY_INLINE static bytes64_pair last_four(const two_blocks& a, const two_blocks& b) {
+    const auto& runs = hide_address(detail::iq1s_runs);
+    const bytes64_pair eights{a.eights(), b.eights()};
+    const table_halves halves(eights);
+    const auto next_at = lookup_256(runs.next_at, eights, halves);
+    const auto first = lookup_256(runs.run, eights, halves);
+    return lookup_128(runs.codes, {a.next_run(first.a, next_at.a), b.next_run(first.b, next_at.b)},
+                      {mask<64>::all(), mask<64>::all()});
   }
 
   // Codes are not shifted down before they are multiplied: those at odd places in a byte are added up for themselves,
   // and that sum, a multiple of 4, is shifted.
-  ORRERY_INLINE static void add_products(__m512i (&sum)[2], __m512i codes, const int8_t (*x)[64]) {
-    const __m512i upper = _mm512_srli_epi16(codes, 4);
+  ORRERY_INLINE static void add_products(simd<int32_t, 16> (&sum)[2], const bytes64& codes, const int8_t (*x)[64]) {
+    const bytes64 upper = codes >> 4;
     ORRERY_UNROLL for (int j = 0; j < 4; ++j) {
-      const __m512i mask = _mm512_set1_epi8(static_cast<char>(3 << 2 * (j % 2)));
-      const __m512i some = _mm512_and_si512(j < 2 ? codes : upper, mask);
-      sum[j % 2] = _mm512_dpbusd_epi32(sum[j % 2], some, _mm512_load_si512(x[j]));
+      const bytes64 some = (j < 2 ? codes : upper) & bytes64::all(3 << 2 * (j % 2));
+      sum[j % 2] = dot_bytes(sum[j % 2], some, bytes64::load(x[j]));
     }
   }
-#endif
 };
 
 }  // namespace orrery::formats

@@ -5,10 +5,11 @@
 //   unscaled<T>(code)        the same without the scale, one code per lane; bits above the code are ignored
 //   scaled<T, N, Share>(..)  a sum of unscaled terms times the scale; `Share` neighbouring lanes lie in one block
 //   run, words               elements that a work-item takes in a pass, 32-bit words that hold their codes
-//   load(..), ask_for<N>(..) those words, from the run that starts at element o of a block; the same as a prefetch
+//   load(..)                 those words, from the run that starts at element o of a block
+//   prefetch_codes<N>(..)    asks for the words of N such runs
 //   term<T>(words, k)        the unscaled value of the k-th term of the run's sum
 //   first_element, element   where in the block the run begins, and its k-th term from there
-// and, where each byte holds whole codes,
+// what split_defaults has, where it is otherwise, and, where each byte holds whole codes,
 //   codes_per_byte           1 or 2
 //   byte_code(byte, p)       code p of a byte, bits above it are anything
 //   byte_element(j, p)       which element of the block code p of byte j is
@@ -33,11 +34,22 @@ T times(T a, T b) {
   return (simd<T, 1>(a) * simd<T, 1>(b))[0];
 }
 
-// One scale of type S a block.
-template <typename S>
-struct one_scale {
-  static constexpr int scale_bytes = sizeof(S);
+// What holds where a split format says nothing else.
+struct split_defaults {
+  // Whether a value has a second term, an offset.
   static constexpr bool has_offset = false;
+  // Whether a dense value is computed in float for every T and rounded once, at the end.
+  static constexpr bool rounds_last = false;
+  // Whether half_bits(code) gives a value's bits as a half.
+  static constexpr bool codes_are_halves = false;
+  // Whether codes are signed bytes, and signed_bytes(codes) their values.
+  static constexpr bool has_signed_bytes = false;
+};
+
+// One scale of type S per block.
+template <typename S>
+struct one_scale : split_defaults {
+  static constexpr int scale_bytes = sizeof(S);
 
   template <typename T, int N, int Share>
   static simd<T, N> scaled(const simd<T, N>& s, const uint8_t* scales) {
@@ -61,7 +73,7 @@ struct byte_runs {
     load_words(weight + block * quant_bytes + o / Run * 8, word);
   }
   template <int N>
-  ORRERY_INLINE static void ask_for(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int o) {
+  ORRERY_INLINE static void prefetch_codes(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int o) {
     prefetch<N * 8>(weight + block * quant_bytes + o / Run * 8);
   }
 };
@@ -90,7 +102,7 @@ struct nibble_pairs : byte_runs<16> {
 
 // The values of 16 codes, as registers hold them.
 template <typename T>
-using nibble_table = std::array<held_t<T>, 16>;
+using nibble_table = std::array<register_type<T>, 16>;
 
 // values[code & 15].
 template <typename T, int N>
@@ -98,7 +110,7 @@ simd<T, N> value_of_nibble(const nibble_table<T>& values, const simd<uint32_t, N
   if constexpr (N == 1) {
     return simd<T, 1>(T(values[code[0] & 15]));
   } else {
-    return lookup16(simd<T, 16>::load_held(values.data()), code);
+    return lookup16(simd<T, 16>::load_register_values(values.data()), code);
   }
 }
 
@@ -117,8 +129,8 @@ struct ruled_nibbles : nibble_pairs<false> {
   }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    if constexpr (has_upper_word_lookup<N> && std::is_same_v<held_t<T>, float>) {
-      if (k % 8 >= 4) return exactly<T>(value_of_upper_word<Rule, 4>(nibble_pairs::code(word, k - 4)));
+    if constexpr (has_upper_word_lookup<N> && std::is_same_v<register_type<T>, float>) {
+      if (k % 8 >= 4) return convert_exact<T>(value_of_upper_word<Rule, 4>(nibble_pairs::code(word, k - 4)));
     }
     return unscaled<T>(nibble_pairs::code(word, k));
   }
@@ -134,7 +146,7 @@ struct q4_0 : ruled_nibbles<less_8>, half_scale {
   }
 };
 
-struct q4_1 : ruled_nibbles<plain_code> {
+struct q4_1 : ruled_nibbles<plain_code>, split_defaults {
   static constexpr int scale_bytes = 4;
   static constexpr bool has_offset = true;
 
@@ -186,9 +198,10 @@ struct q8_0 : whole_bytes, float_scale {
     return from_top_byte<T>(code << 24);
   }
   // The same for codes as they lie in memory, without the shifts.
+  static constexpr bool has_signed_bytes = true;
   template <typename T, int N>
   static simd<T, N> signed_bytes(const simd<uint8_t, N>& code) {
-    return exactly<T>(convert<float>(convert<int32_t>(bit_cast<int8_t>(code))));
+    return convert_exact<T>(convert<float>(convert<int32_t>(bit_cast<int8_t>(code))));
   }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
@@ -198,14 +211,14 @@ struct q8_0 : whole_bytes, float_scale {
  private:
   template <typename T, int N>
   static simd<T, N> from_top_byte(const simd<uint32_t, N>& top) {
-    return exactly<T>(convert<float>(bit_cast<int32_t>(top) >> 24));
+    return convert_exact<T>(convert<float>(bit_cast<int32_t>(top) >> 24));
   }
 };
 
 // The values of one code per lane, `Share` neighbouring lanes to a block, the first of which has its scale at `scales`.
 template <typename Format, typename T, int Share, int N>
 simd<T, N> dequantized(const simd<uint32_t, N>& code, const uint8_t* scales) {
-  if constexpr (requires { Format::rounds_last; }) {
+  if constexpr (Format::rounds_last) {
     return convert<T>(Format::template scaled<float, N, Share>(Format::template unscaled<float>(code), scales));
   } else if constexpr (Format::has_offset) {
     const simd<T, N> one(to<T>(1));
@@ -232,7 +245,7 @@ struct q5_block {
   }
 
   static float half_at(const uint8_t* p) {
-    return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(p)).held_at(0);
+    return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(p)).register_value(0);
   }
 
  private:
@@ -240,11 +253,7 @@ struct q5_block {
   template <int N>
   static simd<uint32_t, N> spread_bits(uint32_t bits) {
     using U = simd<uint32_t, N>;
-    U r;
-    ORRERY_UNROLL for (int c = 0; c < U::chunks; ++c) {
-      r.v[c] = (((bits >> (c * U::W)) >> detail::iota<uint32_t, U::W>()) & 1u) << 4;
-    }
-    return r;
+    return ((U(bits) >> U::iota()) & U(1u)) << 4;
   }
 };
 

@@ -87,7 +87,6 @@ struct q2_k {
     return sum * d(block) - offset * dmin(block);
   }
 
-#ifdef ORRERY_BYTE_DOTS
   // The activations of a block in the order of its bytes. Codes are not shifted down before they are multiplied, so
   // their scales are divided by what a code then counts too much: both are exact.
   static constexpr int blocks_at_once = 1;
@@ -116,17 +115,17 @@ struct q2_k {
     const I lane = I::iota(), by_stretch = (lane >> 3 << 3) + (lane >> 2 & I(1)) + ((lane & I(3)) << 1);
     const I packed = shuffle(bit_cast<int32_t>(detail::widened(block + scales_at)), by_stretch);
     const F scales = convert<float>(packed & I(15)), minimums = convert<float>(packed >> 4);
-    const auto codes = kept(simd<uint32_t, 16>::load(reinterpret_cast<const uint32_t*>(block + codes_at)));
+    const auto codes = hold_in_registers(simd<uint32_t, 16>::load(reinterpret_cast<const uint32_t*>(block + codes_at)));
     F sum, offset;
     ORRERY_UNROLL for (int i = 0; i < 4; ++i) {
       const I spread = (lane >> 2 << 2) + I(i);
-      const I products = dot_bytes(I(0), codes & simd<uint32_t, 16>(0x03030303u << 2 * i), in.codes[i]);
+      const I products =
+          dot_bytes(I(0), bytes64::of(codes & simd<uint32_t, 16>(0x03030303u << 2 * i)), bytes64::load(in.codes[i]));
       sum += F::load(in.d[i]) * (convert<float>(products) * shuffle(scales, spread));
       offset += F::load(in.total[i]) * shuffle(minimums, spread);
     }
     return sum * F(d(block)) - offset * F(dmin(block));
   }
-#endif
 };
 
 // What q4_k and q5_k share: eight sub-blocks of 32, with 6-bit scales and minimums in 12 bytes, and a low nibble for
@@ -226,8 +225,8 @@ struct q4_k : nibble_super_block {
     ORRERY_INLINE part(const uint8_t* block, int p) : small_scales<N>(block, p) {
       for (int i = 0; i < 2; ++i) {
         const uint8_t* at = block + codes_at + 64 * i + 4 * p;
-        word[i][0] = kept(words(at));
-        word[i][1] = N == 1 ? word[i][0] >> 8 : kept(words(at + 1));
+        word[i][0] = hold_in_registers(words(at));
+        word[i][1] = N == 1 ? word[i][0] >> 8 : hold_in_registers(words(at + 1));
       }
     }
     template <int S, int K>
@@ -316,16 +315,8 @@ struct q5_k : nibble_super_block {
         }
       };
       static constexpr order words;
-      simd<uint32_t, 16> r;
-#ifdef ORRERY_LANE_MASKS
-      const auto in = _mm512_loadu_si512(bytes);
-      r.v[0] = (decltype(r.v[0] + r.v[0]))_mm512_permutexvar_epi16(_mm512_load_si512(words.from), in);
-#else
-      uint16_t out[32];
-      for (int i = 0; i < 32; ++i) out[i] = read<uint16_t>(bytes + 2 * words.from[i]);
-      std::memcpy(&r.v, out, sizeof out);
-#endif
-      return r;
+      using W = simd<uint16_t, 32>;
+      return bit_cast<uint32_t>(shuffle(W::load(reinterpret_cast<const uint16_t*>(bytes)), W::load(words.from)));
     }
   };
 };

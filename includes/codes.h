@@ -35,40 +35,17 @@ struct plain_code {
   static constexpr int value(int code) { return code; }
 };
 
-// Whether value_of_upper_word is an instruction of its own.
-#ifdef ORRERY_LANE_MASKS
-template <int N>
-constexpr bool has_upper_word_lookup = N % 16 == 0;
-#else
-template <int N>
-constexpr bool has_upper_word_lookup = false;
-#endif
-
 // Rule::value(code) as a float, for the code of Bits bits at bit 16 of each lane. Its lower half has to be zero, as
-// that of an integer of at most eight significant bits. Permutations of registers ignore what stands above an index, so
-// no mask is spent on it.
+// that of an integer of at most eight significant bits.
 template <typename Rule, int Bits, int N>
 ORRERY_INLINE inline simd<float, N> value_of_upper_word(const simd<uint32_t, N>& word) {
-  simd<float, N> r;
-#ifdef ORRERY_LANE_MASKS
   if constexpr (has_upper_word_lookup<N>) {
-    const auto& table = detail::values_of_codes<Rule, Bits>;
-    constexpr __mmask32 upper_words = 0xAAAAAAAA;
-    const auto low = _mm512_load_si512(table.upper);
-    ORRERY_UNROLL for (int c = 0; c < N / 16; ++c) {
-      const auto index = (__m512i)word.v[c];
-      if constexpr (Bits <= 5) {
-        r.v[c] = (decltype(r.v[c] + r.v[c]))_mm512_maskz_permutexvar_epi16(upper_words, index, low);
-      } else {
-        const auto high = _mm512_load_si512(table.upper + 32);
-        r.v[c] = (decltype(r.v[c] + r.v[c]))_mm512_maskz_permutex2var_epi16(upper_words, low, index, high);
-      }
-    }
+    return lookup_upper_words<Bits>(detail::values_of_codes<Rule, Bits>.upper, word);
+  } else {
+    simd<float, N> r;
+    for (int i = 0; i < N; ++i) r.set(i, static_cast<float>(Rule::value(word[i] >> 16 & ((1 << Bits) - 1))));
     return r;
   }
-#endif
-  for (int i = 0; i < N; ++i) r.set(i, static_cast<float>(Rule::value(word[i] >> 16 & ((1 << Bits) - 1))));
-  return r;
 }
 
 // The same for the code at bit At. One in the lower word is looked up as a float if it has four bits, any other is
@@ -76,15 +53,11 @@ ORRERY_INLINE inline simd<float, N> value_of_upper_word(const simd<uint32_t, N>&
 template <typename Rule, int Bits, int At, int N>
 ORRERY_INLINE inline simd<float, N> value_of_code(const simd<uint32_t, N>& word) {
   static_assert(Bits <= 6);
-#ifdef ORRERY_LANE_MASKS
-  if constexpr (N == 16 && Bits == 4 && At < 16) {
-    simd<float, 16> r;
-    const auto whole = simd<float, 16>::load(detail::values_of_codes<Rule, Bits>.whole);
-    r.v[0] = __builtin_shuffle(whole.v[0], (word >> At).v[0]);
-    return r;
+  if constexpr (has_upper_word_lookup<N> && N == 16 && Bits == 4 && At < 16) {
+    return lookup16(simd<float, 16>::load(detail::values_of_codes<Rule, Bits>.whole), word >> At);
+  } else {
+    return value_of_upper_word<Rule, Bits>(At < 16 ? word << (16 - At) : word >> (At - 16));
   }
-#endif
-  return value_of_upper_word<Rule, Bits>(At < 16 ? word << (16 - At) : word >> (At - 16));
 }
 
 // Floats by a 7-bit code, with no more than the upper 16 of their bits set.
@@ -107,63 +80,7 @@ struct float_table {
 // Lane i is the table's float for the low seven bits of byte k of codes[i], negative if the byte's top bit is set.
 template <int N>
 inline simd<float, N> lookup_signed(const float_table& table, const simd<uint32_t, N>& codes, int k) {
-  simd<float, N> r;
-#ifdef __AVX512VBMI__
-  if constexpr (simd<uint32_t, N>::W == 16) {
-    const auto bytes = [](const uint8_t* p) { return _mm512_load_si512(p); };
-    const auto lane = (__m512i)(detail::iota<uint32_t, 16>() * 4u + static_cast<uint32_t>(k));
-    // Bytes 2 and 3 of a lane from byte k of the two tables' results; 64 is the second one's first byte.
-    const __m512i at = _mm512_or_si512(_mm512_slli_epi32(lane, 16),
-                                       _mm512_or_si512(_mm512_slli_epi32(lane, 24), _mm512_set1_epi32(0x40000000)));
-    ORRERY_UNROLL for (int c = 0; c < simd<uint32_t, N>::chunks; ++c) {
-      const __m512i code = (__m512i)codes.v[c], sign = _mm512_set1_epi8(-128);
-      const __m512i top = _mm512_permutex2var_epi8(bytes(table.top), code, bytes(table.top + 64));
-      const __m512i second = _mm512_permutex2var_epi8(bytes(table.second), code, bytes(table.second + 64));
-      const __m512i with_sign = _mm512_ternarylogic_epi32(top, code, sign, 0xF8);  // top | (code & sign)
-      r.v[c] = (detail::vector_t<float, 16>)_mm512_maskz_permutex2var_epi8(0xCCCCCCCCCCCCCCCC, second, at, with_sign);
-    }
-    return r;
-  }
-#endif
-  ORRERY_UNROLL for (int i = 0; i < N; ++i) {
-    const uint32_t code = codes[i] >> (8 * k), low = code & 127;
-    const uint32_t upper = (table.top[low] | (code & 128)) << 8 | table.second[low];
-    r.set(i, std::bit_cast<float>(upper << 16));
-  }
-  return r;
-}
-
-// Products of bytes added up by fours, permutations of bytes.
-#if defined(ORRERY_LANE_MASKS) && defined(__AVX512VNNI__) && defined(__AVX512VBMI__)
-#define ORRERY_BYTE_DOTS 1
-
-// Adds the four products of each lane's unsigned bytes with the signed ones.
-ORRERY_INLINE inline simd<int32_t, 16> dot_bytes(simd<int32_t, 16> sum, const simd<uint32_t, 16>& a, const void* b) {
-  sum.v[0] =
-      (decltype(sum.v[0] + sum.v[0]))_mm512_dpbusd_epi32((__m512i)sum.v[0], (__m512i)a.v[0], _mm512_loadu_si512(b));
-  return sum;
-}
-#endif
-
-// A value that is loaded once and stays in a register: left alone, the compiler reads the memory again at each use, and
-// loads are what a kernel of few operations a byte runs out of.
-template <typename T, int N>
-ORRERY_INLINE inline simd<T, N> kept(simd<T, N> a) {
-#ifdef ORRERY_LANE_MASKS
-  if constexpr (N >= 8) {
-    for (auto& chunk : a.v) asm("" : "+v"(chunk));
-  }
-#endif
-  return a;
-}
-
-// Numbers that are read back from memory: a vector operation spreads a number there over all lanes for nothing, one in
-// a register takes a shuffle.
-template <size_t Count>
-ORRERY_INLINE inline void from_memory([[maybe_unused]] float (&numbers)[Count]) {
-#ifdef ORRERY_LANE_MASKS
-  asm("" : "+m"(numbers));
-#endif
+  return lookup_signed(table.top, table.second, codes, k);
 }
 
 // Calls f with the integers 0 to Count - 1 as constants.

@@ -10,19 +10,32 @@
 //   lane<SG>(), sub_group<SG>()          the first lane's index in its sub-group, and that one's in the group. Which
 //                                        work-item is which lane of a sub-group is the implementation's choice
 //   xor_lane<SG>(value, bits)            another lane's value, where an item is one work-item
-//   when_last(f), once_a_launch<T>(n, f) only under `if constexpr (Item::last_acts_for_group)`
+//   when_last(f), shared_by_launch<T>(n, f) only under `if constexpr (Item::last_acts_for_group)`
 //
 // A kernel declares
 //   static constexpr int sub_group_size  the required sub-group size; 1 for explicit SIMD
 //   static constexpr bool has_barriers   false if its strands meet only through tree_sum at their end
-//   static constexpr int smallest_group  if a group may be smaller than the sub-group size: its smallest size
+// and, if a group may be smaller than the sub-group size, has the base small_groups<smallest size>.
 #pragma once
 
+#include <concepts>
 #include <sycl/sycl.hpp>
 
 #include "simd.h"
 
 namespace orrery {
+
+struct has_small_groups {};
+template <int Smallest>
+struct small_groups : has_small_groups {
+  static constexpr int smallest_group = Smallest;
+};
+
+template <typename K>
+concept kernel_functor = requires {
+  { K::sub_group_size } -> std::convertible_to<int>;
+  { K::has_barriers } -> std::convertible_to<bool>;
+};
 
 #ifndef SYCL_EXT_ORRERY_HOST
 // One work-item of a device whose compiler makes the sub-groups.
@@ -57,7 +70,7 @@ class work_item {
 };
 #endif
 
-// The host can also run one strand a work-item, as a GPU does: a proof that the sources are plain work-item code.
+// The host can also run one strand per work-item, as a GPU does: a proof that the sources are plain work-item code.
 #if defined(SYCL_EXT_ORRERY_HOST) && !defined(ORRERY_HOST_ITEMS_SCALAR)
 template <typename Kernel>
 constexpr int lanes_of = Kernel::sub_group_size;
@@ -66,10 +79,10 @@ template <typename Kernel>
 constexpr int lanes_of = 1;
 #endif
 
-template <int D, typename Kernel>
+template <int D, kernel_functor Kernel>
 void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel& kernel) {
 #ifdef SYCL_EXT_ORRERY_HOST
-  if constexpr (requires { Kernel::smallest_group; }) {
+  if constexpr (std::derived_from<Kernel, has_small_groups>) {
     if constexpr (Kernel::smallest_group < lanes_of<Kernel>) {
       if (range.get_local_range().size() < lanes_of<Kernel>) {
         return h.parallel_for_lanes<Kernel::smallest_group, Kernel::sub_group_size>(range, kernel);
@@ -89,7 +102,7 @@ void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel
 }
 
 // Sum over the work-items of a group for R rows at once: pairs at distance WG / 2 first, then WG / 4, down to 1, which
-// is the halving tree over the group's WG values. `store(row, total)` runs once a row. A kernel's last act.
+// is the halving tree over the group's WG values. `store(row, total)` runs once per row. A kernel's last act.
 template <int WG, int R, typename T, typename Item, int N, typename Store>
 void tree_sum(const Item& item, T* partial, const simd<T, N> (&acc)[R], Store store) {
   const size_t l = item.local_linear();

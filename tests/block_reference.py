@@ -128,7 +128,7 @@ def values(name: str, blocks: np.ndarray) -> np.ndarray:
 
 
 def paired_rows(name: str, dtype: str, blocks: np.ndarray, x: np.ndarray) -> np.ndarray:
-    """q4_k and q5_k: 32 work-items a row, 16 of them a block; products in the type, sums of products in float."""
+    """q4_k and q5_k: 32 work-items per row, 16 of them per block; products in the type, sums of products in float."""
     a = Arithmetic(dtype)
     rows, nb = blocks.shape[:2]
     q = codes(name, blocks)

@@ -36,7 +36,7 @@ DTYPES = {"float32": torch.float32, "float64": torch.float64, "float16": torch.f
 SHAPES = [(1, 64), (2, 64), (3, 1088), (7, 576), (19, 192), (33, 1536), (99, 320), (5, 80), (3, 2064)]
 SLACK = 4096  # bytes and elements behind a tensor that a kernel may read
 
-# Sub-group, work-group and rows a group by device class; the last only for q4_0.
+# Sub-group, work-group and rows per group by device class; the last only for q4_0.
 SHAPE_OF_CLASS = {c: (16, 32, 8 if c == 5 else 2) for c in range(1, 6)} | {0: (32, 64, 2)}
 DEVICE_OF_CLASS = {
     0: "Rack Compute Card Apex",

@@ -14,7 +14,7 @@ template <typename Reader, typename V, int C, typename T>
 void write_places(const formats::block_planes& at, uint64_t block, int place, T* dense) {
   T* to = dense + block * 64 + place;
   constexpr bool halves = std::is_same_v<V, c10::Half> && std::is_same_v<T, c10::Half>;
-  if constexpr (halves && requires { Reader::template half_bits<C>(at, block, place); }) {
+  if constexpr (halves && Reader::reads_half_bits) {
     Reader::template half_bits<C>(at, block, place).store(reinterpret_cast<uint16_t*>(to));
   } else {
     simd<V, C> out[Reader::per_place];
@@ -26,11 +26,10 @@ void write_places(const formats::block_planes& at, uint64_t block, int place, T*
 // A work-group fills one row. Its work-items take PerItem neighbouring places each, and again one group's share further
 // on. All arithmetic is in T.
 template <typename Reader, typename T, int SG, int PerItem>
-struct dense_row_kernel {
+struct dense_row_kernel : small_groups<16> {  // of _1x4, where 128 does not divide the row
   static constexpr int sub_group_size = SG;
   static constexpr bool has_barriers = false;
   static constexpr int dimensions = 1;
-  static constexpr int smallest_group = 16;  // of _1x4, where 128 does not divide the row
 
   uint64_t state_size = 0;
   uint64_t group_items = 0;

@@ -9,7 +9,6 @@
 #include "formats/registry.h"
 #include "includes/item.h"
 #include "includes/matrix_engine.h"
-#include "includes/simd/prefetch.h"
 
 namespace orrery {
 
@@ -72,7 +71,7 @@ struct dotgrid_forward_kernel {
     const auto inputs = tiles_of_input(item, a);
     for (uint64_t block = first; block < last; ++block) {
       const uint64_t at = column * nb + block;
-      if constexpr (last_finishes) ask_for_next<Format>(at);
+      if constexpr (last_finishes) prefetch_next<Format>(at);
       formats::read_operands<Format, C, N>(quants + at * Format::quant_bytes, nb * Format::quant_bytes, b);
       matrix_engine::add_block<R, N, element>(sum, inputs.template operand<R>(block), b,
                                               formats::read_scales<Format, N>(scales, at, nb));
@@ -82,7 +81,7 @@ struct dotgrid_forward_kernel {
   // The next group's weights, a block of them for each block of this group's: a thread takes groups in order, and
   // memory is too far for what is asked for only a block ahead.
   template <typename Format>
-  ORRERY_INLINE void ask_for_next(uint64_t block) const {
+  ORRERY_INLINE void prefetch_next(uint64_t block) const {
     ORRERY_UNROLL for (int j = 0; j < N; ++j) {
       prefetch_far<Format::quant_bytes>(quants + (block + (N + j) * nb) * Format::quant_bytes);
     }
@@ -111,7 +110,7 @@ struct dotgrid_forward_kernel {
   auto tiles_of_input(const Item& item, element* a) const {
     if constexpr (last_finishes) {
       const uint64_t size = nb * depth * QK, tiles = item.group_range(1), input_size = (tiles - 1) * depth + tail;
-      const element* all = item.template once_a_launch<element>(tiles * size, [&](element* to) {
+      const element* all = item.template shared_by_launch<element>(tiles * size, [&](element* to) {
         for (uint64_t r = 0; r < input_size; ++r) {
           for (uint64_t b = 0; b < nb; ++b) narrow_block(r, b, to + r / depth * size + (b * depth + r % depth) * QK);
         }

@@ -25,21 +25,19 @@ struct dot_sums {
     return sum;
   }
 
-#ifdef ORRERY_BYTE_DOTS
   // A format multiplies one or more neighbouring blocks at once, which are half of the work-items or all of them.
   static constexpr uint32_t unit = Format::blocks_at_once;
   static constexpr int unit_lanes = Format::parts * unit;
   using inputs = typename Format::inputs;
 
+  // What of_row takes: on a machine with vectors of bytes, the inputs in the order of those.
   template <typename Item>
-  const inputs* input_order(const Item& item) const {
-    const uint32_t units = (blocks + unit - 1) / unit;
-    return item.template once_a_launch<inputs>(units, [&](inputs* to) {
-      for (uint32_t u = 0; u < units; ++u) {
-        const uint32_t b = u * unit, left = blocks - b < unit ? blocks - b : unit;
-        to[u].fill(activations_of(b), 8 * left);
-      }
-    });
+  auto input_order(const Item& item) const {
+    if constexpr (has_byte_vectors) {
+      return arranged(item);
+    } else {
+      return activations;
+    }
   }
 
   // The sums of all work-items; the next group's row lies next_bytes further on.
@@ -60,12 +58,7 @@ struct dot_sums {
     for_each_constant<turns>([&](auto i) { all.template set_slice<i * unit_lanes>(sums[i]); });
     return all;
   }
-#else
-  template <typename Item>
-  const uint8_t* input_order(const Item&) const {
-    return activations;
-  }
-
+  // The same, one part after another.
   simd<Sum, 32> of_row(const uint8_t* row, const uint8_t*, uint64_t) const {
     Sum sums[32] = {};
     for (uint32_t b = 0; b < blocks; ++b) {
@@ -76,9 +69,19 @@ struct dot_sums {
     }
     return simd<Sum, 32>::load(sums);
   }
-#endif
 
  private:
+  template <typename Item>
+  const inputs* arranged(const Item& item) const {
+    const uint32_t units = (blocks + unit - 1) / unit;
+    return item.template shared_by_launch<inputs>(units, [&](inputs* to) {
+      for (uint32_t u = 0; u < units; ++u) {
+        const uint32_t b = u * unit, left = blocks - b < unit ? blocks - b : unit;
+        to[u].fill(activations_of(b), 8 * left);
+      }
+    });
+  }
+
   const uint8_t* activations_of(uint32_t b) const { return activations + uint64_t(b) * 8 * formats::q8_1::bytes; }
   simd<Sum, 1> one_dot(const uint8_t* row, uint32_t b, int part) const {
     const float dot = Format::dot(row + uint64_t(b) * Format::bytes, activations_of(b), part);

@@ -59,7 +59,7 @@ struct row_sums {
     }
   }
 
-  // The order in which runs meet the inputs is the same for every group, so the host makes it once a launch and thread;
+  // The order in which runs meet the inputs is the same for every group, so the host makes it once per launch and thread;
   // a GPU's work-item reads x itself.
   template <typename Item>
   auto input_order(const Item& item, uint64_t first_row = 0) const {
@@ -70,13 +70,14 @@ struct row_sums {
     } else {
       const uint64_t passes = (state_size + chunk - 1) / chunk, pairs = (n + K - 1) / K;
       const uint64_t size = passes * K * inputs * WG;
-      const held_t<T>* all = item.template once_a_launch<held_t<T>>(pairs * size, [&](held_t<T>* to) {
-        for (uint64_t row = 0; row < pairs * K; row += K) {
-          for (uint64_t t = 0; t < passes; ++t) {
-            for (uint64_t k = 0; k < K; ++k, to += inputs * WG) arrange(to, row + k, t);
-          }
-        }
-      });
+      const register_type<T>* all =
+          item.template shared_by_launch<register_type<T>>(pairs * size, [&](register_type<T>* to) {
+            for (uint64_t row = 0; row < pairs * K; row += K) {
+              for (uint64_t t = 0; t < passes; ++t) {
+                for (uint64_t k = 0; k < K; ++k, to += inputs * WG) arrange(to, row + k, t);
+              }
+            }
+          });
       return arranged_inputs<N>{all + first_row / K * size + l};
     }
   }
@@ -121,10 +122,12 @@ struct row_sums {
   // The inputs of a pass as the host keeps them: [pass][input row][term][work-item], from one lane on.
   template <int N>
   struct arranged_inputs {
-    const held_t<T>* at;
-    simd<T, N> operator()(int row, int k) const { return simd<T, N>::load_held(at + (row * inputs + k) * WG); }
+    const register_type<T>* at;
+    simd<T, N> operator()(int row, int k) const {
+      return simd<T, N>::load_register_values(at + (row * inputs + k) * WG);
+    }
     simd<T, 1> of_lane(int row, int k, int lane) const {
-      return simd<T, 1>::load_held(at + (row * inputs + k) * WG + lane);
+      return simd<T, 1>::load_register_values(at + (row * inputs + k) * WG + lane);
     }
     void next_pass() { at += K * inputs * WG; }
   };
@@ -141,21 +144,21 @@ struct row_sums {
     void next_pass() { c += chunk; }
   };
 
-  void arrange(held_t<T>* to, uint64_t row, uint64_t t) const {
+  void arrange(register_type<T>* to, uint64_t row, uint64_t t) const {
     const uint64_t left = row < n ? (state_size - t * chunk) / run : 0;
     const int items = static_cast<int>(std::min<uint64_t>(left, WG));
     const T* from = x + row * state_size;
     for (int k = 0; k < run; ++k) {
       for (int l = 0; l < items; ++l) {
-        to[k * WG + l] = static_cast<held_t<T>>(from[input_index(t * chunk + run * l, k)]);
+        to[k * WG + l] = static_cast<register_type<T>>(from[input_index(t * chunk + run * l, k)]);
       }
       for (int l = items; l < WG; ++l) to[k * WG + l] = 0;
     }
     if constexpr (Format::has_offset) {
       using V = simd<T, 16>;
       for (int l = 0; l < WG; l += V::lanes) {
-        const V sum = sum_of_inputs<V>([&](int k) { return V::load_held(to + k * WG + l); });
-        std::memcpy(to + run * WG + l, &sum.v, sizeof sum.v);
+        const V sum = sum_of_inputs<V>([&](int k) { return V::load_register_values(to + k * WG + l); });
+        sum.store_register_values(to + run * WG + l);
       }
     }
   }
@@ -189,8 +192,8 @@ struct row_sums {
     }
     // The row that the next group has in this one's place.
     template <int N>
-    ORRERY_INLINE void ask_for_next(uint64_t t, int r) const {
-      Format::template ask_for<N>(weight, scale_offset, block(t, r) + next_blocks, l % runs_per_block * run);
+    ORRERY_INLINE void prefetch_next(uint64_t t, int r) const {
+      Format::template prefetch_codes<N>(weight, scale_offset, block(t, r) + next_blocks, l % runs_per_block * run);
     }
     const uint8_t* scale(uint64_t t, int r, int lane = 0) const {
       return scales + uint64_t(block(t, r, lane)) * Format::scale_bytes;
@@ -234,7 +237,7 @@ struct row_sums {
       simd<uint32_t, N> word[together][Format::words];
       const uint8_t* scales[together];
       ORRERY_UNROLL for (int i = 0; i < together; ++i) {
-        at.template ask_for_next<N>(t, r + i);
+        at.template prefetch_next<N>(t, r + i);
         at.load(t, r + i, word[i]);
         scales[i] = at.scale(t, r + i);
       }

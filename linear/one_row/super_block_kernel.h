@@ -80,13 +80,13 @@ struct row_pair_kernel : row_arguments<T> {
     for_each_constant<4>([&](auto s) ORRERY_INLINE {
       F t[rows];
       simd<T, N> minimum[rows];
-      for (int r = 0; r < rows; ++r) minimum[r] = exactly<T>(part[r].minimum(s));
+      for (int r = 0; r < rows; ++r) minimum[r] = convert_exact<T>(part[r].minimum(s));
       for_each_constant<steps>([&](auto i) ORRERY_INLINE {
         simd<T, N> sum[rows], all;
         for_each_constant<products>([&](auto u) ORRERY_INLINE {
           all = x(4 * s + products * i + u);
           for_each_constant<rows>([&](auto r) ORRERY_INLINE {
-            const auto product = all * exactly<T>(part[r].template code<s, steps * u + i>());
+            const auto product = all * convert_exact<T>(part[r].template code<s, steps * u + i>());
             sum[r] = u == 0 ? product : sum[r] + product;
           });
         });
@@ -110,29 +110,30 @@ struct row_pair_kernel : row_arguments<T> {
         offset[r] = i == 0 ? convert<float>(inner[r][i]) : offset[r] + convert<float>(inner[r][i]);
       }
     }
-    from_memory(d);
-    from_memory(dmin);
+    hold_in_memory(d);
+    hold_in_memory(dmin);
     for (int r = 0; r < rows; ++r) acc[r] += whole[r] * F(d[r]) - offset[r] * F(dmin[r]);
   }
 
   template <typename Item, typename Store>
   void whole_group(const Item& item, Store store) const {
-    const held_t<T>* x = item.template once_a_launch<held_t<T>>(size_t(blocks()) * inputs * 16, [&](held_t<T>* to) {
-      for (uint32_t b = 0; b < blocks(); ++b) {
-        for (int k = 0; k < inputs; ++k) {
-          for (int p = 0; p < 16; ++p) *to++ = input(b, p, k).held_at(0);
-        }
-      }
-    });
+    const register_type<T>* x =
+        item.template shared_by_launch<register_type<T>>(size_t(blocks()) * inputs * 16, [&](register_type<T>* to) {
+          for (uint32_t b = 0; b < blocks(); ++b) {
+            for (int k = 0; k < inputs; ++k) {
+              for (int p = 0; p < 16; ++p) *to++ = input(b, p, k).register_value(0);
+            }
+          }
+        });
     simd<float, 16> acc[2][rows];
     const uint8_t* row[rows] = {block(item.group(), 0, 0), block(item.group(), 1, 0)};
     const uint64_t group_bytes = uint64_t(rows) * blocks() * Format::bytes;
     for (uint32_t b = 0; b < blocks(); ++b) {
       for (const uint8_t* block : row) prefetch<Format::bytes>(block + group_bytes);
-      const held_t<T>* at = x + size_t(b) * inputs * 16;
+      const register_type<T>* at = x + size_t(b) * inputs * 16;
       add_terms<16>(acc[b % 2], row, 0, [&](int k) ORRERY_INLINE {
-        const auto value = simd<T, 16>::load_held(at + 16 * k);
-        return products == 1 ? kept(value) : value;  // it has four uses where a step has one product
+        const auto value = simd<T, 16>::load_register_values(at + 16 * k);
+        return products == 1 ? hold_in_registers(value) : value;  // it has four uses where a step has one product
       });
       for (const uint8_t*& block : row) block += Format::bytes;
     }
@@ -200,7 +201,7 @@ struct single_sub_group_kernel : row_arguments<T> {
 
   template <typename Item>
   simd<float, 32> whole_row(const Item& item, const uint8_t* row) const {
-    const float* x = item.template once_a_launch<float>(size_t(blocks()) * 256, [&](float* to) {
+    const float* x = item.template shared_by_launch<float>(size_t(blocks()) * 256, [&](float* to) {
       for (uint32_t b = 0; b < blocks(); ++b) {
         for (int k = 0; k < 16; ++k) {
           for (int p = 0; p < 16; ++p) *to++ = input(b, p, k);

@@ -155,6 +155,9 @@ def test_masks_in_memory_and_select(name, width, mask):
     equal(name, out, np.where(on, a, b), any_nan=True)
     out = run("select", name, width, blank(name, a.size), a=a, b=b, mask=mask)
     equal(name, out, np.where(on, a, b), any_nan=True)
+    out = run("select_less", name, width, blank(name, a.size), a=a, b=b)
+    less = values_of(name, a) < values_of(name, b)
+    equal(name, out, np.where(less, b, a), any_nan=True)
     index = np.random.default_rng(mask).permutation(width).astype(np.int32)
     out = run("gather_masked", name, width, blank(name, width), a=a, index=index, mask=mask, count=1)
     equal(name, out, np.where(on[:width], a[index], zero), any_nan=True)
@@ -219,6 +222,18 @@ def test_words_of_runs(k, width, offset):
     out = np.zeros((k, width), np.uint32)
     native.simd_load_words(k, width, data, offset, out)
     np.testing.assert_array_equal(out, np.frombuffer(data[offset:].tobytes(), "<u4").reshape(width, k).T)
+
+
+@pytest.mark.parametrize("width", [16, 32])
+@pytest.mark.parametrize("offset", [0, 3])
+def test_words_that_four_lanes_share(width, offset):
+    """Six words for four lanes: an own one behind the first two, or half of one of those."""
+    data = np.random.default_rng(offset).integers(0, 256, 8 * width + offset, np.uint8)
+    groups = np.frombuffer(data[offset:].tobytes(), "<u4")[: width // 4 * 6].reshape(-1, 6)
+    for k, expected in [(3, groups[:, 2:]), (4, groups[:, [0, 0, 1, 1]])]:
+        out = np.zeros(width, np.uint32)
+        native.simd_load_words(k, width, data, offset, out)
+        np.testing.assert_array_equal(out, expected.ravel())
 
 
 @pytest.mark.parametrize("name, width", [c for c in FLOAT_CASES if c[1] in (1, 4, 8, 16, 32)])
@@ -353,9 +368,12 @@ def test_fold_of_each_row(name, width):
 @pytest.mark.parametrize("name, width", [c for c in FLOAT_CASES if c[1] <= 32])
 def test_load_as_registers_hold_it(name, width):
     a = sample(name, 5 * width)
-    out = run("load_held", name, width, blank(name, a.size), a=np.ascontiguousarray(values_of(name, a).astype(
-        np.float64 if name == "double" else np.float32)), count=5)
+    values = np.ascontiguousarray(values_of(name, a).astype(np.float64 if name == "double" else np.float32))
+    out = run("load_register_values", name, width, blank(name, a.size), a=values, count=5)
     equal(name, out, a, any_nan=True)
+    registers = np.zeros_like(values)
+    run("store_register_values", name, width, registers, a=a)
+    np.testing.assert_array_equal(registers, values)
 
 
 @pytest.mark.parametrize("name", ["int32", "uint32", "int64"])
@@ -415,13 +433,18 @@ def test_convert(source, target, width):
 
 
 PAIRS = [("float", "int32"), ("int32", "uint32"), ("uint32", "float"), ("double", "int64"), ("int8", "uint8")]
+SHORTER = [("int64", "uint32"), ("uint32", "uint8"), ("double", "float"), ("float", "int8")]  # more lanes
 
 
-@pytest.mark.parametrize("source, target", PAIRS + [(b, a) for a, b in PAIRS])
-@pytest.mark.parametrize("width", [1, 16, 32])
+@pytest.mark.parametrize(
+    "source, target, width",
+    [(a, b, n) for x, y in PAIRS for a, b in [(x, y), (y, x)] for n in (1, 16, 32)]
+    + [(a, b, n) for a, b in SHORTER for n in (16, 32)],
+)
 def test_bit_cast(source, target, width):
     a = sample(source, 4 * width)
-    out = run(f"bit_cast to {target}", source, width, blank(target, a.size), a=a)
+    lanes = a.nbytes // np.dtype(STORAGE[target]).itemsize
+    out = run(f"bit_cast to {target}", source, width, blank(target, lanes), a=a, count=4)
     np.testing.assert_array_equal(out.view(np.uint8), a.view(np.uint8))
 
 

@@ -28,14 +28,14 @@ def test_shuffled_order_of_groups_depends_on_the_seed():
 
 
 @pytest.mark.parametrize("count", [1, 2, 3, 7])
-def test_values_made_once_a_launch_and_thread(count):
+def test_values_made_once_per_launch_and_thread(count):
     with threads(count):
         for _ in range(3):
             made, right = native.shared_once(200)
             assert right and 1 <= made <= count
 
 
-TAKEN = "kernel: A kernel may call once_a_launch in one place only, and there for one count."
+TAKEN = "kernel: A kernel may call shared_by_launch in one place only, and there for one count."
 
 
 @pytest.mark.parametrize("schedule", SCHEDULES)

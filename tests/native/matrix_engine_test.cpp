@@ -41,7 +41,7 @@ floats product_of(const std::string& kind, int rows, const floats& a, const floa
   } else {
     if (rows != R) return product_of<N, R - 1>(kind, rows, a, b, scales);
     if (kind == "plain") return sums_of<matrix_engine::plain_tile<R, N>, R, N>(a, b, scales);
-    return sums_of<matrix_engine::vector_tile<R, N>, R, N>(a, b, scales);
+    return sums_of<detail::vector_tile<R, N, matrix_engine::steps, matrix_engine::block>, R, N>(a, b, scales);
   }
 }
 

@@ -30,11 +30,12 @@ inline std::map<key, operation> operations;
 
 template <typename T>
 const char* type_name();
-#define ORRERY_TYPES(X)                                                                           \
-  X(c10::Half, "half")                                                                            \
-  X(c10::BFloat16, "bfloat16")                                                                    \
-  X(float, "float") X(double, "double") X(int8_t, "int8") X(uint8_t, "uint8") X(int32_t, "int32") \
-      X(uint32_t, "uint32") X(int64_t, "int64")
+#define ORRERY_TYPES(X)                                                                               \
+  X(c10::Half, "half")                                                                                \
+  X(c10::BFloat16, "bfloat16")                                                                        \
+  X(float, "float")                                                                                   \
+  X(double, "double") X(int8_t, "int8") X(uint8_t, "uint8") X(int32_t, "int32") X(uint32_t, "uint32") \
+      X(int64_t, "int64")
 #define X(T, name)                    \
   template <>                         \
   inline const char* type_name<T>() { \
@@ -146,8 +147,11 @@ struct vectors {
         for (int i = 0; i < N; ++i) rows[i] = a(c, k * N + i);
         orrery::fold_each(rows).store(out(c, k));
       });
-      add<T, N>("load_held", [](const call& c, int64_t k) {
-        V::load_held(static_cast<const typename V::S*>(c.a) + k * N).store(out(c, k));
+      add<T, N>("load_register_values", [](const call& c, int64_t k) {
+        V::load_register_values(static_cast<const typename V::S*>(c.a) + k * N).store(out(c, k));
+      });
+      add<T, N>("store_register_values", [](const call& c, int64_t k) {
+        a(c, k).store_register_values(static_cast<typename V::S*>(c.out) + k * N);
       });
     }
   }
@@ -164,6 +168,7 @@ struct vectors {
     }
     binary("multiply_add", [](V x, V y) { return x * y + x; });
     unary("negate", [](V x) { return -x; });
+    binary("select_less", [](V x, V y) { return orrery::select_less(x, y, y, x); });
     if constexpr (N <= 64) {
       comparison("less", [](V x, V y) { return x < y; });
       comparison("equal", [](V x, V y) { return x == y; });
@@ -193,9 +198,11 @@ struct vectors {
         static_cast<To*>(c.out)[k] = orrery::to<To>(static_cast<const T*>(c.a)[k]);
       });
     }
-    if constexpr (sizeof(To) == sizeof(T) && !orrery::is_narrow_float<To> && !orrery::is_narrow_float<T>) {
-      add<T, N>(std::string("bit_cast to ") + type_name<To>(),
-                [](const call& c, int64_t k) { orrery::bit_cast<To>(a(c, k)).store(static_cast<To*>(c.out) + k * N); });
+    constexpr bool whole = sizeof(To) == sizeof(T) || (N > 1 && sizeof(To) < sizeof(T));
+    if constexpr (whole && !orrery::is_narrow_float<To> && !orrery::is_narrow_float<T>) {
+      add<T, N>(std::string("bit_cast to ") + type_name<To>(), [](const call& c, int64_t k) {
+        orrery::bit_cast<To>(a(c, k)).store(static_cast<To*>(c.out) + k * (N * sizeof(T) / sizeof(To)));
+      });
     }
   }
 

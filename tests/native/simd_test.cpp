@@ -54,12 +54,20 @@ std::vector<uint64_t> masks(int width, int64_t count, uint64_t a, uint64_t b) {
   throw std::invalid_argument("no such width");
 }
 
-// K words a lane from a byte address of any alignment; one row a word.
+// K words per lane from a byte address of any alignment; one row per word.
 template <int K, int N>
 void load_words_of(const uint8_t* p, uint32_t* out) {
   orrery::simd<uint32_t, N> word[K];
   orrery::load_words<K>(p, word);
   for (int k = 0; k < K; ++k) word[k].store(out + k * N);
+}
+
+// Four lanes share six words; their own ones are 2, 3, 4 and 5 (k = 3) or 0, 0, 1 and 1 (k = 4).
+template <int N>
+void load_grouped_words_of(int k, const uint8_t* p, uint32_t* out) {
+  const auto own = orrery::load_grouped_words<4, 6, N>(p, [](int i) { return 2 + i; });
+  const auto shared = orrery::load_grouped_words<4, 6, N>(p, [](int i) { return i / 2; });
+  (k == 3 ? own : shared).store(out);
 }
 
 void load_words(int k, int width, py::buffer bytes, size_t offset, py::buffer out_buffer) {
@@ -82,6 +90,12 @@ void load_words(int k, int width, py::buffer bytes, size_t offset, py::buffer ou
       return load_words_of<2, 16>(p, out);
     case 2032:
       return load_words_of<2, 32>(p, out);
+    case 3016:
+    case 4016:
+      return load_grouped_words_of<16>(k, p, out);
+    case 3032:
+    case 4032:
+      return load_grouped_words_of<32>(k, p, out);
   }
   throw std::invalid_argument("no such words");
 }

@@ -77,7 +77,7 @@ void check_usable(sycl::queue& queue) {
   if (sum != 6) throw std::runtime_error("the queue is unusable after an exception");
 }
 
-// One row a work-item: group, local and global id in each dimension, then local, group and global linear id.
+// One row per work-item: group, local and global id in each dimension, then local, group and global linear id.
 std::vector<sizes> item_ids(const sizes& global, const sizes& local) {
   return with_dims(global.size(), [&](auto dims) {
     constexpr int D = dims;
@@ -456,7 +456,7 @@ void tree_sums_in(int sg, int wg, bool scalar, py::buffer_info& in, py::buffer_i
 
 void tree_sums(const std::string& type, int sg, int wg, bool scalar, py::buffer in_buffer, py::buffer out_buffer) {
   auto in = in_buffer.request(), out = out_buffer.request(true);
-  if (out.size != in.size / wg) throw std::invalid_argument("one result a row of WG values");
+  if (out.size != in.size / wg) throw std::invalid_argument("one result per row of WG values");
   if (type == "half")
     tree_sums_in<c10::Half>(sg, wg, scalar, in, out);
   else if (type == "bfloat16")
@@ -496,7 +496,7 @@ std::pair<int, bool> shared_once(size_t groups) {
   std::atomic<bool> right{true};
   queue_of().submit([&](sycl::handler& h) {
     h.parallel_for_lanes<16, 16>(sycl::nd_range<1>({groups * 16}, {16}), [&](const auto& item) {
-      const float* values = item.template once_a_launch<float>(100, [&](float* to) {
+      const float* values = item.template shared_by_launch<float>(100, [&](float* to) {
         ++made;
         for (int i = 0; i < 100; ++i) to[i] = static_cast<float>(i) + 0.5f;
       });
@@ -516,10 +516,10 @@ std::string shared_from(const std::string& form, size_t groups) {
     queue.submit([&](sycl::handler& h) {
       h.parallel_for_lanes<16, 16>(sycl::nd_range<1>({groups * 16}, {16}), [&](const auto& item) {
         const auto one = [&](size_t count) {
-          return item.template once_a_launch<int>(count, [&](int* to) { std::fill_n(to, count, 1); })[count - 1];
+          return item.template shared_by_launch<int>(count, [&](int* to) { std::fill_n(to, count, 1); })[count - 1];
         };
         const auto other = [&] {
-          return item.template once_a_launch<int>(8, [](int* to) { std::fill_n(to, 8, 2); })[7];
+          return item.template shared_by_launch<int>(8, [](int* to) { std::fill_n(to, 8, 2); })[7];
         };
         if (form == "group" && item.group() % 2 == 1) {
           if (other() != 2) throw std::runtime_error("the other place's values");
@@ -743,6 +743,7 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.attr("scalar_items") = false;
 #endif
   bind_simd(m);
+  bind_simd_verbs(m);
   bind_formats(m);
   bind_standard(m);
   bind_matrix_engine(m);

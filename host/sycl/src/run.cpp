@@ -119,7 +119,7 @@ class launch_run {
 char* launch_scratch(const void* place, size_t bytes, bool& fresh) {
   fresh = mine.scratch_launch != mine.launch;
   if (!fresh && (place != mine.scratch_place || bytes != mine.scratch_bytes)) {
-    throw exception(errc::kernel, "A kernel may call once_a_launch in one place only, and there for one count.");
+    throw exception(errc::kernel, "A kernel may call shared_by_launch in one place only, and there for one count.");
   }
   mine.scratch_launch = mine.launch;
   mine.scratch_place = place;

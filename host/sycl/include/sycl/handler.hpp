@@ -73,7 +73,7 @@ ORRERY_SYCL_API void run(const launch_plan& plan);
 // Throws when a local range is beyond the device's limit or does not divide the global range.
 ORRERY_SYCL_API void check_ranges(const size_t* global, const size_t* local, int dims);
 
-// A kernel's own word holds for strands that are whole sub-groups; one strand a work-item has its lanes to bring
+// A kernel's own word holds for strands that are whole sub-groups; one strand per work-item has its lanes to bring
 // together.
 template <typename Kernel, int Lanes, int SG>
 constexpr bool has_barriers() {

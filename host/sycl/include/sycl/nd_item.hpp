@@ -25,7 +25,7 @@ struct group_state {
   int strands = 0;
   int arrived = 0;           // strands at the end of the group, see lane_item::when_last
   bool lanes_mixed = false;  // the lanes of a sub-group are not in the order of its work-items, see sub_group
-  // The values of lane_item::once_a_launch: where they lie, the place in the kernel that made them, and their size.
+  // The values of lane_item::shared_by_launch: where they lie, the place in the kernel that made them, and their size.
   char* scratch = nullptr;
   const void* scratch_place = nullptr;
   size_t scratch_bytes = 0;
@@ -262,10 +262,10 @@ class lane_item {
   void when_last(F&& whole) const {
     if (++at_.state->arrived == at_.state->strands) whole();
   }
-  // `count` values that all groups of a launch share, made by `fill` once a launch and thread. A launch has one such
+  // `count` values that all groups of a launch share, made by `fill` once per launch and thread. A launch has one such
   // set, so a kernel calls this in one place and for one count.
   template <typename T, typename Fill>
-  const T* once_a_launch(size_t count, Fill&& fill) const {
+  const T* shared_by_launch(size_t count, Fill&& fill) const {
     static char place;  // its address stands for the caller's place, since each lambda has a type of its own
     detail::group_state& g = *at_.state;
     const size_t bytes = count * sizeof(T);

@@ -1,0 +1,88 @@
+// AVX-512 with permutations of bytes (VBMI) and products of bytes (VNNI).
+#pragma once
+
+#include "avx512.h"
+
+namespace orrery {
+
+struct avx512_bytes : avx512 {
+  static constexpr const char* name = "avx512_bytes";
+
+  template <int W>
+  static vector<float, W> lookup_signed(const uint8_t* top, const uint8_t* second, vector<uint32_t, W> words, int k) {
+    if constexpr (W == 16) {
+      const __m512i code = (__m512i)words;
+      const __m512i upper = lookup(top, code), lower = lookup(second, code);
+      const __m512i with_sign =
+          _mm512_ternarylogic_epi32(upper, code, _mm512_set1_epi8(-128), 0xF8);  // | (code & sign)
+      // Bytes 2 and 3 of a lane from byte k of the two results; 64 is the first byte of the second one.
+      const __m512i lane = (__m512i)(iota<uint32_t, 16>() * 4u + static_cast<uint32_t>(k));
+      const __m512i low = _mm512_maskz_slli_epi32(0xFFFF, lane, 16), high = _mm512_maskz_slli_epi32(0xFFFF, lane, 24);
+      const __m512i at = _mm512_or_si512(low, _mm512_or_si512(high, _mm512_set1_epi32(0x40000000)));
+      return (vector<float, 16>)_mm512_maskz_permutex2var_epi8(0xCCCCCCCCCCCCCCCC, lower, at, with_sign);
+    } else {
+      return avx512::lookup_signed<W>(top, second, words, k);
+    }
+  }
+
+  using bytes = vector<uint8_t, 64>;
+
+  ORRERY_INLINE static bytes lookup_64(bytes table, bytes index) {
+    return (bytes)_mm512_maskz_permutexvar_epi8(~0ull, (__m512i)index, (__m512i)table);
+  }
+  ORRERY_INLINE static bytes lookup_128(bytes low, bytes high, bytes index) {
+    return (bytes)_mm512_permutex2var_epi8((__m512i)low, (__m512i)index, (__m512i)high);
+  }
+  ORRERY_INLINE static bytes lookup_128_where(uint64_t where, bytes low, bytes high, bytes index) {
+    return (bytes)_mm512_mask2_permutex2var_epi8((__m512i)low, (__m512i)index, where, (__m512i)high);
+  }
+  ORRERY_INLINE static uint64_t common_bits(bytes a, bytes b) { return _mm512_test_epi8_mask((__m512i)a, (__m512i)b); }
+  ORRERY_INLINE static uint64_t at_least(bytes a, bytes b) { return _mm512_cmpge_epu8_mask((__m512i)a, (__m512i)b); }
+  ORRERY_INLINE static uint64_t top_bits(bytes a) { return _mm512_movepi8_mask((__m512i)a); }
+  ORRERY_INLINE static bytes add_where(uint64_t where, bytes a, bytes b) {
+    return (bytes)_mm512_mask_add_epi8((__m512i)a, where, (__m512i)a, (__m512i)b);
+  }
+  ORRERY_INLINE static bytes negate_where(uint64_t where, bytes a) {
+    return (bytes)_mm512_mask_sub_epi8((__m512i)a, where, _mm512_setzero_si512(), (__m512i)a);
+  }
+  ORRERY_INLINE static bytes merge_bits(bytes mask, bytes yes, bytes no) {
+    return (bytes)_mm512_ternarylogic_epi64((__m512i)mask, (__m512i)yes, (__m512i)no, 0xCA);
+  }
+  ORRERY_INLINE static bytes shift_words_right(bytes a, int n) {
+    return (bytes)_mm512_srli_epi16((__m512i)a, static_cast<unsigned>(n));
+  }
+  ORRERY_INLINE static bytes shift_words_left(bytes a, int n) {
+    return (bytes)_mm512_slli_epi16((__m512i)a, static_cast<unsigned>(n));
+  }
+  template <int Step>
+  ORRERY_INLINE static bytes bytes_at_steps(vector<uint32_t, 16> words) {
+    constexpr uint64_t low = 0ull | 1ull * Step << 8 | 2ull * Step << 16 | 3ull * Step << 24;
+    constexpr uint64_t from = low | (low + 0x20202020ull) << 32;
+    return (bytes)_mm512_maskz_multishift_epi64_epi8(~0ull, _mm512_set1_epi64(static_cast<long long>(from)),
+                                                     (__m512i)words);
+  }
+  ORRERY_INLINE static vector<int32_t, 16> dot_bytes(vector<int32_t, 16> sum, bytes a, bytes b) {
+    return (vector<int32_t, 16>)_mm512_dpbusd_epi32((__m512i)sum, (__m512i)a, (__m512i)b);
+  }
+  ORRERY_INLINE static bytes load_halves(const uint8_t* first, const uint8_t* second) {
+    return (bytes)_mm512_maskz_inserti64x4(0xFF, _mm512_castsi256_si512(load_256(first)), load_256(second), 1);
+  }
+  ORRERY_INLINE static vector<uint32_t, 16> load_widened_halves(const uint8_t* first, const uint8_t* second) {
+    const __m256i both = _mm256_inserti128_si256(_mm256_castsi128_si256(load_128(first)), load_128(second), 1);
+    return (vector<uint32_t, 16>)_mm512_maskz_cvtepu16_epi32(0xFFFF, both);
+  }
+
+ private:
+  // table[index & 127]
+  ORRERY_INLINE static __m512i lookup(const uint8_t* table, __m512i index) {
+    return _mm512_permutex2var_epi8(_mm512_load_si512(table), index, _mm512_load_si512(table + 64));
+  }
+  ORRERY_INLINE static __m256i load_256(const uint8_t* p) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+  }
+  ORRERY_INLINE static __m128i load_128(const uint8_t* p) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  }
+};
+
+}  // namespace orrery

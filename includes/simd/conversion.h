@@ -1,0 +1,72 @@
+// Values and bits of one type as those of another.
+#pragma once
+
+#include "vector.h"
+
+namespace orrery {
+
+// Value conversion; to half and bfloat16 it rounds to nearest even, to integers it truncates.
+template <typename To, typename From, int N>
+inline simd<To, N> convert(const simd<From, N>& a) {
+  using A = simd<From, N>;
+  using R = simd<To, N>;
+  if constexpr (std::is_same_v<To, From>) {
+    return a;
+  } else {
+    R r;
+    constexpr int W = A::W < R::W ? A::W : R::W;
+    using SA = typename A::S;
+    using SR = typename R::S;
+    ORRERY_UNROLL for (int i = 0; i < N; i += W) {
+      machine::vector<SA, W> x;
+      std::memcpy(&x, reinterpret_cast<const char*>(&a.v) + i * sizeof(SA), sizeof x);
+      const machine::vector<SR, W> y = detail::rounded<To, W>(machine::convert<SR, SA, W>(x));
+      std::memcpy(reinterpret_cast<char*>(&r.v) + i * sizeof(SR), &y, sizeof y);
+    }
+    return r;
+  }
+}
+
+// Floats that each are exactly a T, so that nothing is rounded.
+template <typename T, int N>
+inline simd<T, N> convert_exact(const simd<float, N>& a) {
+  if constexpr (is_narrow_float<T>) {
+    simd<T, N> r;
+    ORRERY_UNROLL for (int c = 0; c < r.chunks; ++c) r.v[c] = a.v[c];
+    return r;
+  } else {
+    return convert<T>(a);
+  }
+}
+
+// The scalar in T's own arithmetic: through float for half and bfloat16.
+template <typename T, typename From>
+inline T to(From value) {
+  return simd<T, 1>(T(static_cast<register_type<T>>(value)))[0];
+}
+
+// The same bits in lanes of another type; there are more of them where it is shorter.
+template <typename To, typename From, int N>
+inline auto bit_cast(const simd<From, N>& a) {
+  static_assert(!is_narrow_float<To> && !is_narrow_float<From>);
+  simd<To, N* int(sizeof(From)) / int(sizeof(To))> r;
+  static_assert(sizeof r.v == sizeof a.v);
+  std::memcpy(&r.v, &a.v, sizeof r.v);
+  return r;
+}
+
+// f of as many lanes at a time as are double in one vector: f takes and gives simd<float, M>, M below N or N.
+template <int N, typename F>
+inline simd<float, N> in_double_parts(const simd<float, N>& a, F f) {
+  constexpr int M = simd<double, N>::W;
+  simd<float, N> r;
+  ORRERY_UNROLL for (int i = 0; i < N; i += M) {
+    simd<float, M> part;
+    std::memcpy(&part.v, reinterpret_cast<const char*>(&a.v) + i * sizeof(float), sizeof part.v);
+    part = f(part);
+    std::memcpy(reinterpret_cast<char*>(&r.v) + i * sizeof(float), &part.v, sizeof part.v);
+  }
+  return r;
+}
+
+}  // namespace orrery

@@ -1,0 +1,51 @@
+// Sums over lanes.
+#pragma once
+
+#include "shuffle.h"
+
+namespace orrery {
+
+// The halving tree down to M lanes: lanes [0, n/2) plus lanes [n/2, n), repeated. 96 lanes first become 32:
+// (0..31 + 32..63) + 64..95.
+template <int M, typename T, int N>
+inline simd<T, M> fold_to(const simd<T, N>& a) {
+  if constexpr (N == M) {
+    return a;
+  } else if constexpr (N == 96) {
+    return fold_to<M>(a.template slice<0, 32>() + a.template slice<32, 32>() + a.template slice<64, 32>());
+  } else {
+    static_assert((N & (N - 1)) == 0);
+    return fold_to<M>(a.template slice<0, N / 2>() + a.template slice<N / 2, N / 2>());
+  }
+}
+template <typename T, int N>
+inline T fold(const simd<T, N>& a) {
+  return fold_to<1>(a)[0];
+}
+
+// Lane r of the result is fold(row[r]). The rows go down the tree together, two in a vector, then four, ...
+template <typename T, int N>
+inline simd<T, N> fold_each(const simd<T, N> (&row)[N]) {
+  using V = simd<T, N>;
+  using S = typename V::S;
+  simd<T, N> r;
+  if constexpr (V::W == N && N > 1) {
+    using I = detail::int_like<S>;
+    typename V::chunk v[N];
+    ORRERY_UNROLL for (int i = 0; i < N; ++i) v[i] = row[i].v[0];
+    const auto lane = machine::iota<I, N>();
+    ORRERY_UNROLL for (int h = N / 2; h >= 1; h /= 2) {
+      const auto group = lane / I(h), low = group * I(2 * h) + (lane - group * I(h));
+      ORRERY_UNROLL for (int i = 0; i < h; ++i) {
+        const auto a = v[2 * i], b = v[2 * i + 1];
+        v[i] = detail::rounded<T, N>(machine::permute2<S, N>(a, b, low) + machine::permute2<S, N>(a, b, low + I(h)));
+      }
+    }
+    r.v[0] = v[0];
+  } else {
+    for (int i = 0; i < N; ++i) r.set(i, fold(row[i]));
+  }
+  return r;
+}
+
+}  // namespace orrery

@@ -1,0 +1,46 @@
+// The one choice of the instruction set that vectors are made of.
+//
+// On the host it follows what the compiler was told of the machine (ORRERY_MARCH), in steps that pay: F16C rounds to
+// half in one instruction; AVX-512 has masks for tails, and conversions and permutations for every element size; byte
+// permutations and products halve the time of the grid formats. Everywhere else, and where a build asks for it with
+// ORRERY_PORTABLE_VECTORS, vectors are plain arrays: a device's compiler knows neither the instructions nor the vector
+// types, and an ordinary kernel uses nothing but simd<T, 1> there.
+#pragma once
+
+#include <sycl/sycl.hpp>
+
+#if !defined(SYCL_EXT_ORRERY_HOST) || defined(ORRERY_PORTABLE_VECTORS)
+#define ORRERY_VECTORS portable
+#include "portable.h"
+#elif defined(__AVX512F__) && defined(__AVX512BW__) && defined(__AVX512DQ__) && defined(__AVX512VL__)
+#if defined(__AVX512VBMI__) && defined(__AVX512VNNI__)
+#define ORRERY_VECTORS avx512_bytes
+#define ORRERY_BYTE_VECTORS avx512_bytes
+#include "avx512_bytes.h"
+#else
+#define ORRERY_VECTORS avx512
+#include "avx512.h"
+#endif
+#elif defined(__AVX2__) && defined(__F16C__)
+#define ORRERY_VECTORS avx2
+#include "avx2.h"
+#else
+#define ORRERY_VECTORS portable
+#include "portable.h"
+#endif
+
+#ifndef ORRERY_BYTE_VECTORS
+#define ORRERY_BYTE_VECTORS portable
+#endif
+
+#include "compiler.h"
+
+namespace orrery {
+
+using machine = ORRERY_VECTORS;
+using byte_machine = ORRERY_BYTE_VECTORS;  // of 64 bytes as one value
+
+}  // namespace orrery
+
+#undef ORRERY_VECTORS
+#undef ORRERY_BYTE_VECTORS

@@ -1,0 +1,167 @@
+// Lanes chosen, moved, and looked up.
+#pragma once
+
+#include <utility>
+
+#include "conversion.h"
+
+namespace orrery {
+
+template <typename T, int N>
+inline simd<T, N> select(mask<N> m, const simd<T, N>& yes, const simd<T, N>& no) {
+  using V = simd<T, N>;
+  if (m.every()) return yes;
+  V r;
+  ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
+    r.v[c] = machine::blend<typename V::S, V::W>(m.bits >> (c * V::W), yes.v[c], no.v[c]);
+  }
+  return r;
+}
+
+// Lanes of `yes` where a < b, of `no` elsewhere. No mask has to be made.
+template <typename T, int N>
+inline simd<T, N> select_less(const simd<T, N>& a, const simd<T, N>& b, const simd<T, N>& yes, const simd<T, N>& no) {
+  using V = simd<T, N>;
+  V r;
+  ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
+    r.v[c] = machine::choose<typename V::S, V::W>(a.v[c] < b.v[c], yes.v[c], no.v[c]);
+  }
+  return r;
+}
+
+// Lanes of `yes` where `bits` is not 0, of `no` elsewhere.
+template <typename T, int N, typename I>
+inline simd<T, N> select_bits(const simd<I, N>& bits, const simd<T, N>& yes, const simd<T, N>& no) {
+  using V = simd<T, N>;
+  static_assert(sizeof(I) == sizeof(typename V::S));
+  V r;
+  ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
+    r.v[c] = machine::choose<typename V::S, V::W>(bits.v[c] != typename simd<I, N>::chunk{}, yes.v[c], no.v[c]);
+  }
+  return r;
+}
+
+// Lane i of the result is lane index[i] of `a`; indexes are below N. An index is an integer of the lane's own size, of
+// 32 bits for half and bfloat16.
+template <typename T, int N, typename I>
+inline simd<T, N> shuffle(const simd<T, N>& a, const simd<I, N>& index) {
+  using V = simd<T, N>;
+  using S = typename V::S;
+  constexpr bool one_vector = machine::permutes<S, V::W> && sizeof(I) == sizeof(S);
+  [[maybe_unused]] const auto at = [&](auto c) {
+    return detail::bits_as<machine::vector<detail::int_like<S>, V::W>>(index.v[c]);
+  };
+  simd<T, N> r;
+  if constexpr (one_vector && V::chunks == 1) {
+    r.v[0] = machine::permute<S, V::W>(a.v[0], at(0));
+  } else if constexpr (one_vector && V::chunks == 2) {
+    ORRERY_UNROLL for (int c = 0; c < 2; ++c) r.v[c] = machine::permute2<S, V::W>(a.v[0], a.v[1], at(c));
+  } else {
+    S from[N], to[N];
+    std::memcpy(from, &a.v, sizeof from);
+    for (int i = 0; i < N; ++i) to[i] = from[index[i]];
+    std::memcpy(&r.v, to, sizeof to);
+  }
+  return r;
+}
+
+// Even lanes, then odd lanes, of a vector.
+template <typename T, int N>
+ORRERY_INLINE inline std::pair<simd<T, N / 2>, simd<T, N / 2>> split_pairs(const simd<T, N>& a) {
+  using V = simd<T, N>;
+  using H = simd<T, N / 2>;
+  using S = typename V::S;
+  std::pair<H, H> r;
+  if constexpr (V::W == H::W && V::W > 1) {
+    using I = detail::int_like<S>;
+    const auto even = machine::iota<I, V::W>() * I(2);
+    ORRERY_UNROLL for (int c = 0; c < H::chunks; ++c) {
+      r.first.v[c] = machine::permute2<S, V::W>(a.v[2 * c], a.v[2 * c + 1], even);
+      r.second.v[c] = machine::permute2<S, V::W>(a.v[2 * c], a.v[2 * c + 1], even + I(1));
+    }
+  } else {
+    for (int i = 0; i < N / 2; ++i) {
+      r.first.set(i, a[2 * i]);
+      r.second.set(i, a[2 * i + 1]);
+    }
+  }
+  return r;
+}
+
+template <typename T, int N>
+ORRERY_INLINE inline simd<T, 2 * N> join_pairs(const simd<T, N>& even, const simd<T, N>& odd) {
+  using V = simd<T, N>;
+  using S = typename V::S;
+  simd<T, 2 * N> r;
+  if constexpr (V::W == simd<T, 2 * N>::W && V::W > 1) {
+    constexpr int W = V::W;
+    using I = detail::int_like<S>;
+    const auto i = machine::iota<I, W>();
+    const auto low = i / I(2) + (i & I(1)) * I(W);
+    ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
+      r.v[2 * c] = machine::permute2<S, W>(even.v[c], odd.v[c], low);
+      r.v[2 * c + 1] = machine::permute2<S, W>(even.v[c], odd.v[c], low + I(W / 2));
+    }
+  } else {
+    for (int i = 0; i < N; ++i) {
+      r.set(2 * i, even[i]);
+      r.set(2 * i + 1, odd[i]);
+    }
+  }
+  return r;
+}
+
+// table[code & 15], table of 16 values of T. Upper bits of a code are ignored: the register permutation ignores them
+// too, so no mask is spent on them.
+template <typename T, int N>
+inline simd<T, N> lookup16(const simd<T, 16>& table, const simd<uint32_t, N>& code) {
+  using V = simd<T, N>;
+  using S = typename V::S;
+  using I = detail::int_like<S>;
+  constexpr int table_width = simd<T, 16>::W;
+  simd<T, N> r;
+  if constexpr (machine::permutes<S, 16> && table_width == 16 && V::W == 16) {
+    ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
+      r.v[c] = machine::permute<S, 16>(table.v[0], detail::bits_as<machine::vector<I, 16>>(code.v[c]));
+    }
+  } else if constexpr (table_width == 8 && V::W == 8) {
+    const auto at = convert<I>(code);
+    ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
+      r.v[c] = machine::permute2<S, 8>(table.v[0], table.v[1], at.v[c]);
+    }
+  } else {
+    ORRERY_UNROLL for (int i = 0; i < N; ++i) r.set(i, table[code[i] & 15]);
+  }
+  return r;
+}
+
+// Whether lookup_upper_words is one instruction.
+template <int N>
+constexpr bool has_upper_word_lookup = machine::looks_up_words<simd<uint32_t, N>::W>;
+
+// The float whose upper half is table[code], for the code of Bits bits at bit 16 of each lane. The table has 32 entries
+// at a multiple of 64 bytes, among which shorter codes repeat, and 64 for codes of six bits. The lower half of a float
+// is 0.
+template <int Bits, int N>
+ORRERY_INLINE inline simd<float, N> lookup_upper_words(const uint16_t* table, const simd<uint32_t, N>& words) {
+  using U = simd<uint32_t, N>;
+  simd<float, N> r;
+  ORRERY_UNROLL for (int c = 0; c < U::chunks; ++c) {
+    r.v[c] = machine::lookup_upper_words<Bits, U::W>(table, words.v[c]);
+  }
+  return r;
+}
+
+// The float whose upper bytes are top[code] and second[code], for the low seven bits of byte k of each lane, negative
+// if that byte's top bit is set. Both tables have 128 entries at multiples of 64 bytes.
+template <int N>
+inline simd<float, N> lookup_signed(const uint8_t* top, const uint8_t* second, const simd<uint32_t, N>& words, int k) {
+  using U = simd<uint32_t, N>;
+  simd<float, N> r;
+  ORRERY_UNROLL for (int c = 0; c < U::chunks; ++c) {
+    r.v[c] = machine::lookup_signed<U::W>(top, second, words.v[c], k);
+  }
+  return r;
+}
+
+}  // namespace orrery

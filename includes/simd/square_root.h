@@ -1,0 +1,31 @@
+// Square roots, rounded to T.
+#pragma once
+
+#include <cmath>
+
+#include "vector.h"
+
+namespace orrery {
+
+namespace detail {
+
+// The nearest value: the standard library's on the host; devices have it as sycl::sqrt.
+template <typename S>
+inline S square_root(S value) {
+#ifdef SYCL_EXT_ORRERY_HOST
+  return std::sqrt(value);
+#else
+  return sycl::sqrt(value);
+#endif
+}
+
+}  // namespace detail
+
+template <typename T, int N>
+inline simd<T, N> sqrt(const simd<T, N>& a) {
+  simd<T, N> r;
+  ORRERY_UNROLL for (int i = 0; i < N; ++i) r.set(i, T(detail::square_root(a.register_value(i))));
+  return r;
+}
+
+}  // namespace orrery

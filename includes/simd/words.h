@@ -1,0 +1,93 @@
+// Words and values that neighbouring lanes share, from anywhere in memory.
+#pragma once
+
+#include "shuffle.h"
+
+namespace orrery {
+
+// K words of each lane's own run: lane i's word k is at p + 4 (K i + k), little-endian, any alignment.
+template <int K, int N>
+ORRERY_INLINE inline void load_words(const uint8_t* p, simd<uint32_t, N> (&word)[K]) {
+  const auto* words = reinterpret_cast<const uint32_t*>(p);
+  if constexpr (N == 1) {
+    ORRERY_UNROLL for (int k = 0; k < K; ++k) word[k] = simd<uint32_t, 1>::load(words + k);
+  } else if constexpr (K == 1) {
+    word[0] = simd<uint32_t, N>::load(words);
+  } else {
+    static_assert(K == 2);
+    constexpr int W = simd<uint32_t, N>::W;
+    const auto even = machine::iota<int32_t, W>() * 2;
+    ORRERY_UNROLL for (int c = 0; c < word[0].chunks; ++c) {
+      const auto a = machine::load<uint32_t, W>(words + 2 * c * W),
+                 b = machine::load<uint32_t, W>(words + (2 * c + 1) * W);
+      word[0].v[c] = machine::permute2<uint32_t, W>(a, b, even);
+      word[1].v[c] = machine::permute2<uint32_t, W>(a, b, even + 1);
+    }
+  }
+}
+
+// Lane i is word i / Lanes * Words + from(i % Lanes) behind p: each `Lanes` neighbouring lanes share `Words` words. Up
+// to N * 8 bytes are read.
+template <int Lanes, int Words, int N, typename From>
+inline simd<uint32_t, N> load_grouped_words(const uint8_t* p, From from) {
+  using V = simd<uint32_t, N>;
+  constexpr int W = V::W;
+  static_assert(W % Lanes == 0 && Words <= 2 * Lanes);
+  typename simd<int32_t, N>::chunk index{};
+  ORRERY_UNROLL for (int i = 0; i < W; ++i) {
+    machine::set<int32_t, W>(index, i, static_cast<int32_t>(i / Lanes * Words + from(i % Lanes)));
+  }
+  V r;
+  ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c, p += W / Lanes * Words * 4) {
+    const auto* words = reinterpret_cast<const uint32_t*>(p);
+    r.v[c] =
+        machine::permute2<uint32_t, W>(machine::load<uint32_t, W>(words), machine::load<uint32_t, W>(words + W), index);
+  }
+  return r;
+}
+
+// Asks for `Bytes` bytes that will be read soon; the address may lie anywhere.
+template <int Bytes>
+ORRERY_INLINE inline void prefetch(const void* p) {
+  ORRERY_UNROLL for (int i = 0; i < Bytes; i += 64) machine::prefetch(static_cast<const char*>(p) + i);
+}
+
+// The same for a use some thousand cycles later, into the second level of the cache.
+template <int Bytes>
+ORRERY_INLINE inline void prefetch_far(const void* p) {
+  ORRERY_UNROLL for (int i = 0; i < Bytes; i += 64) machine::prefetch_far(static_cast<const char*>(p) + i);
+}
+
+// Pairs of bytes of N rows, `stride` bytes apart: pair p of row j goes to out + interleaved_at<N>(p) + 2 j. The rows
+// are a multiple of 8, of 32 or 64 bytes; `out` has room for 64 bytes per row.
+template <int N, int Bytes>
+ORRERY_INLINE inline void interleave_pairs(const uint8_t* rows, uint64_t stride, uint8_t* out) {
+  machine::interleave_pairs<N, Bytes>(rows, stride, out);
+}
+
+// Values that neighbouring lanes share: lane i is p[i / Share] rounded to T. p may have any alignment.
+template <typename T, int N, int Share, typename P>
+inline simd<T, N> load_shared(const void* p) {
+  if constexpr (N <= Share) {
+    // As registers keep it: by way of a P the compiler narrows and widens it once more.
+    return convert<T>(convert_exact<P>(simd<float, N>(simd<P, 1>::load(static_cast<const P*>(p)).register_value(0))));
+  } else {
+    constexpr int M = N / Share;
+    const auto few = convert<T>(simd<P, M>::load(static_cast<const P*>(p)));
+    using V = simd<T, N>;
+    using S = typename V::S;
+    constexpr int W = V::W;
+    simd<T, N> r;
+    if constexpr (M <= W && machine::permutes<S, W>) {
+      const auto wide = machine::widen<S, M, W>(few.v[0]);
+      ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
+        r.v[c] = machine::permute<S, W>(wide, (machine::iota<int32_t, W>() + c * W) / Share);
+      }
+    } else {
+      ORRERY_UNROLL for (int i = 0; i < N; ++i) r.set(i, few[i / Share]);
+    }
+    return r;
+  }
+}
+
+}  // namespace orrery
