@@ -1,7 +1,8 @@
 // Rounded half operations and nothing else: what a kernel of them can reach on this machine at most.
 #include "includes/simd.h"
 
-// Multiplies and adds 16 lanes at a time, `count` times each. Eight sums, so that no operation waits for the one before.
+// Multiplies and adds 16 lanes at a time, `count` times each. Eight sums, so that no operation waits for the one
+// before.
 extern "C" float multiply_and_add(uint64_t count) {
   using vector = orrery::simd<c10::Half, 16>;
   constexpr int sums = 8;

@@ -165,7 +165,12 @@ def test_the_orders_of_the_two_kernels_differ() -> None:
 
 
 def call(
-    n: int = 2, state: int = 256, rows: int = 32, code: int = 2, device_class: int = 1, dtype: torch.dtype = torch.float32
+    n: int = 2,
+    state: int = 256,
+    rows: int = 32,
+    code: int = 2,
+    device_class: int = 1,
+    dtype: torch.dtype = torch.float32,
 ) -> torch.Tensor:
     x = torch.zeros(max(n, 0), state, dtype=dtype, device="xpu")
     weight = torch.zeros(rows * state // 64 * 68 + 68, dtype=torch.uint8, device="xpu")
