@@ -59,8 +59,8 @@ struct row_sums {
     }
   }
 
-  // The order in which runs meet the inputs is the same for every group, so the host makes it once per launch and thread;
-  // a GPU's work-item reads x itself.
+  // The order in which runs meet the inputs is the same for every group, so the host makes it once per launch and
+  // thread; a GPU's work-item reads x itself.
   template <typename Item>
   auto input_order(const Item& item, uint64_t first_row = 0) const {
     constexpr int N = Item::lanes;

@@ -30,12 +30,11 @@ inline std::map<key, operation> operations;
 
 template <typename T>
 const char* type_name();
-#define ORRERY_TYPES(X)                                                                               \
-  X(c10::Half, "half")                                                                                \
-  X(c10::BFloat16, "bfloat16")                                                                        \
-  X(float, "float")                                                                                   \
-  X(double, "double") X(int8_t, "int8") X(uint8_t, "uint8") X(int32_t, "int32") X(uint32_t, "uint32") \
-      X(int64_t, "int64")
+#define ORRERY_TYPES(X)                                                                           \
+  X(c10::Half, "half")                                                                            \
+  X(c10::BFloat16, "bfloat16")                                                                    \
+  X(float, "float") X(double, "double") X(int8_t, "int8") X(uint8_t, "uint8") X(int32_t, "int32") \
+      X(uint32_t, "uint32") X(int64_t, "int64")
 #define X(T, name)                    \
   template <>                         \
   inline const char* type_name<T>() { \
