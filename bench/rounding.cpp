@@ -6,11 +6,11 @@
 extern "C" float multiply_and_add(uint64_t count) {
   using vector = orrery::simd<c10::Half, 16>;
   constexpr int sums = 8;
-  vector sum[sums], a(c10::Half(0.5f)), b(c10::Half(0.25f));
+  vector sum[sums];
+  const vector a(c10::Half(0.5f)), b(c10::Half(0.25f));
   for (uint64_t i = 0; i < count; i += sums) {
     ORRERY_UNROLL for (int s = 0; s < sums; ++s) {
-      asm("" : "+v"(a.v[0]));  // else the product is made once
-      sum[s] += a * b;
+      sum[s] += orrery::hide_address(a) * b;  // else the product is made once
     }
   }
   float total = 0;

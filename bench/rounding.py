@@ -23,7 +23,8 @@ class RoundedOperations:
         self._pool = ThreadPoolExecutor(threads)
         with tempfile.TemporaryDirectory() as folder:
             library = Path(folder) / "rounding.so"
-            includes = [f"-I{_ROOT}", f"-I{_ROOT}/includes", "-isystem", f"{Path(torch.__file__).parent}/include"]
+            folders = [_ROOT, _ROOT / "includes", _ROOT / "host" / "sycl" / "include"]
+            includes = [*(f"-I{path}" for path in folders), "-isystem", f"{Path(torch.__file__).parent}/include"]
             options = ["-std=c++20", "-O3", "-march=native", "-ffp-contract=off", "-shared", "-fPIC", *includes]
             source = Path(__file__).with_name("rounding.cpp")
             subprocess.run([os.environ.get("CXX", "c++"), *options, source, "-o", library], check=True)
