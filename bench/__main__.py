@@ -57,7 +57,8 @@ def main(argv: list[str] | None = None) -> int:
     arguments = _arguments(argv)
     torch.set_num_threads(arguments.threads)
     ops = _operators(arguments.peers)
-    setting = Setting(ops, arguments.threads, arguments.quick, measure.Flush(), arguments.model, arguments.load)
+    flush = measure.Flush(measure.shared_launch(ops) if ops is not None else None)
+    setting = Setting(ops, arguments.threads, arguments.quick, flush, arguments.model, arguments.load)
     machine = measure.machine(arguments.threads) | ({"busy loops": arguments.load} if arguments.load else {})
     if machine["load_average"] > 0.5:
         print("Other work is running on this machine: the numbers will be worse than it can do.", file=sys.stderr)

@@ -20,7 +20,7 @@ import torch.nn.functional as F
 from orrery import device_class
 from orrery.formats import FORMATS
 
-from .measure import Call, Flush, interleaved
+from .measure import Call, Flush, interleaved, shared_launch
 from .report import Bar, Row
 
 if TYPE_CHECKING:
@@ -98,7 +98,7 @@ def main() -> None:
 
     threads, quick = int(sys.argv[1]), bool(int(sys.argv[2]))
     torch.set_num_threads(threads)
-    setting = Setting(orrery_ops, threads, quick, Flush(), None)
+    setting = Setting(orrery_ops, threads, quick, Flush(shared_launch(orrery_ops)), None)
     rows = [row for each in _TYPES for row in rows_of(setting, *each)]
     print(json.dumps([asdict(row) for row in rows]))
 

@@ -8,42 +8,52 @@
 
 namespace orrery::formats {
 
-// The value of code p of each byte.
-template <typename Format, typename C, int N>
-simd<C, N> values_of_bytes(const simd<uint8_t, N>& bytes, int p) {
-  if constexpr (Format::has_signed_bytes) {
-    return Format::template signed_bytes<C>(bytes);
-  } else {
-    return Format::template unscaled<C>(Format::byte_code(convert<uint32_t>(bytes), p));
-  }
-}
-
-// One block of N neighbouring rows, whose codes lie `row_bytes` apart, as operand B of its four operations: elements e
-// and e + 1 (e even) of column j are the unit j behind b + e * N.
-template <typename Format, typename C, int N>
-__attribute__((noinline)) void read_operands(const uint8_t* codes, uint64_t row_bytes,
-                                             matrix_engine::operand_element<C>* b) {
-  alignas(64) uint8_t pairs[64 * N];
-  interleave_pairs<N, Format::quant_bytes>(codes, row_bytes, pairs);
-  ORRERY_UNROLL for (int j = 0; j < Format::quant_bytes; j += 2) {
-    const auto bytes = simd<uint8_t, 2 * N>::load(pairs + interleaved_at<N>(j / 2));
-    ORRERY_UNROLL for (int p = 0; p < Format::codes_per_byte; ++p) {
-      const auto values = values_of_bytes<Format, C>(bytes, p);
-      convert<matrix_engine::operand_element<C>>(values).store(b + Format::byte_element(j, p) * N);
+// Calls f(e, value) with each element e of a block, `N` rows at a time; words(run) gives the codes of a run's lanes.
+template <typename Format, typename C, int N, typename Words, typename F>
+ORRERY_INLINE inline void for_each_element(Words words, F f) {
+  constexpr int run = Format::run;
+  ORRERY_UNROLL for (int o = 0; o < 64; o += run) {
+    simd<uint32_t, N> word[Format::words];
+    words(o / run, word);
+    ORRERY_UNROLL for (int k = 0; k < run; ++k) {
+      f(Format::first_element(o) + Format::element(k), Format::template term<C>(word, k));
     }
   }
 }
 
-// The scales of one block of N rows, `row_blocks` apart, as floats. Here fp8_e5m2 has one too.
-template <typename Format, int N>
-simd<float, N> read_scales(const uint8_t* scales, uint64_t block, uint64_t row_blocks) {
+// Block `block` of one row after another, `N` of them, which are `row_blocks` apart, as operand B of its four
+// operations: elements e and e + 1 (e even) of column j are the unit j behind b + e * N.
+template <typename Format, typename C, int N>
+void read_units(const uint8_t* codes, uint64_t block, uint64_t row_blocks, C* b) {
+  for (int j = 0; j < N; ++j, block += row_blocks) {
+    for_each_element<Format, C, 1>([&](int run, auto& word) { Format::load(codes, 0, block, run * Format::run, word); },
+                                   [&](int e, const simd<C, 1>& value) { b[(e / 2 * N + j) * 2 + e % 2] = value[0]; });
+  }
+}
+
+// The codes that lie `at` bytes behind the starts of 16 rows, as columns 0 to 15 of floats: element e of column j is
+// b[e * Columns + j].
+template <typename Format, typename C, int Columns>
+__attribute__((noinline)) void read_columns(const uint8_t* const (&row)[16], uint64_t at, float* b) {
+  alignas(64) uint32_t all[4 * Format::quant_bytes];
+  transpose_words<Format::quant_bytes / 4>(row, at, all);
+  for_each_element<Format, C, 16>(
+      [&](int run, auto& word) {
+        ORRERY_UNROLL for (int w = 0; w < Format::words; ++w) {
+          word[w] = simd<uint32_t, 16>::load(all + 16 * (run * Format::words + w));
+        }
+      },
+      [&](int e, const simd<C, 16>& value) { convert<float>(value).store(b + e * Columns); });
+}
+
+// The scale of one row's block as a float. Here fp8_e5m2 has one too.
+template <typename Format>
+float read_scale(const uint8_t* scales, uint64_t block) {
   using S = std::conditional_t<Format::scale_bytes == 2, c10::Half, float>;
   static_assert(sizeof(S) == Format::scale_bytes);
-  alignas(64) S column[N];
-  ORRERY_UNROLL for (int j = 0; j < N; ++j) {
-    std::memcpy(&column[j], scales + (block + j * row_blocks) * sizeof(S), sizeof(S));
-  }
-  return convert<float>(simd<S, N>::load(column));
+  S scale;
+  std::memcpy(&scale, scales + block * sizeof(S), sizeof scale);
+  return static_cast<float>(scale);
 }
 
 // Calls `f` with the format, one of those that the matrix engine reads; with any other it does nothing.

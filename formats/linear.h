@@ -42,8 +42,6 @@ struct split_defaults {
   static constexpr bool rounds_last = false;
   // Whether half_bits(code) gives a value's bits as a half.
   static constexpr bool codes_are_halves = false;
-  // Whether codes are signed bytes, and signed_bytes(codes) their values.
-  static constexpr bool has_signed_bytes = false;
 };
 
 // One scale of type S per block.
@@ -197,21 +195,27 @@ struct q8_0 : whole_bytes, float_scale {
   static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
     return from_top_byte<T>(code << 24);
   }
-  // The same for codes as they lie in memory, without the shifts.
-  static constexpr bool has_signed_bytes = true;
-  template <typename T, int N>
-  static simd<T, N> signed_bytes(const simd<uint8_t, N>& code) {
-    return convert_exact<T>(convert<float>(convert<int32_t>(bit_cast<int8_t>(code))));
-  }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    return from_top_byte<T>(word[k / 4] << (24 - k % 4 * 8));
+    return from_byte<T>(word[k / 4], k % 4);
   }
 
  private:
   template <typename T, int N>
   static simd<T, N> from_top_byte(const simd<uint32_t, N>& top) {
     return convert_exact<T>(convert<float>(bit_cast<int32_t>(top) >> 24));
+  }
+  // Byte k of a word. Where it lies below a float's exponent, the word with that exponent is 2^e plus the code plus
+  // 128, once the code's sign is turned: a difference, exact, in place of two shifts and a conversion.
+  template <typename T, int N>
+  static simd<T, N> from_byte(const simd<uint32_t, N>& word, int k) {
+    using U = simd<uint32_t, N>;
+    if (k == 3) return from_top_byte<T>(word);
+    const int at = k == 1 ? 8 : 0;
+    const uint32_t exponent = (127u + 23u - at) << 23;
+    const auto with_exponent = ((k == 2 ? word >> 16 : word) & U(0xFFu << at)) ^ U(exponent | 0x80u << at);
+    const float zero = std::bit_cast<float>(exponent) + 128.0f;
+    return convert_exact<T>(bit_cast<float>(with_exponent) - simd<float, N>(zero));
   }
 };
 

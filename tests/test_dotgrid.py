@@ -17,6 +17,7 @@ import dotgrid_reference as dot
 import linear_reference as ref
 import orrery_host
 import orrery_launch
+import torch_threads
 from kernel_reference import assert_dies_with, assert_same_bits_in_any_order, leave_nan_behind
 
 WIDE = {False: 1, True: 0}  # the device class with 8 and with 16 columns
@@ -63,6 +64,15 @@ def test_every_instance_keeps_within_the_bounds_of_any_order(dtype: str, wide: b
         assert ((low <= got) & (got <= high)).all()
         decided += np.mean(low == high) / len(dot.FORMATS)
     assert decided > 0.9  # bounds that most results meet exactly
+
+
+@pytest.mark.parametrize("threads", [1, 2, 3])
+@pytest.mark.parametrize("n", [1, 9, 64, 72, 85])  # up to eleven tiles
+@pytest.mark.parametrize("rows", [16, 80, 144, 528])
+def test_any_number_of_groups_is_shared_out(rows: int, n: int, threads: int) -> None:
+    with torch_threads.threads(threads):
+        for wide in WIDE:
+            assert_exact(dot.tame("q4_0", "float32", n, 576, rows), wide)
 
 
 @pytest.mark.parametrize("n", [1, 8, 9, 64])

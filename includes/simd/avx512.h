@@ -201,25 +201,20 @@ struct avx512 : avx2 {
   }
 #endif
 
-  // Rows of 32 bytes fill half a vector each, and the other half is shuffled for nothing.
-  template <int N, int Bytes>
-  ORRERY_INLINE static void interleave_pairs(const uint8_t* rows, uint64_t stride, uint8_t* out) {
-    ORRERY_UNROLL for (int j = 0; j < N; j += 8) {
-      __m512i row[8], all[8];
-      ORRERY_UNROLL for (int r = 0; r < 8; ++r) {
-        row[r] = _mm512_maskz_loadu_epi64(Bytes == 64 ? 0xFF : 0x0F, rows + (j + r) * stride);
+  // Four rows and the four behind them share a vector; a quarter of a vector is transposed by itself.
+  ORRERY_INLINE static void transpose_words(const uint8_t* const (&row)[16], uint64_t at, uint32_t* out) {
+    __m512i quarters[2][4];  // of rows 0 to 7 and 8 to 15: words i and i + 4 of four rows, then of the other four
+    ORRERY_UNROLL for (int half = 0; half < 2; ++half) {
+      __m512i rows[4];
+      ORRERY_UNROLL for (int r = 0; r < 4; ++r) {
+        rows[r] = load_halves_512(row[8 * half + r] + at, row[8 * half + r + 4] + at);
       }
-      transpose_quarters(row, all);
-      ORRERY_UNROLL for (int i = 0; i < 8; ++i) {
-        if constexpr (N == 8) {
-          _mm512_storeu_si512(out + i * 64, all[i]);
-        } else {
-          ORRERY_UNROLL for (int q = 0; q < Bytes / 16; ++q) {
-            std::memcpy(out + interleaved_at<N>(8 * q + i) + 2 * j, reinterpret_cast<const char*>(&all[i]) + 16 * q,
-                        16);
-          }
-        }
-      }
+      transpose_quarters(rows, quarters[half]);
+    }
+    ORRERY_UNROLL for (int i = 0; i < 4; ++i) {
+      const __m512i first = quarters[0][i], second = quarters[1][i];
+      _mm512_store_si512(out + 16 * i, _mm512_maskz_shuffle_i32x4(0xFFFF, first, second, 0x88));
+      _mm512_store_si512(out + 16 * (i + 4), _mm512_maskz_shuffle_i32x4(0xFFFF, first, second, 0xDD));
     }
   }
 
@@ -268,25 +263,26 @@ struct avx512 : avx2 {
     asm("" : "+m"(v));
   }
 
+ protected:
+  // 32 bytes from each of two places.
+  ORRERY_INLINE static __m512i load_halves_512(const uint8_t* first, const uint8_t* second) {
+    return _mm512_maskz_inserti64x4(0xFF, _mm512_castsi256_si512(load_256(first)), load_256(second), 1);
+  }
+  ORRERY_INLINE static __m256i load_256(const uint8_t* p) {
+    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+  }
+
  private:
-  // Eight rows of four times eight 16-bit units, transposed in each quarter: quarter q of out[i] has unit 8q + i of
-  // rows 0 to 7.
-  ORRERY_INLINE static void transpose_quarters(const __m512i (&row)[8], __m512i (&out)[8]) {
-    __m512i two[8], four[8];
-    ORRERY_UNROLL for (int r = 0; r < 8; r += 2) {
-      two[r] = _mm512_maskz_unpacklo_epi16(~0u, row[r], row[r + 1]);
-      two[r + 1] = _mm512_maskz_unpackhi_epi16(~0u, row[r], row[r + 1]);
-    }
-    ORRERY_UNROLL for (int h = 0; h < 8; h += 4) {
-      ORRERY_UNROLL for (int i = 0; i < 2; ++i) {
-        four[h + 2 * i] = _mm512_maskz_unpacklo_epi32(0xFFFF, two[h + i], two[h + 2 + i]);
-        four[h + 2 * i + 1] = _mm512_maskz_unpackhi_epi32(0xFFFF, two[h + i], two[h + 2 + i]);
-      }
-    }
-    ORRERY_UNROLL for (int i = 0; i < 4; ++i) {
-      out[2 * i] = _mm512_maskz_unpacklo_epi64(0xFF, four[i], four[4 + i]);
-      out[2 * i + 1] = _mm512_maskz_unpackhi_epi64(0xFF, four[i], four[4 + i]);
-    }
+  // Four rows of four times four words, transposed in each quarter: quarter q of out[i] has word 4q + i of the rows.
+  ORRERY_INLINE static void transpose_quarters(const __m512i (&row)[4], __m512i (&out)[4]) {
+    const __m512i low01 = _mm512_maskz_unpacklo_epi32(0xFFFF, row[0], row[1]);
+    const __m512i low23 = _mm512_maskz_unpacklo_epi32(0xFFFF, row[2], row[3]);
+    const __m512i high01 = _mm512_maskz_unpackhi_epi32(0xFFFF, row[0], row[1]);
+    const __m512i high23 = _mm512_maskz_unpackhi_epi32(0xFFFF, row[2], row[3]);
+    out[0] = _mm512_maskz_unpacklo_epi64(0xFF, low01, low23);
+    out[1] = _mm512_maskz_unpackhi_epi64(0xFF, low01, low23);
+    out[2] = _mm512_maskz_unpacklo_epi64(0xFF, high01, high23);
+    out[3] = _mm512_maskz_unpackhi_epi64(0xFF, high01, high23);
   }
 };
 

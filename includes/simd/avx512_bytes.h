@@ -65,7 +65,7 @@ struct avx512_bytes : avx512 {
     return (vector<int32_t, 16>)_mm512_dpbusd_epi32((__m512i)sum, (__m512i)a, (__m512i)b);
   }
   ORRERY_INLINE static bytes load_halves(const uint8_t* first, const uint8_t* second) {
-    return (bytes)_mm512_maskz_inserti64x4(0xFF, _mm512_castsi256_si512(load_256(first)), load_256(second), 1);
+    return (bytes)load_halves_512(first, second);
   }
   ORRERY_INLINE static vector<uint32_t, 16> load_widened_halves(const uint8_t* first, const uint8_t* second) {
     const __m256i both = _mm256_inserti128_si256(_mm256_castsi128_si256(load_128(first)), load_128(second), 1);
@@ -76,9 +76,6 @@ struct avx512_bytes : avx512 {
   // table[index & 127]
   ORRERY_INLINE static __m512i lookup(const uint8_t* table, __m512i index) {
     return _mm512_permutex2var_epi8(_mm512_load_si512(table), index, _mm512_load_si512(table + 64));
-  }
-  ORRERY_INLINE static __m256i load_256(const uint8_t* p) {
-    return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
   }
   ORRERY_INLINE static __m128i load_128(const uint8_t* p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));

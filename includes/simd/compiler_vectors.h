@@ -134,9 +134,8 @@ struct compiler_vectors {
   ORRERY_INLINE static void prefetch(const void* p) { __builtin_prefetch(p); }
   // Into the second level: filled with what comes much later, the first one loses what is in use.
   ORRERY_INLINE static void prefetch_far(const void* p) { __builtin_prefetch(p, 0, 2); }
-  template <int N, int Bytes>
-  static void interleave_pairs(const uint8_t* rows, uint64_t stride, uint8_t* out) {
-    portable::interleave_pairs<N, Bytes>(rows, stride, out);
+  static void transpose_words(const uint8_t* const (&row)[16], uint64_t at, uint32_t* out) {
+    portable::transpose_words(row, at, out);
   }
 
   // ---- Masks ----

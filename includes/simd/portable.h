@@ -10,12 +10,6 @@
 
 namespace orrery {
 
-// Where interleave_pairs puts pair p of its first row.
-template <int N>
-constexpr int interleaved_at(int p) {
-  return (p % 8 * 4 + p / 8) * 16 * (N / 8);
-}
-
 namespace detail {
 
 // W values. Integers wrap around, comparisons give -1 for true.
@@ -202,11 +196,10 @@ struct portable {
   // Asks for the line of an address, for a use at once or some thousand cycles later.
   static void prefetch(const void*) {}
   static void prefetch_far(const void*) {}
-  // Pairs of bytes of rows side by side.
-  template <int N, int Bytes>
-  static void interleave_pairs(const uint8_t* rows, uint64_t stride, uint8_t* out) {
-    for (int p = 0; p < Bytes / 2; ++p) {
-      for (int j = 0; j < N; ++j) std::memcpy(out + interleaved_at<N>(p) + 2 * j, rows + j * stride + 2 * p, 2);
+  // Eight words of each of 16 rows: word w of row j becomes out[16 w + j].
+  static void transpose_words(const uint8_t* const (&row)[16], uint64_t at, uint32_t* out) {
+    for (int w = 0; w < 8; ++w) {
+      for (int j = 0; j < 16; ++j) std::memcpy(out + 16 * w + j, row[j] + at + 4 * w, 4);
     }
   }
 

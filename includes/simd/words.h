@@ -58,11 +58,11 @@ ORRERY_INLINE inline void prefetch_far(const void* p) {
   ORRERY_UNROLL for (int i = 0; i < Bytes; i += 64) machine::prefetch_far(static_cast<const char*>(p) + i);
 }
 
-// Pairs of bytes of N rows, `stride` bytes apart: pair p of row j goes to out + interleaved_at<N>(p) + 2 j. The rows
-// are a multiple of 8, of 32 or 64 bytes; `out` has room for 64 bytes per row.
-template <int N, int Bytes>
-ORRERY_INLINE inline void interleave_pairs(const uint8_t* rows, uint64_t stride, uint8_t* out) {
-  machine::interleave_pairs<N, Bytes>(rows, stride, out);
+// Words of 16 rows: word w of what lies `at` bytes behind row[j] becomes out[16 w + j]. `out` is aligned to 64 bytes.
+template <int Words>
+ORRERY_INLINE inline void transpose_words(const uint8_t* const (&row)[16], uint64_t at, uint32_t* out) {
+  static_assert(Words % 8 == 0);
+  ORRERY_UNROLL for (int w = 0; w < Words; w += 8) machine::transpose_words(row, at + 4 * w, out + 16 * w);
 }
 
 // Values that neighbouring lanes share: lane i is p[i / Share] rounded to T. p may have any alignment.

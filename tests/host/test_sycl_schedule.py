@@ -35,6 +35,16 @@ def test_values_made_once_per_launch_and_thread(count):
             assert right and 1 <= made <= count
 
 
+@pytest.mark.parametrize("count", [1, 2, 3])
+@pytest.mark.parametrize("columns, at_once", [(1, 1), (40, 1), (40, 7), (41, 1000)])
+def test_a_kernel_that_takes_groups_gets_each_of_them_once(columns, at_once, count):
+    groups = 3 * columns
+    with host_settings(shuffle=False), threads(count):
+        assert native.groups_taken(columns, at_once) == ([0] * groups, [1] * groups)
+    with host_settings(shuffle=True, seed=5), threads(count):
+        assert native.groups_taken(columns, at_once) == ([1] * groups, [0] * groups)
+
+
 TAKEN = "kernel: A kernel may call shared_by_launch in one place only, and there for one count."
 
 

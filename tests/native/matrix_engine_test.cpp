@@ -18,60 +18,89 @@ namespace {
 
 using floats = std::vector<float>;
 
-// Adds up whole blocks, each with its scales, by operations of a kind of tile.
-template <typename Tile, int R, int N>
-floats sums_of(const floats& a, const floats& b, const floats& scales) {
-  Tile sum;
+// The products of whole blocks, each times its scales, summed by a tile of the device.
+template <int R, int N>
+floats sums_of_tile(const floats& a, const floats& b, const floats& scales) {
+  matrix_engine::tile<R, N> sum;
   for (size_t i = 0; i < scales.size() / N; ++i) {
-    Tile acc;
-    for (int q = 0; q < matrix_engine::operations; ++q) {
-      acc.multiply_add(a.data() + i * R * 64 + q * 16, b.data() + i * 64 * N + q * 16 * N);
-    }
-    sum.add_scaled(acc, simd<float, N>::load(scales.data() + i * N));
+    matrix_engine::add_block(sum, a.data() + i * R * 64, b.data() + i * 64 * N,
+                             simd<float, N>::load(scales.data() + i * N));
   }
   floats out(R * N);
   for (int r = 0; r < R; ++r) sum.row(r).store(out.data() + r * N);
   return out;
 }
 
-template <int N, int R = 8>
-floats product_of(const std::string& kind, int rows, const floats& a, const floats& b, const floats& scales) {
+// The same by the host's columns.
+template <int R, int N>
+floats sums_of_columns(const floats& a, const floats& b, const floats& scales) {
+  floats sum(R * N);
+  for (size_t i = 0; i < scales.size() / N; ++i) {
+    matrix_engine::add_block<R, N>(a.data() + i * R * 64, b.data() + i * 64 * N, scales.data() + i * N, sum.data());
+  }
+  return sum;
+}
+
+template <int R = 8>
+floats product(const std::string& kind, int rows, const floats& a, const floats& b, const floats& scales) {
   if constexpr (R == 0) {
     throw std::invalid_argument("a tile has 1 to 8 rows");
   } else {
-    if (rows != R) return product_of<N, R - 1>(kind, rows, a, b, scales);
-    if (kind == "plain") return sums_of<matrix_engine::plain_tile<R, N>, R, N>(a, b, scales);
-    return sums_of<detail::vector_tile<R, N, matrix_engine::steps, matrix_engine::block>, R, N>(a, b, scales);
+    if (rows != R) return product<R - 1>(kind, rows, a, b, scales);
+    if (kind == "tile of 8") return sums_of_tile<R, 8>(a, b, scales);
+    if (kind == "tile of 16") return sums_of_tile<R, 16>(a, b, scales);
+    if (kind == "16 columns") return sums_of_columns<R, 16>(a, b, scales);
+    if (kind == "32 columns") return sums_of_columns<R, 32>(a, b, scales);
+    throw std::invalid_argument("no such kind: " + kind);
   }
 }
 
-floats product(const std::string& kind, int rows, int columns, const floats& a, const floats& b, const floats& scales) {
-  return columns == 16 ? product_of<16>(kind, rows, a, b, scales) : product_of<8>(kind, rows, a, b, scales);
-}
-
 template <typename C, int N>
-floats operand_of(int32_t qtype, const std::string& codes, uint64_t row_bytes) {
-  std::vector<matrix_engine::operand_element<C>> b(64 * N);
+floats units_of(int32_t qtype, const std::string& codes, uint64_t row_blocks) {
+  std::vector<C> b(64 * N);
   formats::with_engine_format(weight_format{qtype}, [&](auto f) {
-    formats::read_operands<decltype(f), C, N>(reinterpret_cast<const uint8_t*>(codes.data()), row_bytes, b.data());
+    formats::read_units<decltype(f), C, N>(reinterpret_cast<const uint8_t*>(codes.data()), 0, row_blocks, b.data());
   });
   return floats(b.begin(), b.end());
 }
 
-// Operand B of one block, from the codes of its rows.
-floats operand(int32_t qtype, const std::string& type, int columns, const std::string& codes, uint64_t row_bytes) {
+// Operand B from block 0 of every row, by the device's units.
+floats units(int32_t qtype, const std::string& type, int columns, const std::string& codes, uint64_t row_blocks) {
   const bool wide = columns == 16;
   if (type == "float16") {
-    return wide ? operand_of<c10::Half, 16>(qtype, codes, row_bytes)
-                : operand_of<c10::Half, 8>(qtype, codes, row_bytes);
+    return wide ? units_of<c10::Half, 16>(qtype, codes, row_blocks) : units_of<c10::Half, 8>(qtype, codes, row_blocks);
   }
-  return wide ? operand_of<c10::BFloat16, 16>(qtype, codes, row_bytes)
-              : operand_of<c10::BFloat16, 8>(qtype, codes, row_bytes);
+  return wide ? units_of<c10::BFloat16, 16>(qtype, codes, row_blocks)
+              : units_of<c10::BFloat16, 8>(qtype, codes, row_blocks);
+}
+
+template <typename C>
+floats columns_of(int32_t qtype, const std::string& codes, uint64_t row_blocks, uint64_t block) {
+  constexpr int Columns = 32;
+  floats b(64 * Columns);
+  formats::with_engine_format(weight_format{qtype}, [&](auto f) {
+    using Format = decltype(f);
+    for (int first = 0; first < Columns; first += 16) {
+      const uint8_t* row[16];
+      for (int j = 0; j < 16; ++j) {
+        row[j] = reinterpret_cast<const uint8_t*>(codes.data()) + (first + j) * row_blocks * Format::quant_bytes;
+      }
+      formats::read_columns<Format, C, Columns>(row, block * Format::quant_bytes, b.data() + first);
+    }
+  });
+  return b;
+}
+
+// The same of 32 rows and of any block, as the host's columns.
+floats columns(int32_t qtype, const std::string& type, const std::string& codes, uint64_t row_blocks, uint64_t block) {
+  return type == "float16" ? columns_of<c10::Half>(qtype, codes, row_blocks, block)
+                           : columns_of<c10::BFloat16>(qtype, codes, row_blocks, block);
 }
 
 }  // namespace
 
 void bind_matrix_engine(py::module_& m) {
-  m.def("engine_product", &product);
-  m.def("engine_operand", &operand);
+  m.def("engine_product", &product<>);
+  m.def("engine_units", &units);
+  m.def("engine_columns", &columns);
 }

@@ -273,13 +273,14 @@ void add_widths() {
   add_width<Set, S, 64>();
 }
 
-// Pairs in the order of the rows' bytes; the room between them is the set's own.
-template <typename Set, int N, int Bytes>
-void add_interleave(const std::string& suffix) {
-  add<Set>("interleave" + suffix, [](const char* in, char* out) {
-    alignas(64) uint8_t room[64 * N];
-    Set::template interleave_pairs<N, Bytes>(reinterpret_cast<const uint8_t*>(in) + 1, 70, room);
-    for (int p = 0; p < Bytes / 2; ++p) std::memcpy(out + p * 2 * N, room + orrery::interleaved_at<N>(p), 2 * N);
+template <typename Set>
+void add_transpose() {
+  add<Set>("transpose", [](const char* in, char* out) {
+    const uint8_t* row[16];
+    for (int j = 0; j < 16; ++j) row[j] = reinterpret_cast<const uint8_t*>(in) + 1 + 70 * j;
+    alignas(64) uint32_t words[8 * 16];
+    Set::transpose_words(row, 5, words);
+    std::memcpy(out, words, sizeof words);
   });
 }
 
@@ -295,10 +296,7 @@ void add_multiply_add(const std::string& suffix) {
 
 template <typename Set>
 void add_set() {
-  add_interleave<Set, 8, 32>(" 8 x 32");
-  add_interleave<Set, 8, 64>(" 8 x 64");
-  add_interleave<Set, 16, 32>(" 16 x 32");
-  add_interleave<Set, 16, 64>(" 16 x 64");
+  add_transpose<Set>();
   add_multiply_add<Set, 4>(" x 4");
   add_multiply_add<Set, 8>(" x 8");
   add_multiply_add<Set, 16>(" x 16");

@@ -490,6 +490,33 @@ std::vector<int> group_order(size_t groups) {
   return order;
 }
 
+// Takes up to `at_once` neighbouring groups, and counts how often it ran each, alone and together.
+struct group_taker {
+  size_t at_once;
+  std::atomic<int>*alone, *together;
+
+  template <typename Item>
+  void operator()(const Item& item) const {
+    ++alone[item.group(0) * item.group_range(1) + item.group(1)];
+  }
+  template <typename Item>
+  size_t take_groups(const Item& item, size_t most) const {
+    const size_t count = std::min(most, at_once), first = item.group(0) * item.group_range(1) + item.group(1);
+    for (size_t i = first; i < first + count; ++i) ++together[i];
+    return count;
+  }
+};
+
+// How often each of 3 x `columns` groups ran alone, then how often together.
+std::pair<std::vector<int>, std::vector<int>> groups_taken(size_t columns, size_t at_once) {
+  std::vector<std::atomic<int>> alone(3 * columns), together(3 * columns);
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for_lanes<1, 1>(sycl::nd_range<2>({3, columns}, {1, 1}),
+                               group_taker{at_once, alone.data(), together.data()});
+  });
+  return {{alone.begin(), alone.end()}, {together.begin(), together.end()}};
+}
+
 // How often values shared by a launch were made, and whether each group saw them.
 std::pair<int, bool> shared_once(size_t groups) {
   std::atomic<int> made{0};
@@ -707,6 +734,7 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("strand_order", &strand_order);
   m.def("group_order", &group_order);
   m.def("shared_once", &shared_once);
+  m.def("groups_taken", &groups_taken);
   m.def("shared_from", &shared_from);
   m.def("groups_run", &groups_run, py::call_guard<py::gil_scoped_release>());
   m.def("threads_of_a_launch", &threads_of_a_launch);

@@ -1,6 +1,7 @@
 // handler: local memory and parallel_for; and queue::submit.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <span>
 #include <typeinfo>
@@ -28,6 +29,14 @@ struct launch_plan {
   void (*run_groups)(const void* context, group_state& g, size_t begin, size_t end) = nullptr;
 };
 
+// A kernel that runs neighbouring groups at once: take_groups(item, most) does the work of the item's group and of
+// those behind it, `most` at most, and returns their number. The last dimension runs fastest. The result is what the
+// groups one by one give, which is how a shuffled schedule runs them.
+template <typename Kernel, int D, int Lanes>
+concept takes_groups = requires(const Kernel& kernel, const ext::orrery::lane_item<D, Lanes>& item, size_t most) {
+  { kernel.take_groups(item, most) } -> std::same_as<size_t>;
+};
+
 // A launch with its types. `Call` gives the kernel the kind of item that it takes.
 template <int D, int Lanes, typename Kernel, typename Call>
 struct typed_launch {
@@ -47,9 +56,14 @@ struct typed_launch {
     Call{}(kernel, item_base<D>{&g, &ranges, strand, static_cast<size_t>(strand) * Lanes});
   }
   void run_groups(group_state& g, size_t begin, size_t end) const {
-    for (size_t linear = begin; linear < end; ++linear) {
+    for (size_t linear = begin; linear < end;) {
       set_group(g, linear);
-      for (int strand = 0; strand < g.strands; ++strand) run_strand(g, strand);
+      if constexpr (takes_groups<Kernel, D, Lanes>) {
+        linear += kernel.take_groups(ext::orrery::lane_item<D, Lanes>({&g, &ranges, 0, 0}), end - linear);
+      } else {
+        for (int strand = 0; strand < g.strands; ++strand) run_strand(g, strand);
+        ++linear;
+      }
     }
   }
 
