@@ -17,28 +17,16 @@ namespace orrery {
 namespace {
 
 template <typename T, typename C, typename P, int tail, int N>
-void launch_dotgrid(weight_format format, const linear_decision& way, const linear_operands& on) {
-  using kernel = dotgrid_forward_kernel<T, C, float, P, tail, N, 8>;
-  constexpr int QK = kernel::QK;
+void launch_dotgrid(const linear_decision& way, const linear_operands& on) {
+  constexpr int QK = matrix_engine::block;
   const uint64_t state_size = on.state_size, output_size = on.output_size;
   ORRERY_ASSERT(output_size % N == 0);
   ORRERY_ASSERT(state_size % QK == 0);
-  const uint64_t nb = state_size / QK;
-  launch_decided<2>(way, on.device, {"dotgrid_xpu_kernel", way.kernel}, [&](sycl::handler& h) {
-    return kernel{static_cast<const T*>(on.x),
-                  on.weight,
-                  on.weight + way.scale_offset,
-                  static_cast<T*>(on.y),
-                  nb,
-                  (nb + kernel::slices - 1) / kernel::slices,
-                  output_size,
-                  format,
-                  sycl::local_accessor<P>(sycl::range<1>(kernel::partial_sums), h)};
-  });
+  launch_bound<dotgrid_forward_kernel<T, C, float, P, tail, N, 8>>(way, on, {"dotgrid_xpu_kernel", way.kernel});
 }
 
 // By the rows of the last tile: entry i is for i rows, entry 0 for 8.
-using launchers = std::array<void (*)(weight_format, const linear_decision&, const linear_operands&), 8>;
+using launchers = std::array<linear_launcher*, 8>;
 
 template <typename T, typename C, typename P, int N, int... I>
 constexpr launchers by_tail(std::integer_sequence<int, I...>) {
@@ -79,7 +67,7 @@ at::Tensor dotgrid_forward(const at::Tensor& input, const at::Tensor& weight, co
   for (const type_row& row : rows) {
     if (row.type != request.type) continue;
     const launchers& instances = way.shape.rows == 16 ? row.wide : row.narrow;
-    instances[way.tail % 8](request.format, way, on);
+    instances[way.tail % 8](way, on);
     return result;
   }
   refuse_type();

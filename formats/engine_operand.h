@@ -1,6 +1,9 @@
 // Blocks of a weight as the matrix engine takes them: values without their scale, which multiplies the engine's sums.
 #pragma once
 
+#include <iterator>
+#include <tuple>
+
 #include "formats/bytes.h"
 #include "formats/codebook.h"
 #include "formats/registry.h"
@@ -59,18 +62,11 @@ float read_scale(const uint8_t* scales, uint64_t block) {
 // Calls `f` with the format, one of those that the matrix engine reads; with any other it does nothing.
 template <typename F>
 void with_engine_format(weight_format format, F f) {
-  switch (format) {
-    case weight_format::q4_0:
-      return f(q4_0());
-    case weight_format::q8_0:
-      return f(q8_0());
-    case weight_format::fp8_e4m3:
-      return f(fp8_e4m3());
-    case weight_format::fp8_e5m2:
-      return f(fp8_e5m2());
-    default:
-      return;
-  }
+  using readers = std::tuple<q4_0, q8_0, fp8_e4m3, fp8_e5m2>;  // of engine_formats, in its order
+  static_assert(std::tuple_size_v<readers> == std::size(engine_formats));
+  for_each_constant<std::size(engine_formats)>([&](auto i) {
+    if (format == engine_formats[i]) f(std::tuple_element_t<i, readers>());
+  });
 }
 
 }  // namespace orrery::formats

@@ -70,6 +70,10 @@ inline constexpr format_row format_rows[] = {
 
 inline constexpr int32_t format_codes = 30;
 
+// Those that the matrix engine reads.
+inline constexpr weight_format engine_formats[] = {weight_format::q4_0, weight_format::q8_0, weight_format::fp8_e4m3,
+                                                   weight_format::fp8_e5m2};
+
 namespace detail {
 
 template <typename Value>

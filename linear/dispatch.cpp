@@ -35,9 +35,7 @@ bool takes_explicit_simd(const linear_request& r) {
 
 bool takes_matrix_engine(const linear_request& r, bool disabled) {
   if (disabled || r.n < 2 || r.output_size % 16 != 0) return false;
-  if (r.format != weight_format::q4_0 && r.format != weight_format::q8_0 && r.format != weight_format::fp8_e4m3 &&
-      r.format != weight_format::fp8_e5m2)
-    return false;
+  if (std::ranges::find(engine_formats, r.format) == std::end(engine_formats)) return false;
   if (r.device_class == 0) return r.n <= 16;
   if (r.device_class != 1 && r.device_class != 2) return false;
   return r.n >= (r.format == weight_format::fp8_e4m3 ? 2 : 7) && r.n <= 64;

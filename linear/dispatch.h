@@ -56,6 +56,7 @@ struct linear_decision;
 
 // What a kernel of the linear layer works on; x and y hold elements of `type`.
 struct linear_operands {
+  weight_format format{};
   c10::ScalarType type = c10::ScalarType::Float;
   uint64_t n = 1;            // input rows
   uint64_t state_size = 0;   // elements of a row of the weight

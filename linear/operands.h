@@ -10,7 +10,8 @@ namespace orrery {
 // `x` is the input, or what was made of it, for `request`.
 inline linear_operands operands_of(const linear_request& request, const at::Tensor& x, const at::Tensor& weight,
                                    const at::Tensor& result) {
-  return {.type = request.type,
+  return {.format = request.format,
+          .type = request.type,
           .n = static_cast<uint64_t>(request.n),
           .state_size = request.state_size,
           .output_size = request.output_size,

@@ -9,6 +9,7 @@
 #include "formats/registry.h"
 #include "includes/item.h"
 #include "includes/matrix_engine.h"
+#include "linear/dispatch.h"
 
 namespace orrery {
 
@@ -19,19 +20,32 @@ struct dotgrid_forward_kernel {
   static_assert(std::is_same_v<A, float> && depth == matrix_engine::tile_rows);
   static constexpr int sub_group_size = 1;
   static constexpr bool has_barriers = !last_finishes;
+  static constexpr int dimensions = 2;
   static constexpr int QK = matrix_engine::block;
   static constexpr int slices = depth;
   static constexpr int partial_sums = depth * slices * N;
 
-  const T* x;
-  const uint8_t* quants;
-  const uint8_t* scales;
-  T* y;
-  uint64_t nb;  // blocks of a row
-  uint64_t slice_length;
-  uint64_t output_size;
-  weight_format format;
+  const T* x = nullptr;
+  const uint8_t* quants = nullptr;
+  const uint8_t* scales = nullptr;
+  T* y = nullptr;
+  uint64_t nb = 0;  // blocks of a row
+  uint64_t slice_length = 0;
+  uint64_t output_size = 0;
+  weight_format format{};
   sycl::local_accessor<P> partial;  // depth rows of `slices` sums of N
+
+  void bind(const linear_decision& way, const linear_operands& on, sycl::handler& h) {
+    x = static_cast<const T*>(on.x);
+    quants = on.weight;
+    scales = on.weight + way.scale_offset;
+    y = static_cast<T*>(on.y);
+    nb = on.state_size / QK;
+    slice_length = (nb + slices - 1) / slices;
+    output_size = on.output_size;
+    format = on.format;
+    partial = sycl::local_accessor<P>(sycl::range<1>(partial_sums), h);
+  }
 
   template <typename Item>
   void operator()(const Item& item) const {
