@@ -123,6 +123,7 @@ def whole(code: int, type_: str, state: int, rows: int, cls: int) -> dict[str, A
             "sub_group": 1,
             "waits": code == 29,
             "row_multiple": 0,
+            "scale_offset": 0,
         }
     out: dict[str, Any] = {"family": "whole", "record": "gridrun_kernel", "row_multiple": 64}
     kernel = f"qlinear_xpu_dequantize_kernel_{name}"
@@ -450,10 +451,6 @@ def test_rows_from_bytes_drop_the_remainder(code: int, size: int, state: int, ro
 )
 def test_scale_plane_in_32_bits(code: int, rows: int, state: int, offset: int) -> None:
     assert dispatch.scale_offset(code, rows, state) == offset
-
-
-def test_fp6_has_its_second_plane_behind_32_bytes_a_block() -> None:
-    assert dispatch.fp6_second_plane(3, 128) == 6 * 32
 
 
 def test_nf3_ends_behind_its_two_scales() -> None:

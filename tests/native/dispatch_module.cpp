@@ -167,7 +167,6 @@ PYBIND11_MODULE(orrery_dispatch, m) {
   m.def("scale_offset", [](int32_t code, uint64_t output_size, uint64_t state_size) {
     return orrery::scale_offset(orrery::weight_format{code}, output_size, state_size);
   });
-  m.def("fp6_second_plane", orrery::fp6_second_plane);
   m.def("format_name", [](int32_t code) {
     const orrery::format_row* row = orrery::find_weight_format(orrery::weight_format{code});
     return row == nullptr ? std::string() : std::string(row->name);
