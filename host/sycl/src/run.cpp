@@ -51,7 +51,8 @@ class launch_run {
         launch_(++launches),
         shuffle_(settings.shuffle),
         seed_(settings.seed + launch_),
-        strands_(static_cast<int>(plan.local_items / plan.lanes)) {
+        strands_(static_cast<int>(plan.local_items / plan.lanes)),
+        needs_fibers_(plan.barriers && strands_ > 1) {
     if (shuffle_) order_ = shuffled(plan.groups, seed_);
   }
 
@@ -81,7 +82,7 @@ class launch_run {
     plan_.set_group(plan_.context, g, linear);
     // What a kernel reads there without having written it shows as NaN or as a wild number.
     if (shuffle_) std::memset(local_memory, 0xFF, plan_.local_memory);
-    if (plan_.barriers && strands_ > 1) {
+    if (needs_fibers_) {
       run_fibers(plan_, g, shuffle_, seed_ ^ (linear * 0x9E3779B97F4A7C15ull));
     } else {
       for (size_t strand : shuffled(strands_, seed_ ^ linear))
@@ -95,7 +96,7 @@ class launch_run {
     group_state g;
     g.strands = strands_;
     g.lanes_mixed = shuffle_;
-    if (shuffle_ || (plan_.barriers && strands_ > 1)) {
+    if (shuffle_ || needs_fibers_) {
       for (size_t at = begin; at < end; ++at) one_group(g, at);
     } else {
       plan_.run_groups(plan_.context, g, begin, end);
@@ -107,6 +108,7 @@ class launch_run {
   const bool shuffle_;
   const uint64_t seed_;
   const int strands_;
+  const bool needs_fibers_;
   std::vector<size_t> order_;  // of the groups, if shuffled
   std::atomic<bool> failed_{false};
   std::exception_ptr failure_;
