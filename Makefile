@@ -52,10 +52,10 @@ scalar: .venv/installed
 	PYTHONPATH=$(CURDIR)/build/scalar/python $(PYTHON) -m pytest $(or $(ARGS),$(KERNEL_TESTS))
 
 sanitize: .venv/installed
-	@tools/sanitize.sh $(ARGS)
+	@tools/sanitize.sh asan $(ARGS)
 
 sanitize-threads: .venv/installed
-	@tools/sanitize_threads.sh $(ARGS)
+	@tools/sanitize.sh tsan $(ARGS)
 
 bench: build
 	@$(PYTHON) -m bench $(ARGS)
