@@ -1,4 +1,4 @@
-# What the scripts know about compilers; to be sourced.
+# Functions about compilers, sourced by the scripts.
 
 # The compiler of a build folder; nothing if there is none.
 compiler_of() { sed -n 's/^CMAKE_CXX_COMPILER:[^=]*=//p' "$1/CMakeCache.txt" 2>/dev/null || true; }
