@@ -5,8 +5,8 @@
 # make sanitize-threads   tests of launches under ThreadSanitizer   make check    syntax check with the other compiler
 #
 # MARCH=x86-64-v3 builds for that instruction set instead of this machine's; ARGS="..." is passed on to pytest or bench.
-# CXX=clang++ builds with that compiler (make clean first if another one has built here); CHECK_CXX names
-# the one that checks.
+# CXX=clang++ builds with that compiler (make clean first if another one has built here); CHECK_CXX names the
+# one that checks.
 
 SHELL := /bin/bash
 PYTHON := .venv/bin/python

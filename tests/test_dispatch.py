@@ -453,6 +453,15 @@ def test_scale_plane_in_32_bits(code: int, rows: int, state: int, offset: int) -
     assert dispatch.scale_offset(code, rows, state) == offset
 
 
+@pytest.mark.parametrize("rows, state", [(3, 128), (1 << 17, 1 << 16)])  # the second has 2^33 elements
+def test_planes_of_the_explicit_simd_kernels_in_64_bits(rows: int, state: int) -> None:
+    blocks = rows * state // 64
+    assert dispatch.planes(2, rows, state) == (32 * blocks, None)
+    assert dispatch.planes(8, rows, state) == (64 * blocks, None)
+    assert dispatch.planes(19, rows, state) == (None, None)
+    assert dispatch.planes(29, rows, state) == (48 * blocks, 32 * blocks)
+
+
 def test_nf3_ends_behind_its_two_scales() -> None:
     assert dispatch.scale_offset(11, 2, 64) + 2 * 2 == 2 * BLOCKS[11][1] == 52
 
