@@ -1,11 +1,12 @@
 # make demo    text from a real model through the operators        make build     environment and package
 # make test    all tests                                           make scalar    kernel tests, one strand per work-item
-# make bench   every operator beside what one would use instead    make sanitize  all tests under ASan and UBSan
+# make bench   every operator against what one would use instead   make sanitize  all tests under ASan and UBSan
 # make format  clang-format on all sources                         make clean     removes builds, keeps .venv
 # make sanitize-threads   tests of launches under ThreadSanitizer   make check    syntax check with the other compiler
 #
-# MARCH=x86-64-v3 builds for that instruction set instead of this machine's; ARGS="..." goes on to pytest or bench.
-# CXX=clang++ builds with that compiler (make clean first if another one has built here); CHECK_CXX checks.
+# MARCH=x86-64-v3 builds for that instruction set instead of this machine's; ARGS="..." is passed on to pytest or bench.
+# CXX=clang++ builds with that compiler (make clean first if another one has built here); CHECK_CXX names the
+# one that checks.
 
 SHELL := /bin/bash
 PYTHON := .venv/bin/python
@@ -36,7 +37,7 @@ build/installed: .venv/installed tools/install.sh $(PACKAGE)
 	@tools/install.sh
 	@touch $@
 
-# The same objects again with the modules that only the tests import; nothing of the package is compiled twice.
+# Adds the modules that only the tests import, from the same objects; nothing of the package is compiled twice.
 test: build
 	$(if $(ARGS),,@tools/check.sh)
 	@cmake --build build/install
@@ -52,10 +53,10 @@ scalar: .venv/installed
 	PYTHONPATH=$(CURDIR)/build/scalar/python $(PYTHON) -m pytest $(or $(ARGS),$(KERNEL_TESTS))
 
 sanitize: .venv/installed
-	@tools/sanitize.sh $(ARGS)
+	@tools/sanitize.sh asan $(ARGS)
 
 sanitize-threads: .venv/installed
-	@tools/sanitize_threads.sh $(ARGS)
+	@tools/sanitize.sh tsan $(ARGS)
 
 bench: build
 	@$(PYTHON) -m bench $(ARGS)

@@ -9,17 +9,21 @@
 namespace orrery {
 
 template <typename T, int SBS>
-struct dequantize_q4_0_kernel : dense_blocks_kernel<formats::byte_reader<formats::q4_0>, T, SBS> {};
+struct dequantize_q4_0_kernel : dense_blocks_kernel<weight_format::q4_0, formats::byte_reader<formats::q4_0>, T, SBS> {
+};
 template <typename T, int SBS>
-struct dequantize_q4_1_kernel : dense_blocks_kernel<formats::byte_reader<formats::q4_1>, T, SBS> {};
+struct dequantize_q4_1_kernel : dense_blocks_kernel<weight_format::q4_1, formats::byte_reader<formats::q4_1>, T, SBS> {
+};
 template <typename T, int SBS>
-struct dequantize_q8_0_kernel : dense_blocks_kernel<formats::byte_reader<formats::q8_0>, T, SBS> {};
+struct dequantize_q8_0_kernel : dense_blocks_kernel<weight_format::q8_0, formats::byte_reader<formats::q8_0>, T, SBS> {
+};
 template <typename T, int SBS>
-struct dequantize_fp4_kernel : dense_blocks_kernel<formats::byte_reader<formats::fp4>, T, SBS> {};
+struct dequantize_fp4_kernel : dense_blocks_kernel<weight_format::fp4, formats::byte_reader<formats::fp4>, T, SBS> {};
 template <typename T, int SBS>
-struct dequantize_fp6_kernel : dense_blocks_kernel<formats::fp6_reader, T, SBS> {};
+struct dequantize_fp6_kernel : dense_blocks_kernel<weight_format::fp6, formats::fp6_reader, T, SBS> {};
 template <typename T, int SBS>
-struct dequantize_fp8_e5m2_kernel : dense_blocks_kernel<formats::byte_reader<formats::fp8_e5m2>, T, SBS> {};
+struct dequantize_fp8_e5m2_kernel
+    : dense_blocks_kernel<weight_format::fp8_e5m2, formats::byte_reader<formats::fp8_e5m2>, T, SBS> {};
 
 template <template <typename, int> typename Kernel, int SBS>
 void launch_block_kernel(const linear_decision& way, const linear_operands& on) {

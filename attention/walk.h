@@ -1,5 +1,5 @@
-// The walk over keys that the attention kernels share: a work-group takes one query row of one head, its work-items
-// share the keys in order and meet once, at the end.
+// The walk over keys that the attention kernels share. A work-group takes one query row of one head. Its work-items
+// split the keys in order and synchronize once, at the end.
 #pragma once
 
 #include <algorithm>
@@ -20,22 +20,22 @@ constexpr float attention_scale(int head_dim) {
 }
 constexpr float log2_e = std::bit_cast<float>(0x3FB8AA3Bu);
 
-// Rows of T that lie side by side, as the walk reads keys and values.
+// Contiguous rows of T, as the walk reads keys and values.
 template <typename T, int HD>
 struct plain_rows {
   const T* data = nullptr;
   simd<T, HD> operator()(uint64_t i) const { return simd<T, HD>::load(data + i * HD); }
 };
 
-// What a work-item has added up: weights times values, and the weights.
+// A work-item's sums: of weights times values, and of weights.
 template <int HD>
 struct weighted_sum {
   simd<float, HD> values;
   float weights = 0.0f;
 };
 
-// The weights of n keys from key t on, which bias(t, n, x) may change from x, their scaled dot products with q, on. No
-// maximum is taken off.
+// The weights of n keys from key t on: the exponentials of bias(t, n, x), where x is their scaled dot products with q.
+// No maximum is subtracted.
 template <typename T, int HD, typename Keys, typename Bias>
 simd<float, keys_at_once> key_weights(const simd<T, HD>& q, const Keys& key, uint64_t t, int n, const Bias& bias) {
   using scores = simd<float, keys_at_once>;
@@ -64,14 +64,13 @@ weighted_sum<HD> walk_keys(const Item& item, uint64_t count, const simd<T, HD>& 
   return sum;
 }
 
-// Floats of local memory that sum_over_group takes.
+// Floats of local memory that sum_over_group needs.
 template <int HD>
 constexpr int walk_memory = (HD + 1) * walk_group;
 
-// Adds up the shares of a group's work-items by the halving tree, in `local`, and calls store(d, sums of values d,
-// d + 1, ..., sum of the weights). A kernel's last act. A GPU's work-item writes its vector as a column and folds a few
-// rows. On the host the last strand takes 16 lanes of all vectors at once, where columns would be 4096 stores of one
-// float.
+// Adds up the sums of a group's work-items by the halving tree, in `local`, and calls store(d, sums of values d, d + 1,
+// ..., sum of weights). A kernel calls it last. On a GPU each work-item writes its vector as a column and folds a few
+// rows. On the host the last strand takes 16 lanes of all vectors at once; columns would take 4096 stores of one float.
 template <int HD, typename Item, typename Store>
 void sum_over_group(const Item& item, float* local, const weighted_sum<HD>& share, Store store) {
   constexpr int GS = walk_group;

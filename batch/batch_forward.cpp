@@ -14,22 +14,20 @@
 
 namespace orrery {
 
-void check_general_vectors(const linear_decision& way, const linear_operands& on) {
-  const uint64_t nb = on.state_size / 64, GS = way.local[0], output_size = on.output_size, input_size = on.n;
-  constexpr uint64_t SBS = 4, VS = 8;
-  ORRERY_ASSERT(nb % SBS == 0);
-  ORRERY_ASSERT(GS % SBS == 0);
-  ORRERY_ASSERT(output_size % GS == 0);
-  ORRERY_ASSERT(input_size <= 64);
-  const uint64_t boundary = input_size - way.tail;
-  ORRERY_ASSERT(boundary % VS == 0);
-}
-
-void check_slim_vectors(const linear_decision& way, const linear_operands& on) {
+void check_whole_groups(const linear_decision& way, const linear_operands& on) {
   const uint64_t nb = on.state_size / 64, GS = way.local[0], output_size = on.output_size;
   constexpr uint64_t SBS = 4;
   ORRERY_ASSERT(nb % SBS == 0);
+  ORRERY_ASSERT(GS % SBS == 0);
   ORRERY_ASSERT(output_size % GS == 0);
+}
+
+void check_input_rows(const linear_decision& way, const linear_operands& on) {
+  const uint64_t input_size = on.n;
+  constexpr uint64_t VS = 8;
+  ORRERY_ASSERT(input_size <= 64);
+  const uint64_t boundary = input_size - way.tail;
+  ORRERY_ASSERT(boundary % VS == 0);
 }
 
 void check_no_scales(const void* scales) { ORRERY_ASSERT(scales == nullptr); }

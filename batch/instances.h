@@ -40,10 +40,11 @@ inline constexpr vector_plan vector_plans[] = {
     {weight_format::fp6, &fp6_vectors, true}, {weight_format::fp8_e5m2, &fp8_e5m2_vectors},
 };
 
-// What a kernel counts on, each an assertion: whole spans in a row and whole groups, and for the general kernel that
-// its rows come out even by groups of eight and a tail.
-void check_general_vectors(const linear_decision& way, const linear_operands& on);
-void check_slim_vectors(const linear_decision& way, const linear_operands& on);
+// Preconditions, each an assertion. Of every kernel: a weight row is whole spans, the weight whole groups of rows.
+void check_whole_groups(const linear_decision& way, const linear_operands& on);
+// Of the general kernel: the input rows are groups of eight and the tail.
+void check_input_rows(const linear_decision& way, const linear_operands& on);
+// Of fp8_e5m2.
 void check_no_scales(const void* scales);
 
 }  // namespace orrery

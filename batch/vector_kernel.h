@@ -201,14 +201,15 @@ void launch_vectors(const linear_decision& way, const linear_operands& on) {
 
 template <typename Format, template <typename, int, int, int> typename Kernel, int Tail>
 void launch_general(const linear_decision& way, const linear_operands& on) {
-  check_general_vectors(way, on);
+  check_whole_groups(way, on);
+  check_input_rows(way, on);
   with_half_or_float(
       on.type, [&](auto t) { launch_vectors<Format, Kernel<decltype(t), Tail, row_group, blocks_per_span>>(way, on); });
 }
 
 template <typename Format, template <typename, int, int, int> typename Kernel, int Rows, int Group>
 void launch_slim(const linear_decision& way, const linear_operands& on) {
-  check_slim_vectors(way, on);
+  check_whole_groups(way, on);
   with_half_or_float(
       on.type, [&](auto t) { launch_vectors<Format, Kernel<decltype(t), Rows, blocks_per_span, Group>>(way, on); });
 }

@@ -28,7 +28,8 @@ struct byte_reader {
   template <typename T, int C>
   static void read(const block_planes& at, uint64_t block, int place, simd<T, C> (&out)[per_place]) {
     const auto byte = bytes<C>(at, block, place);
-    const uint8_t* scales = at.scales + block * scale_bytes;
+    // A code that is a half has no scale, and then there may be no plane of them to point into.
+    const uint8_t* scales = Format::codes_are_halves ? nullptr : at.scales + block * scale_bytes;
     if constexpr (per_place == 2 && C >= 16) {
       // Sixteen products per block, looked up, instead of one for each element.
       const auto values = dequantized<Format, T, any_lanes>(simd<uint32_t, 16>::iota(), scales);

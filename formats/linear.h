@@ -118,12 +118,7 @@ template <typename Rule>
 struct ruled_nibbles : nibble_pairs<false> {
   template <typename T, int N>
   static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
-    static constexpr nibble_table<T> values = [] {
-      nibble_table<T> all{};
-      for (int i = 0; i < 16; ++i) all[i] = Rule::value(i);
-      return all;
-    }();
-    return value_of_nibble<T>(values, code);
+    return value_of_nibble<T>(values_of_nibbles<Rule, register_type<T>>, code);
   }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {

@@ -14,8 +14,8 @@ struct block_planes {
   const uint8_t* top_bits = nullptr;  // of fp6
 };
 
-// The planes of a whole weight, null where the half values of the format need none. Positions have 64 bits here: the
-// explicit-SIMD vector kernels have no limit of 2^31 elements, other than those that take a scale_offset.
+// The planes of a whole weight, null where the half values of the format need none. Positions have 64 bits: only the
+// kernels that take a scale_offset are limited to 2^31 elements, the explicit-SIMD ones are not.
 inline block_planes planes_of(weight_format format, const uint8_t* weight, uint64_t output_size, uint64_t state_size) {
   const uint64_t blocks = output_size * state_size / 64;
   block_planes planes{weight, weight + blocks * find_weight_format(format)->quant_bytes};

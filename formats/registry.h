@@ -122,9 +122,4 @@ constexpr uint32_t scale_offset(weight_format format, uint64_t output_size, uint
   return static_cast<uint32_t>(wrapped_blocks(output_size, state_size) * row->quant_bytes);
 }
 
-// fp6 keeps the two high bits of each code in a plane of their own, behind 32 bytes per block.
-constexpr uint32_t fp6_second_plane(uint64_t output_size, uint64_t state_size) {
-  return static_cast<uint32_t>(wrapped_blocks(output_size, state_size) * 32);
-}
-
 }  // namespace orrery

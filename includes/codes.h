@@ -1,6 +1,7 @@
 // Values of codes that lie side by side in words.
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstdint>
 #include <utility>
@@ -16,19 +17,25 @@ template <typename Rule, int Bits>
 struct code_values {
   static constexpr int count = Bits < 5 ? 32 : 1 << Bits;
   alignas(64) uint16_t upper[count] = {};
-  alignas(64) float whole[16] = {};
 
   constexpr code_values() {
     for (int i = 0; i < count; ++i) {
       upper[i] = static_cast<uint16_t>(std::bit_cast<uint32_t>(float(Rule::value(i % (1 << Bits)))) >> 16);
     }
-    for (int i = 0; i < 16; ++i) whole[i] = Rule::value(i % (1 << Bits));
   }
 };
 template <typename Rule, int Bits>
 inline constexpr code_values<Rule, Bits> values_of_codes;
 
 }  // namespace detail
+
+// The values of the 16 codes of four bits.
+template <typename Rule, typename V>
+alignas(64) inline constexpr auto values_of_nibbles = [] {
+  std::array<V, 16> all{};
+  for (int code = 0; code < 16; ++code) all[code] = Rule::value(code);
+  return all;
+}();
 
 // The rule of codes that are their own values.
 struct plain_code {
@@ -54,7 +61,7 @@ template <typename Rule, int Bits, int At, int N>
 ORRERY_INLINE inline simd<float, N> value_of_code(const simd<uint32_t, N>& word) {
   static_assert(Bits <= 6);
   if constexpr (has_upper_word_lookup<N> && N == 16 && Bits == 4 && At < 16) {
-    return lookup16(simd<float, 16>::load(detail::values_of_codes<Rule, Bits>.whole), word >> At);
+    return lookup16(simd<float, 16>::load(values_of_nibbles<Rule, float>.data()), word >> At);
   } else {
     return value_of_upper_word<Rule, Bits>(At < 16 ? word << (16 - At) : word >> (At - 16));
   }

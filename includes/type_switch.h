@@ -14,16 +14,13 @@ namespace orrery {
 
 inline bool is_half_or_float(c10::ScalarType type) { return type == c10::kHalf || type == c10::kFloat; }
 
-// The types of the linear layer's ordinary kernels.
-inline void check_value_type(c10::ScalarType type) {
-  const bool known = is_half_or_float(type) || type == c10::kDouble || type == c10::kBFloat16;
-  TORCH_CHECK_NOT_IMPLEMENTED(known, "\"qlinear_forward_xpu\" not implemented for '", toString(type), "'");
+[[noreturn]] inline void refuse_value_type(c10::ScalarType type) {
+  C10_THROW_ERROR(NotImplementedError, c10::str("\"qlinear_forward_xpu\" not implemented for '", type, "'"));
 }
 
-// Calls `f` with a value of the type.
+// Calls `f` with a value of the type, one of those of the linear layer's ordinary kernels.
 template <typename F>
 auto with_value_type(c10::ScalarType type, F f) {
-  check_value_type(type);
   switch (type) {
     case c10::kHalf:
       return f(c10::Half());
@@ -31,19 +28,31 @@ auto with_value_type(c10::ScalarType type, F f) {
       return f(float());
     case c10::kDouble:
       return f(double());
-    default:
+    case c10::kBFloat16:
       return f(c10::BFloat16());
+    default:
+      refuse_value_type(type);
   }
-}
-
-inline void check_half_or_float(c10::ScalarType type) {
-  if (!is_half_or_float(type)) throw std::runtime_error("unsupported dtype, only fp32 and fp16 are supported");
 }
 
 template <typename F>
 auto with_half_or_float(c10::ScalarType type, F f) {
-  check_half_or_float(type);
-  return type == c10::kHalf ? f(c10::Half()) : f(float());
+  switch (type) {
+    case c10::kHalf:
+      return f(c10::Half());
+    case c10::kFloat:
+      return f(float());
+    default:
+      throw std::runtime_error("unsupported dtype, only fp32 and fp16 are supported");
+  }
+}
+
+// For a caller whose own steps come between the refusal of a type and the launch.
+inline void check_value_type(c10::ScalarType type) {
+  with_value_type(type, [](auto) {});
+}
+inline void check_half_or_float(c10::ScalarType type) {
+  with_half_or_float(type, [](auto) {});
 }
 
 // Calls `f` with the size as a constant.

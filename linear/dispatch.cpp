@@ -124,7 +124,6 @@ linear_decision dense_by_blocks(const linear_request& r, const block_plan& plan)
   d.record = plan.record;
   d.global = {r.output_size * r.state_size / 64 / plan.blocks, 1};
   d.local = {1, 1};
-  d.scale_offset = scale_offset(r.format, r.output_size, r.state_size);
   return d;
 }
 

@@ -1,4 +1,4 @@
-// What brings the device where this module is imported first.
+// Brings the device if this module is imported first.
 #include "module/device_class.h"
 
 #include <Python.h>
@@ -9,14 +9,14 @@
 
 namespace orrery {
 
-// With the interpreter's stable interface only: it runs before the interpreter's version is tested.
+// Uses only the interpreter's stable interface, since it runs before the interpreter's version is tested.
 void bring_device() {
   if (c10::impl::hasDeviceGuardImpl(c10::DeviceType::XPU) || !Py_IsInitialized()) return;
   const PyGILState_STATE lock = PyGILState_Ensure();
   std::string why;
   PyObject* xpu = PyImport_ImportModule("torch.xpu");
   PyObject* done = xpu ? PyObject_CallMethod(xpu, "init", nullptr) : nullptr;
-  // An AssertionError is PyTorch's own word for a build without xpu; the question says that more clearly.
+  // PyTorch raises AssertionError for a build without xpu; the query that follows has the clearer text.
   if (!done && !PyErr_ExceptionMatches(PyExc_AssertionError)) {
     PyObject *type, *error, *trace;
     PyErr_Fetch(&type, &error, &trace);

@@ -1,4 +1,4 @@
-// What a unit learns about the device when the library loads. Each unit that asks keeps its own copy.
+// What units ask the device when the library loads. Each unit keeps its own copy of the answer.
 #pragma once
 
 #include <c10/core/impl/DeviceGuardImplInterface.h>
@@ -27,11 +27,11 @@ inline uint64_t get_max_work_group_size() {
   return static_cast<uint32_t>(current_xpu_device().get_info<sycl::info::device::max_work_group_size>());
 }
 
-// Imports PyTorch's Python side where there is no device yet: it may bring one, and this module may be imported first.
-// Throws std::runtime_error with what kept the device away, if PyTorch was told.
+// Imports `torch` if there is no device yet, as this module may be imported first and `torch` may bring the device.
+// Throws std::runtime_error with the reason if that fails, unless this PyTorch was built without xpu.
 void bring_device();
 
-// Why the first question at load failed; empty if none did. The entry point of the module tells it.
+// Why the first query at load failed; empty if none did. The module's entry point raises it.
 inline std::string& load_failure() {
   static std::string text;
   return text;
@@ -39,10 +39,10 @@ inline std::string& load_failure() {
 
 // For static initialisers: an exception would end the process before the module could raise anything.
 template <typename Value>
-Value ask_at_load(Value (*question)()) {
+Value ask_at_load(Value (*query)()) {
   try {
     bring_device();
-    return question();
+    return query();
   } catch (const c10::Error& error) {
     if (load_failure().empty()) load_failure() = error.what_without_backtrace();
   } catch (const std::exception& error) {

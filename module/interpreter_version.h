@@ -1,4 +1,4 @@
-// The test of the interpreter's version that stands before everything else in the module's entry point.
+// The test of the interpreter's version, the first act of the module's entry point.
 #pragma once
 
 #include <Python.h>
@@ -7,7 +7,7 @@
 
 namespace orrery {
 
-// With another interpreter the module's object layouts would not hold. Sets ImportError and returns false then.
+// Sets ImportError and returns false for another interpreter, whose object layouts differ.
 inline bool interpreter_fits(const char* version) {
   constexpr const char* compiled = "3.10";
   const size_t length = std::strlen(compiled);

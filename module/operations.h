@@ -35,7 +35,7 @@ void rotary_half_inplaced(const at::Tensor& inv_freq, const at::Tensor& position
 void rotary_two_inplaced(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at::Tensor& query,
                          const at::Tensor& key);
 
-// The one failure of an operation, a kernel family or a format whose kernels do not exist yet.
+// The error of an operation, a kernel family or a format whose kernels do not exist yet.
 [[noreturn]] inline void not_built_yet(const std::string& name) {
   throw std::runtime_error("orrery_ops: " + name + " is not built yet");
 }

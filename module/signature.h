@@ -1,5 +1,5 @@
-// Binds plain functions under the names that the operations' signatures give to types, whatever the binding library
-// itself calls them in the version at hand.
+// Binds plain functions so that the types in their signatures have fixed names, whichever names the installed version
+// of the binding library uses.
 #pragma once
 
 #include <torch/csrc/utils/pybind.h>
@@ -40,7 +40,7 @@ struct signature_text<std::vector<std::vector<std::vector<int>>>> {
   static constexpr auto name = pybind11::detail::const_name("List[List[List[int]]]");
 };
 
-// A value that crosses into Python under its own text.
+// A value whose type has its fixed text in a signature.
 template <typename T>
 struct named {
   T value;
@@ -69,7 +69,7 @@ struct bound_type<T, std::void_t<decltype(signature_text<std::decay_t<T>>::name)
 template <typename T>
 using bound_t = typename bound_type<T>::type;
 
-// Registers one function; `extra` is its docstring and, where it has them, the arguments' names.
+// Registers one function; `extra` is its docstring and, if they have any, the arguments' names.
 template <typename Function, typename Result, typename... Arguments, typename... Extra>
 void bind_as(pybind11::module_& m, const char* name, Function function, Result (*)(Arguments...),
              const Extra&... extra) {

@@ -1,4 +1,4 @@
-"""A few input rows through the explicit-SIMD vector kernels, in numpy half by half, from the weight's values.
+"""A few input rows through the explicit-SIMD vector kernels, in numpy, every operation rounded to half.
 
 Run as a program it makes products of every format on the device that ORRERY_HOST_DEVICE_NAME names and prints what it
 saw as JSON: a device's class is fixed when the module loads, so each class needs a process of its own.

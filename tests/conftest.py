@@ -10,6 +10,6 @@ def xpu():
     """The device that the operators run on."""
     import torch
 
-    import orrery_host  # noqa: F401  Registers the device where no package is installed that would.
+    import orrery_host  # noqa: F401  registers the device if no installed package has done so
 
     return torch.device("xpu")

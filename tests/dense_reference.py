@@ -73,7 +73,7 @@ def fp8_e4m3_numbers() -> np.ndarray:
 
 
 def fp6_codes(low: np.ndarray, top: np.ndarray) -> np.ndarray:
-    """The upper byte of each element's half, by word and quarter as the format is told."""
+    """The upper byte of each element's half, by word and quarter as the format has them."""
     words, tops = low.copy().view(np.uint32), top.copy().view(np.uint32)
     code = np.zeros((len(low), 64), np.uint32)
     for group in range(4):

@@ -1,4 +1,4 @@
-"""What the tests of kernels share: the order of additions in numpy, bit comparison, dying processes, schedules."""
+"""Shared by the tests of kernels: orders of additions in numpy, bit comparison, processes that abort, schedules."""
 
 from __future__ import annotations
 

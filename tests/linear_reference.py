@@ -1,4 +1,4 @@
-"""y = W x from the bytes and in the order of additions of the kernels, in numpy.
+"""y = W x from the bytes, in the kernels' order of additions, in numpy.
 
 Run as a program it runs every format, type and shape on the device that ORRERY_HOST_DEVICE_NAME names and prints what
 it saw as JSON: a device's class is fixed when the module loads, so each class needs a process of its own.

@@ -1,4 +1,4 @@
-"""batch_forward: every instance of the explicit-SIMD vector kernels bit for bit, and who gets to them."""
+"""batch_forward: every instance of the explicit-SIMD vector kernels bit for bit, and which calls reach them."""
 
 from __future__ import annotations
 

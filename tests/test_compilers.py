@@ -1,4 +1,4 @@
-"""The check of the sources with a second compiler, and how set-up brings one."""
+"""The check of the sources with a second compiler, and how set-up installs one."""
 
 import os
 import shutil

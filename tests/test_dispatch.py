@@ -123,6 +123,7 @@ def whole(code: int, type_: str, state: int, rows: int, cls: int) -> dict[str, A
             "sub_group": 1,
             "waits": code == 29,
             "row_multiple": 0,
+            "scale_offset": 0,
         }
     out: dict[str, Any] = {"family": "whole", "record": "gridrun_kernel", "row_multiple": 64}
     kernel = f"qlinear_xpu_dequantize_kernel_{name}"
@@ -452,8 +453,13 @@ def test_scale_plane_in_32_bits(code: int, rows: int, state: int, offset: int) -
     assert dispatch.scale_offset(code, rows, state) == offset
 
 
-def test_fp6_has_its_second_plane_behind_32_bytes_a_block() -> None:
-    assert dispatch.fp6_second_plane(3, 128) == 6 * 32
+@pytest.mark.parametrize("rows, state", [(3, 128), (1 << 17, 1 << 16)])  # the second has 2^33 elements
+def test_planes_of_the_explicit_simd_kernels_in_64_bits(rows: int, state: int) -> None:
+    blocks = rows * state // 64
+    assert dispatch.planes(2, rows, state) == (32 * blocks, None)
+    assert dispatch.planes(8, rows, state) == (64 * blocks, None)
+    assert dispatch.planes(19, rows, state) == (None, None)
+    assert dispatch.planes(29, rows, state) == (48 * blocks, 32 * blocks)
 
 
 def test_nf3_ends_behind_its_two_scales() -> None:

@@ -1,4 +1,4 @@
-"""The module itself: its 29 operations, their texts, and what it does where it cannot be imported."""
+"""The module itself: its 29 operations, their texts, and its errors where it cannot be imported."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""The in-place rotary operations: bit for bit against numpy, and what lies between the rows stays."""
+"""The in-place rotary operations: bit for bit against numpy, and memory between the rows stays as it was."""
 
 from __future__ import annotations
 

@@ -31,7 +31,7 @@ KERNELS = {
 }
 # They leave the last row of an odd number of weight rows alone.
 DROPPING = tuple(f"qlinear_xpu_kernel_{name}_2x16_batch" for name in ("q4_0", "q4_1", "nf4"))
-# No class has them: class 0, whose sub-groups are of 32, takes other ways.
+# No device class uses them: class 0, whose sub-groups have 32 lanes, takes other kernels.
 UNREACHED = {(kernel, 32) for kernel in KERNELS if KERNELS[kernel][0] in ("q4_0", "fp4")}
 
 seen_on_class = cache(ref.seen_on_class)

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks all sources with another compiler than the one that builds them: Clang beside GCC, GCC beside Clang. A warning
+# Checks all sources with another compiler than the one that builds them: Clang for GCC, GCC for Clang. A warning
 # is an error. Units are checked again only after a change. CHECK_CXX names the compiler.
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -17,17 +17,17 @@
 namespace orrery::host {
 namespace {
 
-// PyTorch's, never destroyed.
+// PyTorch's own hooks, never destroyed.
 const at::CUDAHooksInterface* own = nullptr;
 
-// Answers for CUDA on a machine without a CUDA GPU: not an accelerator, in all else PyTorch's own hooks. What is left
-// to the interface are answers that it gives as they do, and errors for devices that are not there.
+// Answers for CUDA on a machine without a CUDA GPU: it is no accelerator; all else is as PyTorch's own hooks say. What
+// is not overridden gives the same answers in the base class, or the errors for missing devices.
 class absent_cuda final : public at::CUDAHooksInterface {
  public:
   bool isBuilt() const override { return false; }
   bool hasPrimaryContext(c10::DeviceIndex) const override { return false; }
 
-  // Its error says that there is no driver or no GPU.
+  // Raises the error that says that there is no driver or no GPU.
   void init() const override { own->init(); }
   const at::Generator& getDefaultGenerator(c10::DeviceIndex device) const override {
     return own->getDefaultGenerator(device);
@@ -64,8 +64,8 @@ class absent_cuda final : public at::CUDAHooksInterface {
   void cuFFTClearPlanCache(c10::DeviceIndex device) const override { own->cuFFTClearPlanCache(device); }
 };
 
-// Counting the GPUs would start the CUDA runtime, and no child forked later could use it. So only what is sure counts:
-// the driver's library is missing, or the environment hides all GPUs.
+// Counting the GPUs would start the CUDA runtime, and no child forked later could use it. So only two signs count: the
+// driver's library is missing, or the environment hides all GPUs.
 bool cuda_gpu_possible() {
   if (const char* visible = std::getenv("CUDA_VISIBLE_DEVICES")) {
     if (std::string_view(visible).empty() || std::string_view(visible) == "-1") return false;
@@ -83,15 +83,15 @@ void put_cuda_aside() {
   auto hooks = registry.Create("CUDAHooks", {});
   if (hooks->hasROCM()) return;
   own = hooks.release();
-  // PyTorch asked for its hooks while it was imported and keeps them, so registering others comes too late. They are
-  // an interface without data, so another one fits in their place.
+  // PyTorch fetched its hooks while it was imported and keeps that object, so it is too late to register others. The
+  // object has no data, so another implementation can be constructed in its place.
   static_assert(sizeof(absent_cuda) == sizeof(at::CUDAHooksInterface));
   new (const_cast<at::CUDAHooksInterface*>(&at::detail::getCUDAHooks())) absent_cuda;
 }
 
 void settle_autograd() {
-  // A thread does one pass after another, so the end of a new one tells. It comes from a thread of its own, whose
-  // thread-local state holds no Python object that would have to be let go of in turn.
+  // An autograd thread runs one pass after another, so the earlier ones are over when a new one ends. It is started
+  // from a new thread, whose thread-local state holds no Python object that would have to be released in turn.
   std::thread([] {
     try {
       for (c10::DeviceIndex i = 0; i < device_count(); ++i) {
@@ -99,7 +99,7 @@ void settle_autograd() {
         at::ones({}, on).requires_grad_().clone().backward();
       }
     } catch (const std::exception&) {
-      // The process ends; a pass that can't be made is no reason to end it otherwise.
+      // The process is ending anyway.
     }
   }).join();
 }

@@ -1,16 +1,16 @@
-// Which accelerator PyTorch takes for its own: it serves one in a process.
+// Which accelerator PyTorch uses: it supports one per process.
 #pragma once
 
 namespace orrery::host {
 
-// Makes room for xpu in a PyTorch that was built for CUDA. Where a CUDA GPU may be present it does nothing.
+// Lets xpu be the accelerator of a PyTorch that was built for CUDA. Does nothing where a CUDA GPU may be present.
 void put_cuda_aside();
 
-// Whether nothing else is PyTorch's accelerator.
+// Whether no other device is PyTorch's accelerator.
 bool xpu_is_accelerator();
 
-// Returns when PyTorch's threads for backward passes have let go of the passes before. They take the interpreter lock
-// for it, and one that asks for the lock while the interpreter ends would end the process with an abort.
+// Returns when PyTorch's autograd threads have released what earlier backward passes used. They take the interpreter
+// lock for that, and a thread that asks for the lock while the interpreter ends aborts the process.
 void settle_autograd();
 
 }  // namespace orrery::host

@@ -40,7 +40,7 @@ class xpu_allocator final : public c10::DeviceAllocator {
 
   bool initialized() override { return true; }
   void emptyCache(c10::MempoolId_t) override { memory().release_free(); }
-  // A kernel has ended when its launch returns, so no memory is ever in use by a stream.
+  // A launch is complete when it returns, so no stream still uses the memory.
   void recordStream(const c10::DataPtr&, c10::Stream) override {}
   c10::CachingDeviceAllocator::DeviceStats getDeviceStats(c10::DeviceIndex device) override {
     return memory().stats(checked_device(device));
@@ -55,9 +55,9 @@ class xpu_allocator final : public c10::DeviceAllocator {
 
 thread_local c10::DeviceIndex cpu_memory_device = -1;
 
-c10::Allocator* cpu_own = nullptr;  // PyTorch's
+c10::Allocator* cpu_own = nullptr;  // PyTorch's own
 
-// Memory taken raw in a call of the device may be freed raw outside of one.
+// Raw memory allocated during a call of the device may be freed outside of one.
 void free_raw(void* data) {
   if (data && !memory().give_back(data)) cpu_own->raw_deallocate(data);
 }
@@ -84,7 +84,7 @@ c10::Allocator& device_allocator(c10::DeviceIndex device) {
 }
 
 void register_allocators() {
-  memory();  // its lock has to be known before anybody forks
+  memory();  // registers its lock before the first fork
   c10::SetAllocator(c10::DeviceType::XPU, new xpu_allocator(-1));
   cpu_own = c10::GetAllocator(c10::DeviceType::CPU);
   c10::SetAllocator(c10::DeviceType::CPU, new cpu_front, std::numeric_limits<uint8_t>::max());

@@ -6,20 +6,20 @@
 namespace orrery::host {
 
 // Kernels may read whole weight rows past a tensor, up to 8 of them; a row of 2^20 one-byte codes is the largest
-// foreseen. The pages are committed when touched, so it costs address space only.
+// foreseen. Pages are committed when touched, so the slack costs only address space.
 inline constexpr size_t slack_bytes = size_t(8) << 20;
 
-// The allocator of one device; its storages grow on that device, whichever is current.
+// The allocator of one device; its storages grow on that device, whichever device is current.
 c10::Allocator& device_allocator(c10::DeviceIndex device);
 
-// Puts the allocators in place: for xpu, and a front for the CPU's own that obeys `cpu_memory_on`.
+// Registers an allocator for xpu, and one for the CPU, in front of PyTorch's own, that obeys `cpu_memory_on`.
 void register_allocators();
 
 // Whether the memory came from here and so has slack behind it.
 bool has_slack(const c10::DataPtr& data);
 
-// While one lives, CPU tensors made on this thread lie in the memory of an xpu device, so that they can become xpu
-// tensors without a copy.
+// While one exists, CPU tensors made on this thread get memory of an xpu device, so that they can become xpu tensors
+// without a copy.
 class cpu_memory_on {
  public:
   explicit cpu_memory_on(c10::DeviceIndex device);

@@ -21,7 +21,7 @@ namespace {
 
 using tensor_list = c10::List<at::Tensor>;
 
-// Operators that take CPU tensors beside those of a device: indices and sequence lengths.
+// Operators that take CPU tensors besides those of a device: indices and sequence lengths.
 constexpr std::array<std::string_view, 9> mixed_devices = {"aten::index",
                                                            "aten::index_put",
                                                            "aten::index_put_",
@@ -66,8 +66,8 @@ c10::IValue with_tensors(const c10::IValue& value, Convert convert) {
   return value;
 }
 
-// The device of a call: that of its tensors, else the one named in its arguments. Checks that all tensors lie there,
-// apart from CPU scalars, which PyTorch takes everywhere.
+// The device of a call: that of its tensors, else the one named in its arguments. Checks that all tensors are on it,
+// apart from CPU scalars, which PyTorch accepts everywhere.
 c10::Device device_of(const c10::OperatorHandle& op, c10::ArrayRef<c10::IValue> arguments) {
   std::optional<c10::Device> device, named;
   bool stray_cpu = false;

@@ -8,8 +8,8 @@ namespace orrery::host {
 
 void fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack);
 
-// For operators that PyTorch differentiates through what they are made of, which the fallback hides: where a gradient
-// is asked for, it runs on copies in CPU tensors, and the gradient takes the way back through them.
+// For operators that PyTorch differentiates through their parts, which the plain fallback hides. If a gradient is
+// needed, the operator runs on CPU copies of its tensors, and the gradient flows back through the copies.
 void differentiable_fallback(const c10::OperatorHandle& op, c10::DispatchKeySet keys, torch::jit::Stack* stack);
 
 }  // namespace orrery::host

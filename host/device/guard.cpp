@@ -15,8 +15,8 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-// Stream 0 is the default one; the rest is handed out round robin, first the ordinary ones, then those of high
-// priority.
+// Stream 0 is the default one. Then come the streams of normal priority and those of high priority, each handed out
+// round robin.
 constexpr int pool_streams = 32;
 constexpr int streams = 1 + 2 * pool_streams;
 
@@ -45,7 +45,7 @@ struct event {
   clock::time_point recorded;
 };
 
-// All work of a stream is done when its launch returns, so queries are true and waits are over.
+// A launch is complete when it returns, so queries return true and waits do nothing.
 class guard final : public c10::impl::DeviceGuardImplInterface {
  public:
   c10::DeviceType type() const override { return c10::DeviceType::XPU; }

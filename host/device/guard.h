@@ -12,14 +12,14 @@ c10::DeviceIndex device_count();
 c10::DeviceIndex current_device();
 void set_current_device(c10::DeviceIndex device);
 
-// The index itself, the current device for -1, an error for a device that is not there.
+// The index itself, or the current device for -1. Throws for a device that does not exist.
 c10::DeviceIndex checked_device(c10::DeviceIndex device);
 
 c10::Stream current_stream(c10::DeviceIndex device);
 void set_current_stream(c10::Stream stream);
 sycl::queue& queue_of(c10::Stream stream);
 
-// Between two recorded events of the guard.
+// Time between two recorded events of the guard.
 double elapsed_milliseconds(const void* begin, const void* end);
 
 void register_guard(int devices);

@@ -12,7 +12,7 @@
 namespace orrery::host {
 namespace {
 
-// Kernels run on the CPU and demand its generator, so this one only lends its device to one of those.
+// Kernels run on the CPU and need a CPU generator, so this one wraps one and only adds its device.
 class xpu_generator final : public c10::GeneratorImpl {
  public:
   xpu_generator(c10::DeviceIndex device, at::Generator cpu)
@@ -40,7 +40,7 @@ at::Generator make_generator(c10::DeviceIndex device) {
 class hooks final : public at::XPUHooksInterface {
  public:
   void init() const override {}
-  // PyTorch refuses two accelerators that are built.
+  // PyTorch raises an error if two accelerators are built.
   bool isBuilt() const override { return xpu_is_accelerator(); }
   bool isAvailable() const override { return true; }
   bool hasXPU() const override { return true; }
@@ -65,9 +65,9 @@ class hooks final : public at::XPUHooksInterface {
   at::Generator getNewGenerator(c10::DeviceIndex device) const override {
     return make_generator(checked_device(device));
   }
-  // Host memory does not tell whose it is.
+  // An address in host memory does not tell its device.
   c10::Device getDeviceFromPtr(void*) const override { return {c10::DeviceType::XPU, host::current_device()}; }
-  // All memory can be read by the device as it is.
+  // The device can read all memory, pinned or not.
   c10::Allocator* getPinnedMemoryAllocator() const override { return c10::GetCPUAllocator(); }
 };
 

@@ -1,4 +1,4 @@
-// What PyTorch asks of an accelerator beside streams: counts, the current device, random generators.
+// What PyTorch asks of an accelerator besides streams: counts, the current device, random generators.
 #pragma once
 
 #include <ATen/core/Generator.h>

@@ -13,7 +13,7 @@ namespace {
 
 using names = std::array<std::string_view, 2>;
 
-// Where a version of the control groups tells what. Its memory.stat counts the children in.
+// The files of one version of control groups. Its memory.stat includes child groups.
 struct group_files {
   const char* mount;
   const char* limit;
@@ -27,7 +27,7 @@ const group_files version_1 = {"/sys/fs/cgroup/memory",
                                {"total_inactive_file", "total_active_file"}};
 const group_files version_2 = {"/sys/fs/cgroup", "memory.max", "memory.current", {"inactive_file", "active_file"}};
 
-// Nothing where the file is missing or says "max".
+// No value if the file is missing or says "max".
 std::optional<size_t> number_in(const std::string& path) {
   std::ifstream file(path);
   size_t number;
@@ -64,7 +64,7 @@ void keep_within(host_memory& memory, const group_files& files, const std::strin
 host_memory measure_host_memory(const std::string& root) {
   const std::string meminfo = root + "/proc/meminfo";
   host_memory memory{sum_in(meminfo, {"MemAvailable", "SwapFree"}), sum_in(meminfo, {"MemTotal", "SwapTotal"})};
-  if (memory.total == 0) return {SIZE_MAX, SIZE_MAX};  // no word of it, so nothing is refused
+  if (memory.total == 0) return {SIZE_MAX, SIZE_MAX};  // unknown, so nothing is refused
 
   std::ifstream groups(root + "/proc/self/cgroup");
   for (std::string line; std::getline(groups, line);) {  // "number:controllers:/path"
@@ -74,8 +74,8 @@ host_memory measure_host_memory(const std::string& root) {
     const bool is_version_2 = controllers.empty();
     if (!is_version_2 && controllers.find("memory") == controllers.npos) continue;
     const group_files& files = is_version_2 ? version_2 : version_1;
-    // The limits of all groups above hold too. In a container the path may be one of the machine outside; what of it is
-    // missing inside is passed over.
+    // The limits of all parent groups hold too. In a container the path may be one of the machine outside; groups that
+    // are missing inside are skipped.
     for (std::string path = line.substr(second + 1);; path.resize(path.rfind('/'))) {
       keep_within(memory, files, root + files.mount + path);
       if (path.find('/') == std::string::npos) break;

@@ -11,7 +11,7 @@ struct host_memory {
   size_t total;
 };
 
-// Memory and swap of the machine, within the limits of the control groups that this process is in. `root` stands before
+// Memory and swap of the machine, within the limits of the control groups that this process is in. `root` is put before
 // the paths in /proc and /sys.
 host_memory measure_host_memory(const std::string& root = "");
 

@@ -67,7 +67,7 @@ at::Tensor& set_nothing_(at::Tensor& self) {
                    {});
 }
 
-// A launch has ended when it returns: memory is never in use by a stream.
+// A launch is complete when it returns, so no stream still uses the memory.
 void record_stream(at::Tensor&, at::Stream) {}
 
 void own_kernels(torch::Library& m) {
@@ -95,7 +95,7 @@ void shared_kernels(torch::Library& m) {
   m.impl("set_.source_Tensor", &at::native::set_tensor_);
 }
 
-// Composite operators that choose a kernel by device type themselves and know none for this one, or a slow one.
+// Composite operators that choose a kernel by device type themselves and have none for this one, or a slow one.
 constexpr const char* composite_fallbacks[] = {
     "convolution",
     "convolution_backward",
@@ -106,7 +106,7 @@ constexpr const char* composite_fallbacks[] = {
     "addr",
 };
 
-// The same, without a derivative of their own.
+// The same, for operators without a derivative formula of their own.
 constexpr const char* composite_differentiable[] = {
     "scaled_dot_product_attention", "lstm.input", "lstm.data", "lstm_cell", "gru.input", "gru.data", "gru_cell",
 };
@@ -114,7 +114,7 @@ constexpr const char* composite_differentiable[] = {
 }  // namespace
 
 void register_kernels() {
-  // Never destroyed: destroying a library takes its kernels back.
+  // Never destroyed: that would unregister the kernels.
   auto& all = *new torch::Library(torch::Library::IMPL, "_", c10::DispatchKey::XPU, __FILE__, __LINE__);
   all.fallback(torch::CppFunction::makeFromBoxedFunction<&fallback>());
   auto& aten = *new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::XPU, __FILE__, __LINE__);

@@ -17,7 +17,7 @@ namespace {
 namespace py = pybind11;
 using stats = c10::CachingDeviceAllocator::DeviceStats;
 
-// False where an xpu device is there already.
+// False if there is an xpu device already.
 bool register_device() {
   if (c10::impl::hasDeviceGuardImpl(c10::DeviceType::XPU)) return false;
   const sycl::ext::orrery::settings settings = sycl::ext::orrery::settings_from_environment();

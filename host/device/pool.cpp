@@ -14,15 +14,15 @@ namespace {
 
 constexpr size_t page = 4096;
 constexpr size_t huge_page = size_t(2) << 20;
-// Free blocks are kept up to this sum, so that the scratch of a step is not faulted in anew by the next one.
+// Free blocks are kept up to this sum, so that one step's scratch memory is not faulted in again by the next.
 constexpr size_t most_free_bytes = size_t(128) << 20;
-// How much new memory is mapped between two questions how much there is. One takes 0.12 ms, faulting that much in 40.
+// How much memory is mapped between two measurements of what is left. One takes 0.12 ms, faulting that much in 40 ms.
 constexpr size_t measured_bytes = size_t(64) << 20;
-constexpr size_t small_limit = size_t(1) << 20;  // PyTorch's border between its small and large pool
+constexpr size_t small_limit = size_t(1) << 20;  // PyTorch's boundary between its small and large pool
 
 size_t round_up(size_t n, size_t step) { return (n + step - 1) / step * step; }
 
-// Four to eight sizes a doubling: few enough for reuse, and unused pages of a block are never committed.
+// At most four sizes per doubling: few enough for reuse, and unused pages of a block are never committed.
 size_t capacity_for(size_t bytes) {
   const size_t step = std::bit_floor(bytes) / 4;
   return round_up(bytes, step < page ? page : step);
@@ -121,7 +121,7 @@ block* pool::take_new(size_t capacity, c10::DeviceIndex device) {
   return taken;
 }
 
-// Pages are committed when touched, so the system maps more than it has and ends the process that takes it at its word.
+// Pages are committed when touched, so the system maps more than it has, and ends the process that uses it all.
 block* pool::map_new(size_t capacity, c10::DeviceIndex device) {
   const size_t unmeasured = unmeasured_bytes_ + capacity;
   const bool measure = unmeasured >= measured_bytes;
@@ -130,7 +130,7 @@ block* pool::map_new(size_t capacity, c10::DeviceIndex device) {
   return map_block(capacity, device);
 }
 
-// Blocks that nobody has written to yet count as full.
+// Blocks count as full even if nothing has been written to them yet.
 std::pair<size_t, size_t> pool::room_locked() const {
   const auto [available, total] = measure_host_memory();
   return {std::min(available, total - std::min(total, held_bytes_)), total};
@@ -165,7 +165,7 @@ bool pool::give_back(void* data) noexcept {
   subtract(stats.requested_bytes, of_pool, used->requested);
   free_[used->capacity].push_back(used);
   free_bytes_ += used->capacity;
-  // All of them, so that sizes that nobody asks for any more cannot keep the ones in use out.
+  // All of them: otherwise sizes that are no longer used would keep the room of those that are.
   if (free_bytes_ > most_free_bytes) release_free_locked();
   return true;
 }

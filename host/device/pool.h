@@ -24,12 +24,12 @@ class pool {
  public:
   pool();
 
-  // Memory of at least that size, or nullptr where the host has no more.
+  // Memory of at least that size, or nullptr if the host has no more.
   void* take(size_t bytes, c10::DeviceIndex device);
   // False for memory that did not come from here.
   bool give_back(void* data) noexcept;
   void release_free();
-  // Bytes that can still be taken beside the free blocks, and in all.
+  // Bytes that can still be mapped besides the free blocks, and the total.
   std::pair<size_t, size_t> room();
 
   c10::CachingDeviceAllocator::DeviceStats stats(c10::DeviceIndex device);
@@ -45,7 +45,7 @@ class pool {
   block* map_new(size_t capacity, c10::DeviceIndex device);
   std::pair<size_t, size_t> room_locked() const;
   void release_free_locked();
-  // A block that a device holds, in use or free.
+  // Statistics of the blocks that a device holds, in use or free.
   void count_in(const block& b);
   void count_out(const block& b);
 

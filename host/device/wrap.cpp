@@ -36,7 +36,7 @@ c10::Storage share(const c10::Storage& bytes, c10::Device device, c10::Allocator
 at::Tensor alias_of(const at::Tensor& like, c10::Storage storage, c10::DispatchKey key) {
   c10::DispatchKeySet keys(key);
   if (like._is_zerotensor())
-    keys = keys.add(c10::DispatchKey::ZeroTensor);  // has no memory; forward derivatives make it
+    keys = keys.add(c10::DispatchKey::ZeroTensor);  // has no memory; forward-mode AD makes such tensors
   at::Tensor alias = at::detail::make_tensor<c10::TensorImpl>(std::move(storage), keys, like.dtype());
   c10::TensorImpl* impl = alias.unsafeGetTensorImpl();
   impl->set_sizes_and_strides(like.sizes(), like.strides(), like.storage_offset());
@@ -81,7 +81,7 @@ at::Tensor twins::to_xpu(const at::Tensor& cpu) {
 }
 
 void twins::sync() {
-  // A storage that grew lies elsewhere now; all xpu tensors that share it move along.
+  // A storage that grew has moved; all xpu tensors that share it follow.
   for (const auto& [xpu, cpu] : storages_) {
     if (xpu.data() == cpu.data() && xpu.nbytes() == cpu.nbytes()) continue;
     xpu.unsafeGetStorageImpl()->set_data_ptr_noswap(share_data(cpu, xpu.device()));

@@ -1,4 +1,4 @@
-// The same bytes as tensors of two devices.
+// Tensors of two devices over the same bytes.
 #pragma once
 
 #include <ATen/core/Tensor.h>
@@ -12,18 +12,18 @@ c10::Storage share(const c10::Storage& bytes, c10::Device device, c10::Allocator
 // A tensor with the geometry of `like` over a storage of the given device type.
 at::Tensor alias_of(const at::Tensor& like, c10::Storage storage, c10::DispatchKey key);
 
-// The tensor itself if it is a CPU tensor, else its bytes as one.
+// The tensor itself if it is a CPU tensor, else a CPU tensor over its bytes.
 at::Tensor as_cpu(const at::Tensor& tensor);
 
-// The CPU twins of the xpu tensors of one call, and the way back.
+// The CPU twins of one call's xpu tensors, and the conversion back.
 class twins {
  public:
   explicit twins(c10::Device device) : device_(device) {}
 
   at::Tensor to_cpu(const at::Tensor& xpu);
-  // Results: a twin gives the tensor it stands for, a view of one a view, anything else a new tensor of the device.
+  // Of a result: a twin becomes its original, a view of a twin a view of the original, anything else a new xpu tensor.
   at::Tensor to_xpu(const at::Tensor& cpu);
-  // Carries over what the call did to the geometry or the storage of its arguments (`out=` that grew, resize).
+  // Applies to the originals what the call changed in its arguments' geometry or storage (`out=` that grew, resize).
   void sync();
 
  private:

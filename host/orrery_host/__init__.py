@@ -4,7 +4,7 @@ Importing the package registers the device. Where it is installed, `import torch
 point group `torch.backends`. A PyTorch that has an `xpu` device of its own keeps it.
 
 Raises ImportError for a compiled part that does not fit the CPU or PyTorch, and RuntimeError for a bad value in one of
-the variables `ORRERY_HOST_*`. `import torch` never fails for these: the first use of `xpu` raises the sentence then.
+the variables `ORRERY_HOST_*`. `import torch` never fails for these: the first use of `xpu` raises the error then.
 """
 
 from __future__ import annotations
@@ -15,14 +15,14 @@ _importing = True
 
 
 def _autoload() -> None:
-    """What `import torch` calls; defined before the import of torch below, which may be that call's origin."""
+    """Called by `import torch`; defined before the import of torch below, since that import may make the call."""
     if _importing:
         return  # the package registers the device itself
     try:
         _register.register()
     except Exception as error:
         _register.refuse(str(error))
-        # Where somebody asks for the package by name, it is imported again and raises.
+        # So that an explicit import of the package runs again and raises.
         del sys.modules[__name__]
 
 

@@ -8,7 +8,7 @@ from collections.abc import Iterable, Mapping
 def missing(built_for: Iterable[str], capabilities: Mapping[str, object]) -> list[str]:
     """Those of the compiler's macros (without underscores around them) whose instructions the CPU lacks.
 
-    `capabilities` is what `torch.cpu.get_capabilities` returns. What it does not know is taken to be there.
+    `capabilities` is what `torch.cpu.get_capabilities` returns. What it does not know is assumed to be present.
     """
     has = {name.replace("_", ""): value for name, value in capabilities.items()}
     has["fma"] = has.get("fma3")
@@ -16,7 +16,7 @@ def missing(built_for: Iterable[str], capabilities: Mapping[str, object]) -> lis
 
 
 def check() -> None:
-    """Raises ImportError with one sentence. Runs before anything compiled is loaded, which would end in a SIGILL."""
+    """Raises ImportError with one sentence. Call it before a compiled part is loaded, which could end in SIGILL."""
     import torch
 
     from orrery_host._built_for import INSTRUCTIONS

@@ -31,7 +31,7 @@ class Launch:
 def record_launches() -> Iterator[list[Launch]]:
     """Collects a `Launch` for each kernel that the calling thread launches; the list is filled when the block ends.
 
-    Blocks nest. A block that ends on a thread without one of its own is a RuntimeError.
+    Blocks nest. A block that ends on a thread that has none open raises RuntimeError.
     """
     from orrery_host import _C
 

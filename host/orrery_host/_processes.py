@@ -1,4 +1,4 @@
-"""Tensors of the device between processes: their memory belongs to one, so they are refused in words."""
+"""Refuses to send tensors of the device to another process, since their memory belongs to one."""
 
 from __future__ import annotations
 
@@ -19,9 +19,9 @@ def _refusing(reduce):
     def reduce_or_refuse(value):
         if value.device.type != "xpu":
             return reduce(value)
-        if context.get_spawning_popen() is not None:  # an argument of a process about to start: the caller is here
+        if context.get_spawning_popen() is not None:  # an argument of a process that is being started
             _raise(SENTENCE)
-        # The thread that feeds a queue would swallow an error, and the receiver wait forever. So the receiver raises.
+        # A queue's own thread would swallow an error, and the receiver would wait forever. So the receiver raises.
         return _raise, (SENTENCE,)
 
     return reduce_or_refuse
@@ -38,7 +38,7 @@ def _refusing_to_share(share_memory_):
 
 
 def refuse_to_send() -> None:
-    """Puts the refusal before PyTorch's reducers for multiprocessing; `pickle` and `torch.save` don't use those."""
+    """Wraps PyTorch's reducers for multiprocessing in the refusal; `pickle` and `torch.save` don't use those."""
     for kind in (torch.Tensor, torch.nn.Parameter, torch.UntypedStorage):
         reduction.register(kind, _refusing(reduction.ForkingPickler._extra_reducers[kind]))
     torch.UntypedStorage.share_memory_ = _refusing_to_share(torch.UntypedStorage.share_memory_)

@@ -16,7 +16,7 @@ _own_lazy_init = torch.xpu._lazy_init
 
 
 def register() -> None:
-    """Registers the device once; does nothing where PyTorch has an `xpu` device of its own.
+    """Registers the device once; does nothing if PyTorch has an `xpu` device of its own.
 
     Raises ImportError or RuntimeError with one sentence.
     """
@@ -47,14 +47,14 @@ def refuse(sentence: str) -> None:
 
 
 def _replace(name: str, function) -> None:
-    """In `torch.xpu` and in its modules that have imported the function by name."""
+    """Replaces a function in `torch.xpu` and in those of its modules that imported it by name."""
     for module in (torch.xpu, torch.xpu.memory, torch.xpu.random):
         if hasattr(module, name):
             setattr(module, name, function)
 
 
 def _settle_autograd(native) -> None:
-    # Its threads start with the first backward pass; where there was none they are not started now.
+    # Autograd's threads start with the first backward pass; if there was none, do not start them now.
     with contextlib.suppress(OSError):  # a thread that ended meanwhile
         names = pathlib.Path("/proc/self/task").glob("*/comm")
         if any(name.read_text().startswith("pt_autograd") for name in names):
@@ -66,7 +66,7 @@ def _index(device: int | None) -> int:
 
 
 class _StreamBase(torch.Stream):
-    """What `torch.xpu.Stream` stands on."""
+    """The base class of `torch.xpu.Stream`."""
 
     def __new__(cls, priority=0, stream_id=None, device_index=None, device_type=None, **_):
         if stream_id is not None:
@@ -87,7 +87,7 @@ class _StreamBase(torch.Stream):
 
 
 class _EventBase(torch.Event):
-    """What `torch.xpu.Event` stands on."""
+    """The base class of `torch.xpu.Event`."""
 
     def __new__(cls, enable_timing=False):
         event = super().__new__(cls, device="xpu", enable_timing=enable_timing)
@@ -100,7 +100,7 @@ class _EventBase(torch.Event):
         return self.event_id
 
     def elapsed_time(self, end_event: torch.Event) -> float:
-        """Milliseconds between the two records; torch.Event's own refuses subclasses."""
+        """Milliseconds between the two records; torch.Event's own method refuses subclasses."""
         if not (self.enable_timing and end_event.enable_timing):
             raise ValueError("Both events must be created with argument 'enable_timing=True'.")
         from orrery_host import _C
@@ -177,7 +177,7 @@ def _fill_torch_xpu(native) -> None:
     for name, value in functions.items():
         setattr(torch._C, name, value)
 
-    # These modules chose their stand-ins for a missing device when they were imported.
+    # This module chose placeholders for a missing device when it was imported.
     streams = importlib.reload(torch.xpu.streams)
     torch.xpu.Stream, torch.xpu.Event = streams.Stream, streams.Event
     torch.xpu._exchange_device = native.exchange_device
@@ -186,8 +186,8 @@ def _fill_torch_xpu(native) -> None:
     torch.xpu._XpuDeviceProperties = types.SimpleNamespace
     _replace("device_count", _device_count)
     _replace("_lazy_init", _own_lazy_init)
-    # PyTorch takes "compiled" for "compiled with nothing else": fake tensors, and so torch.compile, refuse a PyTorch
-    # with CUDA that says it of xpu too. Only `init` has to hear it.
+    # To PyTorch, compiled with xpu means compiled without CUDA: fake tensors, and so torch.compile, refuse a PyTorch
+    # that claims both. Only `init` needs True.
     is_compiled = torch.xpu._is_compiled
     torch.xpu._is_compiled = lambda: True
     try:

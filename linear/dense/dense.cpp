@@ -21,15 +21,21 @@ at::Tensor empty_matrix(uint64_t rows, uint64_t columns, const at::Tensor& weigh
 
 at::Tensor product(const at::Tensor& input, const at::Tensor& dense) { return at::linear(input, dense, {}); }
 
-// The rows from `first_row` on that `dense` has.
-void fill_rows(const at::Tensor& dense, uint64_t first_row, const at::Tensor& weight, const linear_decision& way) {
-  way.launch(way, {.type = dense.scalar_type(),
-                   .state_size = static_cast<uint64_t>(dense.size(1)),
-                   .output_size = static_cast<uint64_t>(dense.size(0)),
+// `rows` dense rows of the weight from `first_row` on. A decision without a row test is one whose launcher has the
+// only check of the type.
+at::Tensor dense_rows(const at::Tensor& weight, const linear_request& request, const linear_decision& way,
+                      uint64_t first_row, uint64_t rows) {
+  const at::Tensor dense = empty_matrix(rows, request.state_size, weight, request.type);
+  if (way.row_multiple != 0) check_value_type(request.type);
+  check_row(way.kernel, request.state_size, way.row_multiple);
+  way.launch(way, {.type = request.type,
+                   .state_size = request.state_size,
+                   .output_size = rows,
                    .weight = static_cast<const uint8_t*>(weight.data_ptr()),
                    .y = dense.data_ptr(),
-                   .first_block = static_cast<uint64_t>(wrapped_blocks(first_row, dense.size(1))),
+                   .first_block = static_cast<uint64_t>(wrapped_blocks(first_row, request.state_size)),
                    .device = weight.device()});
+  return dense;
 }
 
 }  // namespace
@@ -39,11 +45,7 @@ at::Tensor empty_dense(const at::Tensor& weight, const linear_request& request) 
 }
 
 at::Tensor dense_weight(const at::Tensor& weight, const linear_request& request, const linear_decision& way) {
-  const at::Tensor dense = empty_dense(weight, request);
-  if (way.row_multiple != 0) check_value_type(request.type);
-  check_row(way.kernel, request.state_size, way.row_multiple);
-  fill_rows(dense, 0, weight, way);
-  return dense;
+  return dense_rows(weight, request, way, 0, request.output_size);
 }
 
 at::Tensor linear_whole(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,
@@ -57,10 +59,7 @@ at::Tensor linear_by_tiles(const at::Tensor& input, const at::Tensor& weight, co
   at::Tensor result = empty_matrix(request.n, request.output_size, weight, request.type);
   for (uint64_t start = 0; start < request.output_size; start += way.tile_rows) {
     const uint64_t rows = std::min(way.tile_rows, request.output_size - start);
-    const at::Tensor dense = empty_matrix(rows, request.state_size, weight, request.type);
-    check_value_type(request.type);
-    check_row(way.kernel, request.state_size, way.row_multiple);
-    fill_rows(dense, start, weight, decide_band(way, rows));
+    const at::Tensor dense = dense_rows(weight, request, decide_band(way, rows), start, rows);
     result.index_put_({Slice(), Slice(static_cast<int64_t>(start), static_cast<int64_t>(start + rows))},
                       product(input, dense));
   }

@@ -60,18 +60,17 @@ struct dense_row_kernel : small_groups<16> {  // of _1x4, where 128 does not div
 };
 
 // Explicit SIMD: a work-item writes SBS whole blocks. The values are halves, widened at the store.
-template <typename Reader, typename T, int SBS>
+template <weight_format Format, typename Reader, typename T, int SBS>
 struct dense_blocks_kernel {
   static constexpr int sub_group_size = 1;
   static constexpr bool has_barriers = false;
-
   static constexpr int dimensions = 1;
 
   formats::block_planes planes;
   T* dense = nullptr;
 
-  void bind(const linear_decision& way, const linear_operands& on, sycl::handler&) {
-    planes = {on.weight, on.weight + way.scale_offset, on.weight + fp6_second_plane(on.output_size, on.state_size)};
+  void bind(const linear_decision&, const linear_operands& on, sycl::handler&) {
+    planes = formats::planes_of(Format, on.weight, on.output_size, on.state_size);
     dense = static_cast<T*>(on.y);
   }
 

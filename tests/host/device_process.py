@@ -1,4 +1,4 @@
-"""Runs a piece of Python in a process of its own: device settings are read once a process."""
+"""Runs a piece of Python in a process of its own: device settings are read once per process."""
 
 import os
 import subprocess
@@ -24,7 +24,7 @@ def run_python(code: str, path=None, **environment: str) -> subprocess.Completed
 
 
 def last_line(done: subprocess.CompletedProcess) -> str:
-    """Of what it wrote to its standard error: an uncaught exception's type and text."""
+    """An uncaught exception's type and text, from the standard error of the process."""
     return done.stderr.strip().split("\n")[-1]
 
 

@@ -7,7 +7,7 @@ import orrery_host  # noqa: F401
 import pytest
 import torch
 
-ROW_BYTES = 1 << 20  # the largest weight row that slack is cut for
+ROW_BYTES = 1 << 20  # the largest weight row that the slack is sized for
 SLACK = 8 * ROW_BYTES
 
 

@@ -1,4 +1,4 @@
-"""`import torch` brings the device, `import orrery_host` does so too, and a device that is there is left alone."""
+"""`import torch` registers the device, so does `import orrery_host`, and an existing device is left alone."""
 
 from device_process import check_python, run_python
 

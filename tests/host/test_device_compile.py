@@ -1,4 +1,4 @@
-"""torch.compile, torch.export and fake tensors, on CPU tensors as if the device were not there and on its own."""
+"""torch.compile, torch.export and fake tensors, on CPU tensors as without the device, and on xpu tensors."""
 
 import pytest
 from device_process import check_python

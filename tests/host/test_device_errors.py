@@ -1,4 +1,4 @@
-"""What goes wrong is said in one sentence: mixed devices, bad settings."""
+"""Errors in one sentence: mixed devices, bad settings."""
 
 import orrery_host  # noqa: F401
 import pytest

@@ -1,4 +1,4 @@
-"""How much memory there is: the machine's and that of the control groups, and what is refused."""
+"""Available memory, of the machine and within control groups, and allocations that are refused."""
 
 import orrery_host  # noqa: F401
 import pytest

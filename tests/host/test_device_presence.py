@@ -1,4 +1,4 @@
-"""`import torch` succeeds whatever keeps the device away; the first use of it says in one sentence what that is."""
+"""`import torch` succeeds even if the device cannot be registered; its first use raises the reason in one sentence."""
 
 import importlib.util
 import shutil

@@ -1,4 +1,4 @@
-"""Several processes: what children of fork() can do, and what tensors of the device say to a journey."""
+"""Several processes: what children of fork() can do, and how sending an xpu tensor is refused."""
 
 import copy
 import io

@@ -1,4 +1,4 @@
-"""Views share the bytes of the tensor that they look at, whichever kernel made them."""
+"""Views share the bytes of their base tensor, whichever kernel made them."""
 
 import orrery_host  # noqa: F401
 import pytest

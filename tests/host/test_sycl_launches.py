@@ -1,4 +1,4 @@
-"""What a command group may hold, and from where it may launch."""
+"""What a command group may contain, and where a launch may come from."""
 
 import pytest
 from sycl_settings import SCHEDULES, host_settings, native, threads

@@ -1,4 +1,4 @@
-"""Settings from the four environment variables, and what the device answers."""
+"""Settings from the four environment variables, and the info queries of the device."""
 
 import pytest
 from sycl_settings import host_settings, native

@@ -1,4 +1,4 @@
-"""A program in standard SYCL runs; what the standard does not know does not compile. Both with GCC and Clang."""
+"""A program in standard SYCL runs; what is not in the standard does not compile. Both with GCC and Clang."""
 
 import os
 import shutil

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "formats/grid.h"
+#include "formats/planes.h"
 #include "formats/registry.h"
 #include "formats/super_block.h"
 #include "linear/dispatch.h"
@@ -146,6 +147,14 @@ py::tuple dots_of(int32_t code, const py::bytes& blocks, const py::bytes& activa
   throw std::invalid_argument("no format with integer dot products has this code");
 }
 
+// Positions of the scales and of the top bits behind the quants, None for a plane that the half values don't need.
+py::tuple planes(int32_t code, uint64_t output_size, uint64_t state_size) {
+  const auto* weight = reinterpret_cast<const uint8_t*>(64);
+  const auto all = orrery::formats::planes_of(orrery::weight_format{code}, weight, output_size, state_size);
+  const auto position = [&](const uint8_t* plane) { return plane ? py::object(py::int_(plane - weight)) : py::none(); };
+  return py::make_tuple(position(all.scales), position(all.top_bits));
+}
+
 bool version_fits(const std::string& version) {
   if (!orrery::interpreter_fits(version.c_str())) throw py::error_already_set();
   return true;
@@ -167,7 +176,7 @@ PYBIND11_MODULE(orrery_dispatch, m) {
   m.def("scale_offset", [](int32_t code, uint64_t output_size, uint64_t state_size) {
     return orrery::scale_offset(orrery::weight_format{code}, output_size, state_size);
   });
-  m.def("fp6_second_plane", orrery::fp6_second_plane);
+  m.def("planes", planes);
   m.def("format_name", [](int32_t code) {
     const orrery::format_row* row = orrery::find_weight_format(orrery::weight_format{code});
     return row == nullptr ? std::string() : std::string(row->name);

@@ -89,7 +89,7 @@ uint64_t bits_of(const char* in) {
   return bits;
 }
 
-// Result k. NaNs differ in what is left of their operands, which is nobody's promise.
+// Result k. All NaNs are one, since their payloads are unspecified.
 template <typename S, int W, typename V>
 void result(char* out, int k, const V& v) {
   static_assert(sizeof v == W * sizeof(S));

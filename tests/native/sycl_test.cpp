@@ -153,7 +153,7 @@ std::vector<sizes> lane_ids(int lanes, const sizes& global, const sizes& local) 
   throw std::invalid_argument("1, 8, 16 or 32 lanes");
 }
 
-// `rounds` times: put a value into local memory, meet, take the right neighbour's and add 1. Without the meeting the
+// `rounds` times: put a value into local memory, wait, take the right neighbour's and add 1. Without the barrier the
 // result depends on the order of the strands.
 std::vector<int> pass_around(size_t groups, size_t local, int rounds) {
   std::vector<int> out(groups * local);
@@ -517,7 +517,7 @@ std::pair<std::vector<int>, std::vector<int>> groups_taken(size_t columns, size_
   return {{alone.begin(), alone.end()}, {together.begin(), together.end()}};
 }
 
-// How often values shared by a launch were made, and whether each group saw them.
+// How often the values shared by a launch were made, and whether each group saw them.
 std::pair<int, bool> shared_once(size_t groups) {
   std::atomic<int> made{0};
   std::atomic<bool> right{true};
@@ -743,7 +743,7 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("is_held", &is_held, py::call_guard<py::gil_scoped_release>());
   m.def("let_go", &let_go);
   m.def("smallest_halved", &smallest_halved);
-  // Without the interpreter's lock, so that threads launch at once and a fork finds them at it.
+  // Without the interpreter's lock, so that threads can launch at once and a fork can come during a launch.
   m.def("launch", &launch_named, py::arg("device") = 0, py::arg("global_size") = sizes{16},
         py::arg("local_size") = sizes{8}, py::arg("local_bytes") = 0, py::arg("nested_name") = false,
         py::call_guard<py::gil_scoped_release>());

@@ -23,10 +23,10 @@ namespace {
 constexpr size_t stack_bytes = 256 * 1024;
 constexpr const char* no_barriers = "A kernel that declares no barriers met one.";
 
-// Thrown at a strand's meeting point to unwind it once its group has failed.
+// Thrown at the barrier where a strand waits, to unwind it once its group has failed.
 struct abandoned {};
 
-// What the sanitizers know a stack by. They are told before and after each switch from one to another.
+// How the sanitizers know a stack. They are told before and after each switch.
 struct known_stack {
 #if defined(__SANITIZE_ADDRESS__)
   const void* bottom = nullptr;
@@ -49,14 +49,14 @@ known_stack made_known([[maybe_unused]] const boost::context::stack_context& sta
 
 void forget([[maybe_unused]] const known_stack& stack) {
 #if defined(__SANITIZE_ADDRESS__)
-  // The frames of a parked fiber never return; whoever gets these pages next must not meet their red zones.
+  // The frames of a suspended fiber never return; the next owner of these pages must not find their red zones.
   __asan_unpoison_memory_region(stack.bottom, stack.size);
 #elif defined(__SANITIZE_THREAD__)
   __tsan_destroy_fiber(stack.flow);
 #endif
 }
 
-// Part of its caller: ThreadSanitizer would book the return from it on the other stack.
+// Always inlined: ThreadSanitizer would record the return from it on the other stack.
 [[gnu::always_inline]] inline void before_switch([[maybe_unused]] known_stack& from,
                                                  [[maybe_unused]] const known_stack& to) {
 #if defined(__SANITIZE_ADDRESS__)
@@ -80,7 +80,7 @@ struct fiber {
   strand_state state = strand_state::finished;
   fibers* owner = nullptr;
   int strand = 0;
-  bool started = false;  // in the group that runs
+  bool started = false;  // in the current group
 };
 
 }  // namespace
@@ -118,7 +118,7 @@ struct fibers {
     }
   }
 
-  // Runs a strand until it meets or ends.
+  // Runs a strand until it reaches a barrier or ends.
   void resume(fiber& f) {
     f.started = true;
     before_switch(scheduler_known, f.known);

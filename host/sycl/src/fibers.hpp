@@ -1,4 +1,4 @@
-// Strands that can stop where they meet and go on later: each on a stack of its own, switched by Boost.Context.
+// Fibers: strands that stop at a barrier and go on later, each on its own stack, switched by Boost.Context.
 #pragma once
 
 #include "sycl/sycl.hpp"

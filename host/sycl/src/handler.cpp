@@ -1,4 +1,4 @@
-// What every launch is checked for, and its record.
+// The checks and the record of every launch.
 #include <chrono>
 
 #include "launch.hpp"
@@ -23,7 +23,7 @@ void handler::run(const detail::launch_plan& plan, std::span<const size_t> globa
   using clock = std::chrono::steady_clock;
   check(global, local);
   const bool recorded = detail::recording();
-  const auto start = recorded ? clock::now() : clock::time_point();  // reading it would be a third of an empty launch
+  const auto start = recorded ? clock::now() : clock::time_point();  // reading the clock is a third of an empty launch
   if (plan.groups > 0) detail::run(plan);
   if (!recorded) return;
   ext::orrery::launch_record r;

@@ -1,4 +1,4 @@
-// What the units that make up a launch share.
+// Shared by the units that run a launch.
 #pragma once
 
 #if defined(__SSE__)
@@ -9,9 +9,9 @@
 
 namespace sycl::detail {
 
-// Stands for as long as the calling thread runs work-groups, whose local memory starts at `memory`. Kernels keep
-// subnormals and round to nearest also where the caller has asked its thread for something else
-// (torch.set_flush_denormal): which thread runs a group must not show in its result.
+// Exists while the calling thread runs work-groups; their local memory starts at `memory`. Kernels keep subnormals and
+// round to nearest even if the caller has set its own thread otherwise (torch.set_flush_denormal): a result must not
+// depend on which thread runs a group.
 class kernel_scope {
  public:
   explicit kernel_scope(char* memory) {
@@ -37,7 +37,7 @@ class kernel_scope {
 };
 inline bool inside_kernel() { return local_memory != nullptr; }
 
-// Whether the calling thread collects launches.
+// Whether the calling thread records launches.
 bool recording();
 // The number by which the launch's event finds the record again.
 uint64_t add_record(ext::orrery::launch_record r, const std::type_info& kernel);

@@ -1,5 +1,5 @@
-// PyTorch's CPU operators run on GNU OpenMP's threads, which stay awake for 3 ms and more after each parallel region,
-// and at each barrier inside one. Beside the threads of a launch they would take each other's processors.
+// PyTorch's CPU operators run on GNU OpenMP's threads, which spin for 3 ms or more after each parallel region and at
+// each barrier inside one. They and the threads of a launch would take processors from each other.
 #include "openmp.hpp"
 
 #include <unistd.h>
@@ -10,8 +10,8 @@
 #include <system_error>
 #include <thread>
 
-// From GNU OpenMP's own interface. A compiler's pragma may ask for another library, and a parallel region without a
-// body is removed.
+// GNU OpenMP's own entry points: a compiler's pragma may call another library, and an empty parallel region is
+// optimised away.
 extern "C" {
 int omp_get_num_procs();
 void GOMP_parallel(void (*body)(void*), void* data, unsigned threads, unsigned flags);
@@ -19,9 +19,9 @@ void GOMP_parallel(void (*body)(void*), void* data, unsigned threads, unsigned f
 
 namespace sycl::detail {
 
-// The library reads its environment when it is loaded, before this code is there to change it. But it spins for 1 us
-// only while it manages more threads than there are processors. So one team of that many is made and kept, asleep.
-// The first caller makes it; others do not wait, since after a fork they might wait for a thread that is not there.
+// The library reads its environment when it is loaded, before this code could change it. But it spins for only 1 us
+// while it manages more threads than there are processors, so one such team is made and kept, asleep. The first caller
+// makes it. Others do not wait for it: after a fork the thread that makes it may not exist.
 void bound_openmp_spinning() {
   static constinit std::atomic<bool> begun{false};
   if (begun.load(std::memory_order_relaxed) || begun.exchange(true)) return;

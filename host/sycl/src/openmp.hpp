@@ -1,4 +1,4 @@
-// What this runtime and PyTorch's OpenMP threads owe each other.
+// Keeps PyTorch's OpenMP threads from taking processors away from the workers.
 #pragma once
 
 namespace sycl::detail {

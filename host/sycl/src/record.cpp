@@ -1,5 +1,5 @@
-// The record of launches that tests and the bench read. Each thread has its own, so there is no lock that a fork could
-// copy while it is held.
+// The record of launches that tests and the benchmarks read. Each thread has its own, so there is no lock that a fork
+// could copy while it is held.
 #include <cxxabi.h>
 
 #include <atomic>
@@ -18,7 +18,7 @@ struct numbered {
 };
 
 thread_local std::vector<std::vector<numbered>> open_lists;
-// One count for all threads: an event that comes to another thread must not find a record there by chance.
+// One counter for all threads: an event that is passed to another thread must not match a record there.
 std::atomic<uint64_t> last_launch{0};
 
 std::string demangled(const std::type_info& type) {

@@ -1,4 +1,4 @@
-// The host device's settings, and what sycl::device answers.
+// The host device's settings, and the info queries of sycl::device.
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
@@ -22,7 +22,7 @@ namespace ext::orrery {
 
 namespace {
 
-// Named after the machine's processor, with a prefix that no name of a GPU carries.
+// The processor's model name, behind a prefix that no GPU's name has.
 std::string default_name() {
   std::ifstream info("/proc/cpuinfo");
   std::string line;

@@ -1,7 +1,7 @@
-// How threads share a launch. Its pieces are dealt out in equal shares; a thread takes pieces from its own share one by
-// one, then from what is left of the others'. Taking a piece is one compare-exchange, and there is nothing else to join
-// or to leave. So the caller never waits for a thread that sleeps or that the system has put aside, unless that thread
-// has a piece in its hands.
+// How threads share a launch. Its pieces are dealt out in equal shares. A thread takes the pieces of its own share one
+// by one, then those that are left in other shares. Taking a piece is one compare-exchange; a thread need not join or
+// leave a launch in any other way. So the caller never waits for a worker that sleeps, and for one that the system has
+// preempted only if it holds a piece.
 //
 // Measured with SmolLM2-135M in q4_0, 2 threads on 2 cores (Xeon with AVX512-FP16), tokens per second of an answer:
 //
@@ -9,7 +9,7 @@
 //   this                                          139              89    52
 //   OpenMP's parallel regions                     146         7 to 14    51
 //   oneTBB, pieces of the same size               133              74    37
-//   PyTorch's inter-op pool, pieces taken alike    84              79    66
+//   PyTorch's inter-op pool, same way of sharing   84              79    66
 //   one thread                                     76              77    54
 #include "threads.hpp"
 
@@ -36,26 +36,26 @@ namespace {
 using clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-// Beyond this many a launch is not shared further.
+// A launch is shared among no more threads than this.
 constexpr size_t most_threads = 256;
-// Of each thread. More pieces even out what busy neighbours take away; fewer cost less to take: some 20 ns each.
+// Pieces per thread. More of them even out the load beside busy neighbours; fewer cost less to take, some 20 ns each.
 constexpr size_t pieces_per_share = 8;
-// How long a worker that has nothing to do stays awake, and how long in a crowd, where it would use up its turn. Waking
-// one costs the caller 2 us, and on a virtual machine it comes 0.4 ms late: a product of 340 us took 530.
+// How long an idle worker stays awake, and how long on a crowded machine, where it would use up its time slice. Waking
+// a worker costs the caller 2 us, and on a virtual machine it starts 0.4 ms late: a product of 340 us took 530.
 constexpr clock::duration awake_time = 3ms, awake_time_in_crowd = 200us;
-// A worker gives its processor away between two pieces before the system takes it away in the middle of one, where the
-// caller would have to wait for it. A scheduler's time slice is 3 ms or so: with 3 ms here the caller waited ten times
-// as long, with 0.5 ms the worker had half as many pieces.
+// A worker yields its processor between two pieces after this time, before the system preempts it in the middle of one
+// and the caller has to wait. A scheduler's time slice is about 3 ms: with 3 ms here the caller waited ten times as
+// long, with 0.5 ms the worker ran half as many pieces.
 constexpr auto turn_time = 1500us;
-// A thread that finds this much time gone between two pieces was put aside.
-constexpr auto put_aside_time = 500us;
-// How long the caller, once it was put aside itself, counts as crowded.
+// A thread that finds this much time gone between two pieces was preempted.
+constexpr auto preempted_time = 500us;
+// For how long the machine counts as crowded after the caller was preempted.
 constexpr auto crowded_time = 10ms;
-// How often the caller looks whether it was put aside.
-constexpr auto look_time = 1ms;
-// The caller's wait for a piece in other hands: this many looks at once, then one each nap. A sleeping caller leaves
-// its processor to the thread that it waits for; yielding it does not, where that thread waits for another processor.
-constexpr int looks_before_nap = 2000;
+// How often the caller checks whether it was preempted.
+constexpr auto check_time = 1ms;
+// The caller's wait for the workers' last pieces: this many polls at once, then one after each nap. A sleeping caller
+// leaves its processor to the worker, even if that is queued for another one; yielding does not.
+constexpr int polls_before_nap = 2000;
 constexpr auto nap_time = 50us;
 
 void relax() {
@@ -64,8 +64,8 @@ void relax() {
 #endif
 }
 
-// What is left of a thread's share of a launch: the pieces [next, end). Aligned as a word, or Clang calls a library for
-// each of its changes.
+// What is left of a thread's share of a launch: the pieces [next, end). Aligned as a word: otherwise Clang calls a
+// library function for each atomic operation.
 struct alignas(uint64_t) share_left {
   uint32_t launch;
   uint16_t next, end;
@@ -78,7 +78,7 @@ struct alignas(64) slot {
 static_assert(std::atomic<share_left>::is_always_lock_free);
 static_assert(most_threads * pieces_per_share <= UINT16_MAX);
 
-// What a thread needs to know of a launch once it has a piece of it; the caller changes it only between launches.
+// What a thread needs to run a piece of a launch. The caller changes it only between launches.
 struct shared_launch {
   void (*run)(void* context, size_t begin, size_t end);
   void* context;
@@ -88,8 +88,8 @@ struct shared_launch {
   void piece(size_t i) const { run(context, count * i / pieces, count * (i + 1) / pieces); }
 };
 
-// Keeps a worker off the caller's processor, where the system likes to wake it: while one of them runs there the other
-// waits, and both are idle on the others.
+// Keeps a worker off the caller's processor. The system tends to wake it there, where only one of the two can run while
+// other processors are idle.
 class processor {
  public:
   processor() { known_ = sched_getaffinity(0, sizeof allowed_, &allowed_) == 0; }
@@ -105,12 +105,12 @@ class processor {
   bool known_;
 };
 
-// Tells when a worker had better let others run.
+// A worker's time slice: tells when it should yield.
 class turn {
  public:
   bool over() {
     const auto now = clock::now();
-    if (now - last_ > put_aside_time) start_ = now;
+    if (now - last_ > preempted_time) start_ = now;
     last_ = now;
     return now - start_ > turn_time;
   }
@@ -123,25 +123,25 @@ class turn {
   clock::time_point start_ = clock::now(), last_ = start_;
 };
 
-// Whether the caller itself is put aside now and then: two busy neighbours on two processors. Then workers don't give
-// their turn away, which would only make them miss the caller's: 50 instead of 45 tokens per second.
+// Whether the caller itself is preempted now and then, as beside two busy neighbours on two processors. Workers do not
+// yield then, as they would miss the times when the caller runs: 50 tokens per second instead of 45.
 class crowd {
  public:
   bool around() {
     const auto now = clock::now();
-    if (now - looked_ > look_time) {
+    if (now - checked_ > check_time) {
       rusage usage;
       getrusage(RUSAGE_THREAD, &usage);
-      if (usage.ru_nivcsw != put_aside_) until_ = now + crowded_time;
-      put_aside_ = usage.ru_nivcsw;
-      looked_ = now;
+      if (usage.ru_nivcsw != preemptions_) until_ = now + crowded_time;
+      preemptions_ = usage.ru_nivcsw;
+      checked_ = now;
     }
     return now < until_;
   }
 
  private:
-  clock::time_point looked_, until_;
-  long put_aside_ = 0;
+  clock::time_point checked_, until_;
+  long preemptions_ = 0;
 };
 
 class pool {
@@ -156,7 +156,7 @@ class pool {
   }
 
  private:
-  // Starts workers until there are `wanted`, if the system lets it; gives their number.
+  // Starts workers until there are `wanted` or the system refuses one; returns their number.
   size_t with_workers(size_t wanted) {
     try {
       for (; workers_ < wanted; ++workers_) std::thread(&pool::work, this, workers_ + 1).detach();
@@ -183,8 +183,8 @@ class pool {
     }
   }
 
-  // Runs the pieces of launch `number` that nobody has taken yet, those of share `self` first; gives how many.
-  // `between(count)` runs after each.
+  // Runs the pieces of launch `number` that nobody has taken yet, those of share `self` first, and returns how many.
+  // Calls between(count) after each.
   template <typename Between>
   size_t take(size_t self, uint32_t number, Between between) {
     size_t taken = 0;
@@ -194,7 +194,7 @@ class pool {
       share_left seen = left.load(std::memory_order_acquire);
       while (seen.launch == number && seen.next < seen.end) {
         const share_left rest{number, static_cast<uint16_t>(seen.next + 1), seen.end};
-        // Succeeds only while the launch goes on, which it then does until this piece is counted in done_.
+        // Succeeds only while the launch is running, and it cannot end before this piece is counted in done_.
         if (left.compare_exchange_weak(seen, rest, std::memory_order_acq_rel, std::memory_order_acquire)) {
           launch_.piece(seen.next);
           between(++taken);
@@ -206,8 +206,8 @@ class pool {
   }
 
   void wait_for(size_t pieces) {
-    for (int looks = 0; done_.load(std::memory_order_acquire) < pieces; ++looks) {
-      if (looks < looks_before_nap) {
+    for (int polls = 0; done_.load(std::memory_order_acquire) < pieces; ++polls) {
+      if (polls < polls_before_nap) {
         relax();
       } else {
         std::this_thread::sleep_for(nap_time);
@@ -233,19 +233,19 @@ class pool {
     turn my_turn;
     uint32_t number = 0;
     auto idle_since = clock::now();
-    for (unsigned looks = 0;; ++looks) {
+    for (unsigned polls = 0;; ++polls) {
       if (const uint32_t now = mine.left.load(std::memory_order_acquire).launch; now != number) {
         number = now;
         where.keep_off(caller_processor_.load(std::memory_order_relaxed));
         size_t taken = take(self, number, [&](size_t& taken) {
           if (!crowded_.load(std::memory_order_relaxed) && my_turn.over()) {
-            count_done(taken);  // whoever yields has nothing in his hands
+            count_done(taken);  // the caller must not wait for finished pieces
             my_turn.yield();
           }
         });
         count_done(taken);
         idle_since = clock::now();
-      } else if (looks % 32 == 0 && clock::now() - idle_since > patience()) {
+      } else if (polls % 32 == 0 && clock::now() - idle_since > patience()) {
         sleep(mine, number);
         idle_since = clock::now();
       } else {
@@ -254,8 +254,8 @@ class pool {
     }
   }
 
-  // Until the share of another launch than `number` is dealt. Between the two stores and the two loads of deal() and
-  // sleep() lies one order, so that one of the two sees what the other has done.
+  // Sleeps until a share of a launch other than `number` is dealt. The stores and loads of deal() and sleep() are
+  // sequentially consistent, so at least one of the two sees the other's store.
   static void sleep(slot& mine, uint32_t number) {
     mine.asleep.store(1);
     if (mine.left.load().launch == number) mine.asleep.wait(1);
@@ -273,15 +273,15 @@ class pool {
   std::atomic<size_t> shares_{0};
   std::atomic<int> caller_processor_{-1};
   std::atomic<bool> crowded_{false};
-  alignas(64) std::atomic<size_t> done_{0};  // pieces of the workers
+  alignas(64) std::atomic<size_t> done_{0};  // pieces that workers have finished
   slot slots_[most_threads];
 };
 
-// There before any thread is: a child that was forked while another thread made it would wait for that thread forever.
+// Initialised before any thread starts: a child forked while another thread initialised it would wait forever.
 constinit pool the_pool;
-static_assert(std::is_trivially_destructible_v<pool>);  // workers may look at it until the process is gone
+static_assert(std::is_trivially_destructible_v<pool>);  // workers may use it until the process ends
 
-// A child has no workers, and the launch of another thread may have been under way. It starts anew.
+// A forked child has no workers, and another thread's launch may have been running at the fork. It gets a new pool.
 [[maybe_unused]] const int registered = pthread_atfork(nullptr, nullptr, [] { new (&the_pool) pool; });
 
 }  // namespace

@@ -24,8 +24,8 @@ struct settings {
   uint64_t seed = 0;
 };
 
-// From ORRERY_HOST_DEVICE_NAME, _MAX_WORK_GROUP_SIZE, _DEVICES and _SCHEDULE. A value that cannot be read is a
-// std::invalid_argument with one sentence.
+// Reads ORRERY_HOST_DEVICE_NAME, _MAX_WORK_GROUP_SIZE, _DEVICES and _SCHEDULE. Throws std::invalid_argument with one
+// sentence for a value that cannot be read.
 ORRERY_SYCL_API settings settings_from_environment();
 ORRERY_SYCL_API void configure(const settings& s);
 ORRERY_SYCL_API const settings& configuration();
@@ -52,12 +52,12 @@ struct launch_record {
   double seconds = 0;
 };
 
-// Every launch of the calling thread between the two calls is collected; calls nest. recording_end throws where none is
+// Record every launch of the calling thread between the two calls, which nest. recording_end throws if no recording is
 // open.
 ORRERY_SYCL_API void recording_begin();
 ORRERY_SYCL_API std::vector<launch_record> recording_end();
 
-// The profiler record of a launch, by the thread that launched it; on another thread it changes nothing.
+// The profiler record of a launch. It has an effect only on the thread that launched.
 ORRERY_SYCL_API void record(const std::string& name, const event& e);
 
 ORRERY_SYCL_API queue make_queue(int device);

@@ -13,11 +13,11 @@ class handler;
 
 namespace detail {
 
-// Where the local memory of this thread's work-group starts; null while the thread runs no kernel. One for all modules
-// of the process.
+// Where the local memory of this thread's work-group starts; null while the thread runs no kernel. All modules of the
+// process share it.
 extern ORRERY_SYCL_API constinit thread_local char* local_memory;
 
-// The largest number there is if the product is beyond it, so that a check of the limit still finds it too large.
+// SIZE_MAX if the product overflows, so that the check against the limit still fails.
 template <int D>
 size_t bytes_of(const range<D>& size, size_t element) {
   size_t bytes = element;

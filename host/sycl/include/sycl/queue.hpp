@@ -53,7 +53,7 @@ ORRERY_SYCL_API uint32_t device::get_info<info::device::max_compute_units>() con
 template <>
 ORRERY_SYCL_API uint64_t device::get_info<info::device::local_mem_size>() const;
 
-// Complete as soon as it exists. That the host waited is noted if the thread that launched waits.
+// Complete as soon as it exists. A wait is recorded if it is made by the thread that launched.
 class event {
  public:
   event() = default;
@@ -66,7 +66,7 @@ class event {
 
   explicit event(uint64_t launch) : launch_(launch) {}
 
-  uint64_t launch_ = 0;  // its number while launches are collected, else 0
+  uint64_t launch_ = 0;  // its number while launches are recorded, else 0
 };
 
 class queue {

@@ -36,7 +36,7 @@ class extent {
 
 }  // namespace detail
 
-// The standard gives a range no default.
+// As in the standard, a range has no default constructor.
 template <int D = 1>
 class range : public detail::extent<D> {
  public:

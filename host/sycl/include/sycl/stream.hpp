@@ -1,4 +1,4 @@
-// stream: accepted, and silent, since no kernel of this system writes to one.
+// stream: accepted but silent, since no kernel of this system writes to one.
 #pragma once
 
 #include <cstddef>
