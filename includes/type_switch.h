@@ -14,13 +14,14 @@ namespace orrery {
 
 inline bool is_half_or_float(c10::ScalarType type) { return type == c10::kHalf || type == c10::kFloat; }
 
-[[noreturn]] inline void refuse_value_type(c10::ScalarType type) {
-  C10_THROW_ERROR(NotImplementedError, c10::str("\"qlinear_forward_xpu\" not implemented for '", type, "'"));
+// `function` is who refuses the type.
+[[noreturn]] inline void refuse_value_type(c10::ScalarType type, const char* function) {
+  C10_THROW_ERROR(NotImplementedError, c10::str('"', function, "\" not implemented for '", type, "'"));
 }
 
 // Calls `f` with a value of the type, one of those of the linear layer's ordinary kernels.
 template <typename F>
-auto with_value_type(c10::ScalarType type, F f) {
+auto with_value_type(c10::ScalarType type, F f, const char* function = "qlinear_forward_xpu") {
   switch (type) {
     case c10::kHalf:
       return f(c10::Half());
@@ -31,7 +32,7 @@ auto with_value_type(c10::ScalarType type, F f) {
     case c10::kBFloat16:
       return f(c10::BFloat16());
     default:
-      refuse_value_type(type);
+      refuse_value_type(type, function);
   }
 }
 
@@ -48,8 +49,9 @@ auto with_half_or_float(c10::ScalarType type, F f) {
 }
 
 // For a caller whose own steps come between the refusal of a type and the launch.
-inline void check_value_type(c10::ScalarType type) {
-  with_value_type(type, [](auto) {});
+inline void check_value_type(c10::ScalarType type, const char* function = "qlinear_forward_xpu") {
+  with_value_type(
+      type, [](auto) {}, function);
 }
 inline void check_half_or_float(c10::ScalarType type) {
   with_half_or_float(type, [](auto) {});
