@@ -1,4 +1,4 @@
-// What is checked of a linear layer's sizes and tensors before its kernels are launched.
+// Checks of a linear layer's sizes and tensors before its kernels are launched.
 #pragma once
 
 #include <ATen/core/Tensor.h>
@@ -15,16 +15,16 @@ namespace orrery {
   throw std::runtime_error("unsupported qtype: " + std::to_string(qtype));
 }
 
-// The rows of a weight. The sizes are divided by the code's table entries and by state_size: zeros are refused, and
-// codes without an entry.
+// The number of rows of a weight. The code's block size and state_size are divisors, so a zero and a code without an
+// entry are refused.
 inline uint64_t checked_rows(const at::Tensor& weight, int32_t qtype, uint64_t state_size) {
   if (qtype < 0 || qtype >= format_codes || block_bytes[qtype] == 0) refuse_code(qtype);
   if (state_size == 0) throw std::runtime_error("orrery_ops: input must have at least one column");
   return rows_of_weight(weight_format{qtype}, weight.size(0), state_size);
 }
 
-// The length of a row. A multiple of 0 asks for nothing. The percent signs are literal; the numbers follow the text
-// without a blank.
+// Checks the length of a row; a multiple of 0 means no check. The percent signs are literal, and the numbers follow the
+// text without a space.
 inline void check_row(const char* function, uint64_t state_size, uint64_t multiple,
                       const char* unit = "linear_xpu_kernel") {
   if (multiple == 0 || state_size % multiple == 0) return;
@@ -34,7 +34,7 @@ inline void check_row(const char* function, uint64_t state_size, uint64_t multip
   c10::detail::torchCheckFail(function, unit, __LINE__, text);
 }
 
-// Ranges are submitted whole: a quantizer's group takes 256 elements.
+// A work-group of the quantizer takes 256 elements, and there are only whole groups.
 inline void check_quantized_row(uint64_t state_size) {
   if (state_size % 256 == 0) return;
   throw std::runtime_error("orrery_ops: an input that is quantized first must have a multiple of 256 columns, not " +

@@ -1,4 +1,4 @@
-// A row's entry in a table of kernels: the instance for each kind of device.
+// The instances of a kernel for the device classes, as an entry of a table.
 #pragma once
 
 #include "linear/dispatch.h"
@@ -13,7 +13,7 @@ struct instance_of {
   bool waits = false;  // the host waits for the launch
 };
 
-// Class 0, class 5, the others. An empty one stands for that of the others.
+// Class 0 uses `wide`, class 5 `vela`, if it is not empty; every other case uses `narrow`.
 template <typename Launcher>
 struct instances_of {
   instance_of<Launcher> narrow = {}, wide = {}, vela = {};

@@ -54,7 +54,7 @@ linear_decision matrix_engine(const linear_request& r) {
   return d;
 }
 
-// What an instance brings into a decision.
+// A decision with the fields that come from the instance.
 linear_decision of_instance(kernel_family family, const kernel_instance& instance) {
   linear_decision d;
   d.family = family;
@@ -69,7 +69,7 @@ uint32_t scale_offset_of(const linear_request& r, const format_plan& plan) {
   return plan.one_row.takes_scale ? scale_offset(r.format, r.output_size, r.state_size) : 0;
 }
 
-// Groups of R rows of the weight, the last of which may have fewer.
+// Number of groups of R rows of the weight; the last group may have fewer rows.
 uint64_t groups_of_rows(uint64_t output_size, int rows) { return (output_size + rows - 1) / rows; }
 
 linear_decision one_row(const linear_request& r, const format_plan& plan) {
@@ -95,7 +95,8 @@ linear_decision row_pairs(const linear_request& r, const format_plan& plan, cons
   return d;
 }
 
-// Work-items of a dense row whose items take `step` elements at a time: the largest group that divides it.
+// The work-group size for a dense row whose work-items take `step` elements at a time: the largest that divides the
+// row.
 uint64_t dense_group(uint64_t state_size, uint64_t step) {
   const uint64_t smallest = 64 / step;
   for (uint64_t group = 256; group > smallest; group /= 2) {
@@ -118,7 +119,7 @@ uint64_t dense_group(dense_cut cut, const linear_request& r) {
   }
 }
 
-// The explicit-SIMD kernel, for the formats that have one.
+// The explicit-SIMD kernel of a dense weight, for the formats that have one.
 linear_decision dense_by_blocks(const linear_request& r, const block_plan& plan) {
   linear_decision d = of_instance(kernel_family::whole, plan.kernel);
   d.record = plan.record;
@@ -127,7 +128,7 @@ linear_decision dense_by_blocks(const linear_request& r, const block_plan& plan)
   return d;
 }
 
-// An ordinary kernel, on `rows` rows of the weight.
+// An ordinary kernel, for `rows` rows of the weight.
 linear_decision dense_by_rows(const linear_request& r, const format_plan& plan, kernel_family family,
                               const class_instances& kernel, uint64_t rows) {
   linear_decision d = of_instance(family, kernel.of(r.device_class));
@@ -151,7 +152,7 @@ linear_decision dense_by_rows(const linear_request& r, const format_plan& plan) 
 }
 
 linear_decision whole(const linear_request& r, const format_plan& plan) {
-  // fp6 has no other kernel: with any other type its launcher refuses.
+  // fp6 has no other kernel; its launcher refuses types other than half and float.
   const bool by_blocks = plan.blocks.blocks != 0 && (is_half_or_float(r.type) || r.format == weight_format::fp6);
   return by_blocks ? dense_by_blocks(r, plan.blocks) : dense_by_rows(r, plan);
 }
@@ -196,7 +197,7 @@ void check_number(const char* text, const char* end, const std::string& function
   if (errno == ERANGE) throw std::out_of_range(function + " argument out of range");
 }
 
-// The standard library's own conversions have other texts, which differ between libraries.
+// The error texts of std::stoll and std::stoull differ between standard libraries, so strtoll and strtoull are used.
 int64_t parse_signed(const char* text) {
   char* end = nullptr;
   errno = 0;
@@ -290,7 +291,7 @@ uint32_t device_class_of(std::string_view device_name) {
     std::string_view part;
     uint32_t device_class;
   };
-  // "Pike(TM) A" stands before "Pike(TM)", which it contains.
+  // "Pike(TM) A" comes before "Pike(TM)", which it contains.
   constexpr rule rules[] = {
       {"Rack Compute Card Apex", 0}, {"Pike(TM) A", 1}, {"Pike(TM)", 4}, {"Vela", 5}, {"Rack Compute Card Span", 2}};
   for (const rule& r : rules) {

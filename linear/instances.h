@@ -1,7 +1,7 @@
-// The kernels of the linear layer, one row per format: which one serves it when, its instance for each kind of device,
-// and what launches that instance. A kernel is declared here; the unit of its format group defines it and instantiates
-// its launchers (linear/one_row/, linear/row_pairs/, linear/dense/, dequantize.cpp) and does not see this table, which
-// would instantiate them all.
+// The kernels of the linear layer, one row per format: which kernel is used when, its instance for each device class,
+// and the launcher of that instance. Kernels are declared here. The unit of a format group (linear/one_row/,
+// linear/row_pairs/, linear/dense/, dequantize.cpp) defines its kernels and instantiates their launchers; it does not
+// include this table, which would instantiate them all.
 #pragma once
 
 #include "formats/registry.h"
@@ -77,16 +77,16 @@ template <typename T, int SBS> struct dequantize_fp8_e5m2_kernel;
 using kernel_instance = instance_of<linear_launcher>;
 using class_instances = instances_of<linear_launcher>;
 
-// An argument of the rows below; most launches do not wait.
+// Names an argument in the table below; most launches do not wait.
 constexpr bool waits = true;
 
-// The instance of `Kernel` with the template arguments `Shape` behind the value type.
+// The instance of `Kernel` with the template arguments `Shape` after the value type.
 template <template <typename, int...> typename Kernel, int... Shape>
 constexpr kernel_instance instance(row_shape shape, bool waiting = false) {
   return {kernel_name<Kernel>, shape, launch_kernel<Kernel, Shape...>, waiting};
 }
 
-// Sub-groups of 16 or 32 in groups of two, which own `Rows` rows of the weight.
+// Work-groups of two sub-groups, of 16 or 32; a work-group computes `Rows` rows of the weight.
 template <template <typename, int...> typename Kernel, int Rows>
 constexpr class_instances by_sub_group() {
   return {.narrow = instance<Kernel, 16, 32>({16, 32, Rows}), .wide = instance<Kernel, 32, 64>({32, 64, Rows})};
@@ -95,7 +95,7 @@ template <template <typename, int...> typename Kernel>
 constexpr class_instances same_for_all(row_shape shape, bool waiting = false) {
   return {.narrow = instance<Kernel>(shape, waiting)};
 }
-// The work-group's size follows from the row's length.
+// The work-group size is derived from the row length.
 struct dense_waits {
   bool wide = waits, narrow = waits;
 };
@@ -107,34 +107,34 @@ constexpr class_instances dense_rows(dense_waits waiting = {}) {
 
 enum class tile_rule {
   never,
-  large_prompt,  // class 4 or low memory, threshold below output_size, and a long prompt
-  large_weight,  // class 1, threshold at most output_size
+  large_prompt,  // class 4 or low memory, threshold < output_size, and a long prompt
+  large_weight,  // class 1, threshold <= output_size
 };
 
-// How a work-group makes the dense weight.
+// What a work-group of a dense kernel writes, and what a work-item reads in each step.
 enum class dense_cut {
-  row_of_nibbles,  // one row, a byte of two elements for a work-item; two for that of class 0
-  row_of_bytes,    // one row, an element for a work-item; two for that of class 0
-  row_of_pairs,    // one row, a byte of two elements for a work-item
-  row_of_codes,    // one row, an element for a work-item
+  row_of_nibbles,  // one row; one byte of two elements, two bytes on class 0
+  row_of_bytes,    // one row; one element, two on class 0
+  row_of_pairs,    // one row; one byte of two elements
+  row_of_codes,    // one row; one element
   block,           // 256 elements
 };
 
 // One input row.
 struct one_row_plan {
   class_instances kernel;
-  int run = 0;               // elements that a lane takes in a pass, which state_size must be a multiple of; 0: no test
-  bool takes_scale = false;  // the ordinary kernels of the format get a scale_offset
-  bool quantizes_input = false;  // the input goes through the q8_1 quantizer first
-  bool second_index = false;     // the group has two dimensions: the second index is its row of the weight
+  int run = 0;                   // elements per lane and pass; state_size must be a multiple of it; 0: no check
+  bool takes_scale = false;      // the format's ordinary kernels take a scale_offset
+  bool quantizes_input = false;  // the input is quantized to q8_1 first
+  bool second_index = false;     // the work-group is two-dimensional; its second index is the row of the weight
 };
 
-// Two or more input rows, up to `limit`; 0: no such kernel.
+// Two or more input rows, at most `limit`; 0: no such kernel.
 struct row_pairs_plan {
   int64_t limit = 0;
   class_instances kernel = {};
-  bool class_0 = true;    // whether class 0 takes it
-  bool rounds_up = true;  // an odd output_size keeps its last row
+  bool class_0 = true;    // also used on class 0
+  bool rounds_up = true;  // the last row of an odd output_size is computed
 };
 
 struct dense_plan {
@@ -142,7 +142,7 @@ struct dense_plan {
   class_instances kernel;
 };
 
-// The explicit-SIMD kernel that fills a dense weight of half or float, some blocks for a work-item.
+// The explicit-SIMD kernel that fills a dense weight of half or float; a work-item writes `blocks` blocks.
 struct block_plan {
   kernel_instance kernel = {};
   const char* record = nullptr;
@@ -162,13 +162,13 @@ struct format_plan {
   weight_format format;
   one_row_plan one_row;
   row_pairs_plan pairs[2];
-  dense_plan dense;  // of no use for fp6, whose dense weight only `blocks` makes
+  dense_plan dense;  // not used for fp6, which only has the kernel of `blocks`
   block_plan blocks = {};
   tile_plan tile = {};
 };
 
-// The limits on n differ between formats on purpose, and so do the two tile rules at equality. The instances of class 0
-// for a few input rows exist also where it takes other ways.
+// The limits on n differ between formats on purpose, and so do the two tile rules at equality. The kernels for a few
+// input rows have instances of class 0 even where class 0 does not use them.
 // clang-format off
 inline constexpr format_plan plans[] = {
     {weight_format::q4_0,
@@ -187,7 +187,7 @@ inline constexpr format_plan plans[] = {
      {{.limit = 20, .kernel = by_sub_group<qlinear_xpu_kernel_q4_1_2x16_batch, 2>(), .rounds_up = false}},
      {dense_cut::row_of_nibbles,
       dense_rows<qlinear_xpu_dequantize_kernel_q4_1_1x4, qlinear_xpu_dequantize_kernel_q4_1_1x2>()},
-     blocks<dequantize_q4_1_kernel, 8>("dequantize q4_0")},  // the other format's record
+     blocks<dequantize_q4_1_kernel, 8>("dequantize q4_0")},  // the record name of q4_0, on purpose
     {weight_format::q5_0,
      {.kernel = by_sub_group<qlinear_xpu_kernel_q5_0, 1>()},
      {},

@@ -1,4 +1,4 @@
-// A kernel's name for the launch's record, taken from the identifier itself so that it is typed nowhere as text.
+// A kernel's name for the launch record, taken from the identifier, so that no name is repeated in a string.
 #pragma once
 
 #include <array>
@@ -8,7 +8,7 @@ namespace orrery {
 
 namespace detail {
 
-// `text` is a function's own, with "Kernel = " before the identifier.
+// `text` is __PRETTY_FUNCTION__, with "Kernel = " before the identifier.
 struct name_in_text {
   size_t begin, end;
   consteval explicit name_in_text(std::string_view text) : end(text.find_first_of(";]<", text.find("Kernel = "))) {
@@ -44,7 +44,7 @@ inline constexpr auto spelled_of = spelled_name<Instance>();
 template <template <typename, int...> typename Kernel>
 inline constexpr const char* kernel_name = detail::spelled<Kernel>.data();
 
-// Of one instance, for kernels whose arguments are not all integers.
+// The name from one instance, for kernels whose template arguments are not all integers.
 template <typename Instance>
 inline constexpr const char* kernel_name_of = detail::spelled_of<Instance>.data();
 

@@ -1,5 +1,4 @@
-// How a decision becomes a launch. The decision's ranges, name, record and wait are what is submitted; a kernel takes
-// the rest from the operands.
+// Launches what a decision describes: its ranges, name, record and wait. Everything else comes from the operands.
 #pragma once
 
 #include "includes/type_switch.h"
@@ -8,7 +7,7 @@
 
 namespace orrery {
 
-// The first D of the sizes. The standard gives a range no default to be filled.
+// A range from the first D sizes. sycl::range has no default constructor, so it cannot be filled in a loop.
 template <int D, typename Sizes>
 sycl::range<D> range_of(const Sizes& n) {
   if constexpr (D == 1) {
@@ -26,7 +25,7 @@ void launch_decided(const linear_decision& way, c10::Device device, const launch
   launch(device, ranges, where, make, way.record, way.waits);
 }
 
-// A kernel says how many dimensions its groups have, and bind() sets its arguments and its local memory.
+// A kernel declares the dimensions of its groups, and bind() sets its arguments and local memory.
 template <typename Kernel, typename Operands>
 void launch_bound(const linear_decision& way, const Operands& on, const launch_place& where) {
   launch_decided<Kernel::dimensions>(way, on.device, where, [&](sycl::handler& h) {

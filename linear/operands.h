@@ -1,4 +1,4 @@
-// What a product's kernel works on, from the tensors of its call.
+// The operands of a product's kernel, from the tensors of the call.
 #pragma once
 
 #include <ATen/core/Tensor.h>
@@ -7,7 +7,7 @@
 
 namespace orrery {
 
-// `x` is the input, or what was made of it, for `request`.
+// `x` is the input of the request, or its quantized form.
 inline linear_operands operands_of(const linear_request& request, const at::Tensor& x, const at::Tensor& weight,
                                    const at::Tensor& result) {
   return {.format = request.format,

@@ -22,8 +22,8 @@ at::Tensor empty_matrix(uint64_t rows, uint64_t columns, const at::Tensor& weigh
 
 at::Tensor product(const at::Tensor& input, const at::Tensor& dense) { return at::linear(input, dense, {}); }
 
-// `rows` dense rows of the weight from `first_row` on. A decision without a row test is one whose launcher has the
-// only check of the type.
+// Dequantizes `rows` rows of the weight from `first_row` on. If the decision has no row check, the launcher checks the
+// type.
 at::Tensor dense_rows(const at::Tensor& weight, const linear_request& request, const linear_decision& way,
                       uint64_t first_row, uint64_t rows) {
   const at::Tensor dense = empty_matrix(rows, request.state_size, weight, request.type);

@@ -1,4 +1,4 @@
-// Dense weights: every element's value, written out row by row.
+// Kernels that dequantize a weight, row by row or block by block.
 #pragma once
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 
 namespace orrery {
 
-// Values of C neighbouring places of a block, as T, to their elements. `V` is the type that they are computed in.
+// Writes the values of C neighbouring places of a block as T. They are computed in `V`.
 template <typename Reader, typename V, int C, typename T>
 void write_places(const formats::block_planes& at, uint64_t block, int place, T* dense) {
   T* to = dense + block * 64 + place;
@@ -23,17 +23,17 @@ void write_places(const formats::block_planes& at, uint64_t block, int place, T*
   }
 }
 
-// A work-group fills one row. Its work-items take PerItem neighbouring places each, and again one group's share further
-// on. All arithmetic is in T.
+// A work-group writes one row. In each step its work-items take PerItem neighbouring places each. All arithmetic is in
+// T.
 template <typename Reader, typename T, int SG, int PerItem>
-struct dense_row_kernel : small_groups<16> {  // of _1x4, where 128 does not divide the row
+struct dense_row_kernel : small_groups<16> {  // for _1x4, where 128 does not divide the row
   static constexpr int sub_group_size = SG;
   static constexpr bool has_barriers = false;
   static constexpr int dimensions = 1;
 
   uint64_t state_size = 0;
   uint64_t group_items = 0;
-  formats::block_planes planes;  // from the first row on that is written
+  formats::block_planes planes;  // from the first row that is written
   T* dense = nullptr;
 
   void bind(const linear_decision& way, const linear_operands& on, sycl::handler&) {
@@ -59,7 +59,7 @@ struct dense_row_kernel : small_groups<16> {  // of _1x4, where 128 does not div
   }
 };
 
-// Explicit SIMD: a work-item writes SBS whole blocks. The values are halves, widened at the store.
+// Explicit SIMD: a work-item writes SBS whole blocks. Values are computed in half and converted at the store.
 template <weight_format Format, typename Reader, typename T, int SBS>
 struct dense_blocks_kernel {
   static constexpr int sub_group_size = 1;

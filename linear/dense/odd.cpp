@@ -1,4 +1,4 @@
-// Dense weights from codes of 5 and 3 bits: the same kernel for every device, in either sub-group size.
+// Dense weights from codes of 5 and 3 bits: the same kernels for every device, with either sub-group size.
 #include "linear/dense/dense_kernel.h"
 
 namespace orrery {

@@ -8,13 +8,13 @@
 namespace orrery {
 namespace {
 
-// Which elements of a block a work-item writes: its k-th is `element(l, k)`.
+// How elements of a block are distributed: the k-th of work-item l is `element(l, k)`.
 struct four_apart {  // one byte of 2-bit codes
   static constexpr int work_group = 64;
   static constexpr int element(int l, int k) { return 128 * (l / 32) + l % 32 + 32 * k; }
 };
 template <int WG>
-struct nibble_runs {  // a run of bytes: the elements of the low nibbles, then those of the high ones
+struct nibble_runs {  // a run of bytes: the low nibbles, then the high ones
   static constexpr int work_group = WG;
   static constexpr int run = 128 / WG;
   static constexpr int element(int l, int k) {
@@ -26,7 +26,7 @@ struct grid_group {
   static constexpr int element(int l, int k) { return 32 * (l % 8) + 8 * (l / 8) + k; }
 };
 
-// A work-group writes a block; a whole sub-group on the host writes one stretch of it.
+// A work-group writes a block; on the host a sub-group writes one contiguous part of it.
 template <typename Format, typename Split, typename T>
 struct block_values {
   static constexpr int sub_group_size = 32;
@@ -71,7 +71,7 @@ struct dequantize_kernel : block_values<Format, Split, T> {
   }
 };
 
-// The k-th group of an index's nb_row groups takes the k-th block of the row that the index names.
+// An index has nb_row work-groups; the k-th writes the k-th block of the row that the index names.
 template <typename Format, typename Split>
 struct dequantize_rows_kernel : block_values<Format, Split, float> {
   const int64_t* index;

@@ -1,4 +1,4 @@
-// Single rows of a weight with 256 elements per block, as dense floats.
+// Dequantizes chosen rows of a weight with 256 elements per block to float.
 #pragma once
 
 #include <c10/core/Device.h>
@@ -9,7 +9,7 @@
 
 namespace orrery {
 
-// Row index[i] of the weight, nb_row blocks of it, goes to 256 * nb_row floats at position i of `dense`.
+// Row index[i] of the weight, of nb_row blocks, becomes row i of `dense`, of 256 * nb_row floats.
 struct indexed_rows {
   const int64_t* index = nullptr;
   uint64_t indexes = 0;

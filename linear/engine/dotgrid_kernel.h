@@ -1,5 +1,5 @@
-// Several input rows on the matrix engine. A work-group takes a tile of 8 input rows and N rows of the weight; each of
-// its 8 work-items takes a slice of the blocks of a weight row.
+// Several input rows on the matrix engine. A work-group computes a tile of 8 input rows and N rows of the weight
+// (columns of the result); each of its 8 work-items takes a slice of each row's blocks.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +14,7 @@
 namespace orrery {
 
 // T is the type of input and result, C that of the engine's operands, A that of its accumulators, P that of the slices'
-// sums when they meet. `tail` is the number of rows of the last tile.
+// sums in local memory. `tail` is the number of rows of the last tile.
 template <typename T, typename C, typename A, typename P, int tail, int N, int depth>
 struct dotgrid_forward_kernel {
   static_assert(std::is_same_v<A, float> && depth == matrix_engine::tile_rows);
@@ -29,7 +29,7 @@ struct dotgrid_forward_kernel {
   const uint8_t* quants = nullptr;
   const uint8_t* scales = nullptr;
   T* y = nullptr;
-  uint64_t nb = 0;  // blocks of a row
+  uint64_t nb = 0;  // blocks per row
   uint64_t slice_length = 0;
   uint64_t output_size = 0;
   weight_format format{};
@@ -56,11 +56,12 @@ struct dotgrid_forward_kernel {
     }
   }
 
-  // The host's way: all tiles of several groups of columns, so that a weight is decoded once and columns fill vectors.
+  // On the host: all tiles of several groups of columns together, so that a block is decoded once and columns fill
+  // vectors.
   template <typename Item>
   size_t take_groups(const Item& item, size_t most) const requires last_finishes {
     const size_t tiles = item.group_range(1), first = item.group(1);
-    const size_t left = std::min({most, tiles - first, most_tiles});  // of the group's own columns
+    const size_t left = std::min({most, tiles - first, most_tiles});  // for the group's own columns
     const size_t groups = left == tiles ? std::min<size_t>(most / tiles, matrix_engine::host_columns / N) : 1;
     const columns_of_tiles part{item.group(0) * N, static_cast<int>(groups * N), first, first + left, tiles};
     const float* a = arranged_input(item);
@@ -86,7 +87,7 @@ struct dotgrid_forward_kernel {
 
     P* sums = &partial[0];
     for (int r = 0; r < R; ++r) convert<P>(sum.row(r)).store(sums + (r * slices + s) * N);
-    // Items beyond the rows have nothing to finish.
+    // Work-items beyond the rows have nothing to store.
     meet_to_finish<slices>(item, [&](int begin, int end) {
       for (int r = begin; r < std::min(end, R); ++r) {
         simd<P, N> total;
@@ -111,19 +112,19 @@ struct dotgrid_forward_kernel {
 
   simd<T, QK> input(uint64_t row, uint64_t block) const { return simd<T, QK>::load(x + (row * nb + block) * QK); }
 
-  // ---- The host's way ----
+  // ---- On the host ----
 
-  static constexpr size_t most_tiles = 8;  // whose sums are kept at once
+  static constexpr size_t most_tiles = 8;  // tiles whose sums are kept at once
   struct columns_of_tiles {
     uint64_t first;  // column
     int columns;
-    size_t begin, end, tiles;  // of all tiles, those from `begin` to `end`
+    size_t begin, end, tiles;  // the range of tiles, and their total number
 
     int rows_of(size_t tile) const { return tile + 1 < tiles ? depth : tail; }
     size_t sums() const { return (end - begin) * depth; }
   };
 
-  // Operand A of every block, tile by tile and block by block, made once per launch and thread.
+  // Operand A, by tiles and blocks, made once per launch and thread.
   template <typename Item>
   const float* arranged_input(const Item& item) const {
     const uint64_t size = nb * depth * QK, tiles = item.group_range(1), input_size = (tiles - 1) * depth + tail;
@@ -136,7 +137,7 @@ struct dotgrid_forward_kernel {
     });
   }
 
-  // Sums lie side by side, `Columns` per input row.
+  // Each input row has `Columns` contiguous sums.
   template <int Columns>
   void together(const float* a, const columns_of_tiles& part) const {
     alignas(64) float sums[most_tiles * depth * Columns];
@@ -158,7 +159,7 @@ struct dotgrid_forward_kernel {
     }
   }
 
-  // Columns that are too many read the last one again.
+  // Columns beyond the last read the last one again.
   template <typename Format, int Columns>
   void add_slice(const float* a, uint64_t s, const columns_of_tiles& part, float* sums) const {
     const uint8_t* row[Columns / 16][16];
@@ -186,9 +187,9 @@ struct dotgrid_forward_kernel {
     }
   }
 
-  // Of the columns behind these, as many blocks as have been read of these. The machine's own prefetching follows codes
-  // of whole lines, and better: asked for, q8_0 takes 3.7 ms, not 3.0. Half lines it does not: unasked, q4_0 takes
-  // 3.3 ms, not 2.7.
+  // Prefetches as many blocks of the next columns as were read of these. If codes fill whole cache lines, the hardware
+  // prefetcher does better: with prefetches q8_0 takes 3.7 ms instead of 3.0. For half lines it does not: without them
+  // q4_0 takes 3.3 ms instead of 2.7.
   template <typename Format>
   ORRERY_INLINE void prefetch_next(const columns_of_tiles& part, uint64_t block) const {
     const uint64_t next = (part.first + part.columns) * nb + block * part.columns;

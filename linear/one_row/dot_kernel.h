@@ -1,4 +1,4 @@
-// y = W x for one input row that was quantized to q8_1 first: dot products of codes in whole numbers, scaled by parts
+// y = W x for one input row that was quantized to q8_1 first: integer dot products of codes, each scaled for its part
 // of a block.
 #pragma once
 
@@ -9,11 +9,10 @@
 namespace orrery {
 
 // Integer dot products of a row of blocks with the quantized input, summed by 32 work-items in `Sum`: work-item l has
-// part l % parts of blocks l / parts, l / parts + 32 / parts, ... Which row, and what becomes of the sums, is the
-// kernel's.
+// part l % parts of blocks l / parts, l / parts + 32 / parts, ... The kernel chooses the rows and uses the sums.
 template <typename Format, typename Sum = float>
 struct dot_sums {
-  uint32_t blocks = 0;  // of a row
+  uint32_t blocks = 0;  // per row
   const uint8_t* activations = nullptr;
 
   uint64_t row_bytes() const { return uint64_t(blocks) * Format::bytes; }
@@ -25,12 +24,12 @@ struct dot_sums {
     return sum;
   }
 
-  // A format multiplies one or more neighbouring blocks at once, which are half of the work-items or all of them.
+  // A format multiplies one or more neighbouring blocks at once, which takes half of the work-items or all of them.
   static constexpr uint32_t unit = Format::blocks_at_once;
   static constexpr int unit_lanes = Format::parts * unit;
   using inputs = typename Format::inputs;
 
-  // What of_row takes: on a machine with vectors of bytes, the inputs in the order of those.
+  // The inputs for of_row; on a machine with byte vectors they are rearranged for these, once per launch and thread.
   template <typename Item>
   auto input_order(const Item& item) const {
     if constexpr (has_byte_vectors) {
@@ -39,7 +38,8 @@ struct dot_sums {
       return activations;
     }
   }
-  // The same in parts, for a kernel with more than one order: a launch shares values in one place.
+  // The steps of input_order, for a kernel that needs several orders: a kernel may call shared_by_launch in one place
+  // only.
   uint32_t units() const { return (blocks + unit - 1) / unit; }
   void arrange(inputs* to) const {
     for (uint32_t u = 0; u < units(); ++u) {
@@ -48,7 +48,7 @@ struct dot_sums {
     }
   }
 
-  // The sums of all work-items; the next group's row lies next_bytes further on.
+  // The sums of all work-items. The row of the next work-group, which is prefetched, starts next_bytes further on.
   simd<Sum, 32> of_row(const uint8_t* row, const inputs* x, uint64_t next_bytes) const {
     constexpr int turns = 32 / unit_lanes;
     simd<Sum, unit_lanes> sums[turns];
@@ -57,7 +57,7 @@ struct dot_sums {
       prefetch<unit * Format::bytes>(row + next_bytes);
       sums[u % turns] += convert<Sum>(Format::dots(row, x[u]));
     }
-    if (const uint32_t left = blocks % unit; left != 0) {  // what lies behind the row's last block is left out
+    if (const uint32_t left = blocks % unit; left != 0) {  // ignore what follows the row's last block
       auto& sum = sums[whole % turns];
       const auto last = convert<Sum>(Format::dots(row, x[whole]));
       sum = select(mask<unit_lanes>::first(left * Format::parts), sum + last, sum);
@@ -66,7 +66,7 @@ struct dot_sums {
     for_each_constant<turns>([&](auto i) { all.template set_slice<i * unit_lanes>(sums[i]); });
     return all;
   }
-  // The same, one part after another.
+  // The same, one part at a time.
   simd<Sum, 32> of_row(const uint8_t* row, const uint8_t*, uint64_t) const {
     Sum sums[32] = {};
     for (uint32_t b = 0; b < blocks; ++b) {
@@ -86,7 +86,7 @@ struct dot_sums {
   }
 };
 
-// A work-item as the tree of its own row sees it, in a group whose second index is the row.
+// A work-item for tree_sum over its own row, in a group whose second index is the row.
 template <typename Item>
 struct item_of_row {
   static constexpr int lanes = 1;
@@ -96,13 +96,13 @@ struct item_of_row {
   void barrier() const { item.barrier(); }
 };
 
-// What the sums of a row's 32 work-items are added up in.
+// How the sums of a row's 32 work-items are added up.
 enum class dot_tree {
-  in_type,   // rounded to T first, over local memory
-  in_float,  // the sub-group's butterfly
+  in_type,   // rounded to T first, in local memory
+  in_float,  // by the sub-group's butterfly
 };
 
-// A group has `Rows` rows of 32 work-items; more than one row is a second dimension of the group.
+// A work-group has 32 work-items for each of `Rows` rows; with more than one row it is two-dimensional.
 template <typename Format, typename T, dot_tree Tree, int Rows>
 struct dot_kernel {
   static constexpr int sub_group_size = 32;
@@ -131,7 +131,7 @@ struct dot_kernel {
       const int l = static_cast<int>(Tree == dot_tree::in_float ? item.template lane<32>() : item.local(0));
       const int r = Rows > 1 ? static_cast<int>(item.local(1)) : 0;
       const uint64_t row = Rows * item.group() + r;
-      // Work-items without a row go through the tree too: all of a group have to pass its barriers.
+      // Work-items without a row take part in the tree too: all work-items of a group must reach its barriers.
       const bool live = row < output_size;
       simd<float, 1> sum;
       if (live) sum = sums.of_item(row_at(row), l);

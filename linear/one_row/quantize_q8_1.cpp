@@ -13,7 +13,7 @@ namespace {
 
 using formats::q8_1;
 
-// The nearest integer, halves away from zero; 0 for a NaN, and no further from 0 than the codes go.
+// The nearest integer, ties away from zero, clamped to -127 to 127; 0 for a NaN.
 template <int N>
 simd<int32_t, N> nearest_code(const simd<float, N>& q) {
   using F = simd<float, N>;
@@ -29,8 +29,8 @@ simd<int32_t, N> nearest_code(const simd<float, N>& q) {
 
 }  // namespace
 
-// A sub-group makes a block, a lane a code. The codes are made with the scale in float, which is finer than the half
-// that a reader gets.
+// A sub-group makes a block, a lane one code. The codes are computed with the scale in float; the stored scale is
+// rounded to half.
 template <typename T>
 struct quantize_xpu_kernel_q8_1 {
   static constexpr int sub_group_size = q8_1::elements;
@@ -51,7 +51,7 @@ struct quantize_xpu_kernel_q8_1 {
     const float sum = butterfly_sum<q8_1::elements>(item, v);
     const F size = bit_cast<float>(bit_cast<uint32_t>(v) & simd<uint32_t, N>(0x7FFFFFFFu));
     const float largest = butterfly<q8_1::elements>(item, size, [](const auto& a, const auto& b) {
-      const auto greater = select(b < a, a, b);  // a NaN on one side leaves the other side's value
+      const auto greater = select(b < a, a, b);  // if a is NaN the result is b, and the other way round
       return select(b == b, greater, a);
     });
     const float step = largest * std::bit_cast<float>(0x3C010204u);  // 1 / 127

@@ -9,8 +9,8 @@
 
 namespace orrery {
 
-// rows * state_size / 32 blocks of 36 bytes in a fresh tensor on `device`. `type` is Half, Float, Double or BFloat16;
-// rows * state_size has to be a multiple of 256.
+// Returns rows * state_size / 32 blocks of 36 bytes in a new tensor on `device`. `type` is Half, Float, Double or
+// BFloat16; rows * state_size must be a multiple of 256.
 at::Tensor quantize_q8_1(const void* x, c10::ScalarType type, int64_t rows, int64_t state_size, c10::Device device);
 
 }  // namespace orrery

@@ -1,4 +1,4 @@
-// y = W x for one input row, or for pairs of a few, the weight in its quantized form.
+// y = W x for one input row or pairs of input rows, with a quantized weight.
 #pragma once
 
 #include <algorithm>
@@ -26,29 +26,27 @@ struct row_arguments {
   }
 };
 
-// R rows of a weight: row `first` and every `step`-th one behind it. The next group's begin `next` rows further on.
+// R rows of a weight, `step` apart, from row `first` on. Those of the next work-group start `next` rows further on.
 struct weight_rows {
   const uint8_t* weight = nullptr;
   uint32_t scale_offset = 0;
   uint64_t first = 0, step = 1, next = 0;
 };
 
-// Products of R rows of a weight with K input rows, summed over a row by the WG work-items of a group: a work-item
-// takes Format::run elements of each in a pass. All arithmetic is in T. Which rows, and what becomes of the sums, is
-// the kernel's.
+// Dot products of R rows of a weight with K input rows, by the WG work-items of a group: in a pass, a work-item takes
+// Format::run elements of each row. All arithmetic is in T. The kernel chooses the rows and uses the sums.
 template <typename Format, typename T, int WG, int R, int K = 1>
 struct row_sums {
   static constexpr int run = Format::run;
   static constexpr int runs_per_block = 64 / run;
   static constexpr int chunk = WG * run;
-  static constexpr int inputs = run + (Format::has_offset ? 1 : 0);  // vectors of a pass: the terms, then their sum
+  static constexpr int inputs = run + (Format::has_offset ? 1 : 0);  // vectors per pass: the inputs, then their sum
 
   uint64_t state_size = 0;
   const T* x = nullptr;
   uint64_t n = 1;  // input rows
 
-  // Adds an item's share of the products to acc[k * R + r], for input row k and row r of the weight. `in` comes from
-  // input_order.
+  // Adds an item's products to acc[k * R + r], for input row k and row r of the weight. `in` comes from input_order.
   template <typename Item, int N, typename Inputs>
   ORRERY_INLINE void add(const Item& item, simd<T, N> (&acc)[K * R], const Inputs& in, const weight_rows& rows) const {
     const size_t l = item.local_linear();
@@ -59,8 +57,8 @@ struct row_sums {
     }
   }
 
-  // The order in which runs meet the inputs is the same for every group, so the host makes it once per launch and
-  // thread; a GPU's work-item reads x itself.
+  // The inputs in the order in which runs need them. It is the same for every work-group, so the host arranges them
+  // once per launch and thread; on a GPU a work-item reads x itself.
   template <typename Item>
   auto input_order(const Item& item, uint64_t first_row = 0) const {
     constexpr int N = Item::lanes;
@@ -83,8 +81,8 @@ struct row_sums {
   }
 
  private:
-  // Sums are addressed by constants alone, here and below: addressed by loops that are unrolled later, GCC keeps them
-  // in memory (5% of a q4_0 product for pairs, 10% for one row).
+  // Here and below, only constants index the sums. If loop variables do, even in unrolled loops, GCC keeps the sums in
+  // memory, which costs a q4_0 product 5% for pairs and 10% for one row.
   template <int N, typename Inputs, typename Place>
   ORRERY_INLINE void add_row(simd<T, N> (&acc)[K * R], Inputs x, const Place& at, size_t l) const {
     simd<T, N> sum[K * R];
@@ -100,7 +98,7 @@ struct row_sums {
     for_each_constant<K * R>([&](auto i) ORRERY_INLINE { acc[i] = sum[i]; });
   }
 
-  // Work-items whose run lies in the part of the row that does not fill a pass.
+  // Work-items that have a run in the last, partial pass.
   template <int N>
   mask<N> tail_lanes(size_t l) const {
     return mask<N>::first(static_cast<int64_t>((state_size / run) % WG) - static_cast<int64_t>(l));
@@ -111,7 +109,7 @@ struct row_sums {
     return c - o + Format::first_element(static_cast<int>(o)) + Format::element(k);
   }
 
-  // The sum of a run's inputs, for formats with an offset: one after another for a single row, by twos for a pair.
+  // The sum of a run's inputs, for formats with an offset: one at a time for a single row, in twos for a pair of rows.
   template <typename V, typename Get>
   static V sum_of_inputs(Get get) {
     V sum = K == 1 ? get(0) : get(0) + get(1);
@@ -119,7 +117,7 @@ struct row_sums {
     return sum;
   }
 
-  // The inputs of a pass as the host keeps them: [pass][input row][term][work-item], from one lane on.
+  // The inputs as the host arranges them, [pass][input row][term][work-item], from the first lane's on.
   template <int N>
   struct arranged_inputs {
     const register_type<T>* at;
@@ -163,13 +161,13 @@ struct row_sums {
     }
   }
 
-  // Where a strand's quants and scales lie. If rows begin on block boundaries, so do strands, and the lanes of a strand
-  // read one stretch of bytes; else each lane has its own block, found as if rows did.
+  // Locates a strand's quants and scales. If rows begin on block boundaries, so do strands, and a strand's lanes read
+  // contiguous bytes. Otherwise each lane has its own block, computed as if rows did.
   template <bool RowsOnBlocks>
   struct place {
     const uint8_t *weight, *scales;
     uint32_t scale_offset;
-    uint64_t first;                     // the element that lane 0 starts from
+    uint64_t first;                     // the element that lane 0 starts at
     uint64_t step_blocks, next_blocks;  // blocks are counted in 32 bits
     int l;
 
@@ -190,7 +188,7 @@ struct row_sums {
     void load(uint64_t t, int r, simd<uint32_t, N> (&word)[Format::words], int lane = 0) const {
       Format::load(weight, scale_offset, block(t, r, lane), (l + lane) % runs_per_block * run, word);
     }
-    // The row that the next group has in this one's place.
+    // Prefetches the same run of the next work-group's row.
     template <int N>
     ORRERY_INLINE void prefetch_next(uint64_t t, int r) const {
       Format::template prefetch_codes<N>(weight, scale_offset, block(t, r) + next_blocks, l % runs_per_block * run);
@@ -200,13 +198,13 @@ struct row_sums {
     }
   };
 
-  // Adds the run's part to the sums of rows First to First + Rows - 1 of W. The chains grow side by side, since each is
-  // one of dependent additions: 10% faster in float and 25% in half than one after another.
+  // Adds a run's products to the sums of rows First to First + Rows - 1 of W. Each sum is a chain of dependent
+  // additions, so the chains are interleaved: 10% faster in float and 25% in half than one after another.
   template <int First, int N, int Rows, int Sums, typename Input>
   ORRERY_INLINE static void add_runs(simd<T, N> (&acc)[Sums], const Input& in,
                                      const simd<uint32_t, N> (&word)[Rows][Format::words],
                                      const uint8_t* const (&scales)[Rows]) {
-    constexpr int stride = Sums / K;  // from an input row to the next
+    constexpr int stride = Sums / K;  // from one input row to the next
     simd<T, N> s[K][Rows];
     ORRERY_UNROLL for (int i = 0; i < run; ++i) {
       simd<T, N> x[K];
@@ -244,7 +242,7 @@ struct row_sums {
       add_runs<r>(acc, x, word, scales);
     });
   }
-  // Rare, and not worth a gather of its own: one lane after another.
+  // Rare, so it is not vectorized: one lane after another.
   template <int N, typename Inputs>
   void add_pass(simd<T, N> (&acc)[K * R], const Inputs& x, const place<false>& at, uint64_t t) const {
     for (int lane = 0; lane < N; ++lane) {
@@ -260,8 +258,8 @@ struct row_sums {
   }
 };
 
-// y = W x: a work-group owns R rows of W and K input rows. With K = 2 the second index of a group is its pair of input
-// rows; if their number is odd, the last pair's second row is computed like any other and not stored.
+// y = W x: a work-group computes R rows of W for K input rows. With K = 2 the group's second index is its pair of input
+// rows; if n is odd, the second row of the last pair is computed but not stored.
 template <typename Format, typename T, int SG, int WG, int R, int K = 1>
 struct row_kernel : row_arguments<T> {
   static constexpr int sub_group_size = SG;
@@ -291,8 +289,9 @@ struct row_kernel : row_arguments<T> {
   }
 };
 
-// q5_0 and q5_1: a work-group owns one row, a work-item one byte of a block and so elements j and j + 32. There is no
-// guard at the end: with 64 work-items and an odd number of blocks the last pass reads the next row's first block.
+// q5_0 and q5_1: a work-group computes one row; a work-item has one byte of a block, and so elements j and j + 32.
+// There is no bounds check at the end: with 64 work-items and an odd number of blocks the last pass reads the first
+// block of the next row.
 template <typename Format, typename T, int SG, int WG>
 struct block_row_kernel : row_arguments<T> {
   static constexpr int sub_group_size = SG;

@@ -1,8 +1,7 @@
 // y = W x for one input row, W in a super-block format.
 //
-// Sixteen work-items share a block and two such halves of a group take alternate blocks, so a group of 32 adds up a
-// row. On the host a half is one vector of 16 lanes whose order is that of the bytes: `place` says which work-item a
-// lane is.
+// A group of 32 work-items computes a row: 16 work-items share a block, and the two halves of the group take alternate
+// blocks. On the host a half is one vector of 16 lanes in the order of the bytes; `place` maps a work-item to its lane.
 #pragma once
 
 #include "includes/codes.h"
@@ -10,15 +9,15 @@
 
 namespace orrery {
 
-// q4_k and q5_k: products and their sums inside a step in T, everything else in float.
+// q4_k and q5_k: products, and their sums within a step, are in T; everything else is in float.
 template <typename Format, typename T>
 struct row_pair_kernel : row_arguments<T> {
   static constexpr int sub_group_size = 8;
   static constexpr bool has_barriers = lanes_of<row_pair_kernel> == 1;
   static constexpr int dimensions = 1;
   static constexpr int work_group = 32, rows = 2;
-  static constexpr int steps = Format::span, products = 4 / steps;    // steps of a stretch, products of a step
-  static constexpr int inputs = 16 + (products > 1 ? 4 * steps : 0);  // of a place: its elements, then their sums
+  static constexpr int steps = Format::span, products = 4 / steps;    // steps per stretch, products per step
+  static constexpr int inputs = 16 + (products > 1 ? 4 * steps : 0);  // per place: its elements, then their sums
 
   sycl::local_accessor<float> partial;  // 2 rows of 32, for every T
 
@@ -47,7 +46,8 @@ struct row_pair_kernel : row_arguments<T> {
   }
 
  private:
-  // Work-items 0 to 7 have the first half of the places, and of these 0, 4, 1, 5, ... those in the order of the bytes.
+  // Work-items 0, 4, 1, 5, ..., 7 have places 0 to 7, which are in the order of the bytes; work-items 8 to 15 have the
+  // rest likewise.
   static constexpr int place(int tid) { return tid / 8 * 8 + tid % 4 * 2 + tid / 4 % 2; }
 
   uint32_t blocks() const { return static_cast<uint32_t>(this->state_size / 256); }
@@ -55,8 +55,8 @@ struct row_pair_kernel : row_arguments<T> {
     return this->weight + ((rows * group + r) * blocks() + b) * Format::bytes;
   }
 
-  // Input k is product k % products of step k / products % steps of stretch k / 4; then come the sums of the products'
-  // inputs, by stretch and step.
+  // Input k belongs to product k % products of step k / products % steps of stretch k / 4. From 16 on, the inputs are
+  // the sums of each step's inputs, by stretch and step.
   simd<T, 1> input(uint32_t b, int p, int k) const {
     const auto x = [&](int s, int i, int u) {
       return simd<T, 1>::load(this->x + 256ull * b + Format::element(p, s, steps * u + i));
@@ -66,8 +66,8 @@ struct row_pair_kernel : row_arguments<T> {
     return x(k / steps, k % steps, 0) + x(k / steps, k % steps, 1);
   }
 
-  // Adds a block of each row to the row's sum, for N places from p on. The rows take turns in every step: one behind
-  // the other, the second waits for its scales (65 cycles per block instead of 70).
+  // Adds a block of each row to the row's sum, for N places from p on. Every step does both rows: with one row after
+  // the other, the second waits for its scales (70 cycles per block instead of 65).
   template <int N, typename X>
   ORRERY_INLINE static void add_terms(simd<float, N> (&acc)[rows], const uint8_t* const (&block)[rows], int p, X x) {
     using F = simd<float, N>;
@@ -75,8 +75,8 @@ struct row_pair_kernel : row_arguments<T> {
     const part_of part[rows] = {part_of(block[0], p), part_of(block[1], p)};
     F whole[rows], offset[rows];
     simd<T, N> inner[rows][steps];
-    // The sums begin with their first term and not with 0: that differs in the sign of a zero alone, which is lost when
-    // the block is added to the row.
+    // Sums start with their first term, not with 0. Only the sign of a zero can differ, and it is lost when the block
+    // is added to the row.
     for_each_constant<4>([&](auto s) ORRERY_INLINE {
       F t[rows];
       simd<T, N> minimum[rows];
@@ -133,7 +133,7 @@ struct row_pair_kernel : row_arguments<T> {
       const register_type<T>* at = x + size_t(b) * inputs * 16;
       add_terms<16>(acc[b % 2], row, 0, [&](int k) ORRERY_INLINE {
         const auto value = simd<T, 16>::load_register_values(at + 16 * k);
-        return products == 1 ? hold_in_registers(value) : value;  // it has four uses where a step has one product
+        return products == 1 ? hold_in_registers(value) : value;  // with one product per step it is used four times
       });
       for (const uint8_t*& block : row) block += Format::bytes;
     }
@@ -148,7 +148,7 @@ struct row_pair_kernel : row_arguments<T> {
   }
 };
 
-// q6_k: all arithmetic in float; one sub-group owns a row, so there is neither local memory nor a barrier.
+// q6_k: all arithmetic is in float. One sub-group computes a row, so there is no local memory and no barrier.
 template <typename Format, typename T>
 struct single_sub_group_kernel : row_arguments<T> {
   static constexpr int sub_group_size = 32;

@@ -1,4 +1,4 @@
-// Matrix-vector kernels for a few input rows: the single-row kernel on pairs of them, in two dimensions.
+// Matrix-vector kernels for a few input rows: the one-row kernel on pairs of input rows, in two dimensions.
 #pragma once
 
 #include "linear/one_row/row_kernel.h"
