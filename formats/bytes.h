@@ -1,4 +1,4 @@
-// Numbers inside a block: little-endian, at any address.
+// Loads numbers of a block: little-endian, at any alignment.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// The codebook formats: a code names an entry of a table or is a small floating-point number, with one scale for 64
-// elements. What a format has stands in linear.h.
+// The codebook formats: a code is an index into a table or a small floating-point number, with one scale per 64
+// elements. linear.h lists the members of a format.
 #pragma once
 
 #include <bit>
@@ -8,7 +8,7 @@
 
 namespace orrery::formats {
 
-// A normal float to the nearest T, ties to even, as registers hold it.
+// A normal float rounded to T, ties to even, as kept in registers.
 template <typename T>
 constexpr register_type<T> nearest(float x) {
   constexpr int dropped = std::is_same_v<T, c10::Half> ? 13 : std::is_same_v<T, c10::BFloat16> ? 16 : 0;
@@ -18,7 +18,7 @@ constexpr register_type<T> nearest(float x) {
   return std::bit_cast<float>(rounded >> dropped << dropped);
 }
 
-// A table of 16, or one of 8 twice: the bit above a 3-bit code does not matter then.
+// A table of 16, or one of 8 repeated, so that the bit above a 3-bit code is ignored.
 template <typename T, size_t Codes>
 constexpr nibble_table<T> nearest_values(const float (&table)[Codes]) {
   nibble_table<T> values{};
@@ -26,14 +26,14 @@ constexpr nibble_table<T> nearest_values(const float (&table)[Codes]) {
   return values;
 }
 
-// The bits of a half, widened.
+// The half with these bits, widened to float.
 inline float half_of_bits(uint32_t bits) {
   const uint16_t half = static_cast<uint16_t>(bits);
   return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(&half)).register_value(0);
 }
 
-// Sign, 5 exponent bits, 2 mantissa bits and a third that is always 1: the half with a code in its high byte and 0x80
-// in its low one. The highest exponent is NaN.
+// By 7-bit code, the half with that high byte and the low byte 0x80: 5 exponent bits, 2 mantissa bits and a third that
+// is always 1. The highest exponent is NaN.
 inline constexpr float_table half_by_high_byte = float_table::of([](int code) {
   const int exponent = code >> 2, mantissa = code % 4 * 2 + 1;
   if (exponent == 31) return std::bit_cast<float>(0x7FC00000);
@@ -82,8 +82,8 @@ struct fp4 : ruled_nibbles<fp4_number>, half_scale {
   }
 };
 
-// A block is a 64-bit word with the top bits of all codes, then 16 bytes with the low two bits, the first element of a
-// byte in its highest bits.
+// A block is a 64-bit word with the top bits of all codes, then 16 bytes with their low two bits. The first element of
+// a byte is in its highest bits.
 struct nf3 : half_scale {
   static constexpr int run = 16;
   static constexpr int words = 2;  // low bits, top bits
@@ -111,7 +111,7 @@ struct nf3 : half_scale {
     return value_of_nibble<T>(values, code);
   }
 
-  // Codes of the 16 elements from `e` on of one block, bits above a code are anything.
+  // Codes of the 16 elements from `e` on of one block; higher bits are unspecified.
   static simd<uint32_t, 16> codes_of_16(const uint8_t* block, int e) {
     using U = simd<uint32_t, 16>;
     uint32_t low;
@@ -155,8 +155,8 @@ struct nf3 : half_scale {
   }
 
  private:
-  // Lane i has quarter i % 4 of block i / 4, lane 0 the first of its block: six words per block, of which two are
-  // shared.
+  // Lane i has quarter i % 4 of block i / 4; lane 0 has a first quarter. A block is six words, of which two are shared
+  // by two lanes each.
   template <int N>
   static void load_lanes(const uint8_t* p, simd<uint32_t, N> (&word)[2]) {
     using U = simd<uint32_t, N>;
@@ -166,20 +166,20 @@ struct nf3 : half_scale {
   }
 };
 
-// The low four bits of all codes in one plane, the top two in a second one behind it. Sixteen elements share two words
-// of the first and one of the second, and lie crossed in them.
+// The low four bits of all codes are in one plane, the top two in a second one after it. Sixteen elements share two
+// words of the first plane and one of the second, in an interleaved order.
 struct fp6 : half_scale {
   static constexpr int run = 16;
   static constexpr int words = 3;  // two of the low plane, one of the top plane
   static constexpr int quant_bytes = 48;
   static constexpr int low_bytes = 32, top_bytes = 16;  // of a block in each plane
 
-  // A code byte is sign, two zeros, five bits of magnitude. The scale carries the exponent's bias.
+  // A code byte is the sign, two zeros and five bits of magnitude. The scale includes the exponent's bias.
   template <typename T>
   static T value(int code, float d) {
     return times(to<T>(half_of_bits(code << 8 | 0x80)), to<T>(d));
   }
-  // Of element e, from the block's bytes in the two planes.
+  // The code of element e, from the block's bytes in the two planes.
   static int code_of(const uint8_t* low, const uint8_t* top, int e) {
     uint32_t word[3];
     std::memcpy(&word[0], low + e / 16 * 8, 8);
@@ -207,7 +207,7 @@ struct fp6 : half_scale {
     return bit_cast<uint8_t>(in_order);
   }
 
-  // Within four, the third and fourth element come first.
+  // Of each four elements, the third and fourth come first.
   static constexpr int element(int k) { return k / 4 * 4 + (k + 2) % 4; }
   static constexpr int first_element(int o) { return o; }
 
@@ -270,8 +270,8 @@ struct fp8_e4m3 : whole_bytes, float_scale {
       [](int code) { return code < 8 ? code * 0x1p-9f : std::bit_cast<float>((code << 20) + (120 << 23)); });
 };
 
-// The high byte of a half whose low byte is 0x80: no code is zero, and all with the highest exponent are NaN. The scale
-// plane is there and not read.
+// The high byte of a half whose low byte is 0x80: no value is zero, and all with the highest exponent are NaN. The
+// scale plane exists but is not read.
 struct fp8_e5m2 : whole_bytes, split_defaults {
   static constexpr int scale_bytes = 4;
   static constexpr bool codes_are_halves = true;
@@ -297,7 +297,7 @@ struct fp8_e5m2 : whole_bytes, split_defaults {
   }
 };
 
-// As the fused kernels read it: the low byte is 0, so a code is the half that it was cut from, and the scale counts.
+// As the fused kernels read it: the low byte of the half is 0, and the scale applies.
 struct fp8_e5m2_scaled : whole_bytes, float_scale {
   template <typename T>
   static T value(int code, float d) {

@@ -1,13 +1,13 @@
-// Whole values, scale and all, of neighbouring elements of a block: what dense weights are made with.
+// Readers that dequantize neighbouring elements of a block, scale included, for dense weights.
 //
-// A place is a quant byte of a block, or an element where codes are no whole bytes. A reader has
-//   places, per_place  places of a block, and elements of a place, which lie `places` apart
-//   quant_bytes        bytes of a block where the codes lie
+// A place is a quant byte of a block, or an element if bytes do not hold whole codes. A reader has
+//   places, per_place  places of a block, and elements of a place, which are `places` apart
+//   quant_bytes        bytes of a block's codes
 //   scale_bytes        bytes of a block in the scale plane
 //   read<T>(..., out)  out[h], h below per_place: the elements place + h * places and following, one per lane, each
 //                      computed in T
-// and, where it says reads_half_bits because a code is the bits of a half, half_bits<C>(...) with those: a NaN that
-// passes through a float comes back as another.
+// and, if reads_half_bits is set because a code gives the bits of a half, half_bits<C>(...), which returns those bits:
+// converting a NaN to float and back can change it.
 #pragma once
 
 #include "formats/codebook.h"
@@ -15,7 +15,7 @@
 
 namespace orrery::formats {
 
-// Vectors never leave a block, so all their lanes share its scale.
+// Vectors stay within a block, so all lanes share its scale.
 constexpr int any_lanes = 128;
 
 // Formats whose bytes hold whole codes.
@@ -28,10 +28,10 @@ struct byte_reader {
   template <typename T, int C>
   static void read(const block_planes& at, uint64_t block, int place, simd<T, C> (&out)[per_place]) {
     const auto byte = bytes<C>(at, block, place);
-    // A code that is a half has no scale, and then there may be no plane of them to point into.
+    // A code that is a half has no scale, and the plane may be null.
     const uint8_t* scales = Format::codes_are_halves ? nullptr : at.scales + block * scale_bytes;
     if constexpr (per_place == 2 && C >= 16) {
-      // Sixteen products per block, looked up, instead of one for each element.
+      // 16 products, then look-ups, instead of a product per element.
       const auto values = dequantized<Format, T, any_lanes>(simd<uint32_t, 16>::iota(), scales);
       ORRERY_UNROLL for (int p = 0; p < 2; ++p) out[p] = lookup16(values, Format::byte_code(byte, p));
     } else {
@@ -54,7 +54,7 @@ struct byte_reader {
   }
 };
 
-// Codes that are no whole bytes come sixteen at a time, or one by one.
+// Codes that are not whole bytes, read sixteen at a time or one by one.
 template <int C, typename One, typename Sixteen>
 simd<uint32_t, C> gather_codes(int place, One one, Sixteen sixteen) {
   if constexpr (C == 1) {
@@ -95,7 +95,7 @@ struct fp6_reader {
   }
 };
 
-// q5_0 and q5_1, whose blocks keep all bytes together.
+// q5_0 and q5_1, which are block arrays.
 template <typename Format>
 struct q5_reader {
   static constexpr bool reads_half_bits = false;
@@ -121,7 +121,7 @@ ORRERY_INLINE inline simd<c10::Half, 64> block_values(const block_planes& at, ui
   return all;
 }
 
-// The same of neighbouring blocks, one after another, into a vector that holds them all.
+// The same for neighbouring blocks, into one vector.
 template <typename Reader, int N>
 ORRERY_INLINE inline void read_blocks(const block_planes& at, uint64_t first_block, simd<c10::Half, N>& values) {
   for_each_constant<N / 64>(

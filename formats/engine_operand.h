@@ -1,4 +1,4 @@
-// Blocks of a weight as the matrix engine takes them: values without their scale, which multiplies the engine's sums.
+// Decodes blocks of a weight for the matrix engine: values without their scale, which multiplies the engine's sums.
 #pragma once
 
 #include <iterator>
@@ -11,7 +11,7 @@
 
 namespace orrery::formats {
 
-// Calls f(e, value) with each element e of a block, `N` rows at a time; words(run) gives the codes of a run's lanes.
+// Calls f(e, value) with each element e of a block, `N` rows at a time; words(run, word) loads the codes of a run.
 template <typename Format, typename C, int N, typename Words, typename F>
 ORRERY_INLINE inline void for_each_element(Words words, F f) {
   constexpr int run = Format::run;
@@ -24,8 +24,8 @@ ORRERY_INLINE inline void for_each_element(Words words, F f) {
   }
 }
 
-// Block `block` of one row after another, `N` of them, which are `row_blocks` apart, as operand B of its four
-// operations: elements e and e + 1 (e even) of column j are the unit j behind b + e * N.
+// Decodes one block of each of `N` rows, `row_blocks` blocks apart, as operand B of the block's four operations:
+// elements e and e + 1 (e even) of row j are at b + e * N + 2 * j.
 template <typename Format, typename C, int N>
 void read_units(const uint8_t* codes, uint64_t block, uint64_t row_blocks, C* b) {
   for (int j = 0; j < N; ++j, block += row_blocks) {
@@ -34,8 +34,7 @@ void read_units(const uint8_t* codes, uint64_t block, uint64_t row_blocks, C* b)
   }
 }
 
-// The codes that lie `at` bytes behind the starts of 16 rows, as columns 0 to 15 of floats: element e of column j is
-// b[e * Columns + j].
+// Decodes the block `at` bytes after the start of each of 16 rows to floats: element e of row j is b[e * Columns + j].
 template <typename Format, typename C, int Columns>
 __attribute__((noinline)) void read_columns(const uint8_t* const (&row)[16], uint64_t at, float* b) {
   alignas(64) uint32_t all[4 * Format::quant_bytes];
@@ -49,7 +48,7 @@ __attribute__((noinline)) void read_columns(const uint8_t* const (&row)[16], uin
       [&](int e, const simd<C, 16>& value) { convert<float>(value).store(b + e * Columns); });
 }
 
-// The scale of one row's block as a float. Here fp8_e5m2 has one too.
+// The scale of one row's block as a float. It applies to fp8_e5m2 too.
 template <typename Format>
 float read_scale(const uint8_t* scales, uint64_t block) {
   using S = std::conditional_t<Format::scale_bytes == 2, c10::Half, float>;
@@ -59,10 +58,10 @@ float read_scale(const uint8_t* scales, uint64_t block) {
   return static_cast<float>(scale);
 }
 
-// Calls `f` with the format, one of those that the matrix engine reads; with any other it does nothing.
+// Calls `f` with the format's struct if the matrix engine supports the format, else does nothing.
 template <typename F>
 void with_engine_format(weight_format format, F f) {
-  using readers = std::tuple<q4_0, q8_0, fp8_e4m3, fp8_e5m2>;  // of engine_formats, in its order
+  using readers = std::tuple<q4_0, q8_0, fp8_e4m3, fp8_e5m2>;  // in the order of engine_formats
   static_assert(std::tuple_size_v<readers> == std::size(engine_formats));
   for_each_constant<std::size(engine_formats)>([&](auto i) {
     if (format == engine_formats[i]) f(std::tuple_element_t<i, readers>());

@@ -1,5 +1,5 @@
-// The grid formats: eight elements are one entry of a table of patterns, 32 of them share a scale. Blocks are those of
-// GGUF files. Members as in super_block.h.
+// The grid formats: a group of eight elements is an entry of a table of patterns, and 32 elements share a scale. Blocks
+// are as in GGUF files. Members are as in super_block.h.
 #pragma once
 
 #include <array>
@@ -14,20 +14,20 @@
 
 namespace orrery::formats {
 
-// Seven sign bits and, in bit 7, their parity.
+// Seven sign bits, with their parity in bit 7.
 inline constexpr auto ksigns_iq2xs = [] {
   std::array<uint8_t, 128> signs{};
   for (unsigned i = 0; i < signs.size(); ++i) signs[i] = static_cast<uint8_t>(i | std::popcount(i) % 2 << 7);
   return signs;
 }();
 
-// Two neighbouring blocks are multiplied at once: lane 8 k + ib is sub-block ib of block k, byte 4 (8 k + ib) + g its
-// group g. Indexes are looked up for 64 groups together, in registers, which gives two bytes for each: four 2-bit codes
-// for elements 0 to 3 and four for elements 4 to 7. In a grid of 256 entries that takes 1.4 ns on Zen 4, gathers of
-// whole entries 18.6 ns.
+// Two neighbouring blocks are multiplied at once: lane 8 k + ib is sub-block ib of block k, and byte 4 (8 k + ib) + g
+// is its group g. The indexes of 64 groups are looked up together, in registers. A look-up gives two bytes: the 2-bit
+// codes of elements 0 to 3 and those of elements 4 to 7. On Zen 4 that takes 1.4 ns in a grid of 256 entries; gathers
+// of whole entries take 18.6 ns.
 namespace detail {
 
-// Table entries as pairs of bytes: half[0] has the codes of elements 0 to 3.
+// Table entries as two bytes: half[0] has the codes of elements 0 to 3.
 template <int Entries>
 struct packed_grid {
   alignas(64) uint8_t half[2][Entries] = {};
@@ -40,7 +40,7 @@ struct packed_grid {
   }
 };
 
-// Magnitude of a 2-bit code of iq2_xxs, whatever the four bits above it.
+// Magnitude of a 2-bit code of iq2_xxs; the four bits above it are ignored.
 struct magnitude_table {
   alignas(64) uint8_t of[64] = {};
   constexpr magnitude_table() {
@@ -52,10 +52,11 @@ inline constexpr packed_grid<2048> iq1s_codes([](int i, int j) {
   return static_cast<int>(iq1s_grid[i] >> (8 * (j % 4) + 4 * (j / 4)) & 15);
 });
 
-// iq1s_grid is sorted by elements 4 to 7, so these come in 81 runs, of which no eight neighbours see more than two:
-// five permutations instead of sixteen, 9 ns per block of the product instead of 12.
+// iq1s_grid is sorted by elements 4 to 7, which so form 81 runs; eight neighbouring entries, from a multiple of 8 on,
+// belong to two runs at most. That takes five permutations instead of sixteen, 9 ns per block of the product instead of
+// 12.
 struct sorted_runs {
-  alignas(64) uint8_t run[256] = {};      // of the first of eight entries
+  alignas(64) uint8_t run[256] = {};      // the run of the first of eight entries
   alignas(64) uint8_t next_at[256] = {};  // the first of the eight that belongs to the next run, or 8
   alignas(64) uint8_t codes[128] = {};    // of a run
   bool exact = true;
@@ -82,7 +83,7 @@ ORRERY_INLINE inline simd<float, 16> to_float(const simd<uint32_t, 16>& words) {
   return convert<float>(bit_cast<int32_t>(words));
 }
 
-// By the upper four bits of a sub-block's word.
+// Indexed by the upper four bits of a sub-block's word.
 struct sub_block_tables {
   alignas(64) float odd[16] = {}, delta[16] = {};
 
@@ -94,7 +95,7 @@ struct sub_block_tables {
   }
 };
 
-// The first number in eight lanes, the second in the others.
+// The first number in the lower eight lanes, the second in the others.
 ORRERY_INLINE inline simd<float, 16> halves(float low, float high) {
   return select(mask<16>{0xFF}, simd<float, 16>(low), simd<float, 16>(high));
 }
@@ -126,7 +127,7 @@ struct grid_block {
   static constexpr int parts = 8;
 };
 
-// Magnitudes 8, 25 and 43 with a sign each. A sub-block of 32 is 8 bytes: four indexes, then a word of four 7-bit sign
+// Signed magnitudes 8, 25 and 43. A sub-block of 32 is 8 bytes: four grid indexes, then a word of four 7-bit sign
 // indexes and a 4-bit scale.
 struct iq2_xxs : grid_block {
   static constexpr int bytes = 66;
@@ -207,8 +208,8 @@ struct iq2_xxs : grid_block {
   }
 };
 
-// Values 0, 1 and 2 with a delta that the sub-block chooses. A sub-block of 32 is four low bytes of an 11-bit index,
-// and a word of their high bits, a 3-bit scale and the choice.
+// Values 0, 1 and 2 plus one of two deltas per sub-block. A sub-block of 32 is the low bytes of four 11-bit indexes,
+// and a word of their high bits, a 3-bit scale and the choice of the delta.
 struct iq1_s : grid_block {
   static constexpr int bytes = 50;
   static constexpr int low_at = 2, high_at = 34;
@@ -259,10 +260,10 @@ struct iq1_s : grid_block {
     }
   };
 
-  // dot() of the parts of four blocks, two and two, so that the tables are read once for both.
+  // dot() of the parts of four blocks, as two pairs, so that the tables are read once for both.
   ORRERY_INLINE static simd<float, 32> dots(const uint8_t* block, const inputs& in) {
     const two_blocks a(block), b(block + 2 * bytes);
-    // The products of the first codes run beside the lookups of the last ones: the other way round they take 8% longer.
+    // The products of the first codes overlap with the look-ups of the last ones; the opposite order takes 8% longer.
     const bytes64_pair first = first_four(a, b), last = last_four(a, b);
     simd<int32_t, 16> sum[2][2];
     add_products(sum[0], first.a, in.pair[0].codes);
@@ -290,7 +291,7 @@ struct iq1_s : grid_block {
       high = bytes_at_steps<3>(words);
     }
 
-    // Of eight values for each group, the one that the high bits tell.
+    // For each group, the one of eight values that its high bits select.
     ORRERY_INLINE bytes64 by_high_bits(const bytes64 (&of)[8]) const {
       const auto bit = [&](int i) ORRERY_INLINE { return common_bits(high, bytes64::all(1 << i)); };
       const mask<64> one = bit(0), two = bit(1), four = bit(2);
@@ -299,7 +300,7 @@ struct iq1_s : grid_block {
       return select(four, select(two, pair[3], pair[2]), select(two, pair[1], pair[0]));
     }
 
-    // The indexes without their three lowest bits: five bits, three above them.
+    // The indexes without their three lowest bits: five bits of `low`, then three of `high`.
     ORRERY_INLINE bytes64 eights() const { return merge_bits(bytes64::all(0x1F), low >> 3, high << 5); }
     ORRERY_INLINE bytes64 next_run(const bytes64& run, const bytes64& next_at) const {
       return add_where(at_least(low & bytes64::all(7), next_at), run, bytes64::all(1));
@@ -341,8 +342,8 @@ struct iq1_s : grid_block {
                       {mask<64>::all(), mask<64>::all()});
   }
 
-  // Codes are not shifted down before they are multiplied: those at odd places in a byte are added up for themselves,
-  // and that sum, a multiple of 4, is shifted.
+  // Codes are multiplied without being shifted down. Those at odd places in a byte have a sum of their own, a multiple
+  // of 4, which is shifted at the end.
   ORRERY_INLINE static void add_products(simd<int32_t, 16> (&sum)[2], const bytes64& codes, const int8_t (*x)[64]) {
     const bytes64 upper = codes >> 4;
     ORRERY_UNROLL for (int j = 0; j < 4; ++j) {

@@ -1,18 +1,18 @@
-// The linear block formats: a value is an affine function of a small integer, with one scale for 64 elements.
+// The linear block formats: a value is an affine function of a small integer, with one scale per 64 elements.
 //
-// A split format, of this header or of codebook.h, has
-//   value<T>(code, d..)      the value rule for one element, from its scale as it is stored
-//   unscaled<T>(code)        the same without the scale, one code per lane; bits above the code are ignored
-//   scaled<T, N, Share>(..)  a sum of unscaled terms times the scale; `Share` neighbouring lanes lie in one block
-//   run, words               elements that a work-item takes in a pass, 32-bit words that hold their codes
-//   load(..)                 those words, from the run that starts at element o of a block
-//   prefetch_codes<N>(..)    asks for the words of N such runs
+// A split format, in this header or codebook.h, has
+//   value<T>(code, d..)      the value rule for one element, from its stored scale
+//   unscaled<T>(code)        the same without the scale, one code per lane; higher bits of a lane are ignored
+//   scaled<T, N, Share>(..)  a sum of unscaled terms times the scale; `Share` neighbouring lanes are in one block
+//   run, words               elements of a work-item per pass, and 32-bit words that hold their codes
+//   load(..)                 loads those words, for the run that starts at element o of a block
+//   prefetch_codes<N>(..)    prefetches the words of N such runs
 //   term<T>(words, k)        the unscaled value of the k-th term of the run's sum
-//   first_element, element   where in the block the run begins, and its k-th term from there
-// what split_defaults has, where it is otherwise, and, where each byte holds whole codes,
+//   first_element, element   the run's first element in the block, and its k-th term relative to that
+// members of split_defaults that it overrides, and, if each byte holds whole codes,
 //   codes_per_byte           1 or 2
-//   byte_code(byte, p)       code p of a byte, bits above it are anything
-//   byte_element(j, p)       which element of the block code p of byte j is
+//   byte_code(byte, p)       code p of a byte; higher bits are unspecified
+//   byte_element(j, p)       the element of the block whose code is code p of byte j
 #pragma once
 
 #include <array>
@@ -34,11 +34,11 @@ T times(T a, T b) {
   return (simd<T, 1>(a) * simd<T, 1>(b))[0];
 }
 
-// What holds where a split format says nothing else.
+// Defaults of a split format.
 struct split_defaults {
-  // Whether a value has a second term, an offset.
+  // Whether a value has an offset.
   static constexpr bool has_offset = false;
-  // Whether a dense value is computed in float for every T and rounded once, at the end.
+  // Whether dequantization computes in float for every T and rounds once, at the end.
   static constexpr bool rounds_last = false;
   // Whether half_bits(code) gives a value's bits as a half.
   static constexpr bool codes_are_halves = false;
@@ -57,7 +57,7 @@ struct one_scale : split_defaults {
 using half_scale = one_scale<c10::Half>;
 using float_scale = one_scale<float>;
 
-// Codes in whole bytes or pairs of nibbles: a run is 8 bytes, and those of neighbouring lanes lie side by side.
+// Codes of bytes or nibbles: a run is 8 bytes, and the runs of neighbouring lanes are contiguous.
 template <int Run>
 struct byte_runs {
   static constexpr int run = Run;
@@ -76,7 +76,7 @@ struct byte_runs {
   }
 };
 
-// Two 4-bit codes per byte, elements j and j + 32. A run is two runs of 8 elements that lie 32 apart, taken by turns.
+// Two 4-bit codes per byte j: elements j and j + 32. A run alternates between two sequences of 8 elements, 32 apart.
 template <bool HighFirst>
 struct nibble_pairs : byte_runs<16> {
   static constexpr int codes_per_byte = 2;
@@ -98,7 +98,7 @@ struct nibble_pairs : byte_runs<16> {
   }
 };
 
-// The values of 16 codes, as registers hold them.
+// The values of the 16 codes, as kept in registers.
 template <typename T>
 using nibble_table = std::array<register_type<T>, 16>;
 
@@ -112,8 +112,8 @@ simd<T, N> value_of_nibble(const nibble_table<T>& values, const simd<uint32_t, N
   }
 }
 
-// Nibbles whose values Rule tells; the lower half of each is zero. Eight lie in a word: with those of its upper half
-// looked up where they are, four of them need no shift of their own (7% of a product).
+// Nibbles with values by Rule, as floats with a zero lower half. Of the eight nibbles of a word, the four in the upper
+// half are looked up in place, which saves their shifts (7% of a product).
 template <typename Rule>
 struct ruled_nibbles : nibble_pairs<false> {
   template <typename T, int N>
@@ -148,7 +148,7 @@ struct q4_1 : ruled_nibbles<plain_code>, split_defaults {
     return plus(times(to<T>(d), to<T>(code)), to<T>(m));
   }
 
-  // `x` is the sum of the terms' inputs.
+  // `x` is the sum of the inputs.
   template <typename T, int N, int Share>
   static simd<T, N> scaled(const simd<T, N>& s, const simd<T, N>& x, const uint8_t* scales) {
     const auto* p = reinterpret_cast<const c10::Half*>(scales);
@@ -157,7 +157,7 @@ struct q4_1 : ruled_nibbles<plain_code>, split_defaults {
       const simd<T, N> m(convert<T>(simd<c10::Half, 1>::load(p + 1))[0]);
       return s * d + x * m;
     } else {
-      // Eight blocks' scales, also where the lanes have fewer: a stretch that is read whole needs no mask.
+      // Always loads the scales of eight blocks, even if the lanes need fewer: a full load needs no mask.
       static_assert(N / Share <= 8);
       const auto pairs = convert<T>(simd<c10::Half, 16>::load(p));
       const auto d = simd<uint32_t, N>::iota() >> std::countr_zero(unsigned(Share)) << 1;
@@ -200,8 +200,8 @@ struct q8_0 : whole_bytes, float_scale {
   static simd<T, N> from_top_byte(const simd<uint32_t, N>& top) {
     return convert_exact<T>(convert<float>(bit_cast<int32_t>(top) >> 24));
   }
-  // Byte k of a word. Where it lies below a float's exponent, the word with that exponent is 2^e plus the code plus
-  // 128, once the code's sign is turned: a difference, exact, in place of two shifts and a conversion.
+  // Byte k of a word. A byte in the mantissa bits, with its sign bit flipped, makes together with an exponent the float
+  // 2^e + code + 128. One exact subtraction then replaces two shifts and a conversion.
   template <typename T, int N>
   static simd<T, N> from_byte(const simd<uint32_t, N>& word, int k) {
     using U = simd<uint32_t, N>;
@@ -214,7 +214,8 @@ struct q8_0 : whole_bytes, float_scale {
   }
 };
 
-// The values of one code per lane, `Share` neighbouring lanes to a block, the first of which has its scale at `scales`.
+// Dequantizes one code per lane. `Share` neighbouring lanes are in one block; the scale of the first block is at
+// `scales`.
 template <typename Format, typename T, int Share, int N>
 simd<T, N> dequantized(const simd<uint32_t, N>& code, const uint8_t* scales) {
   if constexpr (Format::rounds_last) {
@@ -227,7 +228,7 @@ simd<T, N> dequantized(const simd<uint32_t, N>& code, const uint8_t* scales) {
   }
 }
 
-// q5_0 and q5_1 are arrays of 44-byte blocks: d, m, the fifth bits as a word, then nibbles as in q4_0.
+// q5_0 and q5_1 are arrays of 44-byte blocks: d, m, the fifth bits as two words, then nibbles as in q4_0.
 struct q5_block {
   static constexpr int bytes = 44;
   static constexpr int scale_at = 0, offset_at = 2, high_bits_at = 4, nibbles_at = 12;
@@ -248,7 +249,7 @@ struct q5_block {
   }
 
  private:
-  // Bit i of a word as 16 in lane i.
+  // Lane i is 16 if bit i is set, else 0.
   template <int N>
   static simd<uint32_t, N> spread_bits(uint32_t bits) {
     using U = simd<uint32_t, N>;
@@ -257,7 +258,7 @@ struct q5_block {
 };
 
 struct q5_0 : q5_block {
-  // In float for every T, rounded to T at the end; the offset field is not read.
+  // Computed in float for every T, then rounded to T; the offset field is not read.
   template <typename T, int N>
   static simd<T, N> value(const simd<int32_t, N>& code, const uint8_t* block) {
     using F = simd<float, N>;

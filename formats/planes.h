@@ -1,4 +1,4 @@
-// Where the parts of a split weight lie.
+// The planes of a split weight.
 #pragma once
 
 #include <cstdint>
@@ -7,15 +7,15 @@
 
 namespace orrery::formats {
 
-// From the weight's first block on. A format without a scale plane does not read `scales`.
+// Each starts at the weight's first block. A format without a scale plane does not read `scales`.
 struct block_planes {
   const uint8_t* quants = nullptr;
   const uint8_t* scales = nullptr;
   const uint8_t* top_bits = nullptr;  // of fp6
 };
 
-// The planes of a whole weight, null where the half values of the format need none. Positions have 64 bits: only the
-// kernels that take a scale_offset are limited to 2^31 elements, the explicit-SIMD ones are not.
+// The planes of a whole weight; null if half values of the format do not need the plane. Positions are 64-bit: kernels
+// that take a scale_offset are limited to 2^31 elements, explicit-SIMD kernels are not.
 inline block_planes planes_of(weight_format format, const uint8_t* weight, uint64_t output_size, uint64_t state_size) {
   const uint64_t blocks = output_size * state_size / 64;
   block_planes planes{weight, weight + blocks * find_weight_format(format)->quant_bytes};

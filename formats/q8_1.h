@@ -1,4 +1,4 @@
-// Quantized activations: 32 signed codes with a scale and the sum of the values that they stand for.
+// Quantized activations: 32 signed codes with a scale and the sum of the values that were quantized.
 #pragma once
 
 #include <cstdint>

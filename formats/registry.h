@@ -1,4 +1,4 @@
-// The weight formats by code: sizes, layout, and where the planes of a split tensor lie.
+// The weight formats by code: sizes, layout, and the positions of the planes of a split tensor.
 #pragma once
 
 #include <array>
@@ -7,14 +7,14 @@
 
 namespace orrery {
 
-// The codes by which callers name a format; find_weight_format tells a number that names none.
+// The codes by which callers name a format; find_weight_format finds numbers that are no format.
 enum class weight_format : int32_t {
   q4_0 = 2,
   q4_1 = 3,
   q5_0 = 6,
   q5_1 = 7,
   q8_0 = 8,
-  q8_1 = 9,  // quantized activations, no weight format
+  q8_1 = 9,  // quantized activations, not a weight format
   nf4 = 10,
   nf3 = 11,
   fp8_e4m3 = 15,
@@ -50,7 +50,7 @@ inline constexpr format_row format_rows[] = {
     {weight_format::q5_0,     "q5_0",     64,  44,  weight_layout::block_array, 0,  0},
     {weight_format::q5_1,     "q5_1",     64,  44,  weight_layout::block_array, 0,  0},
     {weight_format::q8_0,     "q8_0",     64,  68,  weight_layout::split,       64, 4},
-    {weight_format::q8_1,     "q8_1",     32,  36,  weight_layout::none,        0,  0},  // activations, no weights
+    {weight_format::q8_1,     "q8_1",     32,  36,  weight_layout::none,        0,  0},  // activations, not weights
     {weight_format::nf4,      "nf4",      64,  34,  weight_layout::split,       32, 2},
     {weight_format::nf3,      "nf3",      64,  26,  weight_layout::split,       24, 2},
     {weight_format::fp8_e4m3, "fp8_e4m3", 64,  68,  weight_layout::split,       64, 4},
@@ -70,7 +70,7 @@ inline constexpr format_row format_rows[] = {
 
 inline constexpr int32_t format_codes = 30;
 
-// Those that the matrix engine reads.
+// The formats that the matrix engine supports.
 inline constexpr weight_format engine_formats[] = {weight_format::q4_0, weight_format::q8_0, weight_format::fp8_e4m3,
                                                    weight_format::fp8_e5m2};
 
@@ -88,7 +88,7 @@ constexpr std::array<Value, format_codes> by_code(Value format_row::*field) {
 inline constexpr std::array<int32_t, format_codes> block_elems = detail::by_code(&format_row::elements);
 inline constexpr std::array<uint64_t, format_codes> block_bytes = detail::by_code(&format_row::bytes);
 
-// The row of a format in a table that has a `format` in each row, else null.
+// The row of a table with the given `format`, or null.
 template <typename Row, size_t Rows>
 constexpr const Row* find_format(const Row (&rows)[Rows], weight_format format) {
   for (const Row& row : rows) {
@@ -97,32 +97,32 @@ constexpr const Row* find_format(const Row (&rows)[Rows], weight_format format) 
   return nullptr;
 }
 
-// The row of a code that a weight may have, else null: holes of the table, and sizes without a reader, have none.
+// The row of a weight format, or null for unused codes and for codes with sizes only.
 constexpr const format_row* find_weight_format(weight_format format) {
   const format_row* row = find_format(format_rows, format);
   return row == nullptr || row->layout == weight_layout::none ? nullptr : row;
 }
 
-// Remainders are dropped without notice, as the readers' addresses never depend on them.
+// Ignores remainders, since no reader's addresses depend on them.
 constexpr uint64_t rows_of_weight(weight_format format, uint64_t weight_bytes, uint64_t state_size) {
   const uint64_t blocks = weight_bytes / block_bytes[code_of(format)];
   return static_cast<uint64_t>(block_elems[code_of(format)]) * blocks / state_size;
 }
 
-// Positions of planes are 32-bit: the product wraps, and a split matrix of 2^31 elements or more has no valid position.
+// Plane positions are 32-bit: the product wraps, so a split matrix of 2^31 elements or more has no valid position.
 constexpr int32_t wrapped_blocks(uint64_t output_size, uint64_t state_size) {
   return static_cast<int32_t>(static_cast<uint32_t>(output_size * state_size)) / 64;
 }
 
-// Byte position of the scale plane of a split format, behind the quants of all its blocks; 0 for a block array, which
-// has none.
+// Byte position of a split format's scale plane, which follows the quants of all blocks; 0 for a block array, which has
+// none.
 constexpr uint32_t offset_behind_blocks(weight_format format, uint64_t output_size, uint64_t state_size) {
   const format_row* row = find_weight_format(format);
   if (row == nullptr || row->layout != weight_layout::split) return 0;
   return static_cast<uint32_t>(wrapped_blocks(output_size, state_size) * row->quant_bytes);
 }
-// The same, as all but the fused projections have it: where a quant is a byte, the last block that is not whole does
-// not count whatever the product's sign.
+// The same for all but the fused projections: if a quant is a byte, a last partial block is dropped whatever the sign
+// of the product.
 constexpr uint32_t scale_offset(weight_format format, uint64_t output_size, uint64_t state_size) {
   const format_row* row = find_weight_format(format);
   if (row != nullptr && row->quant_bytes == 64) return static_cast<uint32_t>(output_size * state_size) & ~63u;

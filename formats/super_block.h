@@ -1,17 +1,17 @@
-// The super-block formats: 256 elements in sub-blocks of 16 or 32 with small scales of their own, which the block's one
-// or two halves scale again. Blocks are those of GGUF files.
+// The super-block formats: 256 elements in sub-blocks of 16 or 32. Each sub-block has a small scale, which one or two
+// halves per block scale again. Blocks are as in GGUF files.
 //
 // Each has
 //   bytes          of a block
 //   value(b, e)    the value rule: element e of block b, all arithmetic in float
 //   values(b, h)   elements 16 h to 16 h + 15, by the same arithmetic
 //
-// q4_k, q5_k and q6_k are read by 16 work-items per block, which see it as four stretches of elements; a place p of 0
-// to 15 has `span` neighbouring elements of each stretch (and in q5_k those 16 behind them too).
-//   element(p, s, k)     the element of place p that is the k-th of stretch s
-//   part<N>(b, p)        what N places from p on need of block b: N is 1 or 16
-//   code<s, k>()         the part's integers, as exact floats
-//   scale(s), minimum(s) the sub-blocks' small scales and minimums, as exact floats
+// q4_k, q5_k and q6_k are read by 16 work-items per block, as four stretches of elements. A place p of 0 to 15 has four
+// elements of each stretch: neighbours, or in q5_k two neighbours and the two 16 elements after them.
+//   element(p, s, k)     element k of stretch s at place p
+//   part<N>(b, p)        block b as N places from p on need it; N is 1 or 16
+//   code<s, k>()         the codes, as exact floats
+//   scale(s), minimum(s) the small scales and minimums of the sub-blocks, as exact floats
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ namespace detail {
 
 inline simd<uint32_t, 16> widened(const uint8_t* p) { return convert<uint32_t>(simd<uint8_t, 16>::load(p)); }
 
-// Values of nibbles that are left in the upper half of their byte, and of codes less 32.
+// Values of nibbles that stay in the upper half of their byte, and of codes minus 32.
 struct times_16 {
   static constexpr int value(int code) { return 16 * code; }
 };
@@ -87,13 +87,13 @@ struct q2_k {
     return sum * d(block) - offset * dmin(block);
   }
 
-  // The activations of a block in the order of its bytes. Codes are not shifted down before they are multiplied, so
-  // their scales are divided by what a code then counts too much: both are exact.
+  // The activations of a block in the order of its bytes. Codes are multiplied without being shifted down, which makes
+  // them 4^i times too large; the scales are divided by that. Both are exact.
   static constexpr int blocks_at_once = 1;
   struct alignas(64) inputs {
     int8_t codes[4][64];
     float d[4][16];
-    float total[4][16];  // of four codes, scaled: exact
+    float total[4][16];  // sum of four codes, scaled; exact
 
     void fill(const uint8_t* activations, int) {
       for (int i = 0; i < 4; ++i) {
@@ -128,8 +128,8 @@ struct q2_k {
   }
 };
 
-// What q4_k and q5_k share: eight sub-blocks of 32, with 6-bit scales and minimums in 12 bytes, and a low nibble for
-// each element. The nibbles of elements 64 p + l and 64 p + 32 + l lie in one byte.
+// Common to q4_k and q5_k: eight sub-blocks of 32, with 6-bit scales and minimums in 12 bytes, and a low nibble per
+// element. Elements 64 p + l and 64 p + 32 + l share a byte.
 struct nibble_super_block {
   static constexpr int d_at = 0, dmin_at = 2, scales_at = 4;
 
@@ -149,7 +149,7 @@ struct nibble_super_block {
   static constexpr int sub_block(int p, int s) { return s / 2 * 4 + p / 8 * 2 + s % 2; }
   static constexpr int first_of(int p, int s) { return 32 * sub_block(p, s); }
 
-  // Scales and minimums of the sub-blocks that N places meet.
+  // Scales and minimums of the sub-blocks of N places.
   template <int N>
   struct small_scales {
     float scales[4], minimums[4];
@@ -165,8 +165,8 @@ struct nibble_super_block {
   };
 };
 
-// For sixteen places: each four lanes have the numbers of the four stretches at their places, and a shuffle inside
-// fours, which needs no register for its indexes, spreads one of them.
+// For sixteen places: each group of four lanes holds the values of the four stretches for its places. A shuffle within
+// four lanes, which needs no index register, broadcasts one of them.
 template <>
 struct nibble_super_block::small_scales<16> {
   simd<float, 16> scales, minimums;
@@ -214,12 +214,12 @@ struct q4_k : nibble_super_block {
   static constexpr int span = 4;
   static constexpr int element(int p, int s, int k) { return first_of(p, s) + span * (p % 8) + k; }
 
-  // High nibbles stay in the upper half of their bytes: the codes of the odd stretches are 16 times too large.
+  // High nibbles stay in the upper half of their bytes, so the codes of odd stretches are 16 times too large.
   static constexpr bool high_codes_in_place = true;
   template <int N>
   struct part : small_scales<N> {
-    // From the first byte of a place on, and from the second: a load there costs less than shifts by eight bits. Lanes
-    // read one byte behind the block.
+    // Words from a place's first byte and from its second: a second load costs less than shifts by eight bits. The last
+    // lane reads one byte past the block.
     simd<uint32_t, N> word[2][2];
 
     ORRERY_INLINE part(const uint8_t* block, int p) : small_scales<N>(block, p) {
@@ -268,7 +268,7 @@ struct q5_k : nibble_super_block {
   static constexpr bool high_codes_in_place = false;
   template <int N>
   struct part : small_scales<N> {
-    simd<uint32_t, N> word[4];  // of each stretch: the codes of two neighbouring elements, and of the two 16 behind
+    simd<uint32_t, N> word[4];  // per stretch: codes of two neighbours, and of the two 16 elements after them
 
     ORRERY_INLINE part(const uint8_t* block, int p) : small_scales<N>(block, p) {
       using U = simd<uint32_t, N>;
@@ -286,7 +286,7 @@ struct q5_k : nibble_super_block {
     }
 
    private:
-    // The two bytes of a place, and the two that lie 16 behind them.
+    // The two bytes of a place, and the two 16 bytes after them.
     static simd<uint32_t, N> pairs(const uint8_t* bytes, int p) {
       if constexpr (N == 1) {
         const uint8_t* at = bytes + p / 8 * 32 + p % 8 * 2;
@@ -295,7 +295,7 @@ struct q5_k : nibble_super_block {
         return word_pairs<16>(bytes);
       }
     }
-    // Bit j of the four bytes is for sub-block j of places below 8, and so j + 2 of the others.
+    // Bit j of the four bytes is for sub-block j at places below 8, and for sub-block j + 2 at the others.
     static simd<uint32_t, N> fifth_bits(const uint8_t* block, int p) {
       if constexpr (N == 1) {
         const uint8_t* at = block + fifth_at + p % 8 * 2;
@@ -305,7 +305,8 @@ struct q5_k : nibble_super_block {
         return select(mask<16>{0xFF}, all, all >> 2);
       }
     }
-    // Lane i below 8 is word i of 16 bits and, above it, word i + 8; the other lanes are the same from word Second on.
+    // The low half of lane i < 8 is the 16-bit word i, the high half word i + 8. Lanes 8 to 15 are the same from word
+    // Second on.
     template <int Second>
     static simd<uint32_t, 16> word_pairs(const uint8_t* bytes) {
       struct order {
@@ -321,7 +322,7 @@ struct q5_k : nibble_super_block {
   };
 };
 
-// Four low bits and two high bits per element, less 32; sub-blocks of 16 with signed scales and no minimum.
+// Four low bits and two high bits per element, minus 32; sub-blocks of 16 with signed scales and no minimum.
 struct q6_k {
   static constexpr int bytes = 210;
   static constexpr int low_at = 0, high_at = 128, scales_at = 192, d_at = 208;
@@ -351,7 +352,7 @@ struct q6_k {
 
   template <int N>
   struct part {
-    simd<uint32_t, N> word[4];  // codes of four neighbouring elements of each stretch
+    simd<uint32_t, N> word[4];  // per stretch: codes of four neighbours
     simd<float, 16> scales;
     int p;
 

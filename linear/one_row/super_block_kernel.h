@@ -1,6 +1,6 @@
 // y = W x for one input row, W in a super-block format.
 //
-// A group of 32 work-items computes a row: 16 work-items share a block, and the two halves of the group take alternate
+// A row is summed by the 32 work-items of a group: 16 share a block, and the two halves of the group take alternate
 // blocks. On the host a half is one vector of 16 lanes in the order of the bytes; `place` maps a work-item to its lane.
 #pragma once
 
