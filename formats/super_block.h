@@ -6,8 +6,8 @@
 //   value(b, e)    the value rule: element e of block b, all arithmetic in float
 //   values(b, h)   elements 16 h to 16 h + 15, by the same arithmetic
 //
-// q4_k, q5_k and q6_k are read by 16 work-items per block, as four stretches of elements. A place p of 0 to 15 has four
-// elements of each stretch: neighbours, or in q5_k two neighbours and the two 16 elements after them.
+// q4_k, q5_k and q6_k are read by 16 work-items per block, as four stretches of elements. A place p of 0 to 15 has
+// `span` neighbouring elements of each stretch: four, or in q5_k two, and there also the two 16 elements after them.
 //   element(p, s, k)     element k of stretch s at place p
 //   part<N>(b, p)        block b as N places from p on need it; N is 1 or 16
 //   code<s, k>()         the codes, as exact floats

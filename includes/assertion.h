@@ -1,5 +1,5 @@
-// Shape preconditions that hold in every build: a failure prints the expression, its file and its line to standard
-// error and ends the process by SIGABRT.
+// Shape preconditions that hold in every build: a failure prints the expression, file and line to standard error and
+// ends the process with SIGABRT.
 #pragma once
 
 #include <cstdio>

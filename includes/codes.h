@@ -1,4 +1,4 @@
-// Values of codes that lie side by side in words.
+// Values of codes that are packed in words.
 #pragma once
 
 #include <array>
@@ -12,7 +12,7 @@ namespace orrery {
 
 namespace detail {
 
-// The upper halves of the floats that Rule gives to all codes of Bits bits, repeated to a whole vector.
+// The upper halves of Rule's floats for all codes of Bits bits, repeated to fill a vector.
 template <typename Rule, int Bits>
 struct code_values {
   static constexpr int count = Bits < 5 ? 32 : 1 << Bits;
@@ -29,7 +29,7 @@ inline constexpr code_values<Rule, Bits> values_of_codes;
 
 }  // namespace detail
 
-// The values of the 16 codes of four bits.
+// The values of the 16 4-bit codes.
 template <typename Rule, typename V>
 alignas(64) inline constexpr auto values_of_nibbles = [] {
   std::array<V, 16> all{};
@@ -37,13 +37,13 @@ alignas(64) inline constexpr auto values_of_nibbles = [] {
   return all;
 }();
 
-// The rule of codes that are their own values.
+// The rule for codes that are the values themselves.
 struct plain_code {
   static constexpr int value(int code) { return code; }
 };
 
-// Rule::value(code) as a float, for the code of Bits bits at bit 16 of each lane. Its lower half has to be zero, as
-// that of an integer of at most eight significant bits.
+// Rule::value(code) as a float, for the code of Bits bits at bit 16 of each lane. The float's lower half must be zero,
+// as in integers of at most eight significant bits.
 template <typename Rule, int Bits, int N>
 ORRERY_INLINE inline simd<float, N> value_of_upper_word(const simd<uint32_t, N>& word) {
   if constexpr (has_upper_word_lookup<N>) {
@@ -55,8 +55,8 @@ ORRERY_INLINE inline simd<float, N> value_of_upper_word(const simd<uint32_t, N>&
   }
 }
 
-// The same for the code at bit At. One in the lower word is looked up as a float if it has four bits, any other is
-// brought into the upper word.
+// The same for the code at bit At. A 4-bit code in the lower half of the word is looked up as a float; any other is
+// shifted into the upper half.
 template <typename Rule, int Bits, int At, int N>
 ORRERY_INLINE inline simd<float, N> value_of_code(const simd<uint32_t, N>& word) {
   static_assert(Bits <= 6);
@@ -67,7 +67,7 @@ ORRERY_INLINE inline simd<float, N> value_of_code(const simd<uint32_t, N>& word)
   }
 }
 
-// Floats by a 7-bit code, with no more than the upper 16 of their bits set.
+// Floats by 7-bit code, of which only the upper 16 bits may be set.
 struct float_table {
   alignas(64) uint8_t top[128];
   alignas(64) uint8_t second[128];

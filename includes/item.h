@@ -1,20 +1,19 @@
-// What a kernel is run by. A kernel is generic over its item: Item::lanes work-items stand behind one item, the whole
-// sub-group on the host and one where the compiler makes the sub-group. Values that differ between work-items are
-// simd<T, Item::lanes>.
+// The item that a kernel is generic over. One item stands for Item::lanes work-items: a whole sub-group on the host,
+// one work-item if the compiler forms the sub-groups. Values that differ between work-items are simd<T, Item::lanes>.
 //
 // The members that a kernel may use:
-//   lanes                                how many work-items with neighbouring local ids
-//   group(d), local(d), global(d)        ids in dimension d; of the first lane
+//   lanes                                number of work-items, which have neighbouring local ids
+//   group(d), local(d), global(d)        ids in dimension d, of the first lane
 //   local_linear()                       linear local id of the first lane
-//   barrier()                            work-group barrier; all work-items of a group pass every one
-//   lane<SG>(), sub_group<SG>()          the first lane's index in its sub-group, and that one's in the group. Which
-//                                        work-item is which lane of a sub-group is the implementation's choice
-//   xor_lane<SG>(value, bits)            another lane's value, where an item is one work-item
+//   barrier()                            work-group barrier; all work-items of a group must reach every one
+//   lane<SG>(), sub_group<SG>()          the first lane's index in its sub-group, and the sub-group's index. Which
+//                                        work-item is which lane is implementation-defined
+//   xor_lane<SG>(value, bits)            another lane's value, if an item is one work-item
 //   when_last(f), shared_by_launch<T>(n, f) only under `if constexpr (Item::last_acts_for_group)`
 //
 // A kernel declares
 //   static constexpr int sub_group_size  the required sub-group size; 1 for explicit SIMD
-//   static constexpr bool has_barriers   false if its strands meet only through tree_sum at their end
+//   static constexpr bool has_barriers   false if its strands synchronize only in a tree_sum at the end
 // and, if a group may be smaller than the sub-group size, has the base small_groups<smallest size>.
 #pragma once
 
@@ -38,7 +37,7 @@ concept kernel_functor = requires {
 };
 
 #ifndef SYCL_EXT_ORRERY_HOST
-// One work-item of a device whose compiler makes the sub-groups.
+// One work-item on a device whose compiler forms the sub-groups.
 template <int D>
 class work_item {
  public:
@@ -70,7 +69,7 @@ class work_item {
 };
 #endif
 
-// The host can also run one strand per work-item, as a GPU does: a proof that the sources are plain work-item code.
+// The host can also run one strand per work-item, as a GPU does, which tests that kernels are plain work-item code.
 #if defined(SYCL_EXT_ORRERY_HOST) && !defined(ORRERY_HOST_ITEMS_SCALAR)
 template <typename Kernel>
 constexpr int lanes_of = Kernel::sub_group_size;
@@ -91,7 +90,7 @@ void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel
   }
   h.parallel_for_lanes<lanes_of<Kernel>, Kernel::sub_group_size>(range, kernel);
 #else
-  // Few devices have sub-groups of 1, and a kernel of explicit SIMD has no use for them: it takes any size.
+  // Few devices have sub-groups of 1, and explicit-SIMD kernels work with any size.
   if constexpr (Kernel::sub_group_size == 1) {
     h.parallel_for(range, [kernel](sycl::nd_item<D> at) { kernel(work_item<D>(at)); });
   } else {
@@ -102,7 +101,7 @@ void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel
 }
 
 // Sum over the work-items of a group for R rows at once: pairs at distance WG / 2 first, then WG / 4, down to 1, which
-// is the halving tree over the group's WG values. `store(row, total)` runs once per row. A kernel's last act.
+// is the halving tree over the group's WG values. `store(row, total)` runs once per row. A kernel calls it last.
 template <int WG, int R, typename T, typename Item, int N, typename Store>
 void tree_sum(const Item& item, T* partial, const simd<T, N> (&acc)[R], Store store) {
   const size_t l = item.local_linear();
@@ -131,7 +130,7 @@ void tree_sum(const Item& item, T* partial, const simd<T, N> (&acc)[R], Store st
   }
 }
 
-// The same; `finish(totals)` runs once, with those of all rows.
+// The same; `finish(totals)` runs once, with the totals of all rows.
 template <int WG, int R, typename T, typename Item, int N, typename Finish>
 void tree_sums(const Item& item, T* partial, const simd<T, N> (&acc)[R], Finish finish) {
   T totals[R];
@@ -141,9 +140,8 @@ void tree_sums(const Item& item, T* partial, const simd<T, N> (&acc)[R], Finish 
   });
 }
 
-// Every lane of a sub-group of SG takes its value and that of the lane SG / 2 away, then SG / 4, down to 1. All end
-// with the same value, since the order of the two operands shows in none of the operations in use; it is the halving
-// tree's.
+// Every lane of a sub-group of SG combines its value with that of the lane SG / 2 away, then SG / 4, down to 1. The
+// operations in use are commutative, so all lanes end with the same value, that of the halving tree.
 template <int SG, typename T, typename Item, int N, typename Op>
 T butterfly(const Item& item, simd<T, N> v, Op op) {
   if constexpr (N == 1 && Item::lanes == 1) {
@@ -160,7 +158,8 @@ T butterfly_sum(const Item& item, const simd<T, N>& v) {
   return butterfly<SG>(item, v, [](const auto& a, const auto& b) { return a + b; });
 }
 
-// A row cut into GS runs in order, the first `count % GS` of them one longer: work-item i has [begin(i), begin(i + 1)).
+// Splits a row into GS runs in order, the first `count % GS` of them one longer: work-item i has [begin(i), begin(i +
+// 1)).
 template <int GS>
 struct even_split {
   uint64_t per_item, remainder;
@@ -168,15 +167,15 @@ struct even_split {
   uint64_t begin(uint64_t i) const { return i * per_item + (i < remainder ? i : remainder); }
 };
 
-// The strands of a host group run one after another on one thread, so the last one may act for all of them.
+// The strands of a work-group run one after another on one host thread, so the last one may act for all.
 #if defined(SYCL_EXT_ORRERY_HOST) && !defined(ORRERY_HOST_ITEMS_SCALAR)
 constexpr bool last_finishes = true;
 #else
 constexpr bool last_finishes = false;
 #endif
 
-// The one meeting of an explicit-SIMD kernel, and its last act: when all GS work-items have come, `finish(i, end)` runs
-// for the work-items [i, end), one at a time on a GPU. The kernel's has_barriers is !last_finishes: 32 stacks and the
+// The only barrier of an explicit-SIMD kernel, and its last step: once all GS work-items have arrived, `finish(i, end)`
+// runs for the work-items [i, end), one each on a GPU. The kernel's has_barriers is !last_finishes: 32 stacks and the
 // switches between them cost 2 us per group.
 template <int GS, typename Item, typename Finish>
 void meet_to_finish(const Item& item, Finish finish) {
@@ -189,9 +188,9 @@ void meet_to_finish(const Item& item, Finish finish) {
   }
 }
 
-// An explicit-SIMD kernel of several steps with meetings between them, whole: `steps(begin, end, meet)` runs once for
-// the work-items [begin, end) of a group of `size`, one at a time on a GPU. Each part of it is a loop over them, and
-// meet() stands where all work-items of the group have to have come. The kernel's has_barriers is !last_finishes.
+// The body of an explicit-SIMD kernel with barriers between its steps: `steps(begin, end, meet)` runs for the
+// work-items [begin, end) of a group of `size`, one each on a GPU. Each step is a loop over them, and meet() is the
+// barrier between two steps. The kernel's has_barriers is !last_finishes.
 template <typename Item, typename Steps>
 void in_steps(const Item& item, int size, Steps steps) {
   if constexpr (last_finishes) {

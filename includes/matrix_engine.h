@@ -1,5 +1,5 @@
-// The matrix engine: acc += A x B for up to 8 rows of A, 16 steps of K, and 8 or 16 columns of B. A is half or
-// bfloat16, B the same, acc is float.
+// The matrix engine: acc += A x B for up to 8 rows of A, 16 steps of K, and 8 or 16 columns of B. A and B are both half
+// or both bfloat16; acc is float.
 #pragma once
 
 #include <sycl/sycl.hpp>
@@ -9,15 +9,15 @@
 
 namespace orrery::matrix_engine {
 
-constexpr int steps = 16;     // of K, in one operation
-constexpr int tile_rows = 8;  // of A at most
-constexpr int block = 64;     // steps of the operands that lie together: four operations
+constexpr int steps = 16;     // of K per operation
+constexpr int tile_rows = 8;  // of A, at most
+constexpr int block = 64;     // steps of K in an operand block: four operations
 constexpr int operations = block / steps;
 
-// Of each operation's 16 products the sum is made in order, and the accumulator is added to it. Any other order would
-// do, as long as one operation ends before the next. Both ways below have this one, and so give the same bits.
+// An operation sums its 16 products in order and adds the sum to the accumulator. Any other order would do, as long as
+// one operation ends before the next begins. Both implementations below use this one, so they give the same bits.
 
-// What a device without a matrix engine does. A build for one that has it puts its instruction into multiply_add, with
+// For devices without a matrix engine. A build for a device that has one puts its instruction into multiply_add, with
 // repeat count R and systolic depth 8. It takes R * 16 elements of A, and B as 32-bit units: unit p * N + j holds steps
 // 2p and 2p + 1 of column j.
 template <int R, int N>
@@ -36,7 +36,7 @@ class tile {
       }
     }
   }
-  // this += acc * d lane by lane, a product and a sum, each rounded.
+  // this += acc * d per column; product and sum are rounded separately.
   void add_scaled(const tile& acc, const simd<float, N>& d) {
     for (int r = 0; r < R; ++r) {
       for (int j = 0; j < N; ++j) {
@@ -51,7 +51,7 @@ class tile {
   float acc_[R][N] = {};
 };
 
-// sum += (A x B) * d for a whole block: the accumulator starts from zero, and the scales multiply it once.
+// sum += (A x B) * d for a whole block: the accumulator starts at zero and is multiplied by the scales once.
 template <int R, int N, typename C>
 void add_block(tile<R, N>& sum, const C* a, const C* b, const simd<float, N>& d) {
   tile<R, N> acc;
@@ -59,7 +59,7 @@ void add_block(tile<R, N>& sum, const C* a, const C* b, const simd<float, N>& d)
   sum.add_scaled(acc, d);
 }
 
-// The host's way: columns of several work-groups side by side, and operands as floats, which hold both types exactly.
+// On the host: columns of several work-groups side by side, and operands as floats, which hold both types exactly.
 constexpr int host_columns = 32;
 
 // The same for R rows of `Columns` sums; step k of B has its columns from b + k * Columns on.

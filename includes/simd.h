@@ -1,9 +1,9 @@
 // simd<T, N>: N values of T, one per work-item (or one per element in explicit-SIMD kernels).
 //
-// Every operation rounds to T. Half and bfloat16 values live in registers as floats that have been rounded; one float
-// operation followed by one rounding is exact for half and is the definition of the operation for bfloat16. Nothing
-// here contracts or reorders. simd<T, 1> behaves as the scalar, so a kernel written with these types is plain work-item
-// code where the compiler makes the sub-group.
+// Every operation rounds to T. Half and bfloat16 values are kept in registers as rounded floats; a float operation
+// followed by one rounding is correctly rounded for half and is the definition of the operation for bfloat16. Nothing
+// here contracts or reorders. simd<T, 1> behaves like a scalar, so a kernel written with these types is plain work-item
+// code if the compiler forms the sub-groups.
 #pragma once
 
 // IWYU pragma: begin_exports

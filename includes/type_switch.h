@@ -1,4 +1,4 @@
-// From a run-time type or size to a template argument, with the one text of each refusal.
+// Turns a run-time type or size into a template argument; the texts of the errors are here alone.
 #pragma once
 
 #include <c10/core/ScalarType.h>
@@ -14,12 +14,12 @@ namespace orrery {
 
 inline bool is_half_or_float(c10::ScalarType type) { return type == c10::kHalf || type == c10::kFloat; }
 
-// `function` is who refuses the type.
+// `function` is the name in the message.
 [[noreturn]] inline void refuse_value_type(c10::ScalarType type, const char* function) {
   C10_THROW_ERROR(NotImplementedError, c10::str('"', function, "\" not implemented for '", type, "'"));
 }
 
-// Calls `f` with a value of the type, one of those of the linear layer's ordinary kernels.
+// Calls `f` with a value of the type, which must be one that the linear layer's ordinary kernels support.
 template <typename F>
 auto with_value_type(c10::ScalarType type, F f, const char* function = "qlinear_forward_xpu") {
   switch (type) {
@@ -48,7 +48,7 @@ auto with_half_or_float(c10::ScalarType type, F f) {
   }
 }
 
-// For a caller whose own steps come between the refusal of a type and the launch.
+// For callers that have other steps between the check of the type and the launch.
 inline void check_value_type(c10::ScalarType type, const char* function = "qlinear_forward_xpu") {
   with_value_type(
       type, [](auto) {}, function);

@@ -1,4 +1,4 @@
-// The stream's queue and the profiler's record: where PyTorch's `xpu` device and SYCL meet.
+// The SYCL queue of a PyTorch `xpu` stream, and the profiler's record.
 #pragma once
 
 #include <c10/core/Stream.h>

@@ -1,4 +1,4 @@
-// AVX2 with the conversions of F16C: vectors of 32 bytes.
+// AVX2 with F16C conversions: vectors of 32 bytes.
 #pragma once
 
 #include <immintrin.h>
@@ -96,7 +96,7 @@ struct avx2 : compiler_vectors {
   }
 
 #ifdef __clang__
-  // GCC's own builtin makes a cheaper instruction of indexes that it knows; Clang does so with these.
+  // With constant indexes GCC turns its own builtin into cheaper instructions; Clang does that with these intrinsics.
   template <typename S, int W>
   static vector<S, W> permute(vector<S, W> a, vector<detail::int_like<S>, W> index) {
     if constexpr (sizeof(S) == 4 && W == 8) {

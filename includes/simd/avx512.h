@@ -1,8 +1,7 @@
-// AVX-512 with byte, doubleword and short-vector instructions (F, BW, DQ, VL): vectors of 64 bytes, masks in registers
-// of their own.
+// AVX-512 (F, BW, DQ, VL): vectors of 64 bytes, masks in mask registers.
 //
-// The zero-masking forms of intrinsics with a full mask compile to the plain instruction; GCC's plain forms start from
-// an operand that it warns about.
+// The zero-masking forms of intrinsics with a full mask compile to the plain instruction; GCC warns about the undefined
+// operand of its plain forms.
 #pragma once
 
 #include "avx2.h"
@@ -27,7 +26,7 @@ struct avx512 : avx2 {
     }
   }
 
-  // GCC 12 takes conversions that change the element's size apart lane by lane, so the ones in hot loops are named.
+  // GCC 12 compiles conversions that change the element size lane by lane, so those in hot loops use intrinsics.
   template <typename To, typename From, int W>
   static vector<To, W> convert(vector<From, W> v) {
     using V = vector<To, W>;
@@ -201,7 +200,7 @@ struct avx512 : avx2 {
   }
 #endif
 
-  // Four rows and the four behind them share a vector; a quarter of a vector is transposed by itself.
+  // Four rows and the next four share a vector; each quarter of a vector is transposed separately.
   ORRERY_INLINE static void transpose_words(const uint8_t* const (&row)[16], uint64_t at, uint32_t* out) {
     __m512i quarters[2][4];  // of rows 0 to 7 and 8 to 15: words i and i + 4 of four rows, then of the other four
     ORRERY_UNROLL for (int half = 0; half < 2; ++half) {
@@ -218,8 +217,8 @@ struct avx512 : avx2 {
     }
   }
 
-  // Up to 16 bytes stay in registers: through memory the wide load waits for the narrow store, 8% of a q4_0 product of
-  // 576-element rows. For 32 bytes, what the compiler makes of a register cast was measured 25% slower than memory.
+  // Up to 16 bytes stay in registers: through memory the wide load waits for the narrow store, 8% of a q4_0 product
+  // with 576-element rows. For 32 bytes the code of a register cast was 25% slower than memory.
   template <typename S, int M, int W>
   static vector<S, W> widen(vector<S, M> few) {
     using V = vector<S, W>;
@@ -236,7 +235,7 @@ struct avx512 : avx2 {
 
   template <int W>
   static constexpr bool looks_up_words = W == 16;
-  // Permutations of registers ignore what stands above an index, so no mask is spent on it.
+  // Register permutations ignore the bits above an index, so no mask is needed.
   template <int Bits, int W>
   static vector<float, W> lookup_upper_words(const uint16_t* table, vector<uint32_t, W> words) {
     if constexpr (W == 16) {
@@ -253,7 +252,7 @@ struct avx512 : avx2 {
     }
   }
 
-  // Of vectors of 32 bytes and more.
+  // Only vectors of 32 bytes and more.
   template <typename V>
   ORRERY_INLINE static void hold_in_registers(V& v) {
     if constexpr (sizeof(V) >= 32) asm("" : "+v"(v));
@@ -264,7 +263,7 @@ struct avx512 : avx2 {
   }
 
  protected:
-  // 32 bytes from each of two places.
+  // 32 bytes from each of two addresses.
   ORRERY_INLINE static __m512i load_halves_512(const uint8_t* first, const uint8_t* second) {
     return _mm512_maskz_inserti64x4(0xFF, _mm512_castsi256_si512(load_256(first)), load_256(second), 1);
   }
@@ -273,7 +272,7 @@ struct avx512 : avx2 {
   }
 
  private:
-  // Four rows of four times four words, transposed in each quarter: quarter q of out[i] has word 4q + i of the rows.
+  // Transposes each quarter of four rows of 16 words: quarter q of out[i] has word 4q + i of the four rows.
   ORRERY_INLINE static void transpose_quarters(const __m512i (&row)[4], __m512i (&out)[4]) {
     const __m512i low01 = _mm512_maskz_unpacklo_epi32(0xFFFF, row[0], row[1]);
     const __m512i low23 = _mm512_maskz_unpacklo_epi32(0xFFFF, row[2], row[3]);

@@ -1,4 +1,4 @@
-// AVX-512 with permutations of bytes (VBMI) and products of bytes (VNNI).
+// AVX-512 with byte permutations (VBMI) and byte products (VNNI).
 #pragma once
 
 #include "avx512.h"
@@ -15,7 +15,7 @@ struct avx512_bytes : avx512 {
       const __m512i upper = lookup(top, code), lower = lookup(second, code);
       const __m512i with_sign =
           _mm512_ternarylogic_epi32(upper, code, _mm512_set1_epi8(-128), 0xF8);  // | (code & sign)
-      // Bytes 2 and 3 of a lane from byte k of the two results; 64 is the first byte of the second one.
+      // Bytes 2 and 3 of a lane are byte k of the two results; index 64 is the second result's first byte.
       const __m512i lane = (__m512i)(iota<uint32_t, 16>() * 4u + static_cast<uint32_t>(k));
       const __m512i low = _mm512_maskz_slli_epi32(0xFFFF, lane, 16), high = _mm512_maskz_slli_epi32(0xFFFF, lane, 24);
       const __m512i at = _mm512_or_si512(low, _mm512_or_si512(high, _mm512_set1_epi32(0x40000000)));

@@ -1,4 +1,4 @@
-// Products of blocks for the matrix engine in vector registers; includes/matrix_engine.h says what they are.
+// Block products of the matrix engine in vector registers; includes/matrix_engine.h defines them.
 #pragma once
 
 #include "vector.h"
@@ -6,12 +6,12 @@
 namespace orrery::detail {
 
 // sum += (A x B) * d for a block of Operations x Steps steps, R rows of A and `Columns` columns of B. Rows of A are as
-// long as the block; B, d and sum have their columns side by side.
+// long as the block; the columns of B, d and sum are contiguous.
 template <int R, int Columns, int Operations, int Steps>
 class block_product {
   static constexpr int W = machine::lanes<float, Columns>;
   static constexpr int vectors = Columns / W;
-  // With 32 registers two vectors of columns take each element of A together, else one.
+  // Vectors of columns that share each element of A: two with 32 registers, else one.
   static constexpr int together = W == 16 && vectors % 2 == 0 ? 2 : 1;
   using vector = machine::vector<float, W>;
 
@@ -40,7 +40,7 @@ class block_product {
           acc[r][v] = q == 0 ? product[r][v] : acc[r][v] + product[r][v];
         }
       }
-      machine::hold_in_memory(acc);  // the registers are for the products
+      machine::hold_in_memory(acc);  // leaves the registers to the products
     }
     ORRERY_UNROLL for (int v = 0; v < together; ++v) {
       const vector scale = machine::load<float, W>(d + v * W);

@@ -6,25 +6,25 @@
 
 namespace orrery {
 
-// Whether the operations below are instructions of the machine, or loops that only show what they mean.
+// Whether the operations below are machine instructions, or loops that only define them.
 constexpr bool has_byte_vectors = !std::is_same_v<byte_machine, portable>;
 
 struct bytes64 {
   byte_machine::bytes v;
 
-  // p is a multiple of 64 bytes or not.
+  // p may have any alignment.
   ORRERY_INLINE static bytes64 load(const void* p) {
     bytes64 r;
     std::memcpy(&r.v, p, sizeof r.v);
     return r;
   }
-  // Left alone, the compiler reads the memory again for each use.
+  // Otherwise the compiler loads the value again at each use.
   ORRERY_INLINE static bytes64 load_once(const void* p) {
     bytes64 r = load(p);
     byte_machine::hold_in_registers(r.v);
     return r;
   }
-  // 32 bytes from each of two places.
+  // 32 bytes from each of two addresses.
   ORRERY_INLINE static bytes64 load_halves(const uint8_t* first, const uint8_t* second) {
     return {byte_machine::load_halves(first, second)};
   }
@@ -39,7 +39,7 @@ struct bytes64 {
   }
 
   ORRERY_INLINE friend bytes64 operator&(const bytes64& a, const bytes64& b) { return {a.v & b.v}; }
-  // 16-bit words shifted; bits pass between the two bytes of one.
+  // Shifts 16-bit words; bits cross between the two bytes of a word.
   ORRERY_INLINE friend bytes64 operator>>(const bytes64& a, int n) { return {byte_machine::shift_words_right(a.v, n)}; }
   ORRERY_INLINE friend bytes64 operator<<(const bytes64& a, int n) { return {byte_machine::shift_words_left(a.v, n)}; }
 };
@@ -76,7 +76,7 @@ ORRERY_INLINE inline mask<64> common_bits(const bytes64& a, const bytes64& b) {
   return {byte_machine::common_bits(a.v, b.v)};
 }
 
-// Bytes of `a` that are not below those of `b`, without signs.
+// Bytes of `a` that are not below those of `b`, unsigned.
 ORRERY_INLINE inline mask<64> at_least(const bytes64& a, const bytes64& b) {
   return {byte_machine::at_least(a.v, b.v)};
 }
@@ -107,7 +107,7 @@ ORRERY_INLINE inline bytes64 bytes_at_steps(const simd<uint32_t, 16>& words) {
   return {byte_machine::bytes_at_steps<Step>(detail::bits_as<detail::word_vector>(words.v))};
 }
 
-// Eight 16-bit words from each of two places, widened.
+// Eight 16-bit words from each of two addresses, widened.
 ORRERY_INLINE inline simd<uint32_t, 16> load_widened_halves(const uint8_t* first, const uint8_t* second) {
   return detail::words_of<uint32_t>(byte_machine::load_widened_halves(first, second));
 }
@@ -117,8 +117,8 @@ ORRERY_INLINE inline simd<int32_t, 16> dot_bytes(const simd<int32_t, 16>& sum, c
   return detail::words_of<int32_t>(byte_machine::dot_bytes(detail::bits_as<detail::sum_vector>(sum.v), a.v, b.v));
 }
 
-// Two values that are looked up together. Loads of 64 bytes are what runs out first: with each table read for both a
-// product of iq1_s, 4096 x 4096, takes 545 us, not 662.
+// Two values that are looked up together. 64-byte loads are the bottleneck: if both share the load of a table, a
+// product of iq1_s, 4096 x 4096, takes 545 us instead of 662.
 struct bytes64_pair {
   bytes64 a, b;
 };
@@ -126,8 +126,8 @@ struct mask64_pair {
   mask<64> a, b;
 };
 
-// table[index & 127] in the lanes of the masks. The others keep their index, so that the parts of a larger table are
-// looked up one after the other in the same register and nothing has to be put together.
+// table[index & 127] in the lanes of the masks. The others keep their index, so the parts of a larger table can be
+// looked up one after another in the same register, without a merge.
 ORRERY_INLINE inline bytes64_pair lookup_128(const uint8_t* table, const bytes64_pair& index,
                                              const mask64_pair& where) {
   const bytes64 low = bytes64::load_once(table), high = bytes64::load_once(table + 64);
@@ -135,7 +135,7 @@ ORRERY_INLINE inline bytes64_pair lookup_128(const uint8_t* table, const bytes64
           {byte_machine::lookup_128_where(where.b.bits, low.v, high.v, index.b.v)}};
 }
 
-// Which half of a table of 256 entries holds an index.
+// Which half of a table of 256 entries an index is in.
 struct table_halves {
   mask64_pair low, high;
 

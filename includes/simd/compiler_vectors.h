@@ -1,5 +1,5 @@
-// The verbs of vectors in the vector types that GCC and Clang share. The instruction sets of x86 build on it and name
-// the instructions that the compilers do not find. What each verb does stands in portable.h.
+// The verbs of vectors in the vector types that GCC and Clang share. The x86 instruction sets build on it and override
+// what compiles to poor code. portable.h defines each verb.
 #pragma once
 
 #include <cstdint>
@@ -132,7 +132,7 @@ struct compiler_vectors {
     portable::copy_to_some<T, W>(to, from, bits);
   }
   ORRERY_INLINE static void prefetch(const void* p) { __builtin_prefetch(p); }
-  // Into the second level: filled with what comes much later, the first one loses what is in use.
+  // Into the second-level cache: in the first level, data for much later would evict data in use.
   ORRERY_INLINE static void prefetch_far(const void* p) { __builtin_prefetch(p, 0, 2); }
   static void transpose_words(const uint8_t* const (&row)[16], uint64_t at, uint32_t* out) {
     portable::transpose_words(row, at, out);
@@ -226,8 +226,8 @@ struct compiler_vectors {
   static void hold_in_memory(V&) {}
 
  protected:
-  // The largest power of two that divides N and fits into so many bytes. GCC takes wider vectors apart lane by lane,
-  // and compiles a unit four to ten times as long.
+  // The largest power of two that divides N and fits into `bytes`. GCC compiles wider vectors lane by lane, and takes
+  // four to ten times as long for a unit.
   template <typename S, int N>
   static constexpr int lanes_within(int bytes) {
     int w = N & -N;

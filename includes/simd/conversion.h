@@ -5,7 +5,7 @@
 
 namespace orrery {
 
-// Value conversion; to half and bfloat16 it rounds to nearest even, to integers it truncates.
+// Converts values; to half and bfloat16 with rounding to nearest even, to integers with truncation.
 template <typename To, typename From, int N>
 inline simd<To, N> convert(const simd<From, N>& a) {
   using A = simd<From, N>;
@@ -27,7 +27,7 @@ inline simd<To, N> convert(const simd<From, N>& a) {
   }
 }
 
-// Floats that each are exactly a T, so that nothing is rounded.
+// Converts floats that are each exactly a T, without rounding.
 template <typename T, int N>
 inline simd<T, N> convert_exact(const simd<float, N>& a) {
   if constexpr (is_narrow_float<T>) {
@@ -39,13 +39,13 @@ inline simd<T, N> convert_exact(const simd<float, N>& a) {
   }
 }
 
-// The scalar in T's own arithmetic: through float for half and bfloat16.
+// Converts a scalar to T: through float for half and bfloat16.
 template <typename T, typename From>
 inline T to(From value) {
   return simd<T, 1>(T(static_cast<register_type<T>>(value)))[0];
 }
 
-// The same bits in lanes of another type; there are more of them where it is shorter.
+// The same bits in lanes of another type; a shorter type has more lanes.
 template <typename To, typename From, int N>
 inline auto bit_cast(const simd<From, N>& a) {
   static_assert(!is_narrow_float<To> && !is_narrow_float<From>);
@@ -55,7 +55,8 @@ inline auto bit_cast(const simd<From, N>& a) {
   return r;
 }
 
-// f of as many lanes at a time as are double in one vector: f takes and gives simd<float, M>, M below N or N.
+// Applies f to as many lanes at a time as fit into a vector as doubles; f maps simd<float, M> to simd<float, M>, M at
+// most N.
 template <int N, typename F>
 inline simd<float, N> in_double_parts(const simd<float, N>& a, F f) {
   constexpr int M = simd<double, N>::W;

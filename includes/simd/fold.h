@@ -23,7 +23,7 @@ inline T fold(const simd<T, N>& a) {
   return fold_to<1>(a)[0];
 }
 
-// Lane r of the result is fold(row[r]). The rows go down the tree together, two in a vector, then four, ...
+// Lane r of the result is fold(row[r]). The rows are folded together, two in a vector, then four, ...
 template <typename T, int N>
 inline simd<T, N> fold_each(const simd<T, N> (&row)[N]) {
   using V = simd<T, N>;

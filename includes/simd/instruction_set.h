@@ -1,10 +1,10 @@
-// The one choice of the instruction set that vectors are made of.
+// Chooses the instruction set of the vectors.
 //
-// On the host it follows what the compiler was told of the machine (ORRERY_MARCH), in steps that pay: F16C rounds to
-// half in one instruction; AVX-512 has masks for tails, and conversions and permutations for every element size; byte
-// permutations and products halve the time of the grid formats. Everywhere else, and where a build asks for it with
-// ORRERY_PORTABLE_VECTORS, vectors are plain arrays: a device's compiler knows neither the instructions nor the vector
-// types, and an ordinary kernel uses nothing but simd<T, 1> there.
+// On the host it follows the compiler's target machine (ORRERY_MARCH), in steps that pay off: F16C rounds to half in
+// one instruction; AVX-512 has masks for tails, and conversions and permutations for every element size; byte
+// permutations and products halve the time of the grid formats. In other builds, and with ORRERY_PORTABLE_VECTORS,
+// vectors are plain arrays: a device compiler has neither the instructions nor the vector types, and ordinary kernels
+// use only simd<T, 1> there.
 #pragma once
 
 #include <sycl/sycl.hpp>

@@ -1,5 +1,5 @@
-// The verbs of vectors in plain loops over plain arrays: what a device's compiler sees, and what the other instruction
-// sets are tested against. It uses nothing of a compiler's own, and all N values are one vector.
+// The verbs of vectors as loops over plain arrays: what device compilers see, and the reference for tests of the other
+// instruction sets. It uses no compiler extensions, and all N values are one vector.
 #pragma once
 
 #include <cstdint>
@@ -12,12 +12,12 @@ namespace orrery {
 
 namespace detail {
 
-// W values. Integers wrap around, comparisons give -1 for true.
+// W values. Integers wrap around; comparisons give -1 for true.
 template <typename S, int W>
 struct array_vector {
   S lane[W];
 
-  array_vector() = default;  // and so array_vector{} is zeros
+  array_vector() = default;  // so that array_vector{} is all zeros
   array_vector(S value) {
     for (int i = 0; i < W; ++i) lane[i] = value;
   }
@@ -66,7 +66,7 @@ struct array_vector {
   }
 
  private:
-  // Where integers are computed, so that none overflows; floats as they are.
+  // The type of arithmetic: one in which integers do not overflow; floats are unchanged.
   template <typename U, bool Integer>
   struct computed_in {
     using type = U;
@@ -99,11 +99,11 @@ struct portable {
   template <typename S, int W>
   using vector = detail::array_vector<S, W>;
 
-  // Lanes of one vector, where N values are wanted.
+  // Lanes per vector for N values.
   template <typename S, int N>
   static constexpr int lanes = N;
 
-  // Whether lanes are permuted by indexes of run time without a walk through memory.
+  // Whether run-time permutations stay in registers.
   template <typename S, int W>
   static constexpr bool permutes = false;
 
@@ -130,8 +130,8 @@ struct portable {
 
   // ---- Arithmetic ----
 
-  // a * b + c, where every product is exact in float, as those of two halves and of two bfloat16 are: it rounds once
-  // with one rounding or with two.
+  // a * b + c, where every product must be exact in float, as products of two halves or two bfloat16 are. So a fused
+  // multiply-add gives the same result.
   template <int W>
   static vector<float, W> multiply_add(const vector<float, W>& a, const vector<float, W>& b,
                                        const vector<float, W>& c) {
@@ -156,7 +156,7 @@ struct portable {
 
   // ---- Memory ----
 
-  // W neighbouring values; p may have any alignment.
+  // W contiguous values; p may have any alignment.
   template <typename T, int W>
   static vector<register_type<T>, W> load(const T* p) {
     vector<register_type<T>, W> r;
@@ -167,7 +167,7 @@ struct portable {
     }
     return r;
   }
-  // Each lane is exactly a T, or a NaN.
+  // Each lane must be exactly a T, or a NaN.
   template <typename T, int W>
   static void store(T* p, const vector<register_type<T>, W>& v) {
     for (int i = 0; i < W; ++i) {
@@ -176,7 +176,7 @@ struct portable {
     }
   }
   // Copies the values whose bit is set and touches no others of `from` (copy_from_some) or of `to` (copy_to_some). The
-  // other pointer has W values of room at a multiple of 64 bytes; copy_from_some fills up with zeros.
+  // other pointer is to W values, aligned to 64 bytes; copy_from_some sets the rest to zero.
   template <typename T, int W>
   static void copy_from_some(T* to, const T* from, uint64_t bits) {
     for (int i = 0; i < W; ++i) {
@@ -193,10 +193,10 @@ struct portable {
       if ((bits >> i) & 1) std::memcpy(static_cast<void*>(to + i), from + i, sizeof(T));
     }
   }
-  // Asks for the line of an address, for a use at once or some thousand cycles later.
+  // Prefetches a cache line, for use soon or some thousand cycles later.
   static void prefetch(const void*) {}
   static void prefetch_far(const void*) {}
-  // Eight words of each of 16 rows: word w of row j becomes out[16 w + j].
+  // Transposes eight words of each of 16 rows: word w of row j becomes out[16 w + j].
   static void transpose_words(const uint8_t* const (&row)[16], uint64_t at, uint32_t* out) {
     for (int w = 0; w < 8; ++w) {
       for (int j = 0; j < 16; ++j) std::memcpy(out + 16 * w + j, row[j] + at + 4 * w, 4);
@@ -230,14 +230,14 @@ struct portable {
 
   // ---- Moves ----
 
-  // Lane i is lane index[i] of `a`; upper bits of an index are ignored. W is a power of two.
+  // Lane i is lane index[i] of `a`; upper bits of an index are ignored. W must be a power of two.
   template <typename S, int W>
   static vector<S, W> permute(const vector<S, W>& a, const vector<detail::int_like<S>, W>& index) {
     vector<S, W> r;
     for (int i = 0; i < W; ++i) r.lane[i] = a.lane[index.lane[i] & (W - 1)];
     return r;
   }
-  // The same of `a` with `b` behind it.
+  // The same for `a` followed by `b`.
   template <typename S, int W>
   static vector<S, W> permute2(const vector<S, W>& a, const vector<S, W>& b,
                                const vector<detail::int_like<S>, W>& index) {
@@ -255,7 +255,7 @@ struct portable {
     for (int i = 0; i < M; ++i) r.lane[i] = v.lane[First + i];
     return r;
   }
-  // A short vector in the low lanes of one of W; the lanes above are anything.
+  // A short vector in the low lanes of one of W; the other lanes are unspecified.
   template <typename S, int M, int W>
   static vector<S, W> widen(const vector<S, M>& few) {
     vector<S, W> r{};
@@ -300,7 +300,7 @@ struct portable {
     for (int i = 0; i < 64; ++i) r.lane[i] = table.lane[index.lane[i] & 63];
     return r;
   }
-  // The entry `index & 127` of two tables one behind the other.
+  // Entry `index & 127` of the two tables, `low` first.
   static bytes lookup_128(const bytes& low, const bytes& high, const bytes& index) {
     return lookup_128_where(~uint64_t(0), low, high, index);
   }
@@ -325,7 +325,7 @@ struct portable {
     return bits;
   }
   static uint64_t top_bits(const bytes& a) { return common_bits(a, broadcast<uint8_t, 64>(128)); }
-  // Lanes of `a`, where a bit is set with b added to them, or negative.
+  // `a`, with b added to the lanes whose bit is set, or with those lanes negated.
   static bytes add_where(uint64_t where, const bytes& a, const bytes& b) { return blend<uint8_t, 64>(where, a + b, a); }
   static bytes negate_where(uint64_t where, const bytes& a) { return blend<uint8_t, 64>(where, bytes{} - a, a); }
   // Bits of `yes` where those of `mask` are set, of `no` elsewhere.
@@ -334,7 +334,7 @@ struct portable {
     for (int i = 0; i < 64; ++i) r.lane[i] = (mask.lane[i] & yes.lane[i]) | (~mask.lane[i] & no.lane[i]);
     return r;
   }
-  // 16-bit words shifted; bits pass between the two bytes of one.
+  // Shifts 16-bit words; bits cross between the two bytes of a word.
   static bytes shift_words_right(const bytes& a, int n) { return of_words(words_of<uint16_t>(a) >> n); }
   static bytes shift_words_left(const bytes& a, int n) { return of_words(words_of<uint16_t>(a) << n); }
   // For each lane's 32 bits, the bytes that begin at bits 0, Step, 2 Step and 3 Step.
@@ -349,7 +349,7 @@ struct portable {
     for (int i = 0; i < 64; ++i) sum.lane[i / 4] += a.lane[i] * static_cast<int8_t>(b.lane[i]);
     return sum;
   }
-  // 32 bytes from each of two places, and eight 16-bit words from each of two places, widened.
+  // 32 bytes from each of two addresses, and eight 16-bit words from each, widened.
   static bytes load_halves(const uint8_t* first, const uint8_t* second) {
     bytes r;
     std::memcpy(r.lane, first, 32);

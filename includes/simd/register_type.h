@@ -1,4 +1,4 @@
-// In what type registers keep the values of a type.
+// The type in which registers keep the values of a type.
 #pragma once
 
 #include <c10/util/BFloat16.h>
@@ -24,7 +24,7 @@ struct register_type_of<c10::BFloat16> {
   using type = float;
 };
 
-// The signed integer of a type's size.
+// The signed integer of the same size.
 template <typename S>
 using int_like = std::conditional_t<
     sizeof(S) == 8, int64_t,

@@ -1,4 +1,4 @@
-// Lanes chosen, moved, and looked up.
+// Selects, shuffles and table look-ups.
 #pragma once
 
 #include <utility>
@@ -18,7 +18,7 @@ inline simd<T, N> select(mask<N> m, const simd<T, N>& yes, const simd<T, N>& no)
   return r;
 }
 
-// Lanes of `yes` where a < b, of `no` elsewhere. No mask has to be made.
+// Lanes of `yes` where a < b, of `no` elsewhere, without a mask.
 template <typename T, int N>
 inline simd<T, N> select_less(const simd<T, N>& a, const simd<T, N>& b, const simd<T, N>& yes, const simd<T, N>& no) {
   using V = simd<T, N>;
@@ -41,8 +41,8 @@ inline simd<T, N> select_bits(const simd<I, N>& bits, const simd<T, N>& yes, con
   return r;
 }
 
-// Lane i of the result is lane index[i] of `a`; indexes are below N. An index is an integer of the lane's own size, of
-// 32 bits for half and bfloat16.
+// Lane i of the result is lane index[i] of `a`; indexes must be below N. They are integers of the lane's size, 32 bits
+// for half and bfloat16.
 template <typename T, int N, typename I>
 inline simd<T, N> shuffle(const simd<T, N>& a, const simd<I, N>& index) {
   using V = simd<T, N>;
@@ -65,7 +65,7 @@ inline simd<T, N> shuffle(const simd<T, N>& a, const simd<I, N>& index) {
   return r;
 }
 
-// Even lanes, then odd lanes, of a vector.
+// The even lanes and the odd lanes of a vector.
 template <typename T, int N>
 ORRERY_INLINE inline std::pair<simd<T, N / 2>, simd<T, N / 2>> split_pairs(const simd<T, N>& a) {
   using V = simd<T, N>;
@@ -111,8 +111,7 @@ ORRERY_INLINE inline simd<T, 2 * N> join_pairs(const simd<T, N>& even, const sim
   return r;
 }
 
-// table[code & 15], table of 16 values of T. Upper bits of a code are ignored: the register permutation ignores them
-// too, so no mask is spent on them.
+// table[code & 15]. Register permutations ignore the upper bits of an index, so no mask is needed.
 template <typename T, int N>
 inline simd<T, N> lookup16(const simd<T, 16>& table, const simd<uint32_t, N>& code) {
   using V = simd<T, N>;

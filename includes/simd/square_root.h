@@ -9,7 +9,7 @@ namespace orrery {
 
 namespace detail {
 
-// The nearest value: the standard library's on the host; devices have it as sycl::sqrt.
+// Correctly rounded: the standard library's on the host, sycl::sqrt on devices.
 template <typename S>
 inline S square_root(S value) {
 #ifdef SYCL_EXT_ORRERY_HOST

@@ -1,6 +1,6 @@
 // simd<T, N>: the class, its loads and stores, its arithmetic.
 //
-// `v`, `W`, `S` and `chunk` are for the headers of this folder alone; kernels and formats use the operations.
+// `v`, `W`, `S` and `chunk` are for the headers of this folder only; kernels and formats use the operations.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,7 @@ struct simd {
   chunk v[chunks];
 
   simd() { ORRERY_UNROLL for (int c = 0; c < chunks; ++c) v[c] = chunk{}; }
-  // The same value in every lane. The value is already one of T.
+  // The same value in every lane.
   simd(T value) {
     ORRERY_UNROLL for (int c = 0; c < chunks; ++c) v[c] = machine::broadcast<S, W>(static_cast<S>(value));
   }
@@ -40,7 +40,7 @@ struct simd {
     ORRERY_UNROLL for (int c = 0; c < chunks; ++c) r.v[c] = detail::load_some<T, W>(p + c * W, m.bits >> (c * W));
     return r;
   }
-  // From and to values as registers keep them, each exactly a T.
+  // Loads and stores values as registers keep them, each exactly a T.
   static simd load_register_values(const S* p) {
     simd r;
     ORRERY_UNROLL for (int c = 0; c < chunks; ++c) r.v[c] = machine::load<S, W>(p + c * W);

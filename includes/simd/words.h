@@ -1,11 +1,11 @@
-// Words and values that neighbouring lanes share, from anywhere in memory.
+// Unaligned loads of words and of values that neighbouring lanes share; prefetches.
 #pragma once
 
 #include "shuffle.h"
 
 namespace orrery {
 
-// K words of each lane's own run: lane i's word k is at p + 4 (K i + k), little-endian, any alignment.
+// Loads K words per lane: word k of lane i is at p + 4 (K i + k), little-endian, any alignment.
 template <int K, int N>
 ORRERY_INLINE inline void load_words(const uint8_t* p, simd<uint32_t, N> (&word)[K]) {
   const auto* words = reinterpret_cast<const uint32_t*>(p);
@@ -26,8 +26,8 @@ ORRERY_INLINE inline void load_words(const uint8_t* p, simd<uint32_t, N> (&word)
   }
 }
 
-// Lane i is word i / Lanes * Words + from(i % Lanes) behind p: each `Lanes` neighbouring lanes share `Words` words. Up
-// to N * 8 bytes are read.
+// Lane i is word i / Lanes * Words + from(i % Lanes) from p on: each `Lanes` neighbouring lanes share `Words` words.
+// May read N * 8 bytes.
 template <int Lanes, int Words, int N, typename From>
 inline simd<uint32_t, N> load_grouped_words(const uint8_t* p, From from) {
   using V = simd<uint32_t, N>;
@@ -46,7 +46,7 @@ inline simd<uint32_t, N> load_grouped_words(const uint8_t* p, From from) {
   return r;
 }
 
-// Asks for `Bytes` bytes that will be read soon; the address may lie anywhere.
+// Prefetches `Bytes` bytes that will be read soon; p may have any alignment.
 template <int Bytes>
 ORRERY_INLINE inline void prefetch(const void* p) {
   ORRERY_UNROLL for (int i = 0; i < Bytes; i += 64) machine::prefetch(static_cast<const char*>(p) + i);
@@ -58,18 +58,18 @@ ORRERY_INLINE inline void prefetch_far(const void* p) {
   ORRERY_UNROLL for (int i = 0; i < Bytes; i += 64) machine::prefetch_far(static_cast<const char*>(p) + i);
 }
 
-// Words of 16 rows: word w of what lies `at` bytes behind row[j] becomes out[16 w + j]. `out` is aligned to 64 bytes.
+// Transposes words of 16 rows: word w at row[j] + at becomes out[16 w + j]. `out` must be aligned to 64 bytes.
 template <int Words>
 ORRERY_INLINE inline void transpose_words(const uint8_t* const (&row)[16], uint64_t at, uint32_t* out) {
   static_assert(Words % 8 == 0);
   ORRERY_UNROLL for (int w = 0; w < Words; w += 8) machine::transpose_words(row, at + 4 * w, out + 16 * w);
 }
 
-// Values that neighbouring lanes share: lane i is p[i / Share] rounded to T. p may have any alignment.
+// Loads values that neighbouring lanes share: lane i is p[i / Share] rounded to T. p may have any alignment.
 template <typename T, int N, int Share, typename P>
 inline simd<T, N> load_shared(const void* p) {
   if constexpr (N <= Share) {
-    // As registers keep it: by way of a P the compiler narrows and widens it once more.
+    // A register value, because through a P the compiler would narrow and widen it once more.
     return convert<T>(convert_exact<P>(simd<float, N>(simd<P, 1>::load(static_cast<const P*>(p)).register_value(0))));
   } else {
     constexpr int M = N / Share;
