@@ -11,7 +11,7 @@
 namespace orrery {
 
 constexpr int walk_group = 32;    // work-items of a group
-constexpr int keys_at_once = 16;  // whose dot products are folded together
+constexpr int keys_at_once = 16;  // keys whose dot products are folded together
 
 // 1 / sqrt(head_dim), to the nearest float.
 constexpr float attention_scale(int head_dim) {

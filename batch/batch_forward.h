@@ -1,4 +1,4 @@
-// The explicit-SIMD way of a linear layer.
+// A linear layer by the explicit-SIMD vector kernels.
 #pragma once
 
 #include <ATen/core/Tensor.h>
@@ -7,8 +7,9 @@
 
 namespace orrery {
 
-// y of [n, output_size] by the kernel of the decision. Throws std::runtime_error for a type other than half and float
-// and where the kernel for up to 8 rows gets none; sizes that the kernels cannot take end the process.
+// Returns y of [n, output_size] by the kernel of the decision. Throws std::runtime_error for a type other than half and
+// float, and if the decision has no launcher (the slim kernel with no input rows). Sizes that the kernels do not
+// support fail an assertion.
 at::Tensor run_explicit_simd(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,
                              const linear_decision& way);
 

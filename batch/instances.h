@@ -13,8 +13,8 @@ struct slim_instance {
   int group;  // work-items
 };
 
-// Of one format; the unit of its format group defines it. The kernel for up to 64 input rows has an instance for every
-// tail, the one for up to 8 rows an instance for every number.
+// The kernels of one format, defined in the unit of its format group. The general kernel, for up to 64 input rows, has
+// an instance per tail; the slim one, for up to 8, an instance per number of rows.
 struct vector_kernels {
   const char* general_name;
   const char* slim_name;
@@ -40,11 +40,11 @@ inline constexpr vector_plan vector_plans[] = {
     {weight_format::fp6, &fp6_vectors, true}, {weight_format::fp8_e5m2, &fp8_e5m2_vectors},
 };
 
-// Preconditions, each an assertion. Of every kernel: a weight row is whole spans, the weight whole groups of rows.
+// Assertions. For every kernel: a row of the weight consists of whole spans, the weight of whole groups of rows.
 void check_whole_groups(const linear_decision& way, const linear_operands& on);
-// Of the general kernel: the input rows are groups of eight and the tail.
+// For the general kernel: the input rows are groups of eight and the tail.
 void check_input_rows(const linear_decision& way, const linear_operands& on);
-// Of fp8_e5m2.
+// For fp8_e5m2.
 void check_no_scales(const void* scales);
 
 }  // namespace orrery

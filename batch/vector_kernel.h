@@ -1,8 +1,8 @@
-// y = W x for a few input rows in explicit SIMD: a work-item owns one row of the weight. All arithmetic is in half;
-// inputs of float are narrowed when they are read and results widened when they are stored.
+// y = W x for a few input rows in explicit SIMD: a work-item computes one row of the weight. All arithmetic is in half;
+// float inputs are narrowed when they are loaded, and results widened when they are stored.
 //
-// The two kernels add in different orders. The general one folds each span of 256 products to one number and adds the
-// numbers; the slim one adds the products of a whole row into 64 lanes and folds once.
+// The two kernels add in different orders. The general one folds each span of 256 products to one number and adds up
+// these numbers; the slim one accumulates a whole row in 64 lanes and folds once.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ using c10::Half;
 
 constexpr int blocks_per_span = 4, span = 64 * blocks_per_span, row_group = 8;
 
-// A format as the kernels take it. Its unit adds its own name, and whether the slim kernel stages the input.
+// A format for these kernels. Its unit adds the unit's name and whether the slim kernel stages the input.
 template <weight_format Format, typename Reader>
 struct vector_format {
   static constexpr weight_format code = Format;
@@ -37,7 +37,7 @@ struct vector_arguments {
   const T* x = nullptr;
   T* y = nullptr;
   uint64_t input_size = 0, state_size = 0, output_size = 0;
-  sycl::local_accessor<Half> tile;  // of a kernel that stages: one span of every input row
+  sycl::local_accessor<Half> tile;  // if the kernel stages: one span of every input row
 
   template <typename Format>
   void bind(const linear_operands& on, sycl::handler& h, uint64_t tile_rows) {
@@ -55,7 +55,7 @@ struct vector_arguments {
   uint64_t first_block(uint64_t row, uint64_t c) const { return row * row_blocks() + c * blocks_per_span; }
   const T* input(uint64_t row, uint64_t c, int block) const { return x + row * state_size + c * span + block * 64; }
 
-  // What one of `group` work-items brings into the tile: 64 elements of each (group / 4)th row.
+  // Copies the part of one of `group` work-items into the tile: 64 elements of each (group / 4)th row.
   void stage(int item, int group, uint64_t c) const {
     for (uint64_t r = 0; r < input_size; r += group / 4) {
       const uint64_t row = r + item / 4;
@@ -65,11 +65,11 @@ struct vector_arguments {
   }
 };
 
-// Work-items that are taken together, so that an input row is read and widened once for all of them.
+// Work-items that one strand processes together, so that an input row is loaded and widened once for all of them.
 template <int Some>
 constexpr int together = last_finishes ? Some : 1;
 
-// A span of each of `Items` neighbouring rows, whose blocks are `row_blocks` apart.
+// Decodes a span of each of `Items` neighbouring rows, which are `row_blocks` blocks apart.
 template <typename Reader, int Items>
 void read_spans(const formats::block_planes& planes, uint64_t first_block, uint64_t row_blocks,
                 simd<Half, span> (&w)[Items]) {
@@ -88,7 +88,7 @@ simd<Half, Items> dots(const simd<Half, span> (&w)[Items], const simd<Half, span
   }
 }
 
-// Adds the products of a span with `rows` rows of the tile to the sums of these rows.
+// Adds the dot products of a span with `rows` rows of the tile to the sums of these rows.
 template <int Items>
 void add_products(const simd<Half, span> (&w)[Items], const Half* tile, int rows, simd<Half, Items>* sums) {
   for (int r = 0; r < rows; ++r) sums[r] += dots(w, simd<Half, span>::load(tile + span * r));
@@ -111,7 +111,7 @@ struct general_vector_kernel : vector_arguments<T> {
 
   template <typename Item>
   void operator()(const Item& item) const {
-    if (this->input_size == 0) return;  // then there are no rows before the tail to speak of
+    if (this->input_size == 0) return;  // boundary would be below 0
     constexpr int N = together<16>;
     const uint64_t first_row = item.group() * group;
     in_steps(item, group, [&](int begin, int end, auto meet) {
@@ -214,7 +214,7 @@ void launch_slim(const linear_decision& way, const linear_operands& on) {
       on.type, [&](auto t) { launch_vectors<Format, Kernel<decltype(t), Rows, blocks_per_span, Group>>(way, on); });
 }
 
-// The work-items of a slim kernel's group. One that stages needs four for each input row.
+// Work-group size of a slim kernel; to stage it needs four work-items per input row.
 constexpr int slim_group(bool stages, int rows) {
   if (!stages) return rows <= 4 ? 8 : 16;
   return rows <= 2 ? 8 : rows <= 4 ? 16 : 32;
