@@ -44,7 +44,7 @@ at::Tensor bmm_xpu(at::Tensor A, at::Tensor B, at::Tensor C) {
   const float* b = B.data_ptr<float>();
   float* c = C.data_ptr<float>();
   submit(c10::Device(c10::DeviceType::XPU, -1), {"bmm_xpu_kernel", "bmm_xpu", 48, 5}, [&](sycl::handler& h) {
-    const sycl::stream out(8192, 1024, h);  // the launch holds one; nothing is written to it
+    const sycl::stream out(8192, 1024, h);  // part of the launch, but nothing is written to it
     h.parallel_for(sycl::range<3>(batch, M, N), MatrixMultiplication{K, a, M * K, b, K * N, N, c, M * N});
   });
   return C;

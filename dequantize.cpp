@@ -1,4 +1,4 @@
-// Dense weights of half and float by explicit-SIMD kernels, a few whole blocks per work-item. The kernel stands in
+// Dense weights of half and float by explicit-SIMD kernels, a few whole blocks per work-item. The kernel is in
 // linear/dense/dense_kernel.h.
 #include <string>
 #include <string_view>

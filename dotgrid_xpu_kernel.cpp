@@ -1,5 +1,5 @@
-// Products of a few input rows on the matrix engine: the table of instances and their launch. The kernel stands in
-// linear/engine/dotgrid_kernel.h, the engine itself in includes/matrix_engine.h.
+// Products of a few input rows on the matrix engine: the table of instances and their launch. The kernel is in
+// linear/engine/dotgrid_kernel.h, the engine's operation in includes/matrix_engine.h.
 #include <ATen/ops/empty.h>
 
 #include <array>
@@ -25,7 +25,7 @@ void launch_dotgrid(const linear_decision& way, const linear_operands& on) {
   launch_bound<dotgrid_forward_kernel<T, C, float, P, tail, N, 8>>(way, on, {"dotgrid_xpu_kernel", way.kernel});
 }
 
-// By the rows of the last tile: entry i is for i rows, entry 0 for 8.
+// By the number of rows of the last tile: entry i is for i rows, entry 0 for 8.
 using launchers = std::array<linear_launcher*, 8>;
 
 template <typename T, typename C, typename P, int N, int... I>
@@ -50,7 +50,7 @@ constexpr type_row rows[] = {
     row_of<c10::BFloat16, c10::BFloat16, c10::BFloat16>(c10::kBFloat16),
 };
 
-// No exception, and no destructors: other threads of the runtime may be at work.
+// Runs no destructors, since other threads of the runtime may be running.
 [[noreturn]] void refuse_type() {
   std::fputs("unsupported dtype\n", stderr);
   std::fflush(stderr);

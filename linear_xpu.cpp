@@ -17,7 +17,7 @@ namespace {
 using at::Tensor;
 using std::optional;
 
-// Function and line are part of the failure's record, so they are the operations' own and not this file's.
+// Function and line are part of the error, so they are those of the operation, not of this file.
 void check_tensor(const Tensor& tensor, const char* word, const char* function, uint32_t line) {
   if (!tensor.is_xpu()) {
     c10::detail::torchCheckFail(function, "linear_xpu", line, std::string(word) + " must be a XPU tensor");
@@ -27,7 +27,7 @@ void check_tensor(const Tensor& tensor, const char* word, const char* function, 
   }
 }
 
-// The input list is built only for a listener: without one a scope costs a test.
+// The input list is built only if a listener is active; otherwise a scope costs only that check.
 class trace_scope {
  public:
   trace_scope(const char* name, const Tensor& recorded) : scope_(at::RecordScope::FUNCTION) {
@@ -51,7 +51,7 @@ Tensor linear_forward_new(const Tensor& input, const Tensor& weight, int32_t qty
   return qlinear_dispatch(input, weight, qtype, seq_hint);
 }
 
-// The weight is recorded here, and the first tensor everywhere else.
+// Records the weight; all other operations record their first tensor.
 Tensor dequant(const Tensor& input, const Tensor& weight, int32_t qtype) {
   check_tensor(input, "input", "dequant", 191);
   check_tensor(weight, "weight", "dequant", 192);
@@ -143,7 +143,7 @@ Tensor mlp_forward(const Tensor& input, const Tensor& weight_gate, const Tensor&
   return mlp_forward_xpu(input, weight_gate, weight_up, batch_size, state_size, output_size, act_type, qtype);
 }
 
-// An operation without kernels: its arguments are converted as they will be, then it says that it is not built.
+// An operation without kernels: it converts its arguments, then raises the error that it is not built yet.
 template <typename Result, typename... Arguments>
 void bind_unbuilt(pybind11::module_& m, const char* name, const char* doc, Result (*signature)(Arguments...)) {
   bind_as(
@@ -208,7 +208,7 @@ PyObject* create_module() {
 
 }  // namespace orrery
 
-// Written out because the binding library's macro makes a module of state size 0, initialised in two phases.
+// Not PYBIND11_MODULE, which makes a module of state size 0 with two-phase initialisation.
 extern "C" PYBIND11_EXPORT PyObject* PyInit_orrery_ops() {
   if (!orrery::interpreter_fits(Py_GetVersion())) return nullptr;
   pybind11::detail::ensure_internals();

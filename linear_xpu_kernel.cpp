@@ -1,9 +1,10 @@
-// forward_new behind its wrapper: sizes, the decision (linear/dispatch.h), the checks of the chosen way, and the
-// launch. The kernels stand in linear/one_row/, linear/row_pairs/, linear/dense/, batch/ and linear/engine/.
+// forward_new behind its wrapper: sizes, the decision (linear/dispatch.h), the checks for the chosen kernel, and the
+// launch. The kernels are in linear/one_row/, linear/row_pairs/, linear/dense/, batch/ and linear/engine/.
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 
 #include <algorithm>
+
 #include "batch/batch_forward.h"
 #include "formats/registry.h"
 #include "includes/type_switch.h"
@@ -55,7 +56,7 @@ at::Tensor run_rows(const at::Tensor& input, const at::Tensor& weight, const lin
 }  // namespace
 
 at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t seq_hint) {
-  if (find_weight_format(weight_format{qtype}) == nullptr) refuse_code(qtype);  // sizes without a reader
+  if (find_weight_format(weight_format{qtype}) == nullptr) refuse_code(qtype);  // also codes that have sizes only
   linear_request request = request_of(input, weight, qtype, seq_hint);
   request.settings = read_settings(request);
   const linear_decision way = decide(request);

@@ -1,4 +1,4 @@
-// rms_norm: each row of the input over the root of its mean square, times a weight.
+// rms_norm: each input row divided by the root of its mean square, times a weight.
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 
@@ -12,7 +12,8 @@
 namespace orrery {
 namespace {
 
-// A work-group takes a row, a work-item a run of its blocks. The weighted row waits in local memory for the sum.
+// A work-group computes a row, a work-item a run of its blocks. The weighted row is kept in local memory until the sum
+// is known.
 template <typename T, int GS, int BS>
 struct rms_norm_kernel {
   static constexpr int sub_group_size = 1;
@@ -65,7 +66,7 @@ void launch_rms_norm(const at::Tensor& weight, const at::Tensor& input, const at
   launch(
       input.device(), sycl::nd_range<2>({rows, GS}, {1, GS}), {"norm", "rms_norm_kernel"},
       [&](sycl::handler& h) {
-        // A row at its longest and the sums, whatever the row's length.
+        // Always the size for the longest row, and the partial sums.
         sycl::local_accessor<float> local(sycl::range<1>(32 * 1024 / sizeof(float) + GS), h);
         return rms_norm_kernel<T, GS, BS>{w, x, hidden_size, o, eps, local};
       },

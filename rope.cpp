@@ -1,4 +1,4 @@
-// Rotary position embedding of query and key in place, the angles computed on the fly.
+// Rotary position embedding of query and key in place; angles are computed on the fly.
 #include <ATen/core/Tensor.h>
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 namespace orrery {
 namespace {
 
-// Strides in elements, of the batch, the head and the position.
+// Strides of batch, head and position, in elements.
 template <typename T>
 struct rows {
   T* data;
@@ -46,7 +46,8 @@ struct pair_of_halves {
   simd<T, N> first, second;
 };
 
-// (x1, x2) turned by inv_freq * position. Sine and cosine are rounded to T before the products, which are in T.
+// (x1, x2) rotated by the angle inv_freq * position. Sine and cosine are rounded to T before the products, which are in
+// T.
 template <int N, typename T, typename Item>
 pair_of_halves<T, N> turned(const rotary_arguments<T>& a, const Item& item, const simd<T, N>& x1,
                             const simd<T, N>& x2) {
@@ -74,7 +75,7 @@ struct rotary_half_inplaced_kernel : rotary_arguments<T> {
   }
 };
 
-// Pairs the two elements of each even-odd pair.
+// Pairs element 2 i of a head with element 2 i + 1.
 template <typename T, int HD>
 struct rotary_two_inplaced_kernel : rotary_arguments<T> {
   static constexpr int sub_group_size = 1;

@@ -1,5 +1,5 @@
-// sdp: softmax(query key^T / sqrt(head_dim) + mask) value, for every query row by itself. The walk over the keys stands
-// in attention/walk.h.
+// sdp: softmax(query key^T / sqrt(head_dim) + mask) value, for each query row. The walk over the keys is in
+// attention/walk.h.
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 
@@ -82,7 +82,7 @@ struct sdp_kernel : sdp_body<T, M, HD> {};
 
 struct call {
   const at::Tensor &query, &key, &value;
-  const std::optional<at::Tensor>& mask;  // one slice a query head
+  const std::optional<at::Tensor>& mask;  // one slice per query head
   const at::Tensor& out;
 };
 
@@ -125,7 +125,7 @@ at::Tensor sdp(const at::Tensor& query, const at::Tensor& key, const at::Tensor&
   const int64_t context_length = key.size(2);
   ORRERY_ASSERT(query.size(0) == key.size(0) && key.size(0) == value.size(0));
   ORRERY_ASSERT(query.size(3) == key.size(3) && key.size(3) == value.size(3));
-  // The remainder by no heads at all is not a false expression but a fault of its own.
+  // With no heads the remainder below would be a division by zero, not a failed assertion.
   if (key.size(1) == 0) {
     assertion_failed("query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1)", __FILE__, __LINE__, __func__);
   }

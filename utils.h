@@ -1,4 +1,4 @@
-// The launch frame: how a kernel reaches the queue of a device's current stream, and how its launch is recorded.
+// Launches of kernels: on the queue of a device's current stream, with a profiler record.
 #pragma once
 
 #include <c10/core/Device.h>
@@ -13,7 +13,7 @@
 
 namespace orrery {
 
-// Name of a source unit, of the function that launches, and the place in it. Diagnostics only.
+// Source unit, function and position of a launch. Diagnostics only.
 struct launch_place {
   const char* file;
   const char* function;
@@ -48,7 +48,7 @@ void launch(c10::Device device, const sycl::nd_range<D>& range, const launch_pla
   xpu::profiler_record(record, event);
 }
 
-// Runs the frame around a caller's own command group and records it under `name`.
+// Submits a caller's own command group and records it under `name`.
 inline void submit_kernel(std::function<void(sycl::handler&)> cgf, c10::Device device, const char* name) {
   sycl::event event = submit(device, {"utils", "submit_kernel", 12, 29}, std::move(cgf));
   xpu::profiler_record(name, event);

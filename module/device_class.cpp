@@ -1,4 +1,4 @@
-// Brings the device if this module is imported first.
+// Registers the device if this module is imported first.
 #include "module/device_class.h"
 
 #include <Python.h>

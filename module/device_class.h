@@ -1,4 +1,4 @@
-// What units ask the device when the library loads. Each unit keeps its own copy of the answer.
+// Queries of the device when the library loads. Each unit keeps its own copy of the result.
 #pragma once
 
 #include <c10/core/impl/DeviceGuardImplInterface.h>
@@ -27,17 +27,17 @@ inline uint64_t get_max_work_group_size() {
   return static_cast<uint32_t>(current_xpu_device().get_info<sycl::info::device::max_work_group_size>());
 }
 
-// Imports `torch` if there is no device yet, as this module may be imported first and `torch` may bring the device.
-// Throws std::runtime_error with the reason if that fails, unless this PyTorch was built without xpu.
+// Imports `torch` if no device is registered yet: this module may be imported first, and `torch` may register the
+// device. Throws std::runtime_error with the reason if that fails, unless this PyTorch was built without xpu.
 void bring_device();
 
-// Why the first query at load failed; empty if none did. The module's entry point raises it.
+// Why the first failed query at load failed; empty if none did. The module's entry point raises it.
 inline std::string& load_failure() {
   static std::string text;
   return text;
 }
 
-// For static initialisers: an exception would end the process before the module could raise anything.
+// For static initialisers: an exception there would end the process before the module could raise it.
 template <typename Value>
 Value ask_at_load(Value (*query)()) {
   try {

@@ -1,4 +1,4 @@
-// The test of the interpreter's version, the first act of the module's entry point.
+// The check of the interpreter's version, which comes first in the module's entry point.
 #pragma once
 
 #include <Python.h>

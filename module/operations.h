@@ -1,4 +1,4 @@
-// The host functions behind the operations of the module, one declaration each; every unit defines its own.
+// The host functions of the module's operations; each unit defines its own.
 #pragma once
 
 #include <ATen/core/Tensor.h>

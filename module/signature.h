@@ -1,5 +1,4 @@
-// Binds plain functions so that the types in their signatures have fixed names, whichever names the installed version
-// of the binding library uses.
+// Binds plain functions with fixed type names in their signatures, whatever names the installed binding library uses.
 #pragma once
 
 #include <torch/csrc/utils/pybind.h>
@@ -13,7 +12,7 @@
 namespace orrery {
 
 template <typename T>
-struct signature_text;  // defined for the types whose text is fixed here
+struct signature_text;  // defined for the types with a fixed name
 
 template <>
 struct signature_text<int32_t> {
@@ -40,7 +39,7 @@ struct signature_text<std::vector<std::vector<std::vector<int>>>> {
   static constexpr auto name = pybind11::detail::const_name("List[List[List[int]]]");
 };
 
-// A value whose type has its fixed text in a signature.
+// A value whose type has a fixed name in a signature.
 template <typename T>
 struct named {
   T value;
@@ -69,7 +68,7 @@ struct bound_type<T, std::void_t<decltype(signature_text<std::decay_t<T>>::name)
 template <typename T>
 using bound_t = typename bound_type<T>::type;
 
-// Registers one function; `extra` is its docstring and, if they have any, the arguments' names.
+// Registers one function; `extra` is its docstring and, if there are any, the arguments' names.
 template <typename Function, typename Result, typename... Arguments, typename... Extra>
 void bind_as(pybind11::module_& m, const char* name, Function function, Result (*)(Arguments...),
              const Extra&... extra) {
