@@ -1,1 +1,1 @@
-"""Speed of the operators, side by side with what a user would pick instead: `python -m bench`."""
+"""Speed of the operators compared with what one would use instead: `python -m bench`."""

@@ -75,9 +75,9 @@ def main(argv: list[str] | None = None) -> int:
         except KeyboardInterrupt:
             failures.append(f"{name}: interrupted")
             break
-        except Exception as error:  # one broken case must not cost the others' numbers
+        except Exception as error:  # a failed case must not stop the others
             failures.append(f"{name}: {type(error).__name__}: {error}")
-    # Other work on the machine only ever lowers it, so the better of two moments is the machine's.
+    # Other work on the machine can only lower it, so the better of two measurements counts.
     bandwidth = max(bandwidth, measure.read_bandwidth(setting.runs(16)))
     for key, value in machine.items():
         print(f"{key.replace('_', ' ')}: {value}")

@@ -1,4 +1,4 @@
-"""What is measured: each case gives rows of ours against a peer."""
+"""The benchmark cases: each returns rows that compare our operators with a peer."""
 
 from __future__ import annotations
 
@@ -22,16 +22,16 @@ from .measure import Call, Flush, call_cost, interleaved
 from .report import Bar, Row
 from .rounding import RoundedOperations
 
-# Largest distance of our result from the float32 product, as a part of its length: a guard against timing a wrong
-# answer. Half and bfloat16 round every partial sum, over up to 4096 terms.
+# Largest distance of our result from the float32 product, relative to its norm, so that no wrong result is timed. Half
+# and bfloat16 round every partial sum of up to 4096 terms.
 _NEAR = {torch.float32: 1e-4, torch.float16: 3e-2, torch.bfloat16: 2e-1}
-# One row through these is coded in 8 bits first.
+# These quantize a single input row to 8 bits first.
 _CODED = ("iq2_xxs", "q2_k", "iq1_s")
 _NEAR_CODED = 2e-2
-# Several rows may take a dense weight that is rounded to half.
+# With several rows the dense weight may be rounded to half.
 _NEAR_DENSE = 1e-3
 
-# Parts of the read bandwidth that one row is held to, in float.
+# Targets of one row in float, as fractions of the read bandwidth.
 _BANDWIDTH = {
     **dict.fromkeys(("q4_0", "q4_1", "q8_0", "nf4", "fp4", "fp8_e4m3", "fp8_e5m2"), 0.4),
     **dict.fromkeys(("q4_k", "q6_k"), 0.35),
@@ -41,14 +41,14 @@ _BANDWIDTH = {
 
 @dataclass
 class Setting:
-    """What all cases share. `ops` is None where the peers are measured alone."""
+    """What all cases share. `ops` is None if only the peers are measured."""
 
     ops: ModuleType | None
     threads: int
     quick: bool
     flush: Flush
     model: Path | None
-    load: int = 0  # busy loops that were asked for
+    load: int = 0  # number of busy loops
 
     def runs(self, full: int) -> int:
         return max(3, full // 8) if self.quick else full
@@ -75,7 +75,7 @@ class Setting:
 
 
 def random_weight(fmt: Format, rows: int, columns: int) -> tuple[torch.Tensor, torch.Tensor]:
-    """The bytes of a random matrix and its float32 values. At most 64 rows repeat: quantizing is slow."""
+    """The bytes of a random matrix and its float32 values. Repeats up to 64 rows, since quantizing is slow."""
     some = gcd(rows, 64)
     part = quantize(fmt, torch.randn(some, columns, generator=torch.Generator().manual_seed(0)) * 0.03)
     data = torch.cat([plane.repeat(rows // some, 1).view(-1) for plane in fmt.planes(part)])
@@ -105,7 +105,7 @@ def _linear_row(
 
 
 def linear(setting: Setting) -> list[Row]:
-    """One input row through q4_0, the shape of a 7B model's projection."""
+    """One input row with q4_0, in the shape of a 7B model's projection."""
     bars = [Bar("bandwidth", 0.4), Bar("speed", 5.0)]
     return [_linear_row(setting, "q4_0", torch.float32, bars, runs=60)]
 
@@ -133,7 +133,7 @@ def engine(setting: Setting) -> list[Row]:
     return matrix_engine.in_own_process(setting.threads, setting.quick) if setting.ops is not None else []
 
 
-# Rows of input: the smallest batch, the last ones of the batched kernels, and two that take the dense weight.
+# Input rows: the smallest batch, the limits of the kernels for pairs of rows, and two that use the dense weight.
 _BATCHES = {"q4_0": (2, 7, 20, 32, 512), "q8_0": (2, 7, 32), "nf4": (2, 32), "q4_k": (2, 32, 512)}
 
 
@@ -147,8 +147,8 @@ def batches(setting: Setting) -> list[Row]:
 
 
 def vectors(setting: Setting) -> list[Row]:
-    """A few input rows through the explicit-SIMD kernels of q4_0, beside as many rounded operations and nothing else:
-    one product and one sum for each weight and row."""
+    """A few input rows with the explicit-SIMD kernels of q4_0, against as many rounded operations and nothing else: one
+    product and one sum for each weight and row."""
     operations, size = RoundedOperations(setting.threads), 4096
     return [
         _vector_row(setting, operations, size, n, dtype, device_class)
@@ -176,7 +176,7 @@ def _vector_row(
 
 
 def dequantize(setting: Setting) -> list[Row]:
-    """A weight to floats: the kernel that several input rows call, and the operation, beside a copy of as many bytes."""
+    """A weight to floats: the kernel within a product of several rows, and the operation, against a copy of as many bytes."""
     size = 4096
     data = torch.ones(size, size)
     target = torch.empty_like(data)
@@ -222,7 +222,7 @@ def _dequantizing_kernel(setting: Setting, name: str, weight: torch.Tensor, size
 
 
 def small(setting: Setting) -> list[Row]:
-    """Small matrices, held to the byte rate of a 4096 x 4096 one that is measured in the same turns."""
+    """Small matrices, compared with the byte rate of a 4096 x 4096 one that is measured alternately with them."""
     fmt = FORMATS["q4_0"]
     shapes = [(4096, 4096), (1536, 576), (576, 1536)]
     calls: dict[tuple[str, int], Call] = {}
@@ -335,7 +335,7 @@ def norm(setting: Setting) -> list[Row]:
 
 
 def rotary(setting: Setting) -> list[Row]:
-    """One position: 32 query and 8 key heads of 128, against the usual lines of PyTorch."""
+    """One position: 32 query and 8 key heads of 128, against the usual PyTorch expression."""
     inverse = 10000.0 ** (-torch.arange(64, dtype=torch.float32) / 64)
     position = torch.tensor([[7]])
     q, k = torch.randn(1, 32, 1, 128), torch.randn(1, 8, 1, 128)
@@ -377,12 +377,12 @@ def bmm(setting: Setting) -> list[Row]:
 
 
 def model(setting: Setting) -> list[Row]:
-    """Tokens per second of the real model, ours and llama.cpp's in turns: of a prompt, and of an answer."""
+    """Tokens per second of the real model, ours and llama.cpp's alternately: of a prompt, and of an answer."""
     return decode.rows(setting.ops is not None, setting.threads, setting.quick, setting.model)
 
 
 def threads(setting: Setting) -> list[Row]:
-    """What a second thread brings, alone on the machine and beside busy loops that take processors away."""
+    """The gain from a second thread, alone on the machine and beside busy loops that compete for processors."""
     if setting.ops is None:
         return []
     rows = [_product_by_threads(setting)]

@@ -1,4 +1,4 @@
-"""Tokens per second of the real model, over a prompt and over an answer: our runner and llama.cpp, in turns."""
+"""Tokens per second of the real model, over a prompt and over an answer: our runner and llama.cpp, alternately."""
 
 from __future__ import annotations
 
@@ -13,15 +13,16 @@ from . import llama
 from .measure import busy_loops
 from .report import Bar, Row
 
-# Seconds after which no further turn starts. On a busy machine the peer's barriers spin through whole time slices.
+# Seconds after which no further run starts. On a busy machine the peer's barriers spin for whole time slices.
 _LIMIT = 60.0
 _PROMPT = "The history of astronomy begins with"
 _PROMPT_TOKENS = 256
 _PEER = "xllamacpp Q4_0"
 _MOST_TOKENS = 128
-# Of the peer beside busy loops, where it makes some 2 per second.
+# For the peer beside busy loops, where it decodes about 2 tokens per second.
 _FEW_TOKENS = 8
-# What an answer beside that many busy loops is held to: parts of the speed without them, and of one thread's beside them.
+# Targets of an answer, by number of busy loops: fractions of the speed without them, and of one thread's speed beside
+# them.
 _OF_QUIET = {1: 0.5, 2: 0.35}
 _OF_ONE_THREAD = {1: 0.9}
 
@@ -49,7 +50,7 @@ class _Ours:
         from orrery.tokenizer import ChatTokenizer
 
         prepared = prepare.load(model, formats.find("q4_0"))
-        self.bytes = prepared.quantized_bytes  # that a token reads
+        self.bytes = prepared.quantized_bytes  # read per token
         self._prompt = ChatTokenizer(prepared.vocabulary).encode(_PROMPT)
         self._model = Model(prepared, torch.float32, max(capacity, len(self._prompt) + _MOST_TOKENS))
 
@@ -110,7 +111,7 @@ def rows(with_ours: bool, threads: int, quick: bool, model: Path | None) -> list
 
 
 def crowded_rows(threads: int, loads: Sequence[int], quick: bool, model: Path | None) -> list[Row]:
-    """An answer of our q4_0 with one thread and with all, alone on the machine and beside busy loops, in turns."""
+    """An answer of our q4_0 with one thread and with all, alone on the machine and beside busy loops, alternately."""
     import torch
 
     source = model or llama.shipped_model()

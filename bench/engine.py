@@ -1,4 +1,4 @@
-"""A few input rows on the matrix engine, which only some classes of device take: measured in a process of such a one.
+"""A few input rows on the matrix engine, which only some device classes use: measured in a process of such a class.
 
 Run as a program it prints the rows as JSON.
 """
@@ -27,13 +27,13 @@ if TYPE_CHECKING:
     from .cases import Setting
 
 _CLASS = 1
-# Type, rows of the weight, and how far our result may be away from the float32 product: operands and the eight slices'
-# sums are rounded to half or bfloat16. Of 4096 rows in float another family would take care.
+# Type, rows of the weight, and the tolerance of our result against the float32 product: operands and the eight slices'
+# sums are rounded to half or bfloat16. In float, 4096 rows would be dispatched to another family.
 _TYPES = ((torch.float32, 4112, 2e-3), (torch.bfloat16, 4096, 2e-2))
 _COLUMNS = 4096
 _FORMATS = ("q4_0", "q8_0")
 _COUNTS = (8, 64)
-# Input rows with which the peer reaches its full rate, and the part of that rate that ours are held to.
+# Input rows with which the peer reaches its full rate, and our target as a fraction of that rate.
 _FULL, _PART = 512, 0.5
 
 

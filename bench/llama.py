@@ -22,7 +22,7 @@ _ANSWER = "timings: "
 
 
 def cache_folder() -> Path:
-    """Folder for files that take long to make and can be made again."""
+    """Folder for files that are slow to make and can be made again."""
     base = os.environ.get("XDG_CACHE_HOME") or Path.home() / ".cache"
     return Path(base) / "orrery"
 
@@ -71,7 +71,8 @@ def q4_0_model(source: Path) -> Path:
     target = cache_folder() / f"{source.stem.rsplit('.', 1)[0]}.Q4_0.gguf"
     if not target.exists() or target.stat().st_mtime < source.stat().st_mtime:
         target.parent.mkdir(parents=True, exist_ok=True)
-        # A name of its own until it is whole: two runs at once, or one that was stopped, leave no half file behind.
+        # A temporary name until it is complete, so that neither two runs at once nor an interrupted run leave a partial
+        # file.
         handle, partial = tempfile.mkstemp(dir=target.parent, suffix=".gguf.part")
         os.close(handle)
         try:
@@ -83,9 +84,9 @@ def q4_0_model(source: Path) -> Path:
 
 
 def decoder(model: Path, threads: int, context: int = 1024) -> Callable[[str, int], dict[str, float]]:
-    """A llama.cpp server on `model`; the call decodes a number of tokens greedily and gives tokens per second.
+    """Starts a llama.cpp server on `model`; the function it returns decodes greedily and gives tokens per second.
 
-    "prompt" is the speed over the prompt, "answer" that over the tokens behind it.
+    "prompt" is the speed over the prompt, "answer" that over the tokens after it.
     """
     import xllamacpp
 
@@ -137,7 +138,7 @@ class Peer:
         return self
 
     def __exit__(self, *_: object) -> None:
-        # Ends the peer's loop over its lines; closing flushes, which fails where the peer is gone already.
+        # Ends the peer's loop over its input; closing flushes, which fails if the peer has already ended.
         with suppress(BrokenPipeError):
             self._process.stdin.close()
         self._process.wait()

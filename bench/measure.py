@@ -22,7 +22,7 @@ _MIB = 1 << 20
 
 
 def last_level_cache() -> int:
-    """Bytes of the largest cache that the system tells of, 32 MiB where it tells of none."""
+    """Bytes of the largest cache that the system reports, or 32 MiB if it reports none."""
     sizes = []
     for entry in Path("/sys/devices/system/cpu/cpu0/cache").glob("index*/size"):
         text = entry.read_text().strip()
@@ -30,12 +30,12 @@ def last_level_cache() -> int:
     return max(sizes, default=32 * _MIB)
 
 
-# Seconds in which every thread of a pool has woken up; on a virtual machine one comes up to 0.5 ms late.
+# Seconds within which all threads of a pool wake up; on a virtual machine one can be 0.5 ms late.
 _WAKING = 2e-3
 
 
 def shared_launch(ops: ModuleType) -> Call:
-    """The smallest launch that all of the device's threads take part in."""
+    """A small launch that all of the device's threads take part in."""
     weight, rows = torch.ones(64, device="xpu"), torch.ones(64, 64, device="xpu")
     return lambda: ops.rms_norm(weight, rows, 1e-6)
 
@@ -60,7 +60,7 @@ class Flush:
                 self._launch()
 
 
-# Ends with the process that started it, even if that one is killed.
+# Ends with the process that started it, even if that is killed.
 _BUSY_LOOP = """
 import os
 parent = os.getppid()
@@ -86,7 +86,7 @@ def busy_loops(count: int) -> Iterator[None]:
 
 @torch.inference_mode()
 def interleaved(calls: Mapping[Key, Call], runs: int, before: Call = lambda: None) -> dict[Key, float]:
-    """Median seconds of each call; in a run each is timed once in turn, with `before` ahead of each."""
+    """Median seconds of each call. A run times each call once, one after another, with `before` before each."""
     times: dict[Key, list[float]] = {name: [] for name in calls}
     for call in calls.values():
         call()

@@ -10,7 +10,7 @@ from typing import Sequence
 
 @dataclass
 class Bar:
-    """A bound that a row is held to.
+    """A target of a row.
 
     `kind` is what is compared. "bandwidth" (fraction of the read bandwidth), "copy" (fraction of the row's `byte_rate`,
     that of a copy) and "speed" (how many times the peer's speed) must reach the limit; "microseconds" (of one call),
@@ -49,7 +49,7 @@ class Row:
     bars: list[Bar] = field(default_factory=list)
 
     def speed(self) -> float | None:
-        """How many times as fast as the peer."""
+        """Speed relative to the peer's."""
         if not self.ours or not self.peer:
             return None
         return self.ours / self.peer if self.per_second else self.peer / self.ours
@@ -61,7 +61,7 @@ class Row:
         return self.bytes * self.ours if self.per_second else self.bytes / self.ours
 
     def value(self, bar: Bar, bandwidth: float) -> float | None:
-        """What `bar` compares with its limit; None where it was not measured."""
+        """What `bar` compares with its limit; None if it was not measured."""
         if bar.kind == "bandwidth":
             rate = self.rate()
             return None if rate is None else rate / bandwidth

@@ -1,7 +1,7 @@
-// Rounded half operations and nothing else: what a kernel of them can reach on this machine at most.
+// Rounded half operations and nothing else: the most that a kernel of them can reach on this machine.
 #include "includes/simd.h"
 
-// Multiplies and adds 16 lanes at a time, `count` times each. Eight sums, so that no operation waits for the one
+// Multiplies and adds 16 lanes at a time, `count` times each, into eight sums, so that no operation waits for the one
 // before.
 extern "C" float multiply_and_add(uint64_t count) {
   using vector = orrery::simd<c10::Half, 16>;
@@ -10,7 +10,7 @@ extern "C" float multiply_and_add(uint64_t count) {
   const vector a(c10::Half(0.5f)), b(c10::Half(0.25f));
   for (uint64_t i = 0; i < count; i += sums) {
     ORRERY_UNROLL for (int s = 0; s < sums; ++s) {
-      sum[s] += orrery::hide_address(a) * b;  // else the product is made once
+      sum[s] += orrery::hide_address(a) * b;  // else the product is computed only once
     }
   }
   float total = 0;

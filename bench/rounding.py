@@ -1,4 +1,4 @@
-"""The time of rounded half operations: the floor under a kernel whose every product and sum is rounded."""
+"""The time of rounded half operations: the lower bound of a kernel that rounds every product and sum."""
 
 from __future__ import annotations
 
@@ -16,7 +16,7 @@ _LANES = 16
 
 
 class RoundedOperations:
-    """Runs a number of products and as many sums of halves on all threads, as the vectors of the kernels do them."""
+    """Runs a number of products and as many sums of halves on all threads, as the kernels' vectors compute them."""
 
     def __init__(self, threads: int) -> None:
         self._threads = threads

@@ -190,7 +190,7 @@ void meet_to_finish(const Item& item, Finish finish) {
 
 // The body of an explicit-SIMD kernel with barriers between its steps: `steps(begin, end, meet)` runs for the
 // work-items [begin, end) of a group of `size`, one each on a GPU. Each step is a loop over them, and meet() is the
-// barrier between two steps. The kernel's has_barriers is !last_finishes.
+// barrier after a step. The kernel's has_barriers is !last_finishes.
 template <typename Item, typename Steps>
 void in_steps(const Item& item, int size, Steps steps) {
   if constexpr (last_finishes) {
