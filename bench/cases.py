@@ -176,7 +176,7 @@ def _vector_row(
 
 
 def dequantize(setting: Setting) -> list[Row]:
-    """A weight to floats: the kernel within a product of several rows, and the operation, against a copy of as many bytes."""
+    """A weight to floats: the kernel in a product of several rows, and the operation, against a copy of equal size."""
     size = 4096
     data = torch.ones(size, size)
     target = torch.empty_like(data)
