@@ -1,4 +1,4 @@
-// Which kernel serves a linear layer: a pure function from sizes, format, device class and settings to a decision.
+// Selects the kernel of a linear layer: a pure function from sizes, format, device class and settings to a decision.
 #pragma once
 
 #include <c10/core/Device.h>

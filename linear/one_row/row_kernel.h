@@ -162,7 +162,7 @@ struct row_sums {
   }
 
   // Locates a strand's quants and scales. If rows begin on block boundaries, so do strands, and a strand's lanes read
-  // contiguous bytes. Otherwise each lane has its own block, computed as if rows did.
+  // contiguous bytes. Otherwise each lane has its own block, found as if rows began on a boundary.
   template <bool RowsOnBlocks>
   struct place {
     const uint8_t *weight, *scales;
