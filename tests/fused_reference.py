@@ -34,8 +34,8 @@ BYTES = {name: layout.quant_bytes + layout.scale_bytes for name, layout in LAYOU
 ELEMENTS = {name: 64 if name in LAYOUT else 256 for name in BYTES}
 # Sizes of scales that make values near 1.
 SIZE = {"q4_0": 0.25, "fp4": 0.25, "fp6": 256, "fp8_e5m2": 0.5, "iq2_xxs": 1 / 32, "q2_k": 1 / 32}
-# What a native function of float, or one made of them, may be off, as a part of its value: one ulp. On the host they are
-# the nearest floats (includes/native.h), which is half of that.
+# What a native function of float, or one made of them, may be off, as a part of its value: one ulp. On the host they
+# are the nearest floats (includes/native.h), which is half of that.
 NATIVE = 2.0**-23
 ROUNDING = 2.0**-24
 
@@ -77,7 +77,9 @@ def leave_nan_behind(shape: tuple[int, ...], dtype: str) -> int:
     return torch.full(shape, float("nan"), dtype=DTYPES[dtype], device="xpu").data_ptr()
 
 
-def run_sums(name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, first: np.ndarray, state: int) -> np.ndarray:
+def run_sums(
+    name: str, dtype: str, w: np.ndarray, x: np.ndarray, rows: int, first: np.ndarray, state: int
+) -> np.ndarray:
     """Sums of rows that begin in the blocks `first`, [row, item], of a weight of `rows` rows."""
     layout = LAYOUT[name]
     offset = rows * state // 64 * layout.quant_bytes
@@ -95,7 +97,7 @@ def blocks_of(name: str, w: np.ndarray, rows: int, state: int) -> np.ndarray:
 
 @dataclass(frozen=True)
 class Projections:
-    """A call of forward_qkv, of forward_qkv_bias where there is a bias, or of forward_qk where there are two weights."""
+    """A call of forward_qkv; of forward_qkv_bias with a bias, of forward_qk with two weights."""
 
     name: str
     dtype: str
@@ -142,7 +144,7 @@ class Projections:
         return max(self.counted_rows(p) for p in range(len(self.rows))) // 2
 
     def room_shape(self, p: int) -> tuple[int, int, int]:
-        """Of a cache's storage, wider than its rows and with room behind them; the two caches differ in their strides."""
+        """Of a cache's storage, wider than its rows and with room behind them; the two differ in their strides."""
         capacity = max(self.seq, self.kv_seq_len) + 3
         heads, size = self.heads(p), self.head_size
         return (heads, capacity, size + 3) if p == 1 else (capacity, heads, size + 5)
@@ -194,6 +196,16 @@ def rotated(c: Projections, i: np.ndarray, x1: np.ndarray, x2: np.ndarray) -> tu
     x1, x2 = x1.astype(F), x2.astype(F)
     with np.errstate(all="ignore"):
         return a.of(cs * x1 - sn * x2), a.of(cs * x2 + sn * x1)
+
+
+def turn_bounds(c: Projections, i: np.ndarray, s1: np.ndarray, s2: np.ndarray) -> list[tuple[np.ndarray, np.ndarray]]:
+    """The lowest and the highest of both results. pown is a native function, and its product with the position rounds;
+    sine and cosine are native, and the two products and their sum round: as a part of the pair's length."""
+    a, angle = Arithmetic(c.dtype), angles(c, i).astype(D)
+    x1, x2 = s1.astype(F).astype(D), s2.astype(F).astype(D)
+    off = (np.abs(x1) + np.abs(x2)) * (np.abs(angle) * (NATIVE + 2 * ROUNDING) + NATIVE + 3 * ROUNDING)
+    turned = np.cos(angle) * x1 - np.sin(angle) * x2, np.cos(angle) * x2 + np.sin(angle) * x1
+    return [(a.of(y - off), a.of(y + off)) for y in turned]
 
 
 def projected(c: Projections, device_class: int) -> list[list[np.ndarray]]:
@@ -268,9 +280,13 @@ def caches_of(c: Projections) -> tuple[list[torch.Tensor], list[torch.Tensor]]:
     return rooms, caches
 
 
+def operands(c: Projections | Mlp) -> list[torch.Tensor]:
+    """The input and the weights."""
+    return [to_device(inputs(c.dtype, c.state), c.dtype).view(1, c.state), *map(to_device, c.weights())]
+
+
 def call_projections(c: Projections, position_ids: torch.Tensor | None = None) -> Called:
-    x = to_device(inputs(c.dtype, c.state), c.dtype).view(1, c.state)
-    weights = [to_device(w) for w in c.weights()]
+    x, *weights = operands(c)
     biases = [torch.from_numpy(b).to(DTYPES[c.dtype]).to("xpu") for b in c.biases()] if c.bias else []
     rooms, caches = caches_of(c)
     if position_ids is None:
@@ -333,8 +349,8 @@ def _sums_of_mlp(c: Mlp, shape: tuple[int, int, int]) -> list[np.ndarray]:
 
 
 def activated(dtype: str, act: int, g: np.ndarray, u: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
-    """The lowest and the highest result, from sums of the type. The activation is of float; only in double the other sum
-    comes to it afterwards, which is in float less than a rounding."""
+    """The lowest and the highest result, from sums of the type. All is of float but in double the last product, which
+    rounds less."""
     a = Arithmetic(dtype)
     g, u = g.astype(F).astype(D), u.astype(D)
     with np.errstate(all="ignore"):
@@ -400,8 +416,7 @@ def outside(got: np.ndarray, low: np.ndarray, high: np.ndarray) -> int:
 
 
 def call_mlp(c: Mlp) -> tuple[np.ndarray, list]:
-    x = to_device(inputs(c.dtype, c.state), c.dtype).view(1, c.state)
-    gate, up = (to_device(w) for w in c.weights())
+    x, gate, up = operands(c)
     place = leave_nan_behind((1, c.rows), c.dtype)
     with orrery_host.record_launches() as launches:
         y = orrery_ops.mlp_forward_xpu(x, gate, up, 1, c.state, c.rows, c.act, CODES[c.name])
@@ -435,7 +450,8 @@ def mlp_cases(name: str, dtype: str) -> list[Mlp]:
 
 
 def all_projections() -> list[Projections]:
-    cases = [c for n, d, b in itertools.product(FORMATS, DTYPES, (False, True)) for c in projections_of_instance(n, d, b)]
+    instances = itertools.product(FORMATS, DTYPES, (False, True))
+    cases = [c for instance in instances for c in projections_of_instance(*instance)]
     return cases + [c for d in DTYPES for c in forward_qk_cases(d)]
 
 

@@ -166,7 +166,8 @@ def test_double_has_a_gate_of_float() -> None:
 
 
 def test_fp4_code_0_is_no_zero() -> None:
-    weight = torch.from_numpy(np.concatenate([np.zeros(64, np.uint8), np.array([8, 8], np.float16).view(np.uint8)])).to("xpu")
+    quants, scales = np.zeros(64, np.uint8), np.array([8, 8], np.float16)
+    weight = torch.from_numpy(np.concatenate([quants, scales.view(np.uint8)])).to("xpu")
     x = torch.full((1, 64), 16.0, device="xpu")
     y = orrery_ops.mlp_forward_xpu(x, weight, weight, 1, 64, 2, 0, 16)
     assert (ref.numbers(y) == 256.0**2).all()  # 64 * 0.03125 * 8 * 16 squared
@@ -245,7 +246,7 @@ def test_nothing_is_written_behind_the_result(rows: int, name: str) -> None:
     room = torch.full((1, rows), float("nan"), device="xpu")
     at, behind, marks = room.data_ptr(), room.data_ptr() + room.nbytes, bytes(range(1, 256)) * 2
     c = Mlp(name, "float32", 64, rows)
-    x, (gate, up) = fused.to_device(fused.inputs(c.dtype, 64), c.dtype).view(1, 64), map(fused.to_device, c.weights())
+    x, gate, up = fused.operands(c)
     ctypes.memmove(behind, marks, len(marks))
     del room
     y = orrery_ops.mlp_forward_xpu(x, gate, up, 1, 64, rows, 0, fused.CODES[name])
@@ -271,8 +272,7 @@ def test_no_rows() -> None:
 
 def test_the_first_weight_is_the_gate() -> None:
     c = Mlp("q4_0", "float32")
-    x = fused.to_device(fused.inputs(c.dtype, c.state), c.dtype).view(1, -1)
-    gate, up = map(fused.to_device, c.weights())
+    x, gate, up = fused.operands(c)
     y = ref.numbers(orrery_ops.mlp_forward_xpu(x, up, gate, 1, c.state, c.rows, 0, 2))
     g, u = fused.sums_of_mlp(c, HOST_CLASS)
     assert fused.outside(y[0], *fused.activated(c.dtype, 0, u, g)) == 0

@@ -1,4 +1,4 @@
-"""forward_qkv, forward_qkv_bias and forward_qk: every instance to the bit, edges of heads, caches and positions, refusals."""
+"""forward_qkv, forward_qkv_bias, forward_qk: every instance to the bit, edges of heads, caches, positions; refusals."""
 
 from __future__ import annotations
 
@@ -172,9 +172,8 @@ def test_weights_without_rows() -> None:
 
 def test_a_remainder_of_bytes_is_dropped() -> None:
     c = Projections("q4_0", "float32")
-    x = fused.to_device(fused.inputs(c.dtype, c.state), c.dtype).view(1, -1)
     weights = [torch.from_numpy(w).to("xpu")[: len(w) - ref.SLACK + 33] for w in c.weights()]
-    rooms, caches = fused.caches_of(c)
+    (x, *_), (rooms, caches) = fused.operands(c), fused.caches_of(c)
     results = orrery_ops.forward_qkv(x, *weights, torch.tensor([5], device="xpu"), *caches, 2, 2, 2, 16, 256.0)
     got = [ref.numbers(results[0]), *map(ref.numbers, rooms)]
     assert different(got, fused.expected_projections(c, HOST_CLASS)) == [0, 0, 0]
@@ -209,9 +208,8 @@ def test_a_cache_that_starts_inside_its_storage() -> None:
     c = Projections("fp4", "float32", rows=(48, 16, 16))
     room = torch.full((2, 3, 8, 16), float("nan"), device="xpu")
     cache_k, cache_v = room[:1, 1:2, 2:6], room[1:, 2:, 1:5]
-    x = fused.to_device(fused.inputs(c.dtype, c.state), c.dtype).view(1, -1)
-    weights = [fused.to_device(w) for w in c.weights()]
-    _, key, value = orrery_ops.forward_qkv(x, *weights, torch.tensor([5], device="xpu"), cache_k, cache_v, 16, 16, 3, 16, 256.0)
+    rest = [torch.tensor([5], device="xpu"), cache_k, cache_v, 16, 16, 3, 16, 256.0]
+    _, key, value = orrery_ops.forward_qkv(*fused.operands(c), *rest)
     assert (key.shape, value.shape) == ((1, 1, 5, 16), (1, 1, 5, 16))
     assert (key.storage_offset(), value.storage_offset()) == (cache_k.storage_offset(), cache_v.storage_offset())
     _, key_room, value_room = fused.expected_projections(c, HOST_CLASS)
@@ -225,11 +223,10 @@ def test_step_after_step() -> None:
     """What one call returns is the next one's cache; earlier rows stay."""
     c = Projections("q4_0", "float16", seq=0)
     rooms, caches = fused.caches_of(replace(c, kv_seq_len=5))
-    x = fused.to_device(fused.inputs(c.dtype, c.state), c.dtype).view(1, -1)
-    weights = [fused.to_device(w) for w in c.weights()]
+    operands = fused.operands(c)
     for step in range(5):
         position = torch.tensor([[step]], device="xpu")
-        _, *caches = orrery_ops.forward_qkv(x, *weights, position, *caches, 2, 2, step, 16, 256.0)
+        _, *caches = orrery_ops.forward_qkv(*operands, position, *caches, 2, 2, step, 16, 256.0)
     assert [cache.size(2) for cache in caches] == [5, 5]
     for p, room in enumerate(rooms, 1):
         for step in range(5):
@@ -274,13 +271,12 @@ def test_only_the_first_position_counts(shape: tuple[int, ...]) -> None:
 def test_values_are_never_turned(name: str, dtype: str) -> None:
     """Also where all three weights are the same."""
     c = Projections(name, dtype, rows=(32, 32, 32))
-    x = fused.to_device(fused.inputs(dtype, c.state), dtype).view(1, -1)
-    weight, code = fused.to_device(c.weights()[0]), fused.CODES[name]
+    (x, weight, *_), code = fused.operands(c), fused.CODES[name]
     seen = []
     for position in (0, 77):
-        cache_k, cache_v = (torch.full((1, 2, 1, 16), float("nan"), dtype=ref.DTYPES[dtype], device="xpu") for _ in "kv")
-        ids = torch.tensor([position], device="xpu")
-        seen.append(orrery_ops.forward_qkv(x, weight, weight, weight, ids, cache_k[:, :, :0], cache_v[:, :, :0], code, code, 0, 16, 256.0))
+        caches = [torch.full((1, 2, 1, 16), float("nan"), dtype=ref.DTYPES[dtype], device="xpu") for _ in "kv"]
+        ids, views = torch.tensor([position], device="xpu"), [cache[:, :, :0] for cache in caches]
+        seen.append(orrery_ops.forward_qkv(x, *[weight] * 3, ids, *views, code, code, 0, 16, 256.0))
     query, key, value = seen[0]
     assert torch.equal(query.view(2, 16), value.view(2, 16)) and torch.equal(key.view(2, 16), value.view(2, 16))
     query, key, turned_value = seen[1]
@@ -288,42 +284,21 @@ def test_values_are_never_turned(name: str, dtype: str) -> None:
     assert (query.view(2, 16) != value.view(2, 16)).float().mean() > 0.9
 
 
-TURNED = pytest.mark.parametrize("head_size, rope_base", [(64, 10000.0), (128, 10000.0), (96, 500000.0), (10, 1.7)])
-
-
 @types
-@TURNED
+@pytest.mark.parametrize("head_size, rope_base", [(64, 10000.0), (128, 10000.0), (96, 500000.0), (10, 1.7)])
 def test_other_bases(head_size: int, rope_base: float, dtype: str) -> None:
-    """pown is off by less than NATIVE, and its product with the position by a rounding; so is each of sine, cosine, the
-    two products and their sum, as a part of the pair's length. The first pair's angle is the position itself."""
+    """Between bounds; the first pair's angle is the position itself."""
     for position in (1, 63, 4097):
-        c = Projections("q4_0", dtype, 64, (2 * head_size, head_size, head_size), head_size=head_size, position=position)
-        c = replace(c, rope_base=rope_base)
-        called = fused.call_projections(c)
-        query, key, value = called.numbers()
-        pairs = fused.projected(c, HOST_CLASS)
-        rows = [query[0, :, 0], *(fused.by_heads(p, r)[:, c.kv_seq_len] for p, r in ((1, key), (2, value)))]
-        for p, row in enumerate(rows):
-            head, i, low, high = turn_bounds(c, p, *pairs[p]) if p < 2 else (*pairs[p][:2], pairs[p][2:], pairs[p][2:])
-            for part, (least, most) in enumerate(zip(low, high, strict=True)):
-                got = row[head, i + part * head_size // 2]
-                assert ((least <= got) & (got <= most)).all(), (c, p)
-                first = i == 0
-                assert ref.differing(got[first], pairs[p][2 + part][first]) == 0
-
-
-def turn_bounds(c: Projections, p: int, head: np.ndarray, i: np.ndarray, *turned: np.ndarray) -> tuple:
-    s1, s2 = fused.pair_sums(c, p, fused.shape_of_projections(c.name, HOST_CLASS)[1])[2:]
-    length = np.abs(s1.astype(np.float64)) + np.abs(s2.astype(np.float64))
-    angle = np.abs(fused.angles(c, i).astype(np.float64))
-    off = length * (angle * (fused.NATIVE + 2 * fused.ROUNDING) + 2 * fused.NATIVE + 3 * fused.ROUNDING)
-    a, exact = ref.Arithmetic(c.dtype), turned_in_float64(c, i, s1, s2)
-    return head, i, [a.of((y - off)) for y in exact], [a.of((y + off)) for y in exact]
-
-
-def turned_in_float64(c: Projections, i: np.ndarray, s1: np.ndarray, s2: np.ndarray) -> list[np.ndarray]:
-    angle, x1, x2 = fused.angles(c, i).astype(np.float64), *(s.astype(np.float32).astype(np.float64) for s in (s1, s2))
-    return [np.cos(angle) * x1 - np.sin(angle) * x2, np.cos(angle) * x2 + np.sin(angle) * x1]
+        rows = (2 * head_size, head_size, head_size)
+        c = Projections("q4_0", dtype, 64, rows, head_size=head_size, position=position, rope_base=rope_base)
+        query, key, _ = fused.call_projections(c).numbers()
+        nearest = fused.projected(c, HOST_CLASS)
+        for p, row in enumerate([query[0, :, 0], fused.by_heads(1, key)[:, c.kv_seq_len]]):
+            head, i, *sums = fused.pair_sums(c, p, fused.shape_of_projections(c.name, HOST_CLASS)[1])
+            got = row[head, i], row[head, i + head_size // 2]
+            for y, (low, high), best in zip(got, fused.turn_bounds(c, i, *sums), nearest[p][2:], strict=True):
+                assert fused.outside(y, low, high) == 0, (c, p)
+                assert ref.differing(y[i == 0], best[i == 0]) == 0, (c, p)
 
 
 def test_double_turns_as_floats() -> None:
@@ -471,11 +446,12 @@ def arguments(dtype: torch.dtype = torch.float32, state: int = 64, code: int = 2
     weight = torch.zeros(16 * state, dtype=torch.uint8, device="xpu")
     caches = [torch.zeros(1, 2, 3, 16, dtype=dtype, device="xpu")[:, :, :2] for _ in "kv"]
     x = torch.ones(1, state, dtype=dtype, device="xpu")
-    return [x, weight, weight, weight, torch.zeros(1, dtype=torch.int64, device="xpu"), *caches, code, code, 2, 16, 10000.0]
+    ids = torch.zeros(1, dtype=torch.int64, device="xpu")
+    return [x, weight, weight, weight, ids, *caches, code, code, 2, 16, 10000.0]
 
 
-NAMES = ["input", "weight_q", "weight_k", "weight_v", "position_ids", "cache_k", "cache_v", "src_0_qtype", "src_0_vtype",
-         "kv_seq_len", "head_size", "rope_base"]  # fmt: skip
+NAMES = ["input", "weight_q", "weight_k", "weight_v", "position_ids", "cache_k", "cache_v"]
+NAMES += ["src_0_qtype", "src_0_vtype", "kv_seq_len", "head_size", "rope_base"]
 
 
 def test_the_base_is_10000_unless_given() -> None:
@@ -483,8 +459,7 @@ def test_the_base_is_10000_unless_given() -> None:
     want = fused.call_projections(c).numbers()
     for by_name in (False, True):
         rooms, caches = fused.caches_of(c)
-        x = fused.to_device(fused.inputs(c.dtype, c.state), c.dtype).view(1, -1)
-        values = [x, *map(fused.to_device, c.weights()), torch.tensor([3], device="xpu"), *caches, 2, 2, 2, 16]
+        values = [*fused.operands(c), torch.tensor([3], device="xpu"), *caches, 2, 2, 2, 16]
         if by_name:
             query, _, _ = orrery_ops.forward_qkv(**dict(zip(NAMES, values)))
         else:
