@@ -55,6 +55,12 @@ def round_bfloat16(x: np.ndarray) -> np.ndarray:
     return np.where(np.isnan(x), np.uint32(0x7FC00000), rounded).astype(np.uint32).view(np.float32)
 
 
+def float32_of(function: Callable[[np.ndarray], np.ndarray], x: np.ndarray) -> np.ndarray:
+    """A function of float32 to the nearest float32, which is what the host's native functions give: they compute in
+    double, and two doubles an ulp apart round to different floats once in 2^28 arguments."""
+    return function(x.astype(np.float64)).astype(np.float32)
+
+
 @dataclass(frozen=True)
 class Arithmetic:
     """Numbers of one type in numpy; every operation rounds to the type."""

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import ctypes
 from dataclasses import replace
 
 import numpy as np
@@ -126,8 +125,8 @@ def test_agrees_with_dense_algebra(name: str) -> None:
 @formats
 @pytest.mark.parametrize(
     "rows",
-    [(144, 48, 48), (48, 48, 48), (16, 48, 32), (32, 16, 96), (40, 24, 16), (16, 8, 12)],
-    ids=["grouped", "alike", "most keys", "most values", "unfinished heads", "less than a head"],
+    [(144, 48, 48), (48, 48, 48), (16, 48, 32), (32, 16, 96), (40, 24, 16), (16, 8, 6)],
+    ids=["grouped", "alike", "most keys", "most values", "unfinished heads", "no whole half"],
 )
 def test_heads_of_query_key_and_value(rows: tuple[int, int, int], name: str) -> None:
     """Pairs whose second row is beyond the projection's are not made; the largest projection sizes the launch."""
@@ -151,16 +150,6 @@ def test_the_last_element_of_an_odd_head_is_not_written() -> None:
     query, key, value = assert_bits(c).numbers()
     assert np.isfinite(query[0, :, 0, :4]).any() and np.isnan(query[..., 4]).all()
     assert np.isfinite(key[0, 2, :4]).all() and np.isnan(key[..., 4:]).all() and np.isnan(value[..., 4:]).all()
-
-
-def test_nothing_is_written_behind_the_query() -> None:
-    c = Projections("q4_0", "float32", rows=(40, 24, 16))
-    room = torch.full((1, c.heads(0), 1, c.head_size), float("nan"), device="xpu")
-    at, behind, marks = room.data_ptr(), room.data_ptr() + room.nbytes, bytes(range(1, 256)) * 8
-    ctypes.memmove(behind, marks, len(marks))
-    del room
-    called = fused.call_projections(c)
-    assert called.results[0].data_ptr() == at and ctypes.string_at(behind, len(marks)) == marks
 
 
 def test_weights_without_rows() -> None:
@@ -277,11 +266,12 @@ def test_values_are_never_turned(name: str, dtype: str) -> None:
         caches = [torch.full((1, 2, 1, 16), float("nan"), dtype=ref.DTYPES[dtype], device="xpu") for _ in "kv"]
         ids, views = torch.tensor([position], device="xpu"), [cache[:, :, :0] for cache in caches]
         seen.append(orrery_ops.forward_qkv(x, *[weight] * 3, ids, *views, code, code, 0, 16, 256.0))
-    query, key, value = seen[0]
-    assert torch.equal(query.view(2, 16), value.view(2, 16)) and torch.equal(key.view(2, 16), value.view(2, 16))
-    query, key, turned_value = seen[1]
-    assert torch.equal(turned_value, value) and torch.equal(query.view(2, 16), key.view(2, 16))
-    assert (query.view(2, 16) != value.view(2, 16)).float().mean() > 0.9
+    query, key, value = (y.view(2, 16) for y in seen[0])
+    straight = value.float().to(value.dtype)  # as a pair goes through the turn
+    assert torch.equal(query, straight) and torch.equal(key, straight)
+    query, key, turned_value = (y.view(2, 16) for y in seen[1])
+    assert torch.equal(turned_value, value) and torch.equal(query, key)
+    assert (query != straight).float().mean() > 0.9
 
 
 @types
