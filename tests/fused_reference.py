@@ -79,11 +79,12 @@ def nan_for_result(shape: tuple[int, ...], dtype: str) -> Callable[[torch.Tensor
     """Frees a NaN tensor, whose memory becomes that of the next one of its size. What is returned asserts that a result
     lies there, and that what was behind it is still there."""
     room = torch.full(shape, float("nan"), dtype=DTYPES[dtype], device="xpu")
+    marks = MARKS if room.nbytes else b""  # a tensor without elements has no memory
     at, behind = room.data_ptr(), room.data_ptr() + room.nbytes
-    ctypes.memmove(behind, MARKS, len(MARKS))
+    ctypes.memmove(behind, marks, len(marks))
 
     def check(result: torch.Tensor) -> None:
-        assert result.data_ptr() == at and ctypes.string_at(behind, len(MARKS)) == MARKS
+        assert result.data_ptr() == at and ctypes.string_at(behind, len(marks)) == marks
 
     return check
 
@@ -149,7 +150,8 @@ class Projections:
         return (len(w) - SLACK) // size * ELEMENTS.get(name, 64) // self.state
 
     def heads(self, p: int) -> int:
-        return self.counted_rows(p) // self.head_size
+        """Of the query, which has whole ones only, or of a cache."""
+        return (self.counted_rows(p) + (p > 0) * (self.head_size - 1)) // self.head_size
 
     def groups(self) -> int:
         return max(self.counted_rows(p) for p in range(len(self.rows))) // 2
