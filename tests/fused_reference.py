@@ -482,6 +482,18 @@ def hexadecimal(arrays: list[np.ndarray]) -> list[str]:
     return [a.tobytes().hex() for a in arrays]
 
 
+def refusals_of_iq2_xxs() -> list[str]:
+    """What mlp_forward_xpu says of an integer input, and of a row that cannot be quantized."""
+    weight, texts = torch.zeros(132, dtype=torch.uint8, device="xpu"), []
+    for dtype, state in ((torch.int32, 256), (torch.float32, 320)):
+        x = torch.ones(1, state, dtype=dtype, device="xpu")
+        try:
+            orrery_ops.mlp_forward_xpu(x, weight, weight, 1, state, 2, 0, CODES["iq2_xxs"])
+        except RuntimeError as error:
+            texts.append(str(error).splitlines()[0])
+    return texts
+
+
 def main() -> None:
     seen = []
     for c in all_projections():
@@ -491,6 +503,7 @@ def main() -> None:
     for c in all_mlps(int(sys.argv[1])):
         y, launches = call_mlp(c)
         seen.append({"case": repr(c), "results": hexadecimal([y]), "launches": [ref.fields_of(l) for l in launches]})
+    seen.append({"case": "refusals of iq2_xxs", "texts": refusals_of_iq2_xxs(), "launches": []})
     print(json.dumps(seen))
 
 

@@ -309,6 +309,25 @@ def test_a_type_without_arithmetic_is_refused(name: str, dtype: torch.dtype) -> 
         assert refused(NotImplementedError, dtype=dtype, state=state, code=fused.CODES[name]) == text
 
 
+def test_a_format_without_a_kernel_is_named() -> None:
+    others = [name for name in fused.CODES if name not in fused.LAYOUT]
+    assert len(others) == 13
+    for name in others:  # iq2_xxs among them: the host's class has no kernel for it
+        assert refused(state=256, code=fused.CODES[name]) == f"orrery_ops: mlp_forward_xpu has no kernel for {name}"
+    for code in (-1, 0, 1, 4, 5, 9, 12, 20, 22, 25, 30, 12345):
+        assert refused(state=256, code=code) == f"unsupported qtype: {code}"
+
+
+@pytest.mark.parametrize("device_class", ref.DEVICE_OF_CLASS)
+def test_what_each_class_refuses_of_iq2_xxs(device_class: int) -> None:
+    texts = fused.seen_on_class(device_class)["refusals of iq2_xxs"]["texts"]
+    if device_class in (0, 5):
+        quantized = "orrery_ops: an input that is quantized first must have a multiple of 256 columns, not 320"
+        assert texts == ["\"qlinear_forward_xpu\" not implemented for 'Int'", quantized]
+    else:
+        assert texts == ["orrery_ops: mlp_forward_xpu has no kernel for iq2_xxs"] * 2
+
+
 def scopes(work) -> list[str]:
     with profile(activities=[ProfilerActivity.CPU]) as profiler:
         try:

@@ -432,8 +432,9 @@ def test_a_row_that_is_no_block_of_64_begins_in_its_block() -> None:
 
 
 def arguments(dtype: torch.dtype = torch.float32, state: int = 64, code: int = 2) -> list:
-    """Of forward_qkv."""
-    weight = torch.zeros(16 * state, dtype=torch.uint8, device="xpu")
+    """Of forward_qkv, with weights of 32 rows."""
+    name = next((n for n in fused.FORMATS if fused.CODES[n] == code), "q4_0")
+    weight = torch.zeros(32 * state // fused.ELEMENTS[name] * fused.BYTES[name], dtype=torch.uint8, device="xpu")
     caches = [torch.zeros(1, 2, 3, 16, dtype=dtype, device="xpu")[:, :, :2] for _ in "kv"]
     x = torch.ones(1, state, dtype=dtype, device="xpu")
     ids = torch.zeros(1, dtype=torch.int64, device="xpu")
@@ -521,6 +522,77 @@ def test_a_type_without_arithmetic_is_refused(name: str, operation: str, dtype: 
 def test_a_row_that_cannot_be_quantized_is_refused(operation: str, state: int) -> None:
     text = "orrery_ops: an input that is quantized first must have a multiple of 256 columns, not "
     assert refused(operation, arguments(state=state, code=21)) == text + str(state)
+
+
+@pytest.mark.parametrize("dtype", OTHER_TYPES)
+@operations
+def test_a_type_that_cannot_be_quantized_is_refused(operation: str, dtype: torch.dtype) -> None:
+    text = f"\"qlinear_forward_xpu\" not implemented for '{OTHER_TYPES[dtype]}'"
+    assert refused(operation, arguments(dtype, 256, 21), NotImplementedError) == text
+
+
+WITHOUT_READER = (-1, 0, 1, 4, 5, 9, 12, 20, 22, 25, 30, 12345)
+
+
+@operations
+def test_a_format_without_a_kernel_is_named(operation: str) -> None:
+    served = fused.FORMATS if operation != "forward_qk" else ("iq2_xxs",)
+    others = [name for name in fused.CODES if name not in served]
+    assert len(others) == 17 - len(served)
+    for name in others:
+        text = refused(operation, arguments(state=256, code=fused.CODES[name]))
+        assert text == f"orrery_ops: {operation} has no kernel for {name}"
+    for code in WITHOUT_READER:
+        assert refused(operation, arguments(state=256, code=code)) == f"unsupported qtype: {code}"
+
+
+@pytest.mark.parametrize("operation", ["forward_qkv", "forward_qkv_bias"])
+def test_the_value_s_code_has_to_have_sizes(operation: str) -> None:
+    values = arguments()
+    for code in WITHOUT_READER:
+        values[8] = code
+        if code not in (9, 22, 25):
+            assert refused(operation, values) == f"unsupported qtype: {code}"
+
+
+@operations
+def test_rows_without_columns_are_refused(operation: str) -> None:
+    values = arguments(code=21)
+    values[0] = torch.ones(1, 0, device="xpu")
+    assert refused(operation, values) == "orrery_ops: input must have at least one column"
+
+
+@pytest.mark.parametrize("head_size", [1, 0, -16, 2**31])
+@operations
+def test_heads_without_halves_are_refused(operation: str, head_size: int) -> None:
+    values = arguments(state=256, code=21)
+    values[10] = head_size
+    assert refused(operation, values) == f"orrery_ops: head_size must be from 2 to 2147483647, not {head_size}"
+
+
+@operations
+def test_a_cache_of_another_number_of_dimensions_is_refused(operation: str) -> None:
+    values = arguments(state=256, code=21)
+    values[5] = values[5][0]
+    assert refused(operation, values) == "orrery_ops: a cache must have 4 dimensions, not 3"
+
+
+@operations
+def test_a_cache_or_positions_of_another_type_are_refused(operation: str) -> None:
+    halves = arguments(torch.float16, 256, 21)
+    for place in (5, 6)[: 1 if operation == "forward_qk" else 2]:
+        values = arguments(state=256, code=21)
+        values[place] = halves[place]
+        assert refused(operation, values).startswith("expected scalar type Float but found Half")
+    values = arguments(state=256, code=21)
+    values[4] = values[4].int()
+    assert refused(operation, values).startswith("expected scalar type Long but found Int")
+
+
+def test_a_bias_of_another_type_is_refused() -> None:
+    assert refused("forward_qkv_bias", arguments(torch.float64)).startswith(
+        "expected scalar type Double but found Float"
+    )
 
 
 def results() -> list[torch.Tensor]:
