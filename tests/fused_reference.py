@@ -508,9 +508,21 @@ def main() -> None:
 
 
 @cache
+def output_on_class(device_class: int) -> list[dict] | AssertionError:
+    """A process that dies is not started again for each of its tests."""
+    try:
+        return ref.run_on_class(device_class, __file__, str(device_class))
+    except AssertionError as error:
+        return error
+
+
+@cache
 def seen_on_class(device_class: int) -> dict[str, dict]:
     """By case, what a process on a device of that class saw."""
-    return {one["case"]: one for one in ref.run_on_class(device_class, __file__, str(device_class))}
+    output = output_on_class(device_class)
+    if isinstance(output, AssertionError):
+        raise output
+    return {one["case"]: one for one in output}
 
 
 def results_of(seen: dict, like: list[np.ndarray]) -> list[np.ndarray]:
