@@ -250,6 +250,75 @@ def small(setting: Setting) -> list[Row]:
     ]
 
 
+def fused(setting: Setting) -> list[Row]:
+    """The kernels of a decoding step's projections and of its gated product, each held to the kernel of one product with
+    the same rows."""
+    return _projections(setting) + _gated(setting) if setting.ops is not None else []
+
+
+def _projections(setting: Setting) -> list[Row]:
+    """576 to 576 + 192 + 192: nine query heads and three of keys and values, at position 0, where nothing turns."""
+    fmt, state, rows = FORMATS["q4_0"], 576, (576, 192, 192)
+    weights, dense = zip(*(random_weight(fmt, count, state) for count in rows))
+    x = torch.randn(1, state, generator=torch.Generator().manual_seed(4))
+    caches = [setting.on_device(torch.zeros(1, 3, 2, 64))[:, :, :1] for _ in "kv"]
+    device_x, position = setting.on_device(x), setting.on_device(torch.tensor([[0]]))
+    device_weights = [setting.on_device(weight) for weight in weights]
+
+    def ours() -> list[torch.Tensor]:
+        return setting.ops.forward_qkv(device_x, *device_weights, position, *caches, fmt.code, fmt.code, 0, 64, 10000.0)
+
+    def result() -> torch.Tensor:
+        query, key, value = ours()
+        return torch.cat([query.flatten(), key[:, :, 0].flatten(), value[:, :, 0].flatten()])
+
+    name = "forward_qkv q4_0 576 to 576+192+192 float32, kernel"
+    setting.check(name, result, (x @ torch.cat(dense).T).flatten(), _NEAR[torch.float32])
+    return _beside_one_product(setting, name, ours, sum(rows), x)
+
+
+def _gated(setting: Setting) -> list[Row]:
+    """The two products of a gated layer with their activation, 576 to 1536."""
+    fmt, state, rows = FORMATS["q4_0"], 576, 1536
+    gate, dense_gate = random_weight(fmt, rows, state)
+    up, dense_up = random_weight(fmt, rows, state)
+    x = torch.randn(1, state, generator=torch.Generator().manual_seed(5))
+    device_x, device_gate, device_up = (setting.on_device(t) for t in (x, gate, up))
+
+    def ours() -> torch.Tensor:
+        return setting.ops.mlp_forward_xpu(device_x, device_gate, device_up, 1, state, rows, 0, fmt.code)
+
+    name = "mlp_forward_xpu q4_0 576 to 1536 float32, kernel"
+    setting.check(name, ours, F.silu(x @ dense_gate.T) * (x @ dense_up.T), _NEAR[torch.float32])
+    return _beside_one_product(setting, name, ours, 2 * rows, x)
+
+
+def _beside_one_product(setting: Setting, name: str, ours: Call, rows: int, x: torch.Tensor) -> list[Row]:
+    fmt, state = FORMATS["q4_0"], x.size(1)
+    weight, device_x = setting.on_device(random_weight(fmt, rows, state)[0]), setting.on_device(x)
+
+    def peer() -> torch.Tensor:
+        return setting.ops.forward_new(device_x, weight, fmt.code, 0)
+
+    calls, peer_name = {"ours": ours, "peer": peer}, f"forward_new {rows}x{state}, kernel"
+    cold = interleaved(calls, setting.runs(60), setting.flush, _kernel_seconds)
+    warm = interleaved(calls, setting.runs(2000), seconds=_kernel_seconds)
+    size, bars = fmt.size(rows, state), [Bar("peer time", 1.15)]
+    return [
+        Row(name, cold["ours"], cold["peer"], peer_name, bytes=size, bars=bars),
+        Row(f"{name}, in cache", warm["ours"], warm["peer"], peer_name, bytes=size, bars=bars),
+    ]
+
+
+def _kernel_seconds(call: Call) -> float:
+    """Those of the launches of a call."""
+    import orrery_host
+
+    with orrery_host.record_launches() as launches:
+        call()
+    return sum(launch.seconds for launch in launches)
+
+
 def empty(setting: Setting) -> list[Row]:
     """From the Python call to its return, with no work inside and everything in cache."""
     x, no_rows, nothing = torch.randn(1, 64), torch.empty(0, 64), torch.empty(0, dtype=torch.uint8)
@@ -412,6 +481,7 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "vectors": vectors,
     "dequantize": dequantize,
     "small": small,
+    "fused": fused,
     "empty": empty,
     "sdp": sdp,
     "norm": norm,

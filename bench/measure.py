@@ -84,8 +84,17 @@ def busy_loops(count: int) -> Iterator[None]:
             loop.wait()
 
 
+def elapsed(call: Call) -> float:
+    """Seconds of a call."""
+    start = time.perf_counter()
+    call()
+    return time.perf_counter() - start
+
+
 @torch.inference_mode()
-def interleaved(calls: Mapping[Key, Call], runs: int, before: Call = lambda: None) -> dict[Key, float]:
+def interleaved(
+    calls: Mapping[Key, Call], runs: int, before: Call = lambda: None, seconds: Callable[[Call], float] = elapsed
+) -> dict[Key, float]:
     """Median seconds of each call. A run times each call once, one after another, with `before` before each."""
     times: dict[Key, list[float]] = {name: [] for name in calls}
     for call in calls.values():
@@ -93,9 +102,7 @@ def interleaved(calls: Mapping[Key, Call], runs: int, before: Call = lambda: Non
     for _ in range(runs):
         for name, call in calls.items():
             before()
-            start = time.perf_counter()
-            call()
-            times[name].append(time.perf_counter() - start)
+            times[name].append(seconds(call))
     return {name: median(samples) for name, samples in times.items()}
 
 

@@ -211,21 +211,26 @@ def quantized(x: np.ndarray) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
         return code, step.astype(np.float16).astype(F), total.astype(np.float16).astype(F)
 
 
-def dot_rows(name: str, dtype: str, blocks: np.ndarray, x: np.ndarray) -> np.ndarray:
-    """q2_k, iq2_xxs and iq1_s: integer dots of codes with the quantized row."""
+def dot_partials(name: str, sums: Arithmetic, blocks: np.ndarray, x: np.ndarray) -> np.ndarray:
+    """[row, lane]: integer dots of codes with the quantized row, each narrowed to the type of `sums` and added in it."""
     rows, nb = blocks.shape[:2]
     code, d8, s8 = quantized(x)
     parts = 16 if name == "q2_k" else 8
     d = half(blocks, 80 if name == "q2_k" else 0)
-    acc = np.zeros((rows, 32), F)
+    acc = np.zeros((rows, 32), sums.numpy)
     for l in range(32):
         iqs = l % parts
         for b in range(l // parts, nb, 32 // parts):
             block, q8 = blocks[:, b], slice(8 * b, 8 * b + 8)
-            acc[:, l] = acc[:, l] + DOTS[name](block, iqs, code[q8], d8[q8], s8[q8], d[:, b])
+            acc[:, l] = sums.add(acc[:, l], sums.of(DOTS[name](block, iqs, code[q8], d8[q8], s8[q8], d[:, b])))
+    return acc
+
+
+def dot_rows(name: str, dtype: str, blocks: np.ndarray, x: np.ndarray) -> np.ndarray:
+    """q2_k, iq2_xxs and iq1_s: sums of dots in float."""
+    a, acc = Arithmetic(dtype), dot_partials(name, Arithmetic("float32"), blocks, x)
     if name == "iq1_s":
-        return Arithmetic(dtype).of(tree(Arithmetic("float32"), acc))
-    a = Arithmetic(dtype)
+        return a.of(tree(Arithmetic("float32"), acc))
     return tree(a, a.of(acc))
 
 

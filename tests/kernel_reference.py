@@ -38,12 +38,6 @@ def split(count: int, parts: int = 32) -> list[tuple[int, int]]:
     return [(int(end - size), int(end)) for size, end in zip(sizes, ends, strict=True)]
 
 
-def float32_of(function: Callable[[np.ndarray], np.ndarray], x: np.ndarray) -> np.ndarray:
-    """A function of float32 to the nearest float32, which is what the host's native functions give: they compute in
-    double, and two doubles an ulp apart round to different floats once in 2^28 arguments."""
-    return function(x.astype(np.float64)).astype(np.float32)
-
-
 def random(
     generator: np.random.Generator, shape: tuple[int, ...], dtype: torch.dtype, scale: float = 1.0
 ) -> torch.Tensor:

@@ -55,6 +55,12 @@ def round_bfloat16(x: np.ndarray) -> np.ndarray:
     return np.where(np.isnan(x), np.uint32(0x7FC00000), rounded).astype(np.uint32).view(np.float32)
 
 
+def float32_of(function: Callable[[np.ndarray], np.ndarray], x: np.ndarray) -> np.ndarray:
+    """A function of float32 to the nearest float32, which is what the host's native functions give: they compute in
+    double, and two doubles an ulp apart round to different floats once in 2^28 arguments."""
+    return function(x.astype(np.float64)).astype(np.float32)
+
+
 @dataclass(frozen=True)
 class Arithmetic:
     """Numbers of one type in numpy; every operation rounds to the type."""
@@ -196,6 +202,51 @@ def inputs_by_twos(a: Arithmetic, inputs: list[np.ndarray]) -> np.ndarray:
     return inputs_in_order(a, [a.add(x, y) for x, y in zip(inputs[::2], inputs[1::2], strict=True)])
 
 
+def first_blocks(rows: int, state: int, group_size: int, run: int, per_group: int) -> np.ndarray:
+    """[row, item]: the block in which a work-item begins. Only a group's first row is placed by its elements; the others
+    follow a whole number of blocks apart."""
+    row, item = np.arange(rows)[:, None], np.arange(group_size)[None, :]
+    return (per_group * (row // per_group) * state + run * item) // 64 + row % per_group * (state // 64)
+
+
+def run_partials(
+    name: str,
+    dtype: str,
+    w: np.ndarray,
+    x: np.ndarray,
+    offset: int,
+    first: np.ndarray,
+    state: int,
+    layout: Split,
+    values: np.ndarray,
+    sum_inputs: Callable[[Arithmetic, list[np.ndarray]], np.ndarray] = inputs_in_order,
+) -> np.ndarray:
+    """[row, item]: what a work-item that begins in block `first` has summed up when its passes are over. It takes a run
+    of the row in a pass; the scale stands once on a run's sum. `offset` is where the scale plane begins."""
+    a, group_size = Arithmetic(dtype), first.shape[1]
+    chunk = group_size * layout.run
+    item = np.arange(group_size)[None, :]
+    values = a.of(values)
+    o = layout.run * item % 64
+    acc = np.zeros(first.shape, a.numpy)
+    for t in range(state // chunk + 1):
+        active = t < state // chunk + (state // layout.run % group_size > item)
+        block = first + t * (chunk // 64)
+        start = t * chunk + layout.run * item - o
+        s, inputs = None, []
+        for k in range(layout.run):
+            e = element_of_run(name, o, k)
+            inputs.append(np.broadcast_to(x[np.minimum(start + e, len(x) - 1)], block.shape))
+            term = a.mul(inputs[-1], values[code_of(name, w, offset, block, np.broadcast_to(e, block.shape))])
+            s = term if s is None else a.add(s, term)
+        scale = offset + layout.scale_bytes * block
+        scaled = a.mul(s, a.of(at(w, scale, layout.scale))) if layout.scale else s
+        if name == "q4_1":
+            scaled = a.add(scaled, a.mul(sum_inputs(a, inputs), a.of(at(w, scale + 2, layout.scale))))
+        acc = np.where(active, a.add(acc, scaled), acc)
+    return acc
+
+
 def run_product(
     name: str,
     dtype: str,
@@ -206,33 +257,12 @@ def run_product(
     shape: tuple,
     sum_inputs: Callable[[Arithmetic, list[np.ndarray]], np.ndarray] = inputs_in_order,
 ) -> np.ndarray:
-    """Split formats: a work-item takes a run of the row, the scale stands once on a run's sum."""
-    group_size, per_group = shape[1], shape[2] if name == "q4_0" else 2
-    a, f = Arithmetic(dtype), SPLIT[name]
-    chunk = group_size * f.run
-    offset = rows * state // 64 * f.quant_bytes
-    row = np.arange(rows)[:, None]
-    item = np.arange(group_size)[None, :]
-    values = a.of(VALUES[name])
-    o = f.run * item % 64
-    acc = np.zeros((rows, group_size), a.numpy)
-    for t in range(state // chunk + 1):
-        active = t < state // chunk + (state // f.run % group_size > item)
-        first = (per_group * (row // per_group) * state + f.run * item) // 64
-        block = first + t * (chunk // 64) + row % per_group * (state // 64)
-        start = t * chunk + f.run * item - o
-        s, inputs = None, []
-        for k in range(f.run):
-            e = element_of_run(name, o, k)
-            inputs.append(np.broadcast_to(x[np.minimum(start + e, len(x) - 1)], block.shape))
-            term = a.mul(inputs[-1], values[code_of(name, w, offset, block, np.broadcast_to(e, block.shape))])
-            s = term if s is None else a.add(s, term)
-        scale = offset + f.scale_bytes * block
-        scaled = a.mul(s, a.of(at(w, scale, f.scale))) if f.scale else s
-        if name == "q4_1":
-            scaled = a.add(scaled, a.mul(sum_inputs(a, inputs), a.of(at(w, scale + 2, f.scale))))
-        acc = np.where(active, a.add(acc, scaled), acc)
-    return tree(a, acc)
+    """Split formats."""
+    layout = SPLIT[name]
+    offset = rows * state // 64 * layout.quant_bytes
+    first = first_blocks(rows, state, shape[1], layout.run, shape[2] if name == "q4_0" else 2)
+    partials = run_partials(name, dtype, w, x, offset, first, state, layout, VALUES[name], sum_inputs)
+    return tree(Arithmetic(dtype), partials)
 
 
 def block_product(

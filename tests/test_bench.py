@@ -117,6 +117,10 @@ def test_interleaved_takes_turns_and_the_median(monkeypatch):
     assert order == ["a", "b"] + ["flush", "a", "flush", "b"] * 3
 
 
+def test_interleaved_takes_another_clock():
+    assert measure.interleaved({"a": lambda: 3.0, "b": lambda: 5.0}, 3, seconds=lambda call: 2 * call()) == {"a": 6.0, "b": 10.0}
+
+
 def test_call_cost_divides_by_the_batch(monkeypatch):
     now = [0.0]
     monkeypatch.setattr(measure.time, "perf_counter", lambda: now[0])

@@ -12,13 +12,13 @@ from kernel_reference import (
     assert_dies_with,
     assert_same_bits,
     assert_same_bits_in_any_order,
-    float32_of,
     fold,
     leave_nan_behind,
     random,
     rows_apart,
     split,
 )
+from linear_reference import float32_of
 
 import orrery_host
 import orrery_ops
