@@ -130,7 +130,7 @@ class Model:
         self._check_room(1)
         eps = self.sizes.eps
         rms_norm, sdp, product = orrery_ops.rms_norm, orrery_ops.sdp, _product
-        rotary, silu_ = orrery_ops.rotary_two_inplaced, torch._C._nn.silu_
+        rotary, silu_ = orrery_ops.rotary_half_inplaced, torch._C._nn.silu_
         half, widened = self._dtype == torch.float16, self._attention_dtype != self._dtype
 
         t = self.position
@@ -190,7 +190,7 @@ class Model:
             qkv = _product(orrery_ops.rms_norm(layer.attention_norm, x, eps), layer.qkv).to(self._attention_dtype)
             heads = qkv.view(1, n, -1, self.sizes.head_dim).transpose(1, 2)
             query, key, _ = heads.split((self.sizes.heads, self.sizes.kv_heads, self.sizes.kv_heads), 1)
-            orrery_ops.rotary_two_inplaced(self._inv_freq, positions, query, key)
+            orrery_ops.rotary_half_inplaced(self._inv_freq, positions, query, key)
             self._cache_rows[index].narrow(1, t, n).copy_(heads[0, self.sizes.heads :])
             attention = self._attend(query, self._cache[2 * index], self._cache[2 * index + 1])
             x.add_(_product(attention.to(self._dtype), layer.out))

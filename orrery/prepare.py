@@ -25,8 +25,8 @@ from orrery.formats import Format
 from orrery.gguf_model import GGUFModel, Sizes
 from orrery.tokenizer import Vocabulary
 
-# The number changes with the quantizers: a cache of an older one is not found.
-MAGIC = b"ORRERY02"
+# The number changes with the quantizers and the order of rows: a cache of an older one is not found.
+MAGIC = b"ORRERY03"
 # Rows dequantized at a time: a large vocabulary never stands in memory as floats, and the progress shown moves.
 ROWS = 2048
 
