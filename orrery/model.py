@@ -7,8 +7,9 @@ two products. Torch's own operators on the device do the rest: the two residual 
 A prompt takes the same steps with all its tokens as rows, behind whatever the cache holds already. `sdp` then gets
 blocks of rows, each with the keys up to its last row and a mask that hides the later ones from the rows before it.
 
-With bfloat16 the products and norms run in bfloat16. Rotary and attention do not exist in that type, so query, key and
-value are widened to float32 for them, the cache holds float32, and the attention's result is rounded to bfloat16.
+Rotary takes float32 whatever the type, as the fused projections do: with frequencies in half a prompt's keys would stand
+0.2 radians off at position 2000. With bfloat16 the products and norms run in bfloat16. Attention does not exist in that
+type, so the cache holds float32 and the attention's result is rounded to bfloat16.
 """
 
 from __future__ import annotations
@@ -100,8 +101,11 @@ class Model:
         self._embedding = embedding.format
         self._rows = [p.view(sizes.vocabulary, -1, p.shape[1]) for p in self._embedding.planes(embedding.data)]
 
-        exponents = torch.arange(0, sizes.head_dim, 2, dtype=torch.float64) / sizes.head_dim
-        self._inv_freq = (sizes.rope_base**-exponents).to(self._attention_dtype).to(device)
+        # Powers of one float, as in the fused projections. Each rounded on its own, they would differ from those by 4e-4
+        # radians at position 8000.
+        theta = torch.tensor(sizes.rope_base ** (-2 / sizes.head_dim), dtype=torch.float32)
+        powers = theta.double() ** torch.arange(sizes.head_dim // 2)
+        self._inv_freq = powers.float().to(device)
         self._positions = torch.arange(capacity).view(1, capacity).to(device)
         # Each head's rows are packed, so the first t rows of every head are one strided view that `sdp` takes as it is.
         cache = torch.empty(sizes.layers, 2 * sizes.kv_heads, capacity, sizes.head_dim, dtype=self._attention_dtype,
@@ -110,7 +114,7 @@ class Model:
         self._cache = cache.view(2 * sizes.layers, 1, sizes.kv_heads, capacity, sizes.head_dim)
         # One row of query, key and value heads and its views: a copy into it costs 1 us, making the views anew 6 us.
         all_heads = sizes.heads + 2 * sizes.kv_heads
-        self._heads = torch.empty(1, all_heads * sizes.head_dim, dtype=self._attention_dtype, device=device)
+        self._heads = torch.empty(1, all_heads * sizes.head_dim, dtype=torch.float32, device=device)
         heads = self._heads.view(1, all_heads, 1, sizes.head_dim)
         self._query, self._key = heads[:, : sizes.heads], heads[:, sizes.heads : sizes.heads + sizes.kv_heads]
         self._key_value = heads[0, sizes.heads :, 0]
@@ -143,7 +147,8 @@ class Model:
             self._heads.copy_(product(rms_norm(layer.attention_norm, x, eps), layer.qkv))
             rotary(self._inv_freq, position, self._query, self._key)
             cache_row.copy_(self._key_value)
-            attention = sdp(self._query, keys, values, None).view(1, -1)
+            query = self._query.to(torch.float16) if half else self._query
+            attention = sdp(query, keys, values, None).view(1, -1)
             if widened:
                 attention = attention.to(self._dtype)
             x.add_(product(attention, layer.out))
@@ -187,12 +192,12 @@ class Model:
         positions = self._positions.narrow(1, t, n)
         x = self._embed(tokens)
         for index, layer in enumerate(self._layers):
-            qkv = _product(orrery_ops.rms_norm(layer.attention_norm, x, eps), layer.qkv).to(self._attention_dtype)
+            qkv = _product(orrery_ops.rms_norm(layer.attention_norm, x, eps), layer.qkv).float()
             heads = qkv.view(1, n, -1, self.sizes.head_dim).transpose(1, 2)
             query, key, _ = heads.split((self.sizes.heads, self.sizes.kv_heads, self.sizes.kv_heads), 1)
             orrery_ops.rotary_half_inplaced(self._inv_freq, positions, query, key)
             self._cache_rows[index].narrow(1, t, n).copy_(heads[0, self.sizes.heads :])
-            attention = self._attend(query, self._cache[2 * index], self._cache[2 * index + 1])
+            attention = self._attend(query.to(self._attention_dtype), self._cache[2 * index], self._cache[2 * index + 1])
             x.add_(_product(attention.to(self._dtype), layer.out))
             gate, up = _product(orrery_ops.rms_norm(layer.mlp_norm, x, eps), layer.gate_up).chunk(2, 1)
             if half:
