@@ -68,35 +68,41 @@ Tensor bmm(const Tensor& A, const Tensor& B, const Tensor& C) {
 }
 
 std::vector<Tensor> linear_xpu_qkv(const Tensor& input, const Tensor& weight_q, const Tensor& weight_k,
-                                   const Tensor& weight_v, const Tensor&, const Tensor&, const Tensor&, int32_t,
-                                   int32_t, int64_t, int64_t, float) {
+                                   const Tensor& weight_v, const Tensor& position_ids, const Tensor& cache_k,
+                                   const Tensor& cache_v, int32_t src_0_qtype, int32_t src_0_vtype, int64_t kv_seq_len,
+                                   int64_t head_size, float rope_base) {
   check_tensor(input, "input", "linear_xpu_qkv", 225);
   check_tensor(weight_q, "weight_q", "linear_xpu_qkv", 226);
   check_tensor(weight_k, "weight_k", "linear_xpu_qkv", 227);
   check_tensor(weight_v, "weight_v", "linear_xpu_qkv", 228);
   const trace_scope scope("orrery_qkv_forward", input);
-  not_built_yet("forward_qkv");
+  return linear_xpu_fused_qkv(input, weight_q, weight_k, weight_v, {}, position_ids, cache_k, cache_v, src_0_qtype,
+                              src_0_vtype, kv_seq_len, head_size, rope_base);
 }
 
 std::vector<Tensor> linear_xpu_qkv_bias(const Tensor& input, const Tensor& weight_q, const Tensor& weight_k,
-                                        const Tensor& weight_v, const Tensor&, const Tensor&, const Tensor&,
-                                        const Tensor&, const Tensor&, const Tensor&, int32_t, int32_t, int64_t, int64_t,
-                                        float) {
+                                        const Tensor& weight_v, const Tensor& bias_q, const Tensor& bias_k,
+                                        const Tensor& bias_v, const Tensor& position_ids, const Tensor& cache_k,
+                                        const Tensor& cache_v, int32_t src_0_qtype, int32_t src_0_vtype,
+                                        int64_t kv_seq_len, int64_t head_size, float rope_base) {
   check_tensor(input, "input", "linear_xpu_qkv_bias", 256);
   check_tensor(weight_q, "weight_q", "linear_xpu_qkv_bias", 257);
   check_tensor(weight_k, "weight_k", "linear_xpu_qkv_bias", 258);
   check_tensor(weight_v, "weight_v", "linear_xpu_qkv_bias", 259);
   const trace_scope scope("orrery_qkv_bias_forward", input);
-  not_built_yet("forward_qkv_bias");
+  return linear_xpu_fused_qkv(input, weight_q, weight_k, weight_v, {bias_q, bias_k, bias_v}, position_ids, cache_k,
+                              cache_v, src_0_qtype, src_0_vtype, kv_seq_len, head_size, rope_base);
 }
 
-std::vector<Tensor> linear_xpu_qk(const Tensor& input, const Tensor& weight_q, const Tensor& weight_k, const Tensor&,
-                                  const Tensor&, int32_t, int64_t, int64_t, float) {
+std::vector<Tensor> linear_xpu_qk(const Tensor& input, const Tensor& weight_q, const Tensor& weight_k,
+                                  const Tensor& position_ids, const Tensor& cache_k, int32_t src_0_qtype,
+                                  int64_t kv_seq_len, int64_t head_size, float rope_base) {
   check_tensor(input, "input", "linear_xpu_qk", 283);
   check_tensor(weight_q, "weight_q", "linear_xpu_qk", 284);
   check_tensor(weight_k, "weight_k", "linear_xpu_qk", 285);
   const trace_scope scope("orrery_qk_forward", input);
-  not_built_yet("forward_qk");
+  return linear_xpu_fused_qk(input, weight_q, weight_k, position_ids, cache_k, src_0_qtype, kv_seq_len, head_size,
+                             rope_base);
 }
 
 Tensor dequantize_rows(const Tensor& input, const Tensor& weight, int32_t qtype, int64_t row_size) {
@@ -131,6 +137,12 @@ Tensor fast_layer_norm(const Tensor& input, at::IntArrayRef, const optional<Tens
   not_built_yet("fused_layer_norm");
 }
 
+Tensor mlp_forward(const Tensor& input, const Tensor& weight_gate, const Tensor& weight_up, int64_t batch_size,
+                   int64_t state_size, int64_t output_size, int32_t act_type, int32_t qtype) {
+  const trace_scope scope("mlp_forward", input);
+  return mlp_forward_xpu(input, weight_gate, weight_up, batch_size, state_size, output_size, act_type, qtype);
+}
+
 // An operation without kernels: its arguments are converted as they will be, then it says that it is not built.
 template <typename Result, typename... Arguments>
 void bind_unbuilt(pybind11::module_& m, const char* name, const char* doc, Result (*signature)(Arguments...)) {
@@ -161,8 +173,7 @@ void register_operations(pybind11::module_& m) {
   bind_operation(m, "bmm", bmm, "SYCL-based batch matrix multiplication");
   bind_operation(m, "fused_rms_norm", fused_rms_norm, "fused rms norm");
   bind_operation(m, "fused_layer_norm", fast_layer_norm, "fused layer norm");
-  bind_unbuilt(m, "mlp_forward_xpu", "fused mlp",
-               signature<Tensor(T, T, T, int64_t, int64_t, int64_t, int32_t, int32_t)>);
+  bind_operation(m, "mlp_forward_xpu", mlp_forward, "fused mlp");
   bind_unbuilt(m, "quantize_key_value", "quantize key value", signature<void(T, T, T, T)>);
   bind_unbuilt(m, "dequantize_key_value", "dequantize key value", signature<void(T, T, T, T)>);
   bind_unbuilt(m, "query_key_fp8_matmul", "query key matmul", signature<Tensor(T, T)>);

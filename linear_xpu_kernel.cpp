@@ -4,11 +4,9 @@
 #include <ATen/ops/empty.h>
 
 #include <algorithm>
-#include <stdexcept>
-#include <string>
-
 #include "batch/batch_forward.h"
 #include "formats/registry.h"
+#include "includes/type_switch.h"
 #include "linear/checks.h"
 #include "linear/dense/dense.h"
 #include "linear/dispatch.h"
@@ -23,18 +21,11 @@ namespace {
 
 const uint32_t device_class = ask_at_load(get_device_class);
 
-[[noreturn]] void refuse_code(int32_t qtype) {
-  throw std::runtime_error("unsupported qtype: " + std::to_string(qtype));
-}
-
-// The sizes are divided by the code's table entries and by state_size: zeros are refused, and codes without an entry.
 linear_request request_of(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t seq_hint) {
   linear_request request;
   request.n = input.size(0);
   request.state_size = input.size(1);
-  if (qtype < 0 || qtype >= format_codes || block_bytes[qtype] == 0) refuse_code(qtype);
-  if (request.state_size == 0) throw std::runtime_error("orrery_ops: input must have at least one column");
-  request.output_size = rows_of_weight(weight_format{qtype}, weight.size(0), request.state_size);
+  request.output_size = checked_rows(weight, qtype, request.state_size);
   request.format = weight_format{qtype};
   request.type = input.scalar_type();
   request.seq_hint = seq_hint;
@@ -45,13 +36,6 @@ linear_request request_of(const at::Tensor& input, const at::Tensor& weight, int
 at::Tensor empty_result(const at::Tensor& input, const at::Tensor& weight, const linear_request& request) {
   return at::empty({request.n, static_cast<int64_t>(request.output_size)},
                    at::TensorOptions().dtype(input.scalar_type()).device(weight.device()));
-}
-
-// Ranges are submitted whole: a quantizer's group takes 256 elements.
-void check_quantized_row(uint64_t state_size) {
-  if (state_size % 256 == 0) return;
-  throw std::runtime_error("orrery_ops: an input that is quantized first must have a multiple of 256 columns, not " +
-                           std::to_string(state_size));
 }
 
 at::Tensor run_rows(const at::Tensor& input, const at::Tensor& weight, const linear_request& request,

@@ -110,12 +110,19 @@ constexpr int32_t wrapped_blocks(uint64_t output_size, uint64_t state_size) {
   return static_cast<int32_t>(static_cast<uint32_t>(output_size * state_size)) / 64;
 }
 
-// Byte position of the scale plane of a split format; 0 for a block array, which has none.
-constexpr uint32_t scale_offset(weight_format format, uint64_t output_size, uint64_t state_size) {
+// Byte position of the scale plane of a split format, behind the quants of all its blocks; 0 for a block array, which
+// has none.
+constexpr uint32_t offset_behind_blocks(weight_format format, uint64_t output_size, uint64_t state_size) {
   const format_row* row = find_weight_format(format);
   if (row == nullptr || row->layout != weight_layout::split) return 0;
-  if (row->quant_bytes == 64) return static_cast<uint32_t>(output_size * state_size) & ~63u;
   return static_cast<uint32_t>(wrapped_blocks(output_size, state_size) * row->quant_bytes);
+}
+// The same, as all but the fused projections have it: where a quant is a byte, the last block that is not whole does
+// not count whatever the product's sign.
+constexpr uint32_t scale_offset(weight_format format, uint64_t output_size, uint64_t state_size) {
+  const format_row* row = find_weight_format(format);
+  if (row != nullptr && row->quant_bytes == 64) return static_cast<uint32_t>(output_size * state_size) & ~63u;
+  return offset_behind_blocks(format, output_size, state_size);
 }
 
 // fp6 keeps the two high bits of each code in a plane of their own, behind 32 bytes per block.

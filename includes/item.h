@@ -131,6 +131,16 @@ void tree_sum(const Item& item, T* partial, const simd<T, N> (&acc)[R], Store st
   }
 }
 
+// The same; `finish(totals)` runs once, with those of all rows.
+template <int WG, int R, typename T, typename Item, int N, typename Finish>
+void tree_sums(const Item& item, T* partial, const simd<T, N> (&acc)[R], Finish finish) {
+  T totals[R];
+  tree_sum<WG, R>(item, partial, acc, [&](int r, T total) {
+    totals[r] = total;
+    if (r == R - 1) finish(totals);
+  });
+}
+
 // Every lane of a sub-group of SG takes its value and that of the lane SG / 2 away, then SG / 4, down to 1. All end
 // with the same value, since the order of the two operands shows in none of the operations in use; it is the halving
 // tree's.

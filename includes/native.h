@@ -1,7 +1,9 @@
-// The device's native functions, in float: base-2 exponential, sine, cosine, square roots.
+// The device's native functions, in float: exponentials, sine, cosine, square roots; and the hyperbolic tangent and
+// powers, which have no native form.
 //
-// On the host they are polynomials in double, rounded once to float: the nearest float but for about one argument in a
-// hundred million, whatever the number of lanes. A device has its own, and need not have doubles.
+// On the host they are computed in double and rounded once to float: the nearest float but for about one argument in a
+// hundred million (exp and pown: in some million), whatever the number of lanes. A device has its own, and need not
+// have doubles.
 #pragma once
 
 #include <cmath>
@@ -11,12 +13,24 @@
 
 namespace orrery::native {
 
+namespace detail {
+
+template <int N, typename F>
+inline simd<float, N> per_lane(const simd<float, N>& x, F f) {
+  simd<float, N> r;
+  for (int i = 0; i < N; ++i) r.set(i, f(x[i]));
+  return r;
+}
+
+}  // namespace detail
+
 #ifdef SYCL_EXT_ORRERY_HOST
 
 namespace detail {
 
 // Adding and subtracting it rounds a double to a whole number; the low bits of the sum are that number.
 constexpr double whole = 0x1.8p52;
+constexpr double log2_of_e = 1.4426950408889634;
 
 template <int N, size_t K>
 inline simd<double, N> polynomial(const simd<double, N>& x, const double (&c)[K]) {
@@ -26,24 +40,66 @@ inline simd<double, N> polynomial(const simd<double, N>& x, const double (&c)[K]
   return r;
 }
 
-// 2^x = 2^n * 2^f with n whole and f in [-1/2, 1/2]. The last conversion to float makes infinities and subnormals.
+// 2^x = 2^n * 2^f with n whole and f in [-1/2, 1/2]: `scale` is 2^n, `fraction` 2^f - 1.
+template <int N>
+struct split_power {
+  simd<double, N> scale, fraction;
+
+  explicit split_power(const simd<double, N>& x) {
+    using D = simd<double, N>;
+    using U = simd<uint64_t, N>;
+    constexpr double g[] = {0.6931471805599462,     0.24022650695910075,    0.05550410866465167,
+                            0.009618129107618665,   0.0013333558200794592,  0.00015403530424776529,
+                            1.5252672924850737e-05, 1.3215451633221434e-06, 1.0205905413765595e-07,
+                            7.070977866508138e-09};
+    const D sum = x + D(whole), n = sum - D(whole), f = x - n;
+    scale = bit_cast<double>((bit_cast<uint64_t>(sum) + U(1023)) << 52);
+    fraction = f * polynomial(f, g);
+  }
+};
+
+// The last conversion to float makes infinities and subnormals.
 template <int N>
 inline simd<double, N> exp2(simd<double, N> x) {
   using D = simd<double, N>;
-  using U = simd<uint64_t, N>;
-  constexpr double g[] = {0.6931471805599462,     0.24022650695910075,    0.05550410866465167,
-                          0.009618129107618665,   0.0013333558200794592,  0.00015403530424776529,
-                          1.5252672924850737e-05, 1.3215451633221434e-06, 1.0205905413765595e-07,
-                          7.070977866508138e-09};
-  const D lowest(-1000.0), highest(1000.0), one(1.0);
+  const D lowest(-1000.0), highest(1000.0);
   x = select_less(x, lowest, lowest, x);  // a NaN stays
   x = select_less(highest, x, highest, x);
-  const D sum = x + D(whole), n = sum - D(whole), f = x - n;
-  const U exponent = (bit_cast<uint64_t>(sum) + U(1023)) << 52;
-  return (f * polynomial(f, g) + one) * bit_cast<double>(exponent);
+  const split_power<N> p(x);
+  return (p.fraction + D(1.0)) * p.scale;
 }
 
-constexpr double widest_angle = 0x1p24;
+// e^x - 1, to the last bits of a double also where x is small: the same, with 1 taken off 2^n. x is not beyond 700.
+template <int N>
+inline simd<double, N> exp_less_1(const simd<double, N>& x) {
+  using D = simd<double, N>;
+  const split_power<N> p(x * D(log2_of_e));
+  return p.fraction * p.scale + (p.scale - D(1.0));
+}
+
+template <int N>
+inline simd<double, N> tanh(const simd<double, N>& x) {
+  using D = simd<double, N>;
+  using U = simd<uint64_t, N>;
+  const U sign = bit_cast<uint64_t>(x) & U(uint64_t(1) << 63);
+  const D size = bit_cast<double>(bit_cast<uint64_t>(x) ^ sign), widest(20.0);  // from there on it is 1
+  const D e = exp_less_1(select_less(widest, size, widest, size) * D(2.0));
+  return bit_cast<double>(bit_cast<uint64_t>(e / (e + D(2.0))) | sign);
+}
+
+// By squares. The relative error grows with n, to n / 2^53.
+template <int N>
+inline simd<double, N> pown(simd<double, N> x, int n) {
+  using D = simd<double, N>;
+  D power(1.0);
+  for (uint32_t left = n < 0 ? 0u - static_cast<uint32_t>(n) : static_cast<uint32_t>(n); left != 0; left >>= 1) {
+    if (left & 1) power *= x;
+    x *= x;
+  }
+  return n < 0 ? D(1.0) / power : power;
+}
+
+constexpr float widest_angle = 0x1p24f;
 
 // sin(x + Turn * pi / 2) for |x| up to widest_angle. pi / 2 is taken off in two steps, the first of them exact.
 template <int Turn, int N>
@@ -67,18 +123,17 @@ inline simd<float, N> through_double(const simd<float, N>& x, F f) {
   return in_double_parts(x, [&](const auto& part) { return convert<float>(f(convert<double>(part))); });
 }
 
-template <int N>
-inline bool all_within(const simd<float, N>& x, float limit) {
-  bool within = true;
-  for (int i = 0; i < N; ++i) within &= -limit <= x[i] && x[i] <= limit;
-  return within;
-}
+inline bool is_near(float angle) { return -widest_angle <= angle && angle <= widest_angle; }
 
-template <int N, typename F>
-inline simd<float, N> per_lane(const simd<float, N>& x, F f) {
-  simd<float, N> r;
-  for (int i = 0; i < N; ++i) r.set(i, static_cast<float>(f(static_cast<double>(x[i]))));
-  return r;
+// `far` is for the angles that are not near.
+template <int Turn, int N, typename F>
+inline simd<float, N> sine_of_any(const simd<float, N>& x, F far) {
+  bool near = true;
+  for (int i = 0; i < N; ++i) near &= is_near(x[i]);
+  if (near) return through_double(x, [](const auto& a) { return sine<Turn>(a); });
+  return per_lane(x, [&](float a) {
+    return is_near(a) ? static_cast<float>(sine<Turn>(simd<double, 1>(a))[0]) : static_cast<float>(far(double(a)));
+  });
 }
 
 }  // namespace detail
@@ -89,15 +144,36 @@ inline simd<float, N> exp2(const simd<float, N>& x) {
 }
 
 template <int N>
+inline simd<float, N> exp(const simd<float, N>& x) {
+  return detail::through_double(
+      x, [](const auto& a) { return detail::exp2(a * std::decay_t<decltype(a)>(detail::log2_of_e)); });
+}
+
+template <int N>
+inline simd<float, N> tanh(const simd<float, N>& x) {
+  return detail::through_double(x, [](const auto& a) { return detail::tanh(a); });
+}
+
+template <int N>
+inline simd<float, N> pown(const simd<float, N>& x, int n) {
+  return detail::through_double(x, [n](const auto& a) { return detail::pown(a, n); });
+}
+
+// A whole power of up to 64 is the pown of the same number.
+template <int N>
+inline simd<float, N> pow(const simd<float, N>& x, float y) {
+  if (y == std::trunc(y) && std::abs(y) <= 64.0f) return pown(x, static_cast<int>(y));
+  return detail::per_lane(x, [y](float a) { return static_cast<float>(std::pow(double(a), double(y))); });
+}
+
+template <int N>
 inline simd<float, N> sin(const simd<float, N>& x) {
-  if (!detail::all_within(x, detail::widest_angle)) return detail::per_lane(x, [](double a) { return std::sin(a); });
-  return detail::through_double(x, [](const auto& a) { return detail::sine<0>(a); });
+  return detail::sine_of_any<0>(x, [](double a) { return std::sin(a); });
 }
 
 template <int N>
 inline simd<float, N> cos(const simd<float, N>& x) {
-  if (!detail::all_within(x, detail::widest_angle)) return detail::per_lane(x, [](double a) { return std::cos(a); });
-  return detail::through_double(x, [](const auto& a) { return detail::sine<1>(a); });
+  return detail::sine_of_any<1>(x, [](double a) { return std::cos(a); });
 }
 
 inline float exp2(float x) { return exp2(simd<float, 1>(x))[0]; }
@@ -112,23 +188,37 @@ inline float rsqrt(float x) { return sycl::native::rsqrt(x); }
 
 template <int N>
 inline simd<float, N> exp2(const simd<float, N>& x) {
-  simd<float, N> r;
-  for (int i = 0; i < N; ++i) r.set(i, sycl::native::exp2(x[i]));
-  return r;
+  return detail::per_lane(x, [](float a) { return sycl::native::exp2(a); });
+}
+
+template <int N>
+inline simd<float, N> exp(const simd<float, N>& x) {
+  return detail::per_lane(x, [](float a) { return sycl::native::exp(a); });
+}
+
+template <int N>
+inline simd<float, N> tanh(const simd<float, N>& x) {
+  return detail::per_lane(x, [](float a) { return sycl::tanh(a); });
+}
+
+template <int N>
+inline simd<float, N> pown(const simd<float, N>& x, int n) {
+  return detail::per_lane(x, [n](float a) { return sycl::pown(a, n); });
+}
+
+template <int N>
+inline simd<float, N> pow(const simd<float, N>& x, float y) {
+  return detail::per_lane(x, [y](float a) { return sycl::pow(a, y); });
 }
 
 template <int N>
 inline simd<float, N> sin(const simd<float, N>& x) {
-  simd<float, N> r;
-  for (int i = 0; i < N; ++i) r.set(i, sycl::native::sin(x[i]));
-  return r;
+  return detail::per_lane(x, [](float a) { return sycl::native::sin(a); });
 }
 
 template <int N>
 inline simd<float, N> cos(const simd<float, N>& x) {
-  simd<float, N> r;
-  for (int i = 0; i < N; ++i) r.set(i, sycl::native::cos(x[i]));
-  return r;
+  return detail::per_lane(x, [](float a) { return sycl::native::cos(a); });
 }
 
 #endif

@@ -14,10 +14,10 @@ namespace orrery {
 
 inline bool is_half_or_float(c10::ScalarType type) { return type == c10::kHalf || type == c10::kFloat; }
 
-// The types of the linear layer's ordinary kernels.
-inline void check_value_type(c10::ScalarType type) {
+// The types of the linear layer's ordinary kernels; `function` is who refuses another.
+inline void check_value_type(c10::ScalarType type, const char* function = "qlinear_forward_xpu") {
   const bool known = is_half_or_float(type) || type == c10::kDouble || type == c10::kBFloat16;
-  TORCH_CHECK_NOT_IMPLEMENTED(known, "\"qlinear_forward_xpu\" not implemented for '", toString(type), "'");
+  TORCH_CHECK_NOT_IMPLEMENTED(known, '"', function, "\" not implemented for '", toString(type), "'");
 }
 
 // Calls `f` with a value of the type.

@@ -1,21 +1,44 @@
-// The check of a row's length that stands before the launch of a linear kernel, behind that of the input's type.
+// What is checked of a linear layer's sizes and tensors before its kernels are launched.
 #pragma once
 
+#include <ATen/core/Tensor.h>
 #include <c10/util/Exception.h>
 
+#include <stdexcept>
 #include <string>
 
-#include "includes/type_switch.h"
+#include "formats/registry.h"
 
 namespace orrery {
 
-// A multiple of 0 asks for nothing. The percent signs are literal; the numbers follow the text without a blank.
-inline void check_row(const char* kernel, uint64_t state_size, uint64_t multiple) {
+[[noreturn]] inline void refuse_code(int32_t qtype) {
+  throw std::runtime_error("unsupported qtype: " + std::to_string(qtype));
+}
+
+// The rows of a weight. The sizes are divided by the code's table entries and by state_size: zeros are refused, and
+// codes without an entry.
+inline uint64_t checked_rows(const at::Tensor& weight, int32_t qtype, uint64_t state_size) {
+  if (qtype < 0 || qtype >= format_codes || block_bytes[qtype] == 0) refuse_code(qtype);
+  if (state_size == 0) throw std::runtime_error("orrery_ops: input must have at least one column");
+  return rows_of_weight(weight_format{qtype}, weight.size(0), state_size);
+}
+
+// The length of a row. A multiple of 0 asks for nothing. The percent signs are literal; the numbers follow the text
+// without a blank.
+inline void check_row(const char* function, uint64_t state_size, uint64_t multiple,
+                      const char* unit = "linear_xpu_kernel") {
   if (multiple == 0 || state_size % multiple == 0) return;
   const std::string size = std::to_string(state_size);
   const std::string text = multiple == 64 ? "%d must be a multiple of 64" + size
                                           : "%d must be a multiple of %d" + size + std::to_string(multiple);
-  c10::detail::torchCheckFail(kernel, "linear_xpu_kernel", __LINE__, text);
+  c10::detail::torchCheckFail(function, unit, __LINE__, text);
+}
+
+// Ranges are submitted whole: a quantizer's group takes 256 elements.
+inline void check_quantized_row(uint64_t state_size) {
+  if (state_size % 256 == 0) return;
+  throw std::runtime_error("orrery_ops: an input that is quantized first must have a multiple of 256 columns, not " +
+                           std::to_string(state_size));
 }
 
 }  // namespace orrery

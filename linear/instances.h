@@ -5,6 +5,7 @@
 #pragma once
 
 #include "formats/registry.h"
+#include "linear/class_instances.h"
 #include "linear/dispatch.h"
 #include "linear/kernel_name.h"
 
@@ -73,12 +74,8 @@ template <typename T, int SBS> struct dequantize_fp6_kernel;
 template <typename T, int SBS> struct dequantize_fp8_e5m2_kernel;
 // clang-format on
 
-struct kernel_instance {
-  const char* name = nullptr;
-  row_shape shape;
-  linear_launcher* launch = nullptr;
-  bool waits = false;  // the host waits for the launch
-};
+using kernel_instance = instance_of<linear_launcher>;
+using class_instances = instances_of<linear_launcher>;
 
 // An argument of the rows below; most launches do not wait.
 constexpr bool waits = true;
@@ -88,17 +85,6 @@ template <template <typename, int...> typename Kernel, int... Shape>
 constexpr kernel_instance instance(row_shape shape, bool waiting = false) {
   return {kernel_name<Kernel>, shape, launch_kernel<Kernel, Shape...>, waiting};
 }
-
-// By kind of device: class 0, class 5, the others. An empty one stands for that of the others.
-struct class_instances {
-  kernel_instance narrow, wide = {}, vela = {};
-
-  constexpr const kernel_instance& of(uint32_t device_class) const {
-    if (device_class == 0 && wide.launch != nullptr) return wide;
-    if (device_class == 5 && vela.launch != nullptr) return vela;
-    return narrow;
-  }
-};
 
 // Sub-groups of 16 or 32 in groups of two, which own `Rows` rows of the weight.
 template <template <typename, int...> typename Kernel, int Rows>

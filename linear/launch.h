@@ -27,8 +27,8 @@ void launch_decided(const linear_decision& way, c10::Device device, const launch
 }
 
 // A kernel says how many dimensions its groups have, and bind() sets its arguments and its local memory.
-template <typename Kernel>
-void launch_bound(const linear_decision& way, const linear_operands& on, const launch_place& where) {
+template <typename Kernel, typename Operands>
+void launch_bound(const linear_decision& way, const Operands& on, const launch_place& where) {
   launch_decided<Kernel::dimensions>(way, on.device, where, [&](sycl::handler& h) {
     Kernel kernel;
     kernel.bind(way, on, h);

@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "formats/registry.h"
+#include "includes/type_switch.h"
 #include "linear/checks.h"
 #include "linear/dense/super_blocks.h"
 #include "module/operations.h"

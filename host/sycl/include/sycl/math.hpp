@@ -4,5 +4,8 @@
 #include <cmath>
 
 namespace sycl {
+using std::pow;
 using std::sqrt;
-}
+using std::tanh;
+inline float pown(float x, int n) { return static_cast<float>(std::pow(static_cast<double>(x), n)); }
+}  // namespace sycl

@@ -1,0 +1,12 @@
+#include "formats/linear.h"
+#include "fused/projection_kernel.h"
+
+namespace orrery {
+
+template <typename T, int SG, int WG, bool HAS_BIAS>
+struct qlinear_xpu_kernel_q4_0_2x16_qkv : projection_kernel<formats::q4_0, T, SG, WG, HAS_BIAS> {};
+
+template projection_launcher launch_projections<qlinear_xpu_kernel_q4_0_2x16_qkv, 16, 32>;
+template projection_launcher launch_projections<qlinear_xpu_kernel_q4_0_2x16_qkv, 32, 64>;
+
+}  // namespace orrery
