@@ -72,10 +72,9 @@ def tiny_file(tmp_path_factory):
 def dequantized(prepared):
     """The file's matrices by name, as the quantized model holds them."""
     s = prepared.sizes
-    tied = "output" not in prepared.tensors
     shapes = gguf_model.expected_shapes(s)
     result = {theirs: prepared.tensors[ours].cpu() for ours, theirs in prepare.norms(s).items()}
-    for ours, parts in prepare.matrices(s, tied).items():
+    for ours, parts in prepared.sources.items():
         whole = formats.dequantize(prepared.formats[ours], prepared.tensors[ours].cpu(), shapes[parts[0]][1])
         result |= dict(zip(parts, whole.split([shapes[part][0] for part in parts])))
     return result
