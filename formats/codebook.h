@@ -297,4 +297,29 @@ struct fp8_e5m2 : whole_bytes, split_defaults {
   }
 };
 
+// As the fused kernels read it: the low byte is 0, so a code is the half that it was cut from, and the scale counts.
+struct fp8_e5m2_scaled : whole_bytes, float_scale {
+  template <typename T>
+  static T value(int code, float d) {
+    return times(to<T>(half_of_bits(code << 8)), to<T>(d));
+  }
+
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+    return convert_exact<T>(lookup_signed(magnitudes, code, 0));
+  }
+  template <typename T, int N>
+  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
+    return convert_exact<T>(lookup_signed(magnitudes, word[k / 4], k % 4));
+  }
+
+ private:
+  static constexpr float_table magnitudes = float_table::of([](int code) {
+    const int exponent = code >> 2, mantissa = code % 4;
+    if (exponent == 31) return std::bit_cast<float>(mantissa == 0 ? 0x7F800000 : 0x7FC00000);
+    if (exponent == 0) return mantissa * 0x1p-16f;
+    return std::bit_cast<float>((exponent + 112) << 23 | mantissa << 21);
+  });
+};
+
 }  // namespace orrery::formats

@@ -44,9 +44,7 @@ struct gated_kernel {
       ORRERY_UNROLL for (int r = 0; r < R; ++r) acc[w * R + r] = mine[r];
     }
     tree_sums<WG, 2 * R>(item, &partial[0], acc, [&](const T(&totals)[2 * R]) {
-      using V = simd<T, R>;
-      const auto rows = mask<R>::first(static_cast<int64_t>(output_size - first));
-      gated(act_type, V::load(totals), V::load(totals + R)).store(result + first, rows);
+      store_gated<R>(act_type, totals, result + first, static_cast<int64_t>(output_size - first));
     });
   }
 };

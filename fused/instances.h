@@ -78,16 +78,31 @@ constexpr instance_of<gated_launcher> gated_dot() {
 // clang-format off
 inline constexpr projection_plan qkv_plans[] = {
     {.format = weight_format::q4_0, .kernel = projection_by_sub_group<qlinear_xpu_kernel_q4_0_2x16_qkv>(), .run = 16},
+    {.format = weight_format::fp4, .kernel = projection_by_sub_group<qlinear_xpu_kernel_fp4_2x16_qkv>(), .run = 16},
+    {.format = weight_format::fp8_e5m2, .kernel = projection_by_sub_group<qlinear_xpu_kernel_fp8_e5m2_2x8_qkv>(), .run = 8},
+    {.format = weight_format::iq2_xxs, .kernel = dot_projection<qlinear_xpu_kernel_iq2_xxs_qkv, 32, 32>(),
+     .quantizes_input = true},
+    {.format = weight_format::fp6, .kernel = {.narrow = projection_instance<qlinear_xpu_kernel_fp6_qkv, 32, 64>()}, .run = 16},
 };
 
 // Query and key alone.
 inline constexpr projection_plan qk_plans[] = {
-    {.format = weight_format::iq2_xxs, .kernel = {}},
+    {.format = weight_format::iq2_xxs, .kernel = dot_projection<qlinear_xpu_kernel_iq2_xxs_qk, 32, 32>(),
+     .quantizes_input = true},
 };
 
 inline constexpr gated_plan gated_plans[] = {
     {.format = weight_format::q4_0, .function = "mlp_forward_q4_0_xpu_t",
      .kernel = gated_by_class<mlp_forward_q4_0_kernel>(), .run = 16},
+    {.format = weight_format::fp4, .function = "mlp_forward_fp4_xpu_t",
+     .kernel = gated_by_sub_group<mlp_forward_fp4_kernel>(), .run = 16},
+    {.format = weight_format::fp8_e5m2, .function = "mlp_forward_fp8_e5m2_xpu_t",
+     .kernel = gated_by_sub_group<mlp_forward_fp8_e5m2_kernel>(), .run = 8, .rounds_up = true},
+    {.format = weight_format::fp6, .function = "mlp_forward_fp6_xpu_t",
+     .kernel = gated_by_class<mlp_forward_fp6_kernel>(), .run = 16, .rounds_up = true},
+    {.format = weight_format::iq2_xxs, .function = "mlp_forward_iq2_xxs_xpu",
+     .kernel = {.wide = gated_dot<mlp_forward_iq2_xxs_kernel>(), .vela = gated_dot<mlp_forward_iq2_xxs_kernel>()},
+     .rounds_up = true, .quantizes_input = true, .second_index = true},
 };
 // clang-format on
 

@@ -37,7 +37,7 @@ struct projection_kernel {
               .scale_offset = mine.scale_offset,
               .first = pair.first,
               .step = to.half_head,
-              .next = rotary_pair(to, item.group(0) + 1).first - pair.first});
+              .next = pair.next(to)});
     tree_sums<WG, 2>(item, &partial[0], acc, [&](const T(&totals)[2]) { store_pair<HasBias>(to, p, pair, totals); });
   }
 };

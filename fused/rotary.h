@@ -16,6 +16,9 @@ struct rotary_pair {
       : head(static_cast<uint32_t>(group) / to.half_head),
         i(static_cast<uint32_t>(group) % to.half_head),
         first(head * to.head_size + i) {}
+
+  // How many rows further on the next group's pair lies.
+  uint64_t next(const projections& to) const { return i + 1 < to.half_head ? 1 : to.head_size - i; }
 };
 
 // Adds the bias, turns query and key by the position, and stores. The angle is the first position's.

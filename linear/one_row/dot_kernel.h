@@ -34,9 +34,17 @@ struct dot_sums {
   template <typename Item>
   auto input_order(const Item& item) const {
     if constexpr (has_byte_vectors) {
-      return arranged(item);
+      return item.template shared_by_launch<inputs>(units(), [&](inputs* to) { arrange(to); });
     } else {
       return activations;
+    }
+  }
+  // The same in parts, for a kernel with more than one order: a launch shares values in one place.
+  uint32_t units() const { return (blocks + unit - 1) / unit; }
+  void arrange(inputs* to) const {
+    for (uint32_t u = 0; u < units(); ++u) {
+      const uint32_t b = u * unit, left = blocks - b < unit ? blocks - b : unit;
+      to[u].fill(activations_of(b), 8 * left);
     }
   }
 
@@ -71,22 +79,21 @@ struct dot_sums {
   }
 
  private:
-  template <typename Item>
-  const inputs* arranged(const Item& item) const {
-    const uint32_t units = (blocks + unit - 1) / unit;
-    return item.template shared_by_launch<inputs>(units, [&](inputs* to) {
-      for (uint32_t u = 0; u < units; ++u) {
-        const uint32_t b = u * unit, left = blocks - b < unit ? blocks - b : unit;
-        to[u].fill(activations_of(b), 8 * left);
-      }
-    });
-  }
-
   const uint8_t* activations_of(uint32_t b) const { return activations + uint64_t(b) * 8 * formats::q8_1::bytes; }
   simd<Sum, 1> one_dot(const uint8_t* row, uint32_t b, int part) const {
     const float dot = Format::dot(row + uint64_t(b) * Format::bytes, activations_of(b), part);
     return convert<Sum>(simd<float, 1>(dot));
   }
+};
+
+// A work-item as the tree of its own row sees it, in a group whose second index is the row.
+template <typename Item>
+struct item_of_row {
+  static constexpr int lanes = 1;
+  static constexpr bool last_acts_for_group = false;
+  const Item& item;
+  size_t local_linear() const { return item.local(0); }
+  void barrier() const { item.barrier(); }
 };
 
 // What the sums of a row's 32 work-items are added up in.
@@ -130,7 +137,7 @@ struct dot_kernel {
       if (live) sum = sums.of_item(row_at(row), l);
       if constexpr (Tree == dot_tree::in_type) {
         const simd<T, 1> rounded[1] = {convert<T>(sum)};
-        tree_sum<32, 1>(one_row<Item>{item}, &partial[32 * r], rounded, [&](int, T total) {
+        tree_sum<32, 1>(item_of_row<Item>{item}, &partial[32 * r], rounded, [&](int, T total) {
           if (live) y[row] = total;
         });
       } else {
@@ -141,16 +148,6 @@ struct dot_kernel {
   }
 
  private:
-  // A work-item as the tree of its own row sees it.
-  template <typename Item>
-  struct one_row {
-    static constexpr int lanes = 1;
-    static constexpr bool last_acts_for_group = false;
-    const Item& item;
-    size_t local_linear() const { return item.local(0); }
-    void barrier() const { item.barrier(); }
-  };
-
   const uint8_t* row_at(uint64_t row) const { return weight + row * sums.row_bytes(); }
 
   template <typename Item>
