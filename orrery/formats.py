@@ -35,8 +35,8 @@ class Format:
     substitute: str = ""
     # The name of a GGUF tensor type with the same bytes.
     gguf_type: str = ""
-    # Whether there are fused kernels for its planes. They take query, key and value, and gate and up, each as a matrix of
-    # its own, which no part of a joined matrix of several planes is.
+    # Whether steps take fused kernels for its planes. Those want query, key and value, and gate and up, each as a matrix
+    # of its own, which no part of a joined matrix of several planes is.
     apart: bool = False
 
     @property
@@ -81,7 +81,7 @@ FORMATS = {
         Format("nf3", 11, 64, (24, 2), codebook.encode_nf3, codebook.decode_nf3),
         Format("fp8_e4m3", 15, 64, (64, 4), codebook.encode_fp8_e4m3, codebook.decode_fp8_e4m3),
         Format("fp4", 16, 64, (32, 2), codebook.encode_fp4, codebook.decode_fp4, apart=True),
-        Format("fp8_e5m2", 19, 64, (64, 4), codebook.encode_fp8_e5m2, codebook.decode_fp8_e5m2, apart=True),
+        Format("fp8_e5m2", 19, 64, (64, 4), codebook.encode_fp8_e5m2, codebook.decode_fp8_e5m2),
         Format("iq2_xxs", 21, 256, (66,), grid.encode_iq2_xxs, grid.decode_iq2_xxs, "nf3", "IQ2_XXS"),
         Format("q2_k", 23, 256, (84,), superblock.encode_q2_k, superblock.decode_q2_k, "nf3", "Q2_K"),
         Format("iq1_s", 24, 256, (50,), grid.encode_iq1_s, grid.decode_iq1_s, "nf3", "IQ1_S"),

@@ -9,11 +9,19 @@ import torch
 
 from orrery.formats import Format
 
+_HALF_A_STEP = "{} reads a code of fp8_e5m2 half a step nearer to zero than a product does"
+# Why a step does without an operation that has a kernel for its format.
+UNFIT = {
+    ("forward_qkv", "iq2_xxs"): "forward_qkv takes the value's weight in q2_k if the others are in iq2_xxs",
+    ("forward_qkv", "fp8_e5m2"): _HALF_A_STEP.format("forward_qkv"),
+    ("mlp_forward_xpu", "fp8_e5m2"): _HALF_A_STEP.format("mlp_forward_xpu"),
+}
+
 
 def qkv_refusal(fmt: Format, dtype: torch.dtype, device: torch.device) -> str:
     """Why `forward_qkv` does not serve query, key and value in this format and type; empty if it does."""
-    if fmt.name == "iq2_xxs":
-        return "forward_qkv takes the value's weight in q2_k if the others are in iq2_xxs"
+    if ("forward_qkv", fmt.name) in UNFIT:
+        return UNFIT["forward_qkv", fmt.name]
     size, code = fmt.elements, fmt.code
     x, weight, caches = _row(size, dtype, device), _matrix(fmt, device), _row(2 * size, dtype, device)
     keys, values = caches.view(2, 1, 1, 1, size).narrow(3, 0, 0)
@@ -26,6 +34,8 @@ def qkv_refusal(fmt: Format, dtype: torch.dtype, device: torch.device) -> str:
 
 def mlp_refusal(fmt: Format, dtype: torch.dtype, device: torch.device) -> str:
     """Why `mlp_forward_xpu` does not serve gate and up in this format and type; empty if it does."""
+    if ("mlp_forward_xpu", fmt.name) in UNFIT:
+        return UNFIT["mlp_forward_xpu", fmt.name]
     size = fmt.elements
     x, weight = _row(size, dtype, device), _matrix(fmt, device)
     return _refusal(lambda: orrery_ops.mlp_forward_xpu(x, weight, weight, 1, size, size, 0, fmt.code))

@@ -27,13 +27,13 @@ from orrery.formats import BLOCK, Format
 from orrery.prepare import Prepared
 
 # With float16 a product of 8 bits sums inputs times codes up to 127 before the block's scale is applied, in half. A model
-# has single activations in the thousands in front of the down product, so the input is made smaller and the result larger.
+# has single activations in the thousands in front of the down product (the bundled one 2400), so the input is made smaller
+# and the result larger. The fused gated product rounds to half before that, which has room up to 65504.
 HALF_DOWN_SCALE = 64
 # The fused gated product's code for its activation.
 SILU = 0
 
 DTYPES = {"float32": torch.float32, "float16": torch.float16, "bfloat16": torch.bfloat16}
-
 
 # Tokens of a prompt that go through the layers together. More rows share one expansion of a weight to floats, fewer
 # need less memory for activations.

@@ -17,7 +17,7 @@ from orrery import OrreryError, device_class, fused, prepare
 from orrery.formats import FORMATS
 from orrery.model import Model
 
-FUSED = ("q4_0", "fp4", "fp8_e5m2", "fp6")
+FUSED = ("q4_0", "fp4", "fp6")
 TYPES = (torch.float32, torch.float16, torch.bfloat16)
 # One by one: what a step falls back to.
 SINGLE = {"forward_qkv": "asked for", "mlp_forward_xpu": "asked for"}
@@ -52,6 +52,9 @@ def test_which_way_a_step_takes(tiny_file, name, dtype):
     expected = {operation: f"{operation} has no kernel for {name}" for operation in model.refusals}
     if name == "iq2_xxs":
         expected["forward_qkv"] = "forward_qkv takes the value's weight in q2_k if the others are in iq2_xxs"
+    if name == "fp8_e5m2":
+        nearer = "reads a code of fp8_e5m2 half a step nearer to zero than a product does"
+        expected = {operation: f"{operation} {nearer}" for operation in model.refusals}
     if name in FUSED:
         expected = {"forward_qkv": "", "mlp_forward_xpu": ""}
         if dtype == torch.bfloat16:
@@ -78,7 +81,7 @@ def test_matrices_of_formats_with_fused_kernels_stay_apart(tiny_file, name):
 
 # The projections sum in the same order either way. With float32 sine, cosine and exp differ in the last bits; narrow
 # types round the product of gate and up once instead of twice.
-@pytest.mark.parametrize("dtype, bound", [(torch.float32, 1e-5), (torch.float16, 0.02), (torch.bfloat16, 0.15)])
+@pytest.mark.parametrize("dtype, bound", [(torch.float32, 2e-6), (torch.float16, 0.01), (torch.bfloat16, 0.07)])
 @pytest.mark.parametrize("name", FUSED)
 def test_fused_steps_say_the_same(tiny_file, name, dtype, bound):
     model = tiny(tiny_file, name, dtype)
@@ -149,7 +152,7 @@ from orrery import prepare
 from orrery.formats import FORMATS
 from orrery.model import Model
 results = []
-for name in ("q4_0", "fp4", "fp8_e5m2", "fp6", "iq2_xxs"):
+for name in ("q4_0", "fp4", "fp6", "iq2_xxs"):
     model = Model(prepare.load(Path(sys.argv[3]), FORMATS[name], cache=False), torch.float32, 64)
     refusals, logits = model.refusals, []
     with orrery_host.record_launches() as launches:
@@ -173,8 +176,8 @@ def test_on_each_kind_of_device(tiny_file, number):
         assert bool(refusals["forward_qkv"]) == grid
         assert bool(refusals["mlp_forward_xpu"]) == (grid and number not in (0, 5))
         assert kernels == ([] if refusals["mlp_forward_xpu"] else [f"mlp_forward_{name}_kernel"])
-        # On class 0 the fused projections sum over other work-groups than the single product does.
-        assert difference < 1e-4, name
+        # On classes 1 and 2 a product of one row of fp4 or fp6 goes through the explicit-SIMD kernels, which sum in half.
+        assert difference < (0.01 if number in (1, 2) and name in ("fp4", "fp6") else 1e-5), name
 
 
 def test_verbose_tells_the_way(tmp_path):
