@@ -139,7 +139,7 @@ class Model:
         # Each head's rows are packed, so the first t rows of every head are one strided view that `sdp` takes as it is.
         cache = torch.empty(sizes.layers, 2 * sizes.kv_heads, capacity, sizes.head_dim, dtype=self._attention_dtype,
                             device=device)
-        self._cache_rows = cache.unbind(0)
+        self._cache_rows = cache
         self._cache = cache.view(2 * sizes.layers, 1, sizes.kv_heads, capacity, sizes.head_dim)
         # One row of query, key and value heads and its views: a copy into it costs 1 us, making the views anew 6 us.
         all_heads = sizes.heads + 2 * sizes.kv_heads
@@ -170,6 +170,7 @@ class Model:
         position = self._positions.narrow(1, t, 1)
         # The fused projections take the rows that are there and give the cache with one more.
         caches = self._cache.narrow(3, 0, t if fused_qkv else t + 1).unbind(0)
+        rows = () if fused_qkv else self._cache_rows.select(2, t).unbind(0)
 
         x = self._embed([token])
         for index, layer in enumerate(self._layers):
@@ -180,7 +181,7 @@ class Model:
                 query, keys, values = forward_qkv(normed, wq.data, wk.data, wv.data, position, keys, values, code, code, t,
                                                   sizes.head_dim, sizes.rope_base)
             else:
-                query = self._project(index, normed, position)
+                query = self._project(layer, normed, position, rows[index])
             attention = sdp(query, keys, values, None).view(1, -1)
             if widened:
                 attention = attention.to(self._dtype)
@@ -198,12 +199,12 @@ class Model:
         self.position = t + 1
         return product(rms_norm(self._norm, x, eps), self._head) if logits else None
 
-    def _project(self, index: int, x: torch.Tensor, position: torch.Tensor) -> torch.Tensor:
+    def _project(self, layer: Layer, x: torch.Tensor, position: torch.Tensor, cache_row: torch.Tensor) -> torch.Tensor:
         """The query of one row, turned; key and value go into the cache."""
-        self._heads.copy_(_joined(x, self._layers[index].qkv))
+        self._heads.copy_(_joined(x, layer.qkv))
         orrery_ops.rotary_half_inplaced(self._inv_freq, position, self._query, self._key)
-        self._cache_rows[index].select(1, self.position).copy_(self._key_value)
-        return self._query.to(self._attention_dtype)
+        cache_row.copy_(self._key_value)
+        return self._query.half() if self._attention_dtype == torch.float16 else self._query
 
     def _gated(self, gate: torch.Tensor, up: torch.Tensor) -> torch.Tensor:
         """SiLU(gate) times up, made smaller by what the down product's result is made larger."""
