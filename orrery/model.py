@@ -86,7 +86,7 @@ class Model:
         self._down_scale = HALF_DOWN_SCALE if dtype == torch.float16 else 1
         self._device = prepared.tensors["norm"].device
         self._read(prepared)
-        fmt = self._fused_format = self._layers[0].gate_up[0].format
+        fmt = self._layers[0].gate_up[0].format
         self.refusals = {
             "forward_qkv": fused.qkv_refusal(fmt, dtype, self._device),
             "mlp_forward_xpu": fused.mlp_refusal(fmt, dtype, self._device),
@@ -161,53 +161,57 @@ class Model:
     def step(self, token: int, logits: bool = True) -> torch.Tensor | None:
         """Takes the next token of the text; gives the logits [1, vocabulary] of the one that follows, if asked to."""
         self._check_room(1)
-        sizes, eps, code, t = self.sizes, self.sizes.eps, self._fused_format.code, self.position
+        eps, t = self.sizes.eps, self.position
         rms_norm, sdp, product = orrery_ops.rms_norm, orrery_ops.sdp, _product
-        forward_qkv, mlp_forward = orrery_ops.forward_qkv, orrery_ops.mlp_forward_xpu
-        fused_qkv, fused_mlp = (not self.refusals[name] for name in ("forward_qkv", "mlp_forward_xpu"))
-        widened, scale = self._attention_dtype != self._dtype, self._down_scale
+        # The fused projections take the rows that are there and give the cache with one more.
+        project, seen = (self._project, t + 1) if self.refusals["forward_qkv"] else (self._project_at_once, t)
+        gate = self._gate if self.refusals["mlp_forward_xpu"] else self._gate_at_once
+        widened, down_scale = self._attention_dtype != self._dtype, self._down_scale
 
         position = self._positions.narrow(1, t, 1)
-        # The fused projections take the rows that are there and give the cache with one more.
-        caches = self._cache.narrow(3, 0, t if fused_qkv else t + 1).unbind(0)
-        rows = () if fused_qkv else self._cache_rows.select(2, t).unbind(0)
+        caches, rows = self._cache.narrow(3, 0, seen).unbind(0), self._cache_rows.select(2, t).unbind(0)
 
         x = self._embed([token])
-        for index, layer in enumerate(self._layers):
-            keys, values = caches[2 * index], caches[2 * index + 1]
-            normed = rms_norm(layer.attention_norm, x, eps)
-            if fused_qkv:
-                wq, wk, wv = layer.qkv
-                query, keys, values = forward_qkv(normed, wq.data, wk.data, wv.data, position, keys, values, code, code, t,
-                                                  sizes.head_dim, sizes.rope_base)
-            else:
-                query = self._project(layer, normed, position, rows[index])
+        for layer, *cache in zip(self._layers, caches[::2], caches[1::2], rows):
+            query, keys, values = project(layer, rms_norm(layer.attention_norm, x, eps), position, *cache)
             attention = sdp(query, keys, values, None).view(1, -1)
             if widened:
                 attention = attention.to(self._dtype)
             x.add_(product(attention, layer.out))
-
-            normed = rms_norm(layer.mlp_norm, x, eps)
-            if fused_mlp:
-                gate, up = layer.gate_and_up()
-                gated = mlp_forward(normed, gate, up, 1, sizes.hidden, sizes.feed_forward, SILU, code)
-                if scale != 1:
-                    gated.mul_(1 / scale)
-            else:
-                gated = self._gated(*_joined(normed, layer.gate_up).chunk(2, 1))
-            x.add_(product(gated, layer.down), alpha=scale)
+            gated = gate(layer, rms_norm(layer.mlp_norm, x, eps))
+            x.add_(product(gated, layer.down), alpha=down_scale)
         self.position = t + 1
         return product(rms_norm(self._norm, x, eps), self._head) if logits else None
 
-    def _project(self, layer: Layer, x: torch.Tensor, position: torch.Tensor, cache_row: torch.Tensor) -> torch.Tensor:
-        """The query of one row, turned; key and value go into the cache."""
+    def _project_at_once(self, layer: Layer, x: torch.Tensor, position: torch.Tensor, keys: torch.Tensor,
+                         values: torch.Tensor, row: torch.Tensor) -> Sequence[torch.Tensor]:
+        """The query of one row, turned, and keys and values with their new row."""
+        query, key, value = layer.qkv
+        code = query.format.code
+        return orrery_ops.forward_qkv(x, query.data, key.data, value.data, position, keys, values, code, code,
+                                      self.position, self.sizes.head_dim, self.sizes.rope_base)
+
+    def _project(self, layer: Layer, x: torch.Tensor, position: torch.Tensor, keys: torch.Tensor, values: torch.Tensor,
+                 row: torch.Tensor) -> Sequence[torch.Tensor]:
+        """The same one by one; the new key and value go into `row` of the cache."""
         self._heads.copy_(_joined(x, layer.qkv))
         orrery_ops.rotary_half_inplaced(self._inv_freq, position, self._query, self._key)
-        cache_row.copy_(self._key_value)
-        return self._query.half() if self._attention_dtype == torch.float16 else self._query
+        row.copy_(self._key_value)
+        query = self._query.half() if self._attention_dtype == torch.float16 else self._query
+        return query, keys, values
+
+    def _gate_at_once(self, layer: Layer, x: torch.Tensor) -> torch.Tensor:
+        """SiLU(gate) times up of one row, divided by `_down_scale`."""
+        gate, up = layer.gate_and_up()
+        code, sizes = layer.gate_up[0].format.code, self.sizes
+        gated = orrery_ops.mlp_forward_xpu(x, gate, up, 1, sizes.hidden, sizes.feed_forward, SILU, code)
+        return gated if self._down_scale == 1 else gated.mul_(1 / self._down_scale)
+
+    def _gate(self, layer: Layer, x: torch.Tensor) -> torch.Tensor:
+        """The same one by one."""
+        return self._gated(*_joined(x, layer.gate_up).chunk(2, 1))
 
     def _gated(self, gate: torch.Tensor, up: torch.Tensor) -> torch.Tensor:
-        """SiLU(gate) times up, made smaller by what the down product's result is made larger."""
         if self._down_scale != 1:
             up.mul_(1 / self._down_scale)
         return torch.nn.functional.silu(gate).mul_(up)
