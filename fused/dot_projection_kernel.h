@@ -31,8 +31,9 @@ struct dot_projection_kernel {
   template <typename Item>
   void operator()(const Item& item) const {
     const uint64_t p = item.group(1);
+    if (to.is_beyond(p, item.group(0))) return;  // the same for the whole group
     const rotary_pair pair(to, item.group(0));
-    if (pair.first + to.half_head >= to.of[p].output_size) return;  // the same for the whole group
+    if (pair.first + to.half_head >= to.of[p].output_size) return;
     simd<T, Item::lanes> acc[2];
     const auto order = input_orders(item);
     if (p == projections::value) {
@@ -40,7 +41,9 @@ struct dot_projection_kernel {
     } else {
       add_up(acc, item, sums, order.of_others, pair);
     }
-    tree_sums<WG, 2>(item, &partial[0], acc, [&](const T(&totals)[2]) { store_pair<false>(to, p, pair, totals); });
+    tree_sums<WG, 2>(item, &partial[0], acc, [&](const T(&totals)[2]) {
+      store_pair<false>(to, p, pair, totals, [&] { return rotary_turn::of(to, pair.i); });
+    });
   }
 
  private:

@@ -34,8 +34,10 @@ simd<T, N> gated(int32_t act_type, const simd<T, N>& gate, const simd<T, N>& up)
 // Rows whose sums are those of R gates, then of R ups; the first `live` of them are stored.
 template <int R, typename T>
 void store_gated(int32_t act_type, const T (&sums)[2 * R], T* result, int64_t live) {
-  using V = simd<T, R>;
-  gated(act_type, V::load(sums), V::load(sums + R)).store(result, mask<R>::first(live));
+  simd<T, R> gate, up;  // set lane by lane: a load of what was stored in parts waits for all stores before it
+  ORRERY_UNROLL for (int r = 0; r < R; ++r) gate.set(r, sums[r]);
+  ORRERY_UNROLL for (int r = 0; r < R; ++r) up.set(r, sums[R + r]);
+  gated(act_type, gate, up).store(result, mask<R>::first(live));
 }
 
 }  // namespace orrery

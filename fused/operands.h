@@ -29,6 +29,10 @@ struct projections {
   uint32_t half_head = 0;
   const int64_t* position_ids = nullptr;
   float theta = 0;
+
+  // A group has two rows, so behind the groups of these rows there is none. A group of no pair costs little then: with
+  // grouped heads they are most.
+  bool is_beyond(uint64_t p, uint64_t group) const { return 2 * group + 1 >= of[p].output_size; }
 };
 
 struct projection_operands {

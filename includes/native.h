@@ -40,33 +40,59 @@ inline simd<double, N> polynomial(const simd<double, N>& x, const double (&c)[K]
   return r;
 }
 
-// 2^x = 2^n * 2^f with n whole and f in [-1/2, 1/2]: `scale` is 2^n, `fraction` 2^f - 1.
+// The same in the shortest chain of dependent operations, with some more of them.
+template <int N, size_t K>
+inline simd<double, N> short_polynomial(simd<double, N> x, const double (&c)[K]) {
+  using D = simd<double, N>;
+  D part[K];
+  ORRERY_UNROLL for (size_t i = 0; i < K; ++i) part[i] = D(c[i]);
+  ORRERY_UNROLL for (size_t left = K; left > 1; left = (left + 1) / 2, x *= x) {
+    ORRERY_UNROLL for (size_t i = 0; i < left / 2; ++i) part[i] = part[2 * i + 1] * x + part[2 * i];
+    if (left % 2 != 0) part[left / 2] = part[left - 1];
+  }
+  return part[0];
+}
+
+// 2^x = 2^n * 2^f with n whole and f in [-1/2, 1/2], of which f * polynomial(f, of_fraction) is 2^f - 1. `scale` is
+// 2^n.
+constexpr double of_fraction[] = {0.6931471805599462,     0.24022650695910075,    0.05550410866465167,
+                                  0.009618129107618665,   0.0013333558200794592,  0.00015403530424776529,
+                                  1.5252672924850737e-05, 1.3215451633221434e-06, 1.0205905413765595e-07,
+                                  7.070977866508138e-09};
 template <int N>
 struct split_power {
-  simd<double, N> scale, fraction;
+  simd<double, N> scale, f;
 
   explicit split_power(const simd<double, N>& x) {
     using D = simd<double, N>;
     using U = simd<uint64_t, N>;
-    constexpr double g[] = {0.6931471805599462,     0.24022650695910075,    0.05550410866465167,
-                            0.009618129107618665,   0.0013333558200794592,  0.00015403530424776529,
-                            1.5252672924850737e-05, 1.3215451633221434e-06, 1.0205905413765595e-07,
-                            7.070977866508138e-09};
-    const D sum = x + D(whole), n = sum - D(whole), f = x - n;
+    const D sum = x + D(whole), n = sum - D(whole);
+    f = x - n;
     scale = bit_cast<double>((bit_cast<uint64_t>(sum) + U(1023)) << 52);
-    fraction = f * polynomial(f, g);
   }
 };
 
-// The last conversion to float makes infinities and subnormals.
+// No further from 0 than 1000, where the last conversion to float makes infinities and zeros; a NaN stays.
 template <int N>
-inline simd<double, N> exp2(simd<double, N> x) {
+inline simd<double, N> within_1000(simd<double, N> x) {
   using D = simd<double, N>;
   const D lowest(-1000.0), highest(1000.0);
-  x = select_less(x, lowest, lowest, x);  // a NaN stays
-  x = select_less(highest, x, highest, x);
-  const split_power<N> p(x);
-  return (p.fraction + D(1.0)) * p.scale;
+  x = select_less(x, lowest, lowest, x);
+  return select_less(highest, x, highest, x);
+}
+
+template <int N>
+inline simd<double, N> exp2(const simd<double, N>& x) {
+  const split_power<N> p(within_1000(x));
+  return (p.f * polynomial(p.f, of_fraction) + simd<double, N>(1.0)) * p.scale;
+}
+
+// Alone at the end of a row, it is waited for: the short chain.
+template <int N>
+inline simd<double, N> exp(const simd<double, N>& x) {
+  using D = simd<double, N>;
+  const split_power<N> p(within_1000(x * D(log2_of_e)));
+  return p.f * p.scale * short_polynomial(p.f, of_fraction) + p.scale;
 }
 
 // e^x - 1, to the last bits of a double also where x is small: the same, with 1 taken off 2^n. x is not beyond 700.
@@ -74,7 +100,7 @@ template <int N>
 inline simd<double, N> exp_less_1(const simd<double, N>& x) {
   using D = simd<double, N>;
   const split_power<N> p(x * D(log2_of_e));
-  return p.fraction * p.scale + (p.scale - D(1.0));
+  return p.f * p.scale * short_polynomial(p.f, of_fraction) + (p.scale - D(1.0));
 }
 
 template <int N>
@@ -145,8 +171,7 @@ inline simd<float, N> exp2(const simd<float, N>& x) {
 
 template <int N>
 inline simd<float, N> exp(const simd<float, N>& x) {
-  return detail::through_double(
-      x, [](const auto& a) { return detail::exp2(a * std::decay_t<decltype(a)>(detail::log2_of_e)); });
+  return detail::through_double(x, [](const auto& a) { return detail::exp(a); });
 }
 
 template <int N>

@@ -68,21 +68,29 @@ struct row_sums {
     if constexpr (N == 1) {
       return own_inputs{x + first_row * state_size, state_size, run * l};
     } else {
-      const uint64_t passes = (state_size + chunk - 1) / chunk, pairs = (n + K - 1) / K;
-      const uint64_t size = passes * K * inputs * WG;
-      const register_type<T>* all =
-          item.template shared_by_launch<register_type<T>>(pairs * size, [&](register_type<T>* to) {
-            for (uint64_t row = 0; row < pairs * K; row += K) {
-              for (uint64_t t = 0; t < passes; ++t) {
-                for (uint64_t k = 0; k < K; ++k, to += inputs * WG) arrange(to, row + k, t);
-              }
-            }
-          });
-      return arranged_inputs<N>{all + first_row / K * size + l};
+      const register_type<T>* all = item.template shared_by_launch<register_type<T>>(
+          input_count(), [&](register_type<T>* to) { arrange_inputs(to); });
+      return input_order(item, all, first_row);
     }
+  }
+  // The same in parts, for a kernel whose groups share more than the inputs: a launch shares values in one place.
+  uint64_t input_count() const { return (n + K - 1) / K * pair_inputs(); }
+  void arrange_inputs(register_type<T>* to) const {
+    for (uint64_t row = 0; row < n; row += K) {
+      for (uint64_t t = 0; t < passes(); ++t) {
+        for (uint64_t k = 0; k < K; ++k, to += inputs * WG) arrange(to, row + k, t);
+      }
+    }
+  }
+  template <typename Item>
+  auto input_order(const Item& item, const register_type<T>* all, uint64_t first_row = 0) const {
+    return arranged_inputs<Item::lanes>{all + first_row / K * pair_inputs() + item.local_linear()};
   }
 
  private:
+  uint64_t passes() const { return (state_size + chunk - 1) / chunk; }
+  uint64_t pair_inputs() const { return passes() * K * inputs * WG; }
+
   // Sums are addressed by constants alone, here and below: addressed by loops that are unrolled later, GCC keeps them
   // in memory (5% of a q4_0 product for pairs, 10% for one row).
   template <int N, typename Inputs, typename Place>
