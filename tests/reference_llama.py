@@ -4,18 +4,20 @@ from __future__ import annotations
 
 import math
 from collections.abc import Callable
+from pathlib import Path
 
+import numpy as np
 import torch
 
 
 def halves(matrix: torch.Tensor, heads: int) -> torch.Tensor:
-    """Rows of a query or key matrix from even-odd pairs to two halves a head, the order that transformers expects."""
+    """Rows of a query or key matrix from even-odd pairs, a GGUF file's order, to two halves a head, transformers' order."""
     rows, cols = matrix.shape
     return matrix.view(heads, rows // heads // 2, 2, cols).transpose(1, 2).reshape(rows, cols)
 
 
 class ReferenceLlama:
-    """Give it matrices with `load`, then ask for logits."""
+    """Give it matrices with `load` or `load_file`, then ask for logits."""
 
     def __init__(self, sizes) -> None:
         from transformers import LlamaConfig, LlamaForCausalLM
@@ -31,15 +33,15 @@ class ReferenceLlama:
         self.model = LlamaForCausalLM(config).eval().float()
 
     def load(self, matrix: Callable[[str], torch.Tensor]) -> None:
-        """Takes every tensor from `matrix`, called with the name that it has in the GGUF file."""
+        """Takes every tensor from `matrix`, called with its name in the GGUF file; query and key in two halves a head."""
         s = self.sizes
         state = {"model.embed_tokens.weight": matrix("token_embd.weight"), "model.norm.weight": matrix("output_norm.weight")}
         for i in range(s.layers):
             ours, theirs = f"blk.{i}.", f"model.layers.{i}."
             state |= {
                 theirs + "input_layernorm.weight": matrix(ours + "attn_norm.weight"),
-                theirs + "self_attn.q_proj.weight": halves(matrix(ours + "attn_q.weight"), s.heads),
-                theirs + "self_attn.k_proj.weight": halves(matrix(ours + "attn_k.weight"), s.kv_heads),
+                theirs + "self_attn.q_proj.weight": matrix(ours + "attn_q.weight"),
+                theirs + "self_attn.k_proj.weight": matrix(ours + "attn_k.weight"),
                 theirs + "self_attn.v_proj.weight": matrix(ours + "attn_v.weight"),
                 theirs + "self_attn.o_proj.weight": matrix(ours + "attn_output.weight"),
                 theirs + "post_attention_layernorm.weight": matrix(ours + "ffn_norm.weight"),
@@ -49,6 +51,23 @@ class ReferenceLlama:
             }
         missing, unexpected = self.model.load_state_dict(state, strict=False)
         assert not unexpected and set(missing) <= {"lm_head.weight"}, (missing, unexpected)
+
+    def load_file(self, path: Path) -> None:
+        """Takes the tensors of a GGUF file, read with the gguf package alone."""
+        from gguf import GGUFReader
+        from gguf.quants import dequantize
+
+        tensors = {tensor.name: tensor for tensor in GGUFReader(path).tensors}
+        heads = {"attn_q": self.sizes.heads, "attn_k": self.sizes.kv_heads}
+
+        def matrix(name: str) -> torch.Tensor:
+            tensor = tensors[name]
+            values = dequantize(tensor.data, tensor.tensor_type).astype(np.float32)
+            values = torch.from_numpy(values).view(*map(int, reversed(tensor.shape)))
+            rotated = heads.get(name.split(".")[-2])
+            return halves(values, rotated) if rotated else values
+
+        self.load(matrix)
 
     @torch.inference_mode()
     def logits(self, tokens: list[int]) -> torch.Tensor:

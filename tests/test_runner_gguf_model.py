@@ -1,5 +1,6 @@
 """Reading of GGUF files: sizes, matrices, and each kind of file that is not served."""
 
+import dataclasses
 import re
 
 import pytest
@@ -7,6 +8,7 @@ import torch
 
 import runner_files
 from orrery import OrreryError, gguf_model
+from reference_llama import halves
 
 
 def test_sizes_and_tensors(tmp_path):
@@ -16,9 +18,25 @@ def test_sizes_and_tensors(tmp_path):
     assert (s.layers, s.hidden, s.heads, s.kv_heads, s.head_dim, s.feed_forward) == (2, 128, 2, 1, 64, 192)
     assert (s.vocabulary, s.context, s.rope_base, s.eps) == (260, 64, 10000.0, pytest.approx(1e-5))
     for name, tensor in tensors.items():
-        assert torch.equal(model.rows(name).view(tensor.shape), torch.from_numpy(tensor)), name
+        expected = torch.from_numpy(tensor)
+        if name.endswith(gguf_model.ROTATED):
+            expected = halves(expected, s.heads if "attn_q" in name else s.kv_heads)
+        assert torch.equal(model.rows(name).view(tensor.shape), expected), name
     part = model.rows("blk.1.ffn_down.weight", 99, 500)
     assert torch.equal(part, torch.from_numpy(tensors["blk.1.ffn_down.weight"][99:]))
+
+
+@pytest.mark.parametrize("head_dim", gguf_model.HEAD_SIZES)
+def test_rows_of_query_and_key_come_in_two_halves_a_head(tmp_path, head_dim):
+    """Any part of them, from the middle of a head to the middle of another."""
+    tensors = runner_files.write_tiny(tmp_path / "tiny.gguf", hidden=384)
+    model = gguf_model.read(tmp_path / "tiny.gguf")
+    name = "blk.1.attn_q.weight"
+    whole = torch.from_numpy(tensors[name])[: 3 * head_dim]
+    model = dataclasses.replace(model, sizes=dataclasses.replace(model.sizes, head_dim=head_dim))
+    expected = halves(whole, len(whole) // head_dim)
+    for first, count in ((0, 1), (1, 1), (head_dim - 1, 2), (head_dim // 2, head_dim), (17, 2 * head_dim)):
+        assert torch.equal(model.rows(name, first, count), expected[first : first + count]), (first, count)
 
 
 def test_quantized_tensors_are_read_by_rows():
@@ -29,8 +47,9 @@ def test_quantized_tensors_are_read_by_rows():
     reader = GGUFReader(model.path)
     for name in ("token_embd.weight", "blk.7.attn_k.weight"):
         tensor = next(t for t in reader.tensors if t.name == name)
-        whole = torch.from_numpy(dequantize(tensor.data[:200], tensor.tensor_type).copy())
-        assert torch.equal(model.rows(name, 3, 100), whole[3:103])
+        whole = torch.from_numpy(dequantize(tensor.data[:192], tensor.tensor_type).copy())
+        expected = halves(whole, model.sizes.kv_heads) if "attn_k" in name else whole
+        assert torch.equal(model.rows(name, 3, 100), expected[3:103])
 
 
 @pytest.mark.parametrize("content", [b"", b"GG", b"not a model", b"PK\x03\x04" * 100])

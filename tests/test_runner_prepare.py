@@ -35,7 +35,7 @@ def test_broken_cache_is_made_again(tmp_path, monkeypatch):
     made = prepare.load(tmp_path / "tiny.gguf", fmt)
     file = prepare.cache_file(tmp_path / "tiny.gguf", fmt)
     whole = file.read_bytes()
-    for broken in (b"", b"ORRERY01", b"ORRERY02", whole[:100], whole[:-1], b"\0" * len(whole)):
+    for broken in (b"", b"ORRERY02", b"ORRERY03", whole[:100], whole[:-1], b"\0" * len(whole)):
         file.write_bytes(broken)
         again = prepare.load(tmp_path / "tiny.gguf", fmt)
         assert all(torch.equal(again.tensors[name].cpu(), made.tensors[name].cpu()) for name in made.tensors)
