@@ -73,5 +73,20 @@ def test_where_codes_lie(name: str) -> None:
             assert native.format_codes_at_once(name, block.tobytes()) == expected
 
 
+@pytest.mark.parametrize("dtype", ref.DTYPES)
+def test_fp8_e5m2_with_its_scale(dtype: str) -> None:
+    """As the fused kernels read it: a code is the upper byte of a half whose lower one is 0, and the scale counts."""
+    name, codes, a = "fp8_e5m2_scaled", np.arange(256), ref.Arithmetic(dtype)
+    halves = (codes << 8).astype(np.uint16).view(np.float16).astype(np.float32)
+    above = np.random.default_rng(1).integers(0, 2**24, 256) << 8
+    for d in SCALES:
+        d = np.float32(d)
+        with np.errstate(all="ignore"):
+            expected = a.mul(a.of(halves), a.of(d))
+        same([native.format_rule(name, dtype, code, d, 0.0) for code in range(256)], expected)
+        for width in (1, 16, 32):
+            same(native.format_reader(name, dtype, width, (codes + above).tolist(), d.tobytes() * 8), expected)
+
+
 def test_fp8_e5m2_as_a_half_keeps_its_bits() -> None:
     assert [native.format_half_bits_e5m2(c) for c in range(256)] == [c << 8 | 0x80 for c in range(256)]

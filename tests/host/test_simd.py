@@ -524,6 +524,42 @@ def test_native_functions(name, width):
     np.testing.assert_array_equal(out, native_values(name, x, 1))
 
 
+POWERS = {"cube": 3.0, "pow_2.5": 2.5, "pown_31": 31.0, "pown_-2": -2.0}
+
+
+@pytest.mark.parametrize("width", [1, 2, 16])
+@pytest.mark.parametrize("name", ["exp", "tanh", *POWERS])
+def test_native_exponential_tangent_and_powers(name, width):
+    """As above, small arguments too; and the same bits in every lane as alone."""
+    rng = np.random.default_rng(3)
+    span = {"exp": 87, "tanh": 12, "pown_31": 15}.get(name, 1000)
+    small = rng.uniform(-1, 1, 4096) * 2.0 ** rng.integers(-100 if name == "tanh" else -20, 0, 4096)
+    x = np.concatenate([rng.uniform(-span, span, 60000), small]).astype(np.float32)
+    x = np.abs(x) if name == "pow_2.5" else x
+    wide = x.astype(np.float64)
+    exact = wide ** POWERS[name] if name in POWERS else getattr(np, name)(wide)
+    out = native_values(name, x, width)
+    assert ulps(out, exact).max() < 0.51
+    np.testing.assert_array_equal(out, native_values(name, x, 1))
+
+
+@pytest.mark.parametrize("width", [1, 2, 16])
+def test_native_exponential_tangent_and_cube_at_the_ends(width):
+    x = np.array([-np.inf, -3e38, -150, -100, -0.0, 0, 1e-45, 20, 89, 3e38, np.inf, np.nan, 1, 2, 3, 4], np.float32)
+    with np.errstate(over="ignore"):
+        for name, exact in (("exp", np.exp), ("tanh", np.tanh), ("cube", lambda v: v**3)):
+            out, expected = native_values(name, x, width), exact(x.astype(np.float64)).astype(np.float32)
+            equal("float", out, expected)
+            np.testing.assert_array_equal(np.signbit(out[:-5]), np.signbit(expected[:-5]))
+
+
+@pytest.mark.parametrize("name", ["sin", "cos"])
+def test_native_sine_beside_a_wide_angle(name):
+    x = np.random.default_rng(4).uniform(-3000, 3000, 1 << 16).astype(np.float32)
+    x[::16] = 1e9
+    np.testing.assert_array_equal(native_values(name, x, 16), native_values(name, x, 1))
+
+
 @pytest.mark.parametrize("width", [0, 1, 16])
 def test_native_exp2_at_the_ends(width):
     x = np.array([-np.inf, -1e30, -200, -149, -140, -0.0, 0, 127, 128, 1e30, np.inf, np.nan, 1, 2, 3, 4], np.float32)

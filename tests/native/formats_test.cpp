@@ -25,6 +25,7 @@ auto with_format(const std::string& name, F f) {
   if (name == "fp6") return f(formats::fp6());
   if (name == "fp8_e4m3") return f(formats::fp8_e4m3());
   if (name == "fp8_e5m2") return f(formats::fp8_e5m2());
+  if (name == "fp8_e5m2_scaled") return f(formats::fp8_e5m2_scaled());
   throw std::invalid_argument("no such format: " + name);
 }
 

@@ -108,6 +108,12 @@ void native_of(const std::string& name, const float* in, float* out, size_t coun
     if (name == "exp2") orrery::native::exp2(x).store(out + i);
     if (name == "sin") orrery::native::sin(x).store(out + i);
     if (name == "cos") orrery::native::cos(x).store(out + i);
+    if (name == "exp") orrery::native::exp(x).store(out + i);
+    if (name == "tanh") orrery::native::tanh(x).store(out + i);
+    if (name == "cube") orrery::native::pow(x, 3.0f).store(out + i);
+    if (name == "pow_2.5") orrery::native::pow(x, 2.5f).store(out + i);
+    if (name == "pown_31") orrery::native::pown(x, 31).store(out + i);
+    if (name == "pown_-2") orrery::native::pown(x, -2).store(out + i);
   }
 }
 
@@ -125,6 +131,8 @@ void native_function(const std::string& name, int width, py::buffer in_buffer, p
       return;
     case 1:
       return native_of<1>(name, in, out, info.size);
+    case 2:
+      return native_of<2>(name, in, out, info.size);
     case 8:
       return native_of<8>(name, in, out, info.size);
     case 16:
