@@ -247,15 +247,9 @@ struct fp6 : half_scale {
   }
 };
 
-// Sign, 4 exponent bits of bias 7, 3 mantissa bits; no infinity and no NaN.
-struct fp8_e4m3 : whole_bytes, float_scale {
-  template <typename T>
-  static T value(int code, float d) {
-    const int m = code & 0x7F;
-    const float magnitude = m < 8 ? m * 0x1p-9f : half_of_bits((m << 7) + 0x2000);
-    return times(to<T>(code & 0x80 ? -magnitude : magnitude), to<T>(d));
-  }
-
+// A sign and seven bits whose magnitude Rule tells, and a scale.
+template <typename Rule>
+struct signed_magnitudes : whole_bytes, float_scale {
   template <typename T, int N>
   static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
     return convert_exact<T>(lookup_signed(magnitudes, code, 0));
@@ -266,8 +260,22 @@ struct fp8_e4m3 : whole_bytes, float_scale {
   }
 
  private:
-  static constexpr float_table magnitudes = float_table::of(
-      [](int code) { return code < 8 ? code * 0x1p-9f : std::bit_cast<float>((code << 20) + (120 << 23)); });
+  static constexpr float_table magnitudes = float_table::of([](int code) { return Rule::magnitude(code); });
+};
+
+// Sign, 4 exponent bits of bias 7, 3 mantissa bits; no infinity and no NaN.
+struct e4m3 {
+  static constexpr float magnitude(int code) {
+    return code < 8 ? code * 0x1p-9f : std::bit_cast<float>((code << 20) + (120 << 23));
+  }
+};
+struct fp8_e4m3 : signed_magnitudes<e4m3> {
+  template <typename T>
+  static T value(int code, float d) {
+    const int m = code & 0x7F;
+    const float magnitude = m < 8 ? m * 0x1p-9f : half_of_bits((m << 7) + 0x2000);
+    return times(to<T>(code & 0x80 ? -magnitude : magnitude), to<T>(d));
+  }
 };
 
 // The high byte of a half whose low byte is 0x80: no value is zero, and all with the highest exponent are NaN. The
@@ -298,28 +306,19 @@ struct fp8_e5m2 : whole_bytes, split_defaults {
 };
 
 // As the fused kernels read it: the low byte of the half is 0, and the scale applies.
-struct fp8_e5m2_scaled : whole_bytes, float_scale {
-  template <typename T>
-  static T value(int code, float d) {
-    return times(to<T>(half_of_bits(code << 8)), to<T>(d));
-  }
-
-  template <typename T, int N>
-  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
-    return convert_exact<T>(lookup_signed(magnitudes, code, 0));
-  }
-  template <typename T, int N>
-  static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    return convert_exact<T>(lookup_signed(magnitudes, word[k / 4], k % 4));
-  }
-
- private:
-  static constexpr float_table magnitudes = float_table::of([](int code) {
+struct e5m2 {
+  static constexpr float magnitude(int code) {
     const int exponent = code >> 2, mantissa = code % 4;
     if (exponent == 31) return std::bit_cast<float>(mantissa == 0 ? 0x7F800000 : 0x7FC00000);
     if (exponent == 0) return mantissa * 0x1p-16f;
     return std::bit_cast<float>((exponent + 112) << 23 | mantissa << 21);
-  });
+  }
+};
+struct fp8_e5m2_scaled : signed_magnitudes<e5m2> {
+  template <typename T>
+  static T value(int code, float d) {
+    return times(to<T>(half_of_bits(code << 8)), to<T>(d));
+  }
 };
 
 }  // namespace orrery::formats

@@ -525,6 +525,17 @@ def seen_on_class(device_class: int) -> dict[str, dict]:
     return {one["case"]: one for one in output}
 
 
+def instances_seen(unit: str) -> set[tuple]:
+    """What the processes of all classes launched from a source unit."""
+    return {
+        (launch["kernel"], launch["instance"])
+        for device_class in ref.DEVICE_OF_CLASS
+        for one in seen_on_class(device_class).values()
+        for launch in one["launches"]
+        if launch["file"] == unit
+    }
+
+
 def results_of(seen: dict, like: list[np.ndarray]) -> list[np.ndarray]:
     pairs = zip(seen["results"], like, strict=True)
     return [np.frombuffer(bytes.fromhex(text), a.dtype).reshape(a.shape) for text, a in pairs]
