@@ -52,17 +52,31 @@ struct typed_launch {
     g.group[0] = linear;
     g.arrived = 0;
   }
+  // The same for the group behind this one, without the divisions, which take 10 ns each.
+  void next_group(group_state& g) const {
+    for (int d = D - 1; d > 0; --d) {
+      if (++g.group[d] < groups[d]) {
+        g.arrived = 0;
+        return;
+      }
+      g.group[d] = 0;
+    }
+    ++g.group[0];
+    g.arrived = 0;
+  }
   void run_strand(group_state& g, int strand) const {
     Call{}(kernel, item_base<D>{&g, &ranges, strand, static_cast<size_t>(strand) * Lanes});
   }
   void run_groups(group_state& g, size_t begin, size_t end) const {
-    for (size_t linear = begin; linear < end;) {
-      set_group(g, linear);
-      if constexpr (takes_groups<Kernel, D, Lanes>) {
+    if constexpr (takes_groups<Kernel, D, Lanes>) {
+      for (size_t linear = begin; linear < end;) {
+        set_group(g, linear);
         linear += kernel.take_groups(ext::orrery::lane_item<D, Lanes>({&g, &ranges, 0, 0}), end - linear);
-      } else {
+      }
+    } else {
+      set_group(g, begin);
+      for (size_t linear = begin; linear < end; ++linear, next_group(g)) {
         for (int strand = 0; strand < g.strands; ++strand) run_strand(g, strand);
-        ++linear;
       }
     }
   }
