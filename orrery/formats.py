@@ -35,8 +35,8 @@ class Format:
     substitute: str = ""
     # The name of a GGUF tensor type with the same bytes.
     gguf_type: str = ""
-    # Whether steps take fused kernels for its planes. Those want query, key and value, and gate and up, each as a matrix
-    # of its own, which no part of a joined matrix of several planes is.
+    # Whether steps take fused kernels for its planes. Those want query, key and value, and gate and up, each as a
+    # matrix of its own, which no part of a joined matrix of several planes is.
     apart: bool = False
 
     @property

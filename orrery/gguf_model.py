@@ -1,8 +1,8 @@
 """Reads a GGUF file of the Llama architecture: sizes, vocabulary and dequantized matrices.
 
-The file's query and key matrices have their rows in the order of the interleaved rotary form, in which the two elements of
-an even-odd pair turn together. The fused projections turn element i of a head with element i + half, so that is the order
-in which rows are given here. A row's blocks stay as they are: no format's block reaches over the end of a row.
+The file's query and key matrices have their rows in the order of the interleaved rotary form, in which the two elements
+of an even-odd pair turn together. The fused projections turn element i of a head with element i + half, so that is the
+order in which rows are given here. A row's blocks stay as they are: no format's block reaches over the end of a row.
 """
 
 from __future__ import annotations

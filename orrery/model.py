@@ -1,17 +1,17 @@
 """The Llama layers on `orrery_ops`: tokens in, rows of logits out.
 
-Weights stay quantized on the device, once. A token passes a layer in these steps: `rms_norm`; `forward_qkv`, which makes
-query, key and value, turns the first two and puts the last two into the cache; `sdp` over the cache; the output product;
-`rms_norm`; `mlp_forward_xpu`, which makes gate and up and multiplies them; the down product. Torch's own operators add to
-the residual. Where a format or type has no such fused operation, its steps are taken one by one, in Torch where there is
-no operator: `Model.refusals` says which and why.
+Weights stay quantized on the device, once. A token passes a layer in these steps: `rms_norm`; `forward_qkv`, which
+makes query, key and value, turns the first two and puts the last two into the cache; `sdp` over the cache; the output
+product; `rms_norm`; `mlp_forward_xpu`, which makes gate and up and multiplies them; the down product. Torch's own
+operators add to the residual. Where a format or type has no such fused operation, its steps are taken one by one, in
+Torch where there is no operator: `Model.refusals` says which and why.
 
 A prompt takes the single steps with all its tokens as rows, behind whatever the cache holds already. `sdp` then gets
 blocks of rows, each with the keys up to its last row and a mask that hides the later ones from the rows before it.
 
-Rotary takes float32 whatever the type, as the fused projections do: with frequencies in half a prompt's keys would stand
-0.2 radians off at position 2000. With bfloat16 the products and norms run in bfloat16. Attention does not exist in that
-type, so the cache holds float32 and the attention's result is rounded to bfloat16.
+Rotary takes float32 whatever the type, as the fused projections do: with frequencies in half a prompt's keys would
+stand 0.2 radians off at position 2000. With bfloat16 the products and norms run in bfloat16. Attention does not exist
+in that type, so the cache holds float32 and the attention's result is rounded to bfloat16.
 """
 
 from __future__ import annotations
@@ -26,9 +26,9 @@ from orrery import OrreryError, fused
 from orrery.formats import BLOCK, Format
 from orrery.prepare import Prepared
 
-# With float16 a product of 8 bits sums inputs times codes up to 127 before the block's scale is applied, in half. A model
-# has single activations in the thousands in front of the down product (the bundled one 2400), so the input is made smaller
-# and the result larger. The fused gated product rounds to half before that, which has room up to 65504.
+# With float16 a product of 8 bits sums inputs times codes up to 127 before the block's scale is applied, in half. A
+# model has single activations in the thousands in front of the down product (the bundled one 2400), so the input is
+# made smaller and the result larger. The fused gated product rounds to half before that, which has room up to 65504.
 HALF_DOWN_SCALE = 64
 # The fused gated product's code for its activation.
 SILU = 0
@@ -91,8 +91,8 @@ class Model:
             "forward_qkv": fused.qkv_refusal(fmt, dtype, self._device),
             "mlp_forward_xpu": fused.mlp_refusal(fmt, dtype, self._device),
         }
-        # Powers of one float, as in the fused projections. Each rounded on its own, they would differ from those by 4e-4
-        # radians at position 8000.
+        # Powers of one float, as in the fused projections. Each rounded on its own, they would differ from those by
+        # 4e-4 radians at position 8000.
         theta = torch.tensor(sizes.rope_base ** (-2 / sizes.head_dim), dtype=torch.float32)
         powers = theta.double() ** torch.arange(sizes.head_dim // 2)
         self._inv_freq = powers.float().to(self._device)

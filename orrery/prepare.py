@@ -86,8 +86,8 @@ def load(path: Path, fmt: Format, device: str = "xpu", cache: bool = True, keep:
     return prepared
 
 
-# Our matrices of a layer and the tensors of the file whose rows they join. Rows are independent, so query, key and value
-# are one product, and so are gate and up.
+# Our matrices of a layer and the tensors of the file whose rows they join. Rows are independent, so query, key and
+# value are one product, and so are gate and up.
 JOINED = {
     "qkv": ("attn_q", "attn_k", "attn_v"),
     "out": ("attn_output",),

@@ -11,7 +11,7 @@ import torch
 
 
 def halves(matrix: torch.Tensor, heads: int) -> torch.Tensor:
-    """Rows of a query or key matrix from even-odd pairs, a GGUF file's order, to two halves a head, transformers' order."""
+    """Rows of a query or key matrix from even-odd pairs, as in a GGUF file, to two halves a head."""
     rows, cols = matrix.shape
     return matrix.view(heads, rows // heads // 2, 2, cols).transpose(1, 2).reshape(rows, cols)
 

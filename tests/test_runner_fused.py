@@ -62,7 +62,8 @@ def test_which_way_a_step_takes(tiny_file, name, dtype):
     assert model.refusals == expected
     kernels = kernels_of_a_step(model)
     layers = runner_files.LAYERS
-    assert sum(n for kernel, n in kernels.items() if kernel.endswith("_qkv")) == (0 if expected["forward_qkv"] else layers)
+    projected = sum(n for kernel, n in kernels.items() if kernel.endswith("_qkv"))
+    assert projected == (0 if expected["forward_qkv"] else layers)
     assert kernels["rotary_half_inplaced_kernel"] == (layers if expected["forward_qkv"] else 0)
     gated = sum(n for kernel, n in kernels.items() if kernel.startswith("mlp_forward"))
     assert gated == (0 if expected["mlp_forward_xpu"] else layers)
@@ -181,7 +182,7 @@ def test_on_each_kind_of_device(tiny_file, number):
         assert bool(refusals["forward_qkv"]) == grid
         assert bool(refusals["mlp_forward_xpu"]) == (grid and number not in (0, 5))
         assert kernels == ([] if refusals["mlp_forward_xpu"] else [f"mlp_forward_{name}_kernel"])
-        # On classes 1 and 2 a product of one row of fp4 or fp6 goes through the explicit-SIMD kernels, which sum in half.
+        # On classes 1 and 2 a product of one row of fp4 or fp6 takes the explicit-SIMD kernels, which sum in half.
         assert difference < (0.01 if number in (1, 2) and name in ("fp4", "fp6") else 1e-5), name
 
 

@@ -52,7 +52,7 @@ struct typed_launch {
     g.group[0] = linear;
     g.arrived = 0;
   }
-  // The same for the group behind this one, without the divisions, which take 10 ns each.
+  // The same for the next group, without divisions: they took 5% of a fused projection.
   void next_group(group_state& g) const {
     for (int d = D - 1; d > 0; --d) {
       if (++g.group[d] < groups[d]) {
