@@ -30,6 +30,10 @@ UNITS = [
     "linear/row_pairs/codebook.cpp",
     "linear/dense/odd.cpp",
     "linear/dense/super_blocks.cpp",
+    "batch/int4.cpp",
+    "dotgrid_xpu_kernel.cpp",
+    "fused/q4_0.cpp",
+    "fused/iq2_xxs.cpp",
 ]
 
 
