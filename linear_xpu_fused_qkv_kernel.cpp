@@ -55,17 +55,12 @@ void* data_of(const at::Tensor& tensor, c10::ScalarType type) {
 }
 
 linear_decision decide(const projection_plan& plan, const std::vector<projected>& all) {
-  const auto& instance = plan.kernel.of(device_class);
   uint64_t rows = 0;
   for (const projected& one : all) rows = std::max(rows, one.output_size);
-  const uint64_t group = instance.shape.work_group;
-  linear_decision way;
-  way.kernel = instance.name;
-  way.shape = instance.shape;
+  linear_decision way = decision_of(plan, device_class);
+  const uint64_t group = way.shape.work_group;
   way.global = {rows / 2 * group, all.size()};
   way.local = {group, 1};
-  way.row_multiple = plan.run;
-  way.quantizes_input = plan.quantizes_input;
   return way;
 }
 
@@ -80,11 +75,7 @@ std::vector<at::Tensor> project(const projection_plan& plan, const at::Tensor& i
   results[0] = at::empty({1, static_cast<int64_t>(all[0].output_size) / head_size, 1, head_size}, input.options());
   const c10::ScalarType type = input.scalar_type();
   at::Tensor x = input;
-  if (way.quantizes_input) {
-    check_value_type(type);
-    check_quantized_row(state_size);
-    x = quantize_q8_1(input.data_ptr(), type, 1, static_cast<int64_t>(state_size), all[0].weight.device());
-  }
+  if (way.quantizes_input) x = quantize_q8_1(input, 1, state_size, all[0].weight.device());
   check_row(way.kernel, state_size, way.row_multiple, unit);
   check_value_type(type, way.kernel);
   projection_operands on;

@@ -45,10 +45,7 @@ at::Tensor run_rows(const at::Tensor& input, const at::Tensor& weight, const lin
   check_value_type(request.type);
   check_row(way.kernel, request.state_size, way.row_multiple);
   at::Tensor x = input;
-  if (way.quantizes_input) {
-    check_quantized_row(request.state_size);
-    x = quantize_q8_1(input.data_ptr(), request.type, request.n, request.state_size, weight.device());
-  }
+  if (way.quantizes_input) x = quantize_q8_1(input, request.n, request.state_size, weight.device());
   way.launch(way, operands_of(request, x, weight, result));
   return result;
 }

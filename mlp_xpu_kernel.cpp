@@ -17,17 +17,12 @@ namespace {
 const uint32_t device_class = ask_at_load(get_device_class);
 
 linear_decision decide(const gated_plan& plan, uint64_t output_size, uint64_t state_size) {
-  const auto& instance = plan.kernel.of(device_class);
-  const uint64_t rows = instance.shape.rows, second = plan.second_index ? rows : 1;
-  const uint64_t first = instance.shape.work_group / second;
-  linear_decision way;
-  way.kernel = instance.name;
-  way.shape = instance.shape;
+  linear_decision way = decision_of(plan, device_class);
+  const uint64_t rows = way.shape.rows, second = plan.second_index ? rows : 1;
+  const uint64_t first = way.shape.work_group / second;
   way.global = {(output_size + (plan.rounds_up ? rows - 1 : 0)) / rows * first, second};
   way.local = {first, second};
-  way.row_multiple = plan.run;
   way.scale_offset = scale_offset(plan.format, output_size, state_size);
-  way.quantizes_input = plan.quantizes_input;
   return way;
 }
 
@@ -42,11 +37,7 @@ at::Tensor mlp_forward_xpu(at::Tensor input, at::Tensor weight_gate, at::Tensor 
   const c10::Device device = weight_gate.device();
   const at::Tensor result = at::empty({1, output_size}, at::TensorOptions().dtype(type).device(device));
   at::Tensor x = input;
-  if (way.quantizes_input) {
-    check_value_type(type);
-    check_quantized_row(static_cast<uint64_t>(state_size));
-    x = quantize_q8_1(input.data_ptr(), type, 1, state_size, device);
-  }
+  if (way.quantizes_input) x = quantize_q8_1(input, 1, static_cast<uint64_t>(state_size), device);
   check_value_type(type, plan.function);
   check_row(plan.function, static_cast<uint64_t>(state_size), way.row_multiple, "mlp_xpu_kernel");
   plan.kernel.of(device_class)

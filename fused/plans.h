@@ -19,4 +19,16 @@ const Plan& plan_of(const Plan (&rows)[Rows], weight_format format, uint32_t dev
   throw std::runtime_error(std::string("orrery_ops: ") + operation + " has no kernel for " + row->name);
 }
 
+// What a plan and its instance bring into a decision; the ranges are the operation's.
+template <typename Plan>
+linear_decision decision_of(const Plan& plan, uint32_t device_class) {
+  const auto& instance = plan.kernel.of(device_class);
+  linear_decision way;
+  way.kernel = instance.name;
+  way.shape = instance.shape;
+  way.row_multiple = plan.run;
+  way.quantizes_input = plan.quantizes_input;
+  return way;
+}
+
 }  // namespace orrery

@@ -34,11 +34,4 @@ inline void check_row(const char* function, uint64_t state_size, uint64_t multip
   c10::detail::torchCheckFail(function, unit, __LINE__, text);
 }
 
-// A work-group of the quantizer takes 256 elements, and there are only whole groups.
-inline void check_quantized_row(uint64_t state_size) {
-  if (state_size % 256 == 0) return;
-  throw std::runtime_error("orrery_ops: an input that is quantized first must have a multiple of 256 columns, not " +
-                           std::to_string(state_size));
-}
-
 }  // namespace orrery

@@ -2,6 +2,9 @@
 
 #include <ATen/ops/empty.h>
 
+#include <stdexcept>
+#include <string>
+
 #include "formats/q8_1.h"
 #include "includes/item.h"
 #include "includes/type_switch.h"
@@ -25,6 +28,13 @@ simd<int32_t, N> nearest_code(const simd<float, N>& q) {
   const F rest = v - convert<float>(whole);
   const I up = select(rest < F(0.5f), I(0), I(1)), down = select(F(-0.5f) < rest, I(0), I(1));
   return whole + up - down;
+}
+
+// A work-group of the quantizer takes 256 elements, and there are only whole groups.
+void check_row_of_groups(uint64_t state_size) {
+  if (state_size % 256 == 0) return;
+  throw std::runtime_error("orrery_ops: an input that is quantized first must have a multiple of 256 columns, not " +
+                           std::to_string(state_size));
 }
 
 }  // namespace
@@ -65,16 +75,18 @@ struct quantize_xpu_kernel_q8_1 {
   }
 };
 
-at::Tensor quantize_q8_1(const void* x, c10::ScalarType type, int64_t rows, int64_t state_size, c10::Device device) {
-  at::Tensor out =
-      at::empty({rows * state_size / q8_1::elements * q8_1::bytes}, at::TensorOptions(at::kByte).device(device));
+at::Tensor quantize_q8_1(const at::Tensor& x, int64_t rows, uint64_t state_size, c10::Device device) {
+  check_value_type(x.scalar_type());
+  check_row_of_groups(state_size);
+  const int64_t elements = rows * static_cast<int64_t>(state_size);
+  at::Tensor out = at::empty({elements / q8_1::elements * q8_1::bytes}, at::TensorOptions(at::kByte).device(device));
   auto* blocks = static_cast<uint8_t*>(out.data_ptr());
-  with_value_type(type, [&](auto t) {
+  with_value_type(x.scalar_type(), [&](auto t) {
     using T = decltype(t);
     using kernel = quantize_xpu_kernel_q8_1<T>;
-    const sycl::nd_range<1> range(static_cast<size_t>(rows * state_size), kernel::work_group);
+    const sycl::nd_range<1> range(static_cast<size_t>(elements), kernel::work_group);
     launch(device, range, {"linear_xpu_kernel", "quantize_xpu_kernel_q8_1"}, [&](sycl::handler&) {
-      return kernel{static_cast<const T*>(x), blocks};
+      return kernel{static_cast<const T*>(x.data_ptr()), blocks};
     });
   });
   return out;
