@@ -11,10 +11,11 @@ struct coded_rows {
   using stored = uint8_t;
   const uint8_t* data = nullptr;
 
-  template <int N>
-  simd<c10::Half, N> load(uint64_t row, int d = 0) const {
-    return Code::template decode<c10::Half, N>(data + row * HD + d);
+  template <typename To>
+  simd<To, HD> load(uint64_t row) const {
+    return Code::template decode<To, HD>(data + row * HD);
   }
+  void prefetch(uint64_t row) const { prefetch_far<HD>(data + row * HD); }
 };
 template <int HD>
 using coded_keys = coded_rows<formats::key_code, HD>;
