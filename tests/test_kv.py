@@ -2,7 +2,10 @@
 
 from __future__ import annotations
 
+import os
 import re
+import subprocess
+import sys
 
 import attention_reference as reference
 import numpy as np
@@ -620,6 +623,35 @@ def test_arguments_without_four_dimensions(operation):
 
 
 # --- all four ---------------------------------------------------------------------------------------------------------
+
+
+def test_launches_go_to_the_device_of_the_arguments():
+    script = """
+import orrery_host, orrery_ops, torch
+numbers = torch.ones(1, 2, 3, 64, device="xpu:1")
+codes = [torch.zeros(1, 2, 3, 64, dtype=torch.uint8, device="xpu:1") for _ in range(2)]
+decoded = [torch.zeros_like(numbers) for _ in range(2)]
+with orrery_host.record_launches() as launches:
+    orrery_ops.quantize_key_value(numbers, numbers, *codes)
+    orrery_ops.dequantize_key_value(*codes, *decoded)
+    results = [
+        orrery_ops.query_key_fp8_matmul(numbers[:, :, :1], codes[0]),
+        orrery_ops.attn_value_fp8_matmul(numbers[:, :, :1, :3], codes[1]),
+        orrery_ops.sdp_fp8(numbers, *codes, None),
+        orrery_ops.sdp_fp8_causal(numbers, *codes),
+        orrery_ops.sdp_causal(numbers, numbers, numbers),
+    ]
+assert [launch.device for launch in launches if launch.name] == [1] * 7, launches
+assert all(x.device == numbers.device for x in results)
+"""
+    done = subprocess.run(
+        [sys.executable, "-c", script],
+        env={**os.environ, "ORRERY_HOST_DEVICES": "2"},
+        capture_output=True,
+        text=True,
+        timeout=120,
+    )
+    assert done.returncode == 0, done.stderr
 
 
 def results() -> list[torch.Tensor]:
