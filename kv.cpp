@@ -48,7 +48,7 @@ struct codec_body {
     rows(item, 1);
   }
 
-  // On the host: the rows of a head that are left.
+  // On the host: the rows of a head that are left. One by one, rows of 64 take a fifth longer.
   template <typename Item>
   size_t take_groups(const Item& item, size_t most) const requires last_finishes {
     const size_t count = std::min(most, item.group_range(2) - item.group(2));
