@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "attention/coded_rows.h"
 #include "attention/operand.h"
 #include "attention/walk.h"
 #include "formats/key_value_code.h"
@@ -105,19 +106,6 @@ void launch_codec(const codec_call& c, const char* record) {
 
 // ---- Products of one query row ----
 
-// Rows of HD bytes.
-template <typename Code, int HD>
-struct coded_rows {
-  using stored = uint8_t;
-  const uint8_t* data = nullptr;
-
-  // N elements of a row, from element d on.
-  template <int N>
-  simd<Half, N> load(uint64_t row, int d = 0) const {
-    return Code::template decode<Half, N>(data + row * HD + d);
-  }
-};
-
 // A work-item takes Keys neighbouring keys. Products and sums are in half for any T.
 template <typename T, int Keys, int HD>
 struct query_key_fp8_matmul_kernel {
@@ -137,7 +125,7 @@ struct query_key_fp8_matmul_kernel {
     const int n = static_cast<int>(std::min<uint64_t>(Keys, kv_length - first));
     const simd<Half, HD> q[1] = {convert<Half>(simd<T, HD>::load(query.at(b, h)))};
     simd<Half, Keys> dot[1];
-    dot_keys(q, coded_rows<key_code, HD>{key.at(b, h / q_per_kv)}, first, n, dot);
+    dot_keys(q, coded_keys<HD>{key.at(b, h / q_per_kv)}, first, n, dot);
     convert<T>(dot[0]).store(out.at(b, h) + first, mask<Keys>::first(n));
   }
 };
@@ -161,7 +149,7 @@ struct attn_value_fp8_matmul_kernel {
   void operator()(const Item& item) const {
     const uint64_t b = item.group(0), h = item.group(1);
     const T* weights = attn.at(b, h);
-    const coded_rows<value_code, HD> values{value.at(b, h / q_per_kv)};
+    const coded_values<HD> values{value.at(b, h / q_per_kv)};
     const even_split<Group> range(kv_length);
     in_steps(item, Group, [&](int begin, int end, auto meet) {
       for (int i = begin; i < end; ++i) put(i, weighted_sum(weights, values, range.begin(i), range.begin(i + 1)));
