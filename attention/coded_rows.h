@@ -1,4 +1,4 @@
-// Rows of a cache of one byte per element, as the walk over keys reads them.
+// Rows of a cache of one byte per element, as kernels read keys and values.
 #pragma once
 
 #include <cstdint>
@@ -7,17 +7,17 @@
 
 namespace orrery {
 
-// Contiguous rows of HD bytes.
 template <typename Code, int HD>
 struct coded_rows {
   using stored = uint8_t;
   const uint8_t* data = nullptr;
 
-  // N elements of a row, from element d on.
-  template <int N>
-  simd<c10::Half, N> load(uint64_t row, int d = 0) const {
-    return Code::template decode<c10::Half, N>(data + row * HD + d);
+  // A row as values of To, which are the same numbers.
+  template <typename To>
+  simd<To, HD> load(uint64_t row) const {
+    return Code::template decode<To, HD>(data + row * HD);
   }
+  void prefetch(uint64_t row) const { prefetch_far<HD>(data + row * HD); }
 };
 template <int HD>
 using coded_keys = coded_rows<formats::key_code, HD>;
