@@ -181,7 +181,7 @@ void register_operations(pybind11::module_& m) {
   bind_operation(m, "batch_forward", batch_forward, "batch forward");
   bind_operation(m, "sdp", sdp, "sdp");
   bind_unbuilt(m, "sdp_fp8", "fp8 sdp", signature<Tensor(T, T, T, mask)>);
-  bind_unbuilt(m, "sdp_causal", "sdp causal", signature<Tensor(T, T, T)>);
+  bind_operation(m, "sdp_causal", sdp_causal, "sdp causal");
   bind_unbuilt(m, "sdp_fp8_causal", "sdp fp8 causal", signature<Tensor(T, T, T)>);
   bind_operation(m, "rms_norm", rms_norm, "new rms norm");
   bind_operation(m, "rotary_half_inplaced", rotary_half_inplaced, "rotary half inplaced");

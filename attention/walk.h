@@ -1,5 +1,6 @@
-// The walk over keys that the attention kernels share. A work-group takes one query row of one head. Its work-items
-// split the keys in order and synchronize once, at the end.
+// The walk over keys that the attention kernels share: weights of a few keys for a few queries, and the sums of values
+// with these weights. A work-item has one query on a device; on the host it also walks for others that read the same
+// keys, so that a row is loaded and converted once for all.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 
 namespace orrery {
 
-constexpr int walk_group = 32;    // work-items of a group
 constexpr int keys_at_once = 16;  // keys whose dot products are folded together
 
 // 1 / sqrt(head_dim), to the nearest float.
@@ -23,86 +23,66 @@ constexpr float log2_e = std::bit_cast<float>(0x3FB8AA3Bu);
 // Contiguous rows of T, as the walk reads keys and values.
 template <typename T, int HD>
 struct plain_rows {
+  using stored = T;
   const T* data = nullptr;
-  simd<T, HD> operator()(uint64_t i) const { return simd<T, HD>::load(data + i * HD); }
+
+  // N elements of a row, from element d on.
+  template <int N>
+  simd<T, N> load(uint64_t row, int d = 0) const {
+    return simd<T, N>::load(data + row * HD + d);
+  }
 };
 
-// A work-item's sums: of weights times values, and of weights.
-template <int HD>
-struct weighted_sum {
-  simd<float, HD> values;
-  float weights = 0.0f;
+// The weights of up to keys_at_once keys for Q queries.
+template <int Q>
+struct key_weights {
+  float of[Q][keys_at_once];
 };
 
-// The weights of n keys from key t on: the exponentials of bias(t, n, x), where x is their scaled dot products with q.
-// No maximum is subtracted.
-template <typename T, int HD, typename Keys, typename Bias>
-simd<float, keys_at_once> key_weights(const simd<T, HD>& q, const Keys& key, uint64_t t, int n, const Bias& bias) {
+// Those of the n keys from key t on: the exponentials of shift(i, t, n, x), where x is their scaled dot products with
+// query i. No maximum is subtracted. Products and their sum are rounded to T.
+template <typename T, int HD, int Q, typename Keys, typename Shift>
+ORRERY_INLINE inline key_weights<Q> weigh_keys(const simd<T, HD> (&query)[Q], const Keys& key, uint64_t t, int n,
+                                               const Shift& shift) {
   using scores = simd<float, keys_at_once>;
-  simd<T, keys_at_once> part[keys_at_once];
-  for (int i = 0; i < n; ++i) part[i] = fold_to<keys_at_once>(q * key(t + i));
-  const scores x = bias(t, n, convert<float>(fold_each(part)) * scores(attention_scale(HD)));
-  return native::exp2(x * scores(log2_e));
+  simd<T, keys_at_once> part[Q][keys_at_once];
+  for (int k = 0; k < n; ++k) {
+    const simd<T, HD> row = convert<T>(key.template load<HD>(t + k));
+    ORRERY_UNROLL for (int i = 0; i < Q; ++i) part[i][k] = fold_to<keys_at_once>(query[i] * row);
+  }
+  key_weights<Q> weight;
+  ORRERY_UNROLL for (int i = 0; i < Q; ++i) {
+    const scores x = shift(i, t, n, convert<float>(fold_each(part[i])) * scores(attention_scale(HD)));
+    native::exp2(x * scores(log2_e)).store(weight.of[i]);
+  }
+  return weight;
 }
 
-// A work-item's share of `count` keys, for one query.
-template <typename T, int HD, typename Item, typename Keys, typename Values, typename Bias>
-weighted_sum<HD> walk_keys(const Item& item, uint64_t count, const simd<T, HD>& q, const Keys& key, const Values& value,
-                           const Bias& bias) {
-  const uint64_t i = item.local_linear();
-  const even_split<walk_group> range(count);
-  weighted_sum<HD> sum;
-  for (uint64_t t = range.begin(i), last = range.begin(i + 1); t < last; t += keys_at_once) {
-    const int n = static_cast<int>(std::min<uint64_t>(keys_at_once, last - t));
-    float weight[keys_at_once];
-    key_weights(q, key, t, n, bias).store(weight);
-    for (int k = 0; k < n; ++k) {
-      sum.values += convert<float>(value(t + k)) * simd<float, HD>(weight[k]);
-      sum.weights += weight[k];
+// The sums of Q queries: of weights times values, and of weights.
+template <int HD, int Q>
+struct weighted_sums {
+  static constexpr int width = 32;  // lanes summed at a time; Q times two vectors fit into the registers of a host
+  using vector = simd<float, width>;
+  vector values[Q][HD / width];
+  float weights[Q] = {};
+
+  // Adds the values of keys t + [begin, end), in order, for the queries [first, first + Count).
+  template <int Count = Q, typename Values>
+  ORRERY_INLINE void add(const Values& value, uint64_t t, int begin, int end, const key_weights<Q>& weight,
+                         int first = 0) {
+    ORRERY_UNROLL for (int c = 0; c < HD / width; ++c) {
+      vector sum[Count];
+      ORRERY_UNROLL for (int i = 0; i < Count; ++i) sum[i] = values[first + i][c];
+      for (int k = begin; k < end; ++k) {
+        const vector row = convert<float>(value.template load<width>(t + k, c * width));
+        ORRERY_UNROLL for (int i = 0; i < Count; ++i) sum[i] += row * vector(weight.of[first + i][k]);
+      }
+      ORRERY_UNROLL for (int i = 0; i < Count; ++i) values[first + i][c] = sum[i];
+    }
+    ORRERY_UNROLL for (int i = 0; i < Count; ++i) {
+      for (int k = begin; k < end; ++k) weights[first + i] += weight.of[first + i][k];
     }
   }
-  return sum;
-}
-
-// Floats of local memory that sum_over_group needs.
-template <int HD>
-constexpr int walk_memory = (HD + 1) * walk_group;
-
-// Adds up the sums of a group's work-items by the halving tree, in `local`, and calls store(d, sums of values d, d + 1,
-// ..., sum of weights). A kernel calls it last. On a GPU each work-item writes its vector as a column and folds a few
-// rows. On the host the last strand takes 16 lanes of all vectors at once; columns would take 4096 stores of one float.
-template <int HD, typename Item, typename Store>
-void sum_over_group(const Item& item, float* local, const weighted_sum<HD>& share, Store store) {
-  constexpr int GS = walk_group;
-  const size_t tid = item.local_linear();
-  float* sums = local + HD * GS;
-  sums[tid] = share.weights;
-  if constexpr (last_finishes) {
-    share.values.store(local + tid * HD);
-  } else {
-    share.values.store_strided(local + tid, GS);
-  }
-  meet_to_finish<GS>(item, [&](int begin, int end) {
-    const float total = fold(simd<float, GS>::load(sums));
-    if constexpr (last_finishes) {
-      constexpr int W = 16;
-      using vector = simd<float, W>;
-      for (int d = 0; d < HD; d += W) {
-        vector v[GS / 2];
-        ORRERY_UNROLL for (int i = 0; i < GS / 2; ++i) {
-          v[i] = vector::load(local + i * HD + d) + vector::load(local + (i + GS / 2) * HD + d);
-        }
-        ORRERY_UNROLL for (int h = GS / 4; h >= 1; h /= 2) {
-          ORRERY_UNROLL for (int i = 0; i < h; ++i) v[i] += v[i + h];
-        }
-        store(d, v[0], total);
-      }
-    } else {
-      for (int d = begin * (HD / GS); d < end * (HD / GS); ++d) {
-        store(d, simd<float, 1>(fold(simd<float, GS>::load(local + d * GS))), total);
-      }
-    }
-  });
-}
+};
 
 }  // namespace orrery

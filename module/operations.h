@@ -40,6 +40,7 @@ at::Tensor bmm_xpu(at::Tensor A, at::Tensor B, at::Tensor C);
 // sdp
 at::Tensor sdp(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                const std::optional<at::Tensor>& mask);
+at::Tensor sdp_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value);
 
 // norm
 at::Tensor rms_norm(const at::Tensor& weight, const at::Tensor& input, float eps);

@@ -55,6 +55,26 @@ inline auto bit_cast(const simd<From, N>& a) {
   return r;
 }
 
+// Loads and stores integers of another size, a machine vector of the registers' type at a time.
+template <typename To, int N, typename From>
+ORRERY_INLINE inline simd<To, N> load_converted(const From* p) {
+  static_assert(std::is_integral_v<To> && std::is_integral_v<From>);
+  simd<To, N> r;
+  constexpr int W = simd<To, N>::W;
+  ORRERY_UNROLL for (int c = 0; c < r.chunks; ++c) {
+    r.v[c] = machine::convert<To, From, W>(machine::load<From, W>(p + c * W));
+  }
+  return r;
+}
+template <typename To, typename From, int N>
+ORRERY_INLINE inline void store_converted(To* p, const simd<From, N>& a) {
+  static_assert(std::is_integral_v<To> && std::is_integral_v<From>);
+  constexpr int W = simd<From, N>::W;
+  ORRERY_UNROLL for (int c = 0; c < a.chunks; ++c) {
+    machine::store<To, W>(p + c * W, machine::convert<To, From, W>(a.v[c]));
+  }
+}
+
 // Applies f to as many lanes at a time as fit into a vector as doubles; f maps simd<float, M> to simd<float, M>, M at
 // most N.
 template <int N, typename F>

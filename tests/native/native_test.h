@@ -12,6 +12,7 @@ void bind_simd_verbs(pybind11::module_& m);
 void bind_formats(pybind11::module_& m);
 void bind_standard(pybind11::module_& m);
 void bind_matrix_engine(pybind11::module_& m);
+void bind_key_value_code(pybind11::module_& m);
 
 inline c10::ScalarType scalar_type(const std::string& name) {
   for (int code = 0; code < static_cast<int>(c10::ScalarType::NumOptions); ++code) {

@@ -775,4 +775,5 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   bind_formats(m);
   bind_standard(m);
   bind_matrix_engine(m);
+  bind_key_value_code(m);
 }

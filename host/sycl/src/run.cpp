@@ -60,18 +60,21 @@ class launch_run {
     // Sharing costs 0.5 us, and 2 us more if a worker has to be woken: more than so few strands usually take.
     constexpr size_t worth_threads = 32;
     const bool alone = plan_.groups * strands_ <= worth_threads || at::in_parallel_region();
-    share(
-        plan_.groups, alone ? 1 : at::get_num_threads(),
-        [](void* self, size_t begin, size_t end) { static_cast<launch_run*>(self)->try_groups(begin, end); }, this);
+    const size_t threads = alone ? 1 : at::get_num_threads();
+    // Groups stay together as long as each thread gets a few of their units.
+    constexpr size_t units_per_thread = 4;
+    if (plan_.groups >= units_per_thread * threads * plan_.groups_together) unit_ = plan_.groups_together;
+    share((plan_.groups + unit_ - 1) / unit_, threads,
+          [](void* self, size_t begin, size_t end) { static_cast<launch_run*>(self)->try_units(begin, end); }, this);
     if (failure_) std::rethrow_exception(failure_);
   }
 
  private:
   // Keeps the first exception; pieces that have not begun by then are skipped.
-  void try_groups(size_t begin, size_t end) {
+  void try_units(size_t begin, size_t end) {
     if (failed_.load(std::memory_order_relaxed)) return;
     try {
-      groups(begin, end);
+      groups(begin * unit_, std::min(end * unit_, plan_.groups));
     } catch (...) {
       if (!failed_.exchange(true)) failure_ = std::current_exception();
     }
@@ -109,6 +112,7 @@ class launch_run {
   const uint64_t seed_;
   const int strands_;
   const bool needs_fibers_;
+  size_t unit_ = 1;            // groups that are dealt out together
   std::vector<size_t> order_;  // of the groups, if shuffled
   std::atomic<bool> failed_{false};
   std::exception_ptr failure_;

@@ -17,6 +17,7 @@ namespace detail {
 // A launch without its types.
 struct launch_plan {
   size_t groups = 0;
+  size_t groups_together = 1;  // neighbouring groups that one thread should run
   size_t local_items = 1;
   int lanes = 1;
   bool barriers = true;  // false: strands run to their end one after another, on the thread's own stack
@@ -31,7 +32,8 @@ struct launch_plan {
 
 // A kernel that runs neighbouring groups at once: take_groups(item, most) does the work of the item's group and of
 // those behind it, `most` at most, and returns their number. The last dimension runs fastest. The result is what the
-// groups one by one give, which is how a shuffled schedule runs them.
+// groups one by one give, which is how a shuffled schedule runs them. With groups_together() the kernel asks that so
+// many neighbouring groups, from a multiple of their number on, are not dealt out to different threads.
 template <typename Kernel, int D, int Lanes>
 concept takes_groups = requires(const Kernel& kernel, const ext::orrery::lane_item<D, Lanes>& item, size_t most) {
   { kernel.take_groups(item, most) } -> std::same_as<size_t>;
@@ -84,6 +86,7 @@ struct typed_launch {
   launch_plan plan() const {
     launch_plan p;
     p.groups = groups.size();
+    if constexpr (requires { kernel.groups_together(); }) p.groups_together = kernel.groups_together();
     p.local_items = ranges.get_local_range().size();
     p.lanes = Lanes;
     p.context = this;
