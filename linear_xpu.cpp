@@ -180,9 +180,9 @@ void register_operations(pybind11::module_& m) {
   bind_unbuilt(m, "attn_value_fp8_matmul", "attn value matmul", signature<Tensor(T, T)>);
   bind_operation(m, "batch_forward", batch_forward, "batch forward");
   bind_operation(m, "sdp", sdp, "sdp");
-  bind_unbuilt(m, "sdp_fp8", "fp8 sdp", signature<Tensor(T, T, T, mask)>);
+  bind_operation(m, "sdp_fp8", sdp_fp8, "fp8 sdp");
   bind_operation(m, "sdp_causal", sdp_causal, "sdp causal");
-  bind_unbuilt(m, "sdp_fp8_causal", "sdp fp8 causal", signature<Tensor(T, T, T)>);
+  bind_operation(m, "sdp_fp8_causal", sdp_fp8_causal, "sdp fp8 causal");
   bind_operation(m, "rms_norm", rms_norm, "new rms norm");
   bind_operation(m, "rotary_half_inplaced", rotary_half_inplaced, "rotary half inplaced");
   bind_operation(m, "rotary_two_inplaced", rotary_two_inplaced, "rotary two inplaced");

@@ -71,4 +71,19 @@ at::Tensor sdp_causal(const at::Tensor& query, const at::Tensor& key, const at::
   return out;
 }
 
+at::Tensor sdp_fp8(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value, const mask_argument& mask) {
+  check_caches(query, key, value);
+  const at::Tensor out = result_for(query);
+  launch_sdp_fp8({query, key, value, checked_mask(mask, query, key), out, "sdp fp8"});
+  return out;
+}
+
+at::Tensor sdp_fp8_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value) {
+  check_causal_size(query, key);
+  check_caches(query, key, value);
+  const at::Tensor out = result_for(query);
+  launch_sdp_fp8_causal({query, key, value, std::nullopt, out, "sdp fp8 causal"});
+  return out;
+}
+
 }  // namespace orrery

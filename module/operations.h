@@ -41,6 +41,9 @@ at::Tensor bmm_xpu(at::Tensor A, at::Tensor B, at::Tensor C);
 at::Tensor sdp(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                const std::optional<at::Tensor>& mask);
 at::Tensor sdp_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value);
+at::Tensor sdp_fp8(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                   const std::optional<at::Tensor>& mask);
+at::Tensor sdp_fp8_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value);
 
 // norm
 at::Tensor rms_norm(const at::Tensor& weight, const at::Tensor& input, float eps);

@@ -1,0 +1,55 @@
+// The kernels over caches of one byte per element. The codes are decoded to half, which also multiplies queries and
+// keys, but for the causal kernel of float: its rows in local memory are floats.
+#include "attention/launch.h"
+#include "formats/key_value_code.h"
+
+namespace orrery {
+namespace {
+
+template <typename Code, int HD>
+struct coded_rows {
+  using stored = uint8_t;
+  const uint8_t* data = nullptr;
+
+  template <int N>
+  simd<c10::Half, N> load(uint64_t row, int d = 0) const {
+    return Code::template decode<c10::Half, N>(data + row * HD + d);
+  }
+};
+template <int HD>
+using coded_keys = coded_rows<formats::key_code, HD>;
+template <int HD>
+using coded_values = coded_rows<formats::value_code, HD>;
+
+template <typename T, typename M, int HD>
+using split_body = sdp_body<T, c10::Half, M, coded_keys<HD>, coded_values<HD>, HD>;
+
+template <typename T, int Group, int HD>
+struct sdp_fp8_kernel : split_body<T, no_mask, HD> {};
+
+namespace with_mask {
+template <typename T, typename M, int Group, int HD>
+struct sdp_fp8_kernel : split_body<T, M, HD> {};
+}  // namespace with_mask
+
+template <typename T, int Group, int HD>
+struct sdp_fp8_causal_kernel : sdp_causal_body<T, coded_keys<HD>, coded_values<HD>, HD> {};
+
+template <typename T, typename M, int HD>
+struct split : std::type_identity<with_mask::sdp_fp8_kernel<T, M, sdp_group, HD>> {};
+template <typename T, int HD>
+struct split<T, no_mask, HD> : std::type_identity<sdp_fp8_kernel<T, sdp_group, HD>> {};
+
+struct kernels {
+  template <typename T, typename M, int HD>
+  using sdp = typename split<T, M, HD>::type;
+  template <typename T, int HD>
+  using causal = sdp_fp8_causal_kernel<T, causal_group, HD>;
+};
+
+}  // namespace
+
+void launch_sdp_fp8(const attention_call& c) { choose_split<kernels>(c); }
+void launch_sdp_fp8_causal(const attention_call& c) { choose_causal<kernels>(c); }
+
+}  // namespace orrery
