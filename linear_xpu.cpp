@@ -174,10 +174,10 @@ void register_operations(pybind11::module_& m) {
   bind_operation(m, "fused_rms_norm", fused_rms_norm, "fused rms norm");
   bind_operation(m, "fused_layer_norm", fast_layer_norm, "fused layer norm");
   bind_operation(m, "mlp_forward_xpu", mlp_forward, "fused mlp");
-  bind_unbuilt(m, "quantize_key_value", "quantize key value", signature<void(T, T, T, T)>);
-  bind_unbuilt(m, "dequantize_key_value", "dequantize key value", signature<void(T, T, T, T)>);
-  bind_unbuilt(m, "query_key_fp8_matmul", "query key matmul", signature<Tensor(T, T)>);
-  bind_unbuilt(m, "attn_value_fp8_matmul", "attn value matmul", signature<Tensor(T, T)>);
+  bind_operation(m, "quantize_key_value", quantize_key_value, "quantize key value");
+  bind_operation(m, "dequantize_key_value", dequantize_key_value, "dequantize key value");
+  bind_operation(m, "query_key_fp8_matmul", query_key_fp8_matmul, "query key matmul");
+  bind_operation(m, "attn_value_fp8_matmul", attn_value_fp8_matmul, "attn value matmul");
   bind_operation(m, "batch_forward", batch_forward, "batch forward");
   bind_operation(m, "sdp", sdp, "sdp");
   bind_operation(m, "sdp_fp8", sdp_fp8, "fp8 sdp");

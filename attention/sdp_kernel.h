@@ -49,14 +49,8 @@ class group_sums {
       const float total = fold(simd<float, sdp_group>::load(weights(i)));
       if constexpr (last_finishes) {
         constexpr int W = 16;
-        using vector = simd<float, W>;
         for (int d = 0; d < HD; d += W) {
-          vector v[half];
-          ORRERY_UNROLL for (int k = 0; k < half; ++k) v[k] = vector::load(values_[i][k] + d);
-          ORRERY_UNROLL for (int h = half / 2; h >= 1; h /= 2) {
-            ORRERY_UNROLL for (int k = 0; k < h; ++k) v[k] += v[k + h];
-          }
-          store(i, d, v[0] / vector(total));
+          store(i, d, fold_rows<half, W>(values_[i][0] + d, HD) / simd<float, W>(total));
         }
       } else {
         for (int d = begin * (HD / sdp_group); d < end * (HD / sdp_group); ++d) {

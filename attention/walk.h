@@ -39,23 +39,41 @@ struct key_weights {
   float of[Q][keys_at_once];
 };
 
-// Those of the n keys from key t on: the exponentials of shift(i, t, n, x), where x is their scaled dot products with
-// query i. No maximum is subtracted. Products and their sum are rounded to T.
-template <typename T, int HD, int Q, typename Keys, typename Shift>
-ORRERY_INLINE inline key_weights<Q> weigh_keys(const simd<T, HD> (&query)[Q], const Keys& key, uint64_t t, int n,
-                                               const Shift& shift) {
-  using scores = simd<float, keys_at_once>;
+// The products of Q queries with the n keys from key t on, up to keys_at_once, rounded to T as their sums are.
+template <typename T, int HD, int Q, typename Keys>
+ORRERY_INLINE inline void dot_keys(const simd<T, HD> (&query)[Q], const Keys& key, uint64_t t, int n,
+                                   simd<T, keys_at_once> (&dot)[Q]) {
   simd<T, keys_at_once> part[Q][keys_at_once];
   for (int k = 0; k < n; ++k) {
     const simd<T, HD> row = convert<T>(key.template load<HD>(t + k));
     ORRERY_UNROLL for (int i = 0; i < Q; ++i) part[i][k] = fold_to<keys_at_once>(query[i] * row);
   }
+  ORRERY_UNROLL for (int i = 0; i < Q; ++i) dot[i] = fold_each(part[i]);
+}
+
+// The weights of these keys: the exponentials of shift(i, t, n, x), where x is their scaled products with query i. No
+// maximum is subtracted.
+template <typename T, int HD, int Q, typename Keys, typename Shift>
+ORRERY_INLINE inline key_weights<Q> weigh_keys(const simd<T, HD> (&query)[Q], const Keys& key, uint64_t t, int n,
+                                               const Shift& shift) {
+  using scores = simd<float, keys_at_once>;
+  simd<T, keys_at_once> dot[Q];
+  dot_keys(query, key, t, n, dot);
   key_weights<Q> weight;
   ORRERY_UNROLL for (int i = 0; i < Q; ++i) {
-    const scores x = shift(i, t, n, convert<float>(fold_each(part[i])) * scores(attention_scale(HD)));
+    const scores x = shift(i, t, n, convert<float>(dot[i]) * scores(attention_scale(HD)));
     native::exp2(x * scores(log2_e)).store(weight.of[i]);
   }
   return weight;
+}
+
+// The halving tree over Rows rows of memory, for W of their elements: rows [0, n / 2) plus rows [n / 2, n), repeated.
+template <int Rows, int W, typename T>
+ORRERY_INLINE inline simd<T, W> fold_rows(const T* rows, int64_t pitch) {
+  simd<T, W> v[Rows];
+  ORRERY_UNROLL for (int k = 0; k < Rows; ++k) v[k] = simd<T, W>::load(rows + k * pitch);
+  ORRERY_UNROLL for (int h = Rows / 2; h >= 1; h /= 2) { ORRERY_UNROLL for (int k = 0; k < h; ++k) v[k] += v[k + h]; }
+  return v[0];
 }
 
 // The sums of Q queries: of weights times values, and of weights.

@@ -45,6 +45,14 @@ at::Tensor sdp_fp8(const at::Tensor& query, const at::Tensor& key, const at::Ten
                    const std::optional<at::Tensor>& mask);
 at::Tensor sdp_fp8_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value);
 
+// kv
+void quantize_key_value(const at::Tensor& key, const at::Tensor& value, const at::Tensor& key_output,
+                        const at::Tensor& value_output);
+void dequantize_key_value(const at::Tensor& key, const at::Tensor& value, const at::Tensor& key_output,
+                          const at::Tensor& value_output);
+at::Tensor query_key_fp8_matmul(const at::Tensor& query, const at::Tensor& key);
+at::Tensor attn_value_fp8_matmul(const at::Tensor& attn, const at::Tensor& value);
+
 // norm
 at::Tensor rms_norm(const at::Tensor& weight, const at::Tensor& input, float eps);
 

@@ -22,6 +22,7 @@ UNITS = [
     "norm.cpp",
     "rope.cpp",
     "sdp.cpp",
+    "kv.cpp",
     "bmm_xpu_kernel.cpp",
     "linear/one_row/nf.cpp",
     "linear/one_row/q8_1.cpp",
