@@ -141,3 +141,47 @@ def test_the_whole_context_in_one_prompt(tiny_file, cache):
     # Other ways to the same place.
     model.rewind(8000)
     assert (model.forward(tokens[8000:]).cpu() - last).abs().mean() < 4e-3
+
+
+def test_what_the_code_clamps():
+    sizes = gguf_model.Sizes(layers=2, hidden=64, heads=1, kv_heads=1, head_dim=64, feed_forward=64, vocabulary=3, context=9,
+                             rope_base=1e4, eps=1e-5)
+    cache = kv_cache.PlainCache(sizes, 5, torch.float32, torch.device("xpu"))
+    cache.data.fill_(1.0)
+    cache.data[:, :, :, 3:] = 1e9  # Behind the rows that count.
+    keys, values = cache.data[::2], cache.data[1::2]
+    keys[1, 0, 0, 2, :3] = torch.tensor([124.0, -124.1, 0.0020751953125], device="xpu")
+    keys[0, 0, 0, 0, :2] = torch.tensor([0.002, -0.0], device="xpu")
+    values[0, 0, 0, 1, :4] = torch.tensor([-16.0, 15.6, 124.0, 0.0003], device="xpu")
+    of_keys, of_values = cache_survey.clamped_by_bytes(cache, 3)
+    assert (of_keys.elements, of_keys.above, of_keys.below) == (2 * 3 * 64, 1, 2)
+    assert (of_values.elements, of_values.above, of_values.below) == (2 * 3 * 64, 3, 0)
+    assert str(of_keys) == ("keys: of 384 elements 1 (0.260%) are above 124 and 2 (0.521%) below 0.002075")
+    assert str(of_values) == ("values: of 384 elements 3 (0.781%) are above 15.5 and 0 (0.000%) below 0.000259")
+
+
+def test_command_that_compares_both(tiny_file, tmp_path):
+    command = [sys.executable, "-m", "orrery", "cache", "--model", tiny_file, "--tokens", "100", "--window", "60",
+               "--no-cache", "--format", "q8_0"]
+    done = subprocess.run(list(map(str, command)), text=True, capture_output=True, timeout=300)
+    assert done.returncode == 0, done.stderr
+    header, *rows, keys, values = done.stdout.splitlines()
+    assert header.split() == ["cache", "tokens", "bytes/token", "MB", "perplexity", "tokens/s"]
+    (plain, *of_plain), (coded, *of_bytes) = (row.split() for row in rows)
+    assert (plain, coded) == ("plain", "byte") == tuple(kv_cache.KINDS)
+    # Two layers of one head of 64 keys and values.
+    assert of_plain[:2] == ["60", "1024"] and of_bytes[:2] == ["60", "256"]
+    assert float(of_bytes[3]) == pytest.approx(float(of_plain[3]), rel=0.05) and of_bytes[3] != of_plain[3]
+    assert float(of_plain[4]) > 0 and float(of_bytes[4]) > 0
+    # The last window of 100 tokens in windows of 60 puts 39 rows into the cache.
+    assert re.fullmatch(r"keys: of 4992 elements \d+ \([\d.]+%\) are above 124 and \d+ \([\d.]+%\) below 0.002075", keys)
+    assert re.fullmatch(r"values: of 4992 elements .* above 15.5 and .* below 0.000259", values)
+    assert tuple(cli.CACHES) == tuple(kv_cache.KINDS)
+
+
+def test_formats_over_a_byte_cache(tiny_file, tmp_path):
+    from orrery import survey
+
+    found = [next(survey.measure(tiny_file, [FORMATS["q8_0"]], cli.bundled_text(), window=40, limit=80, answer=2, cache=False,
+                                 kv_cache=kind)).perplexity for kind in kv_cache.KINDS]
+    assert found[1] == pytest.approx(found[0], rel=0.05) and found[1] != found[0]
