@@ -122,7 +122,7 @@ def test_size():
         return cache.data.nbytes
 
     elements = 2 * sizes.layers * sizes.kv_heads * sizes.head_dim * 2048
-    assert size("byte", torch.float32) == elements == 2048 * 23040
+    assert size("byte", torch.float32) == elements == 2048 * 11520
     assert size("plain", torch.float32) == 4 * elements
     assert size("plain", torch.float16) == 2 * elements
 
