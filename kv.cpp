@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "attention/coded_rows.h"
 #include "attention/operand.h"
 #include "attention/walk.h"
 #include "formats/key_value_code.h"
@@ -105,19 +106,6 @@ void launch_codec(const codec_call& c, const char* record) {
 
 // ---- Products of one query row ----
 
-// Rows of HD bytes.
-template <typename Code, int HD>
-struct coded_rows {
-  using stored = uint8_t;
-  const uint8_t* data = nullptr;
-
-  // N elements of a row, from element d on.
-  template <int N>
-  simd<Half, N> load(uint64_t row, int d = 0) const {
-    return Code::template decode<Half, N>(data + row * HD + d);
-  }
-};
-
 // A work-item takes Keys neighbouring keys. Products and sums are in half for any T.
 template <typename T, int Keys, int HD>
 struct query_key_fp8_matmul_kernel {
@@ -135,9 +123,10 @@ struct query_key_fp8_matmul_kernel {
   void operator()(const Item& item) const {
     const uint64_t b = item.global(0), h = item.global(1), first = item.global(2) * Keys;
     const int n = static_cast<int>(std::min<uint64_t>(Keys, kv_length - first));
-    const simd<Half, HD> q[1] = {convert<Half>(simd<T, HD>::load(query.at(b, h)))};
+    const simd<native_half, HD> q[1] = {to_native(convert<Half>(simd<T, HD>::load(query.at(b, h))))};
     simd<Half, Keys> dot[1];
-    dot_keys(q, coded_rows<key_code, HD>{key.at(b, h / q_per_kv)}, first, n, dot);
+    dot_keys(
+        q, coded_keys<HD>{key.at(b, h / q_per_kv)}, first, n, [](uint64_t) {}, dot);
     convert<T>(dot[0]).store(out.at(b, h) + first, mask<Keys>::first(n));
   }
 };
@@ -161,7 +150,7 @@ struct attn_value_fp8_matmul_kernel {
   void operator()(const Item& item) const {
     const uint64_t b = item.group(0), h = item.group(1);
     const T* weights = attn.at(b, h);
-    const coded_rows<value_code, HD> values{value.at(b, h / q_per_kv)};
+    const coded_values<HD> values{value.at(b, h / q_per_kv)};
     const even_split<Group> range(kv_length);
     in_steps(item, Group, [&](int begin, int end, auto meet) {
       for (int i = begin; i < end; ++i) put(i, weighted_sum(weights, values, range.begin(i), range.begin(i + 1)));
@@ -171,29 +160,27 @@ struct attn_value_fp8_matmul_kernel {
   }
 
  private:
-  template <typename Values>
-  static simd<Half, HD> weighted_sum(const T* weights, const Values& values, uint64_t first, uint64_t last) {
+  using halves = simd<native_half, HD>;
+
+  static halves weighted_sum(const T* weights, const coded_values<HD>& values, uint64_t first, uint64_t last) {
     constexpr int some = 16;  // weights that are loaded together
-    simd<Half, HD> sum;
+    halves sum;
     for (uint64_t t = first; t < last; t += some) {
       const int n = static_cast<int>(std::min<uint64_t>(some, last - t));
-      float weight[some];
-      convert<Half>(simd<T, some>::load(weights + t, mask<some>::first(n))).store_register_values(weight);
-      for (int k = 0; k < n; ++k) {
-        sum += convert_exact<Half>(simd<float, HD>(weight[k])) * values.template load<HD>(t + k);
-      }
+      const auto weight = to_native(convert<Half>(simd<T, some>::load(weights + t, mask<some>::first(n))));
+      for (int k = 0; k < n; ++k) sum += halves(weight[k]) * values.template load<native_half>(t + k);
     }
     return sum;
   }
 
   // A device has a column of local memory for each work-item. The host goes through them in order, and adds the second
   // half of them to the first as it comes.
-  void put(int i, const simd<Half, HD>& sum) const {
+  void put(int i, const halves& sum) const {
     if constexpr (last_finishes) {
       Half* row = &local[i % (Group / 2) * HD];
-      (i < Group / 2 ? sum : simd<Half, HD>::load(row) + sum).store(row);
+      store_native(i < Group / 2 ? sum : load_native<HD>(row) + sum, row);
     } else {
-      sum.store_strided(&local[i], Group);
+      from_native<Half>(sum).store_strided(&local[i], Group);
     }
   }
   void finish(int begin, int end, T* to) const {

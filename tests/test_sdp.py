@@ -5,78 +5,36 @@ from __future__ import annotations
 import re
 from typing import Any
 
+import attention_reference
 import numpy as np
 import pytest
 import torch
+from attention_reference import CPP, FLOAT, HALF, UNSUPPORTED_HEAD_DIM, UNSUPPORTED_TYPE, Shape, zeros
+from attention_reference import sdp as reference
+from guard_page import assert_reads_nothing_behind
 from kernel_reference import (
     assert_dies_with,
     assert_same_bits,
     assert_same_bits_in_any_order,
-    fold,
     leave_nan_behind,
     random,
-    rows_apart,
-    split,
 )
-from linear_reference import float32_of
 
 import orrery_host
 import orrery_ops
 
-FLOAT, HALF = torch.float32, torch.float16
-SCALE = {64: 0x3E000000, 96: 0x3DD105EC, 128: 0x3DB504F3}
-LOG2_E = np.uint32(0x3FB8AA3B).view(np.float32)
-CPP = {FLOAT: "float", HALF: "c10::Half"}
-UNSUPPORTED_TYPE = "unsupported dtype, only fp32 and fp16 are supported"
-
-
-@np.errstate(all="ignore")
-def reference(query: Any, key: Any, value: Any, mask: Any = None) -> np.ndarray:
-    """query [b, h, r, d], key and value [b, kv, c, d], mask [b, h or 1, r, c]."""
-    query, key, value = (x.cpu().numpy() for x in (query, key, value))
-    bsz, heads, rows, head_dim = query.shape
-    context = key.shape[2]
-    key, value = (np.repeat(x, heads // key.shape[1], axis=1)[:, :, None] for x in (key, value))
-    products = query[:, :, :, None] * key  # [b, h, r, c, d], rounded to the type of the query
-    x = fold(products).astype(np.float32) * np.uint32(SCALE[head_dim]).view(np.float32)
-    if mask is not None:
-        x = x + mask.cpu().numpy().astype(np.float32)
-    e = float32_of(np.exp2, x * LOG2_E)
-    acc = np.zeros((bsz, heads, rows, head_dim, 32), np.float32)
-    total = np.zeros((bsz, heads, rows, 32), np.float32)
-    value = value.astype(np.float32)
-    for item, (first, last) in enumerate(split(context)):
-        for t in range(first, last):
-            acc[..., item] = acc[..., item] + value[:, :, :, t] * e[..., t, None]
-            total[..., item] = total[..., item] + e[..., t]
-    return (fold(acc) / fold(total)[..., None]).astype(query.dtype)
-
-
 def case(
-    seed: int,
-    dtype: torch.dtype,
-    mask_dtype: torch.dtype | None,
-    shape: tuple[int, int, int, int],
-    kv_heads: int,
-    context: int,
+    seed: int, dtype: torch.dtype, mask_dtype: torch.dtype | None, shape: Shape, kv_heads: int, context: int,
     mask_heads: int | None = None,
-) -> list[torch.Tensor | None]:
+) -> list[torch.Tensor | None]:  # fmt: skip
     """Query, key, value and mask on the device, none of them contiguous."""
     g = np.random.default_rng(seed)
     bsz, heads, rows, head_dim = shape
-    # [batch, row, head, element], as projections leave it
-    query = rows_apart(random(g, (bsz, rows, heads, head_dim), dtype), 3).transpose(1, 2)
-    caches = []
-    for _ in range(2):  # room for seven more rows behind each head
-        cache = torch.full((bsz, kv_heads, context + 7, head_dim), float("nan"), dtype=dtype, device="xpu")
-        cache[:, :, :context] = random(g, (bsz, kv_heads, context, head_dim), dtype).to("xpu")
-        caches.append(cache[:, :, :context])
-    mask = None
-    if mask_dtype is not None:
-        mask = random(g, (bsz, mask_heads or heads, rows, context), mask_dtype, 3.0)
-        mask[g.random(tuple(mask.shape)) < 0.1] = -torch.inf
-        mask = rows_apart(mask, 5)
-    return [query, *caches, mask]
+    query = attention_reference.queries(g, shape, dtype)
+    caches = attention_reference.caches(g, (bsz, kv_heads, context, head_dim), dtype)
+    if mask_dtype is None:
+        return [query, *caches, None]
+    return [query, *caches, attention_reference.mask(g, (bsz, mask_heads or heads, rows, context), mask_dtype)]
 
 
 def run(query: Any, key: Any, value: Any, mask: Any = None) -> torch.Tensor:
@@ -156,6 +114,16 @@ def test_row_stride_of_key_is_ignored():
     assert_same_bits(result, reference(query, *packed))
 
 
+@pytest.mark.parametrize("context", [1, 18, 33])
+@pytest.mark.parametrize("mask_dtype", [None, FLOAT, HALF])
+@pytest.mark.parametrize("dtype", [FLOAT, HALF])
+def test_nothing_behind_the_last_row_is_read(dtype, mask_dtype, context):
+    g = np.random.default_rng(17)
+    args = [random(g, (1, 1, rows, 96), dtype) for rows in (2, context, context)]
+    mask = None if mask_dtype is None else random(g, (1, 1, 2, context), mask_dtype)
+    assert_reads_nothing_behind([*args, mask], orrery_ops.sdp)
+
+
 def test_weights_are_a_softmax():
     """A second opinion: float64 attention. Float sums of 500 terms are off by less than 1e-5."""
     query, key, value, mask = case(11, FLOAT, FLOAT, (2, 4, 3, 128), 2, 500)
@@ -193,17 +161,13 @@ def test_launch(dtype, mask_dtype, head_dim):
     assert not launch.waited
 
 
-def zeros(*shape: int, dtype: torch.dtype = FLOAT) -> torch.Tensor:
-    return torch.zeros(shape, dtype=dtype, device="xpu")
-
-
 @pytest.mark.parametrize("head_dim", [0, 32, 80, 256])
 @pytest.mark.parametrize("dtype", [FLOAT, torch.float64])
 def test_unsupported_head_dim(head_dim, dtype):
     args = [zeros(1, 2, 1, head_dim, dtype=dtype), *[zeros(1, 2, 4, head_dim, dtype=dtype)] * 2]
     with pytest.raises(RuntimeError) as error:
         orrery_ops.sdp(*args, None)
-    assert str(error.value) == "unsupported head_dim, only 128, 96 and 64 are supported"
+    assert str(error.value) == UNSUPPORTED_HEAD_DIM
 
 
 @pytest.mark.parametrize(
