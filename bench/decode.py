@@ -1,4 +1,4 @@
-"""Tokens per second of the real model, over a prompt and over an answer: our runner and llama.cpp, alternately."""
+"""Tokens per second of the real model, over prompts and over an answer: our runner and llama.cpp, alternately."""
 
 from __future__ import annotations
 
@@ -16,7 +16,8 @@ from .report import Bar, Row
 # Seconds after which no further run starts. On a busy machine the peer's barriers spin for whole time slices.
 _LIMIT = 60.0
 _PROMPT = "The history of astronomy begins with"
-_PROMPT_TOKENS = 256
+# Tokens of the long prompts, and the target: so many times the peer's speed.
+_PROMPTS = {256: 0.9, 1024: 0.8}
 _PEER = "xllamacpp Q4_0"
 _MOST_TOKENS = 128
 # For the peer beside busy loops, where it decodes about 2 tokens per second.
@@ -29,30 +30,28 @@ _OF_ONE_THREAD = {1: 0.9}
 Speeds = Callable[[], dict[str, float]]
 
 
-def _long_prompt(model: Path) -> tuple[list[int], str]:
-    """The first tokens of the bundled text, and their text."""
+def _long_prompts(model: Path) -> dict[str, tuple[list[int], str]]:
+    """By what a row calls each: the first tokens of the bundled text, and their text."""
     from orrery import cli, gguf_model
     from orrery.tokenizer import ChatTokenizer
 
     tokenizer = ChatTokenizer(gguf_model.read(model).vocabulary)
-    tokens = tokenizer.encode(cli.bundled_text())[:_PROMPT_TOKENS]
-    return tokens, tokenizer.decode(tokens)
+    tokens = tokenizer.encode(cli.bundled_text())
+    return {f"prompt of {count}": (tokens[:count], tokenizer.decode(tokens[:count])) for count in _PROMPTS}
 
 
 class _Ours:
     """Our runner with the model in q4_0."""
 
-    def __init__(self, model: Path, capacity: int) -> None:
-        import torch
-
+    def __init__(self, model: Path, capacity: int, dtype: str = "float32") -> None:
         from orrery import formats, prepare
-        from orrery.model import Model
+        from orrery.model import DTYPES, Model
         from orrery.tokenizer import ChatTokenizer
 
         prepared = prepare.load(model, formats.find("q4_0"))
         self.bytes = prepared.quantized_bytes  # read per token
         self._prompt = ChatTokenizer(prepared.vocabulary).encode(_PROMPT)
-        self._model = Model(prepared, torch.float32, max(capacity, len(self._prompt) + _MOST_TOKENS))
+        self._model = Model(prepared, DTYPES[dtype], max(capacity, len(self._prompt) + _MOST_TOKENS))
 
     def answer(self, tokens: int) -> float:
         """Tokens per second of a greedy answer."""
@@ -76,18 +75,24 @@ def rows(with_ours: bool, threads: int, quick: bool, model: Path | None) -> list
     """Our q4_0 against llama.cpp's Q4_0 of the same model."""
     source = model or llama.shipped_model()
     tokens, turns = (64, 3) if quick else (_MOST_TOKENS, 9)
-    long, long_text = _long_prompt(source)
+    prompts = _long_prompts(source)
     with llama.Peer(llama.q4_0_model(source), threads) as peer:
 
         def theirs() -> dict[str, float]:
-            return {"prompt": peer.run(long_text, 1)["prompt"], "answer": peer.run(_PROMPT, tokens)["answer"]}
+            speeds = {kind: peer.run(text, 1)["prompt"] for kind, (_, text) in prompts.items()}
+            return {"answer": peer.run(_PROMPT, tokens)["answer"], **speeds}
 
         runners: dict[str, Speeds] = {"peer": theirs}
         size = 0
         if with_ours:
-            ours = _Ours(source, len(long))
+            ours, narrow = (_Ours(source, max(_PROMPTS), dtype) for dtype in ("float32", "bfloat16"))
             size = ours.bytes
-            runners["ours"] = lambda: {"prompt": ours.prompt(long), "answer": ours.answer(tokens)}
+
+            def of_prompts(runner: _Ours) -> dict[str, float]:
+                return {kind: runner.prompt(prompt) for kind, (prompt, _) in prompts.items()}
+
+            runners["float32"] = lambda: {"answer": ours.answer(tokens), **of_prompts(ours)}
+            runners["bfloat16"] = lambda: of_prompts(narrow)
         for run in runners.values():
             run()
         speeds: dict[str, list[dict[str, float]]] = {name: [] for name in runners}
@@ -102,12 +107,16 @@ def rows(with_ours: bool, threads: int, quick: bool, model: Path | None) -> list
         return median(turn[kind] for turn in speeds[side]) if side in speeds else None
 
     name = source.stem.rsplit(".", 1)[0]
-    return [
-        Row(f"decode {name} q4_0", middle("ours", "answer"), middle("peer", "answer"), _PEER, bytes=size,
+    made = [
+        Row(f"decode {name} q4_0", middle("float32", "answer"), middle("peer", "answer"), _PEER, bytes=size,
             per_second="tokens", bars=[Bar("speed", 0.5)]),
-        Row(f"prompt of {len(long)} {name} q4_0", middle("ours", "prompt"), middle("peer", "prompt"), _PEER,
-            per_second="tokens"),
     ]
+    for dtype in ("float32", "bfloat16"):
+        for kind, limit in zip(prompts, _PROMPTS.values()):
+            bars = [Bar("speed", limit)] if dtype == "float32" else []
+            made.append(Row(f"{kind} {name} q4_0 {dtype}", middle(dtype, kind), middle("peer", kind), _PEER,
+                            per_second="tokens", bars=bars))
+    return made
 
 
 def crowded_rows(threads: int, loads: Sequence[int], quick: bool, model: Path | None) -> list[Row]:

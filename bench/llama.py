@@ -83,7 +83,7 @@ def q4_0_model(source: Path) -> Path:
     return target
 
 
-def decoder(model: Path, threads: int, context: int = 1024) -> Callable[[str, int], dict[str, float]]:
+def decoder(model: Path, threads: int, context: int = 2048) -> Callable[[str, int], dict[str, float]]:
     """Starts a llama.cpp server on `model`; the function it returns decodes greedily and gives tokens per second.
 
     "prompt" is the speed over the prompt, "answer" that over the tokens after it.

@@ -1,4 +1,4 @@
-"""`python -m orrery`: generate, chat, formats, perplexity."""
+"""`python -m orrery`: generate, chat, formats, cache, perplexity."""
 
 from __future__ import annotations
 
@@ -11,6 +11,7 @@ from typing import NoReturn
 from orrery import OrreryError, device_class, formats
 
 DTYPES = ("float32", "float16", "bfloat16")
+CACHES = ("plain", "byte")
 # Among which the device shares a launch. PyTorch takes any number, and crashes when it starts so many.
 MOST_THREADS = 256
 DEFAULT_PROMPT = "The three primary colors are"
@@ -75,6 +76,10 @@ def _parser() -> argparse.ArgumentParser:
     group.add_argument("--format", default="q4_0", help=f"weight format: {', '.join(formats.FORMATS)} (default: q4_0). "
                        f"Rows that blocks of 256 do not divide take another one: {formats.substitutes()}")
 
+    keys = _Parser(add_help=False)
+    keys.add_argument("--cache", default="plain", choices=CACHES,
+                      help="keys and values as they are, or in one byte per element (default: plain)")
+
     sampling = _Parser(add_help=False)
     group = sampling.add_argument_group("sampling")
     group.add_argument("--temperature", type=_temperature, default=0.0, metavar="T", help="0 is greedy (default: 0)")
@@ -85,21 +90,21 @@ def _parser() -> argparse.ArgumentParser:
     steps = _Parser(add_help=False)
     steps.add_argument("--verbose", action="store_true", help="tell which fused operations the answer's steps take")
 
-    command = commands.add_parser("generate", parents=[model, weights, sampling, steps], help="continue a text")
+    command = commands.add_parser("generate", parents=[model, weights, keys, sampling, steps], help="continue a text")
     command.add_argument("prompt", nargs="?", default=DEFAULT_PROMPT, help=f"text to continue (default: {DEFAULT_PROMPT!r})")
     command.add_argument("--tokens", type=_whole, default=128, metavar="N", help="most tokens to make (default: 128)")
     command.add_argument("--chat", action="store_true", help="put the prompt into the model's chat template")
     command.set_defaults(run=_generate)
 
-    command = commands.add_parser("chat", parents=[model, weights, sampling, steps],
+    command = commands.add_parser("chat", parents=[model, weights, keys, sampling, steps],
                                   help="talk; reads lines from standard input")
     command.add_argument("--system", metavar="TEXT", help="system message")
     command.add_argument("--tokens", type=_whole, default=256, metavar="N", help="most tokens an answer (default: 256)")
-    command.add_argument("--context", type=_whole, default=2048, metavar="N",
-                         help="most tokens of the conversation (default: 2048)")
+    command.add_argument("--context", type=_whole, metavar="N",
+                         help="most tokens of the conversation (default: the model's own context)")
     command.set_defaults(run=_chat)
 
-    command = commands.add_parser("formats", parents=[model], help="compare the weight formats on a model",
+    command = commands.add_parser("formats", parents=[model, keys], help="compare the weight formats on a model",
                                   description="Measures each format on a model: bits, error, perplexity, speed.")
     command.add_argument("--no-measure", action="store_true", help="only list the formats")
     command.add_argument("--formats", type=_format_list, metavar="A,B", help="measure only these")
@@ -111,7 +116,15 @@ def _parser() -> argparse.ArgumentParser:
                          help="where the plot goes (default: %(default)s)")
     command.set_defaults(run=_formats)
 
-    command = commands.add_parser("perplexity", parents=[model, weights],
+    command = commands.add_parser("cache", parents=[model, weights], help="compare both key/value caches on a model",
+                                  description="Measures both kinds of key/value cache: bytes, perplexity, speed.")
+    command.add_argument("--text", type=Path, metavar="FILE", help="text for the perplexity (default: a bundled one)")
+    command.add_argument("--tokens", type=_whole, default=2048, metavar="N",
+                         help="use only the first N tokens of the text (default: 2048)")
+    command.add_argument("--window", type=_whole, default=2048, metavar="N", help="tokens seen together (default: 2048)")
+    command.set_defaults(run=_cache)
+
+    command = commands.add_parser("perplexity", parents=[model, weights, keys],
                                   help="measure how well the model predicts a text")
     command.add_argument("file", type=Path, nargs="?", help="text file, UTF-8 (default: a bundled one)")
     command.add_argument("--window", type=_whole, default=512, metavar="N", help="tokens seen together (default: 512)")
@@ -169,11 +182,16 @@ def _text(path: Path | None) -> str:
 def _model(args: argparse.Namespace, prepared, capacity: int):
     from orrery.model import DTYPES, Model
 
-    model = Model(prepared, DTYPES[args.dtype], capacity)
+    model = Model(prepared, DTYPES[args.dtype], capacity, args.cache)
     if getattr(args, "verbose", False):
         for operation, refusal in model.refusals.items():
             print(refusal or f"{operation} is used", file=sys.stderr)
     return model
+
+
+def _types(args: argparse.Namespace) -> str:
+    """The activations' type and the kind of cache, for a measured line."""
+    return f"{args.dtype}, byte cache" if args.cache == "byte" else args.dtype
 
 
 def _sampling(args: argparse.Namespace):
@@ -194,25 +212,24 @@ def _say(tokens, tokenizer) -> list[int]:
 
 def _generate(args: argparse.Namespace) -> None:
     prepared, tokenizer = _prepare(args)
-    from orrery.generate import Timing, generate
+    from orrery.generate import Timing, check_fit, generate
 
     prompt = tokenizer.chat([{"role": "user", "content": args.prompt}]) if args.chat else tokenizer.encode(args.prompt)
-    if len(prompt) + args.tokens > prepared.sizes.context:
-        raise OrreryError(f"{len(prompt)} tokens of prompt and {args.tokens} of answer do not fit into the context of "
-                          f"{prepared.sizes.context}")
-    model = _model(args, prepared, len(prompt) + args.tokens)
+    check_fit(len(prompt), args.tokens, prepared.sizes.context)
+    model = _model(args, prepared, len(prompt) + args.tokens - 1)
     timing = Timing()
     if not args.chat:
         print(args.prompt, end="", flush=True)
     _say(generate(model, prompt, args.tokens, tokenizer.stop, _sampling(args), timing), tokenizer)
-    print(f"[{args.format}, {args.dtype}; {timing}]", flush=True)
+    print(f"[{args.format}, {_types(args)}; {timing}]", flush=True)
 
 
 def _chat(args: argparse.Namespace) -> None:
     prepared, tokenizer = _prepare(args)
-    from orrery.generate import Timing, generate
+    from orrery.generate import Timing, generate, room
 
-    model = _model(args, prepared, min(args.context, prepared.sizes.context))
+    own = prepared.sizes.context
+    model = _model(args, prepared, min(args.context or own, own))
     messages = [{"role": "system", "content": args.system}] if args.system else []
     seen, said = [], ""  # Tokens of the conversation so far, and its text.
     prompt_mark = "> " if sys.stdin.isatty() else ""
@@ -230,10 +247,15 @@ def _chat(args: argparse.Namespace) -> None:
         fits = said and text.startswith(said)
         tokens = seen + tokenizer.encode(text[len(said) :]) if fits else tokenizer.encode(text)
         model.rewind(len(seen) if fits else 0)
+        most = room(len(tokens), model.capacity)
+        if most < 1:
+            raise OrreryError(f"{len(tokens)} tokens of conversation do not fit into the context of {model.capacity}")
         timing = Timing()
-        answer = _say(generate(model, tokens[model.position :], args.tokens, tokenizer.stop, _sampling(args), timing),
-                      tokenizer)
+        limit = min(args.tokens, most)
+        answer = _say(generate(model, tokens[model.position :], limit, tokenizer.stop, _sampling(args), timing), tokenizer)
         print(f"[{timing}]", file=sys.stderr, flush=True)
+        if len(answer) == most:
+            raise OrreryError(f"the context of {model.capacity} tokens is full")
         messages.append({"role": "assistant", "content": tokenizer.decode(answer)})
         seen, said = tokens + answer, text + messages[-1]["content"]
 
@@ -252,11 +274,27 @@ def _formats(args: argparse.Namespace) -> None:
     print(survey.HEADER, flush=True)
     results = []
     for result in survey.measure(path, args.formats or list(formats.FORMATS.values()), text, dtype=DTYPES[args.dtype],
-                                 window=args.window, limit=args.tokens, cache=not args.no_cache):
+                                 window=args.window, limit=args.tokens, cache=not args.no_cache,
+                                 kv_cache=args.cache):
         results.append(result)
         print(survey.line(result), flush=True)
-    survey.plot(results, f"{path.stem}, {args.dtype}", args.output)
+    survey.plot(results, f"{path.stem}, {_types(args)}", args.output)
     print(f"saved {args.output}")
+
+
+def _cache(args: argparse.Namespace) -> None:
+    fmt, text = formats.find(args.format), _text(args.text)
+    path = _model_file(args)
+    from orrery import cache_survey
+    from orrery.model import DTYPES
+
+    print(cache_survey.HEADER, flush=True)
+    remarks: list[str] = []
+    for result in cache_survey.measure(path, fmt, text, dtype=DTYPES[args.dtype], window=args.window,
+                                       limit=args.tokens, cache=not args.no_cache):
+        print(cache_survey.line(result), flush=True)
+        remarks += map(str, result.clamped)
+    print(*remarks, sep="\n")
 
 
 def _perplexity(args: argparse.Namespace) -> None:
@@ -267,7 +305,7 @@ def _perplexity(args: argparse.Namespace) -> None:
     tokens = tokenizer.encode(text)[: args.tokens]
     model = _model(args, prepared, min(args.window, prepared.sizes.context))
     print(f"perplexity {perplexity(model, tokens, args.window):.4f} over {len(tokens)} tokens "
-          f"[{args.format}, {args.dtype}, windows of {args.window}]")
+          f"[{args.format}, {_types(args)}, windows of {args.window}]")
 
 
 def main(argv: Sequence[str] | None = None) -> int:

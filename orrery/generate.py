@@ -58,14 +58,23 @@ def choose(logits: torch.Tensor, sampling: Sampling, generator: torch.Generator)
     return int(order[torch.multinomial(probabilities, 1, generator=generator)])
 
 
+def room(tokens: int, context: int) -> int:
+    """The most tokens that can answer `tokens` ones. An answer's last token is no input and takes no place."""
+    return context - tokens + 1
+
+
+def check_fit(prompt: int, answer: int, context: int) -> None:
+    """OrreryError if there is no room for so many tokens of an answer behind those of a prompt."""
+    if answer > room(prompt, context):
+        raise OrreryError(f"{prompt} tokens of prompt and {answer} of answer do not fit into the context of {context}")
+
+
 def generate(model: Model, prompt: list[int], limit: int, stop: frozenset[int], sampling: Sampling,
              timing: Timing | None = None) -> Iterator[int]:
     """Yields at most `limit` tokens that continue the model's text and `prompt`, up to a stop token, not included."""
     if not prompt:
         raise OrreryError("the prompt is empty")
-    if model.position + len(prompt) + limit > model.capacity:
-        raise OrreryError(f"{model.position + len(prompt)} tokens of prompt and {limit} of answer do not fit into the "
-                          f"context of {model.capacity}")
+    check_fit(model.position + len(prompt), limit, model.capacity)
     timing = timing or Timing()
     generator = sampling.generator()
     start = time.perf_counter()

@@ -6,8 +6,10 @@ product; `rms_norm`; `mlp_forward_xpu`, which makes gate and up and multiplies t
 operators add to the residual. Where a format or type has no such fused operation, its steps are taken one by one, in
 Torch where there is no operator: `Model.refusals` says which and why.
 
-A prompt takes the single steps with all its tokens as rows, behind whatever the cache holds already. `sdp` then gets
-blocks of rows, each with the keys up to its last row and a mask that hides the later ones from the rows before it.
+A prompt takes the single steps with all its tokens as rows. `sdp_causal` attends over the first tokens of a text.
+Tokens behind others go to `sdp` in blocks of rows, each with the keys up to its last row and a mask that hides the
+later ones from the rows before it. Attention reads what the cache holds, so with one byte per element steps and prompts
+see the same keys and values.
 
 Rotary takes float32 whatever the type, as the fused projections do: with frequencies in half a prompt's keys would
 stand 0.2 radians off at position 2000. With bfloat16 the products and norms run in bfloat16. Attention does not exist
@@ -22,8 +24,9 @@ from typing import NamedTuple
 import orrery_ops
 import torch
 
-from orrery import OrreryError, fused
+from orrery import OrreryError, fused, kv_cache
 from orrery.formats import BLOCK, Format
+from orrery.kv_cache import Place
 from orrery.prepare import Prepared
 
 # With float16 a product of 8 bits sums inputs times codes up to 127 before the block's scale is applied, in half. A
@@ -35,11 +38,10 @@ SILU = 0
 
 DTYPES = {"float32": torch.float32, "float16": torch.float16, "bfloat16": torch.bfloat16}
 
-# Tokens of a prompt that go through the layers together. More rows share one expansion of a weight to floats, fewer
-# need less memory for activations.
-PASS_ROWS = 512
-# Query rows of one attention call. A row walks over all keys that the call is given, those hidden by the mask too: with
-# 32 rows per call, a prompt of 256 tokens costs 36864 steps per head instead of 65536.
+# Rows of a prompt in one product. More rows share one expansion of a weight to floats, fewer need less memory.
+PRODUCT_ROWS = 1024
+# Query rows of one attention call with a mask. A row walks over all keys that the call is given, those hidden by the
+# mask too: with 32 rows per call, 256 tokens cost 36864 steps per head instead of 65536.
 ATTENTION_ROWS = 32
 # Rows of logits made together, each a whole vocabulary.
 LOGIT_ROWS = 256
@@ -73,9 +75,9 @@ class Layer(NamedTuple):
 
 
 class Model:
-    """A model with a key/value cache of `capacity` tokens."""
+    """A model with a key/value cache of `capacity` tokens, of the kind that `kv_cache.KINDS` has under that name."""
 
-    def __init__(self, prepared: Prepared, dtype: torch.dtype, capacity: int) -> None:
+    def __init__(self, prepared: Prepared, dtype: torch.dtype, capacity: int, cache: str = "plain") -> None:
         sizes = self.sizes = prepared.sizes
         if capacity > sizes.context:
             raise OrreryError(f"{capacity} tokens do not fit into the model's context of {sizes.context}")
@@ -97,6 +99,7 @@ class Model:
         powers = theta.double() ** torch.arange(sizes.head_dim // 2)
         self._inv_freq = powers.float().to(self._device)
         self._positions = torch.arange(capacity).view(1, capacity).to(self._device)
+        self.cache = kv_cache.KINDS[cache](sizes, capacity, self._attention_dtype, self._device)
         self._allocate()
 
     def _read(self, prepared: Prepared) -> None:
@@ -134,19 +137,14 @@ class Model:
         self._rows = [p.view(sizes.vocabulary, -1, p.shape[1]) for p in self._embedding.planes(embedding.data)]
 
     def _allocate(self) -> None:
-        """The cache, the row of heads of a step that is not fused, and the mask."""
+        """The row of heads of a step that is not fused, and the mask."""
         sizes, capacity, device = self.sizes, self.capacity, self._device
-        # Each head's rows are packed, so the first t rows of every head are one strided view that `sdp` takes as it is.
-        cache = torch.empty(sizes.layers, 2 * sizes.kv_heads, capacity, sizes.head_dim, dtype=self._attention_dtype,
-                            device=device)
-        self._cache_rows = cache
-        self._cache = cache.view(2 * sizes.layers, 1, sizes.kv_heads, capacity, sizes.head_dim)
         # One row of query, key and value heads and its views: a copy into it costs 1 us, making the views anew 6 us.
         all_heads = sizes.heads + 2 * sizes.kv_heads
         self._heads = torch.empty(1, all_heads * sizes.head_dim, dtype=torch.float32, device=device)
         heads = self._heads.view(1, all_heads, 1, sizes.head_dim)
         self._query, self._key = heads[:, : sizes.heads], heads[:, sizes.heads : sizes.heads + sizes.kv_heads]
-        self._key_value = heads[0, sizes.heads :, 0]
+        self._key_value = heads[:, sizes.heads :]
         # Row i of a block of queries sees the keys before the block and i + 1 of its own; the columns in front of the
         # last ATTENTION_ROWS are as many of the keys before it as there are.
         hidden = torch.full((ATTENTION_ROWS, ATTENTION_ROWS), float("-inf")).triu(1)
@@ -162,19 +160,17 @@ class Model:
         """Takes the next token of the text; gives the logits [1, vocabulary] of the one that follows, if asked to."""
         self._check_room(1)
         eps, t = self.sizes.eps, self.position
-        rms_norm, sdp, product = orrery_ops.rms_norm, orrery_ops.sdp, _product
-        # The fused projections take the rows that are there and give the cache with one more.
-        project, seen = (self._project, t + 1) if self.refusals["forward_qkv"] else (self._project_at_once, t)
+        rms_norm, attend, product = orrery_ops.rms_norm, self.cache.attend, _product
+        at_once = not self.refusals["forward_qkv"]
+        project = self._project_at_once if at_once else self._project
         gate = self._gate if self.refusals["mlp_forward_xpu"] else self._gate_at_once
         widened, down_scale = self._attention_dtype != self._dtype, self._down_scale
 
         position = self._positions.narrow(1, t, 1)
-        caches, rows = self._cache.narrow(3, 0, seen).unbind(0), self._cache_rows.select(2, t).unbind(0)
-
         x = self._embed([token])
-        for layer, *cache in zip(self._layers, caches[::2], caches[1::2], rows):
-            query, keys, values = project(layer, rms_norm(layer.attention_norm, x, eps), position, *cache)
-            attention = sdp(query, keys, values, None).view(1, -1)
+        for layer, place in zip(self._layers, self.cache.places(t, at_once)):
+            query, keys, values = project(layer, rms_norm(layer.attention_norm, x, eps), position, place)
+            attention = attend(query, keys, values).view(1, -1)
             if widened:
                 attention = attention.to(self._dtype)
             x.add_(product(attention, layer.out))
@@ -183,22 +179,23 @@ class Model:
         self.position = t + 1
         return product(rms_norm(self._norm, x, eps), self._head) if logits else None
 
-    def _project_at_once(self, layer: Layer, x: torch.Tensor, position: torch.Tensor, keys: torch.Tensor,
-                         values: torch.Tensor, row: torch.Tensor) -> Sequence[torch.Tensor]:
+    def _project_at_once(self, layer: Layer, x: torch.Tensor, position: torch.Tensor,
+                         place: Place) -> tuple[torch.Tensor, torch.Tensor, torch.Tensor]:
         """The query of one row, turned, and keys and values with their new row."""
-        query, key, value = layer.qkv
-        code = query.format.code
-        return orrery_ops.forward_qkv(x, query.data, key.data, value.data, position, keys, values, code, code,
-                                      self.position, self.sizes.head_dim, self.sizes.rope_base)
+        query, key, value = (weight.data for weight in layer.qkv)
+        code, sizes = layer.qkv[0].format.code, self.sizes
+        keys, values, rows = self.cache.target(place, self.position)
+        made, *row = orrery_ops.forward_qkv(x, query, key, value, position, keys, values, code, code, rows,
+                                            sizes.head_dim, sizes.rope_base)
+        return made, *self.cache.keep(place, *row)
 
-    def _project(self, layer: Layer, x: torch.Tensor, position: torch.Tensor, keys: torch.Tensor, values: torch.Tensor,
-                 row: torch.Tensor) -> Sequence[torch.Tensor]:
-        """The same one by one; the new key and value go into `row` of the cache."""
+    def _project(self, layer: Layer, x: torch.Tensor, position: torch.Tensor,
+                 place: Place) -> tuple[torch.Tensor, torch.Tensor, torch.Tensor]:
+        """The same one by one."""
         self._heads.copy_(_joined(x, layer.qkv))
         orrery_ops.rotary_half_inplaced(self._inv_freq, position, self._query, self._key)
-        row.copy_(self._key_value)
         query = self._query.half() if self._attention_dtype == torch.float16 else self._query
-        return query, keys, values
+        return query, *self.cache.put(place, self._key_value)
 
     def _gate_at_once(self, layer: Layer, x: torch.Tensor) -> torch.Tensor:
         """SiLU(gate) times up of one row, divided by `_down_scale`."""
@@ -219,55 +216,61 @@ class Model:
     @torch.inference_mode()
     def forward(self, tokens: Sequence[int]) -> torch.Tensor:
         """Takes the next tokens of the text together; gives the logits [1, vocabulary] of the one that follows."""
-        for x in self._passes(tokens):
-            last = x[-1:]
+        last = self._pass(tokens, last_only=True)
         return _product(orrery_ops.rms_norm(self._norm, last, self.sizes.eps), self._head)
 
     @torch.inference_mode()
     def logits(self, tokens: Sequence[int]) -> Iterator[torch.Tensor]:
         """Takes the next tokens of the text together; yields the logits behind each of them, some rows at a time."""
-        for x in self._passes(tokens):
-            for part in x.split(LOGIT_ROWS):
-                yield _product(orrery_ops.rms_norm(self._norm, part.contiguous(), self.sizes.eps), self._head)
+        for part in self._pass(tokens).split(LOGIT_ROWS):
+            yield _product(orrery_ops.rms_norm(self._norm, part, self.sizes.eps), self._head)
 
     def _check_room(self, tokens: int) -> None:
         if self.position + tokens > self.capacity:
             raise OrreryError(f"the context of {self.capacity} tokens is full")
 
-    def _passes(self, tokens: Sequence[int]) -> Iterator[torch.Tensor]:
-        """The rows behind the last layer, of PASS_ROWS tokens at a time."""
-        self._check_room(len(tokens))
-        for first in range(0, len(tokens), PASS_ROWS):
-            yield self._pass(tokens[first : first + PASS_ROWS])
+    def _pass(self, tokens: Sequence[int], last_only: bool = False) -> torch.Tensor:
+        """The rows behind the last layer, or only the last one.
 
-    def _pass(self, tokens: Sequence[int]) -> torch.Tensor:
-        eps, head_dim, n, t = self.sizes.eps, self.sizes.head_dim, len(tokens), self.position
-        positions = self._positions.narrow(1, t, n)
-        x = self._embed(tokens)
+        Attention takes all tokens together, products PRODUCT_ROWS at a time.
+        """
+        self._check_room(len(tokens))
+        eps, x = self.sizes.eps, self._embed(tokens)
         for index, layer in enumerate(self._layers):
-            qkv = _parts(orrery_ops.rms_norm(layer.attention_norm, x, eps), layer.qkv, self._qkv_rows)
-            query, key, value = (part.float().view(1, n, -1, head_dim).transpose(1, 2) for part in qkv)
-            orrery_ops.rotary_half_inplaced(self._inv_freq, positions, query, key)
-            keys, values = self._cache[2 * index], self._cache[2 * index + 1]
-            keys.narrow(2, t, n).copy_(key)
-            values.narrow(2, t, n).copy_(value)
-            attention = self._attend(query.to(self._attention_dtype), keys, values)
-            x.add_(_product(attention.to(self._dtype), layer.out))
-            gate_up = _parts(orrery_ops.rms_norm(layer.mlp_norm, x, eps), layer.gate_up, self._gate_up_rows)
-            x.add_(_product(self._gated(*gate_up), layer.down), alpha=self._down_scale)
-        self.position = t + n
+            queries = [self._queries(index, layer, first, part) for first, part in _in_parts(x)]
+            attention = self._attend(index, queries[0] if len(queries) == 1 else torch.cat(queries, 2))
+            if last_only and layer is self._layers[-1]:
+                x, attention = x[-1:], attention[-1:]
+            for first, part in _in_parts(x):
+                attended = attention.narrow(0, first, len(part)).to(self._dtype)
+                part.add_(_product(attended, layer.out))
+                gate_up = _parts(orrery_ops.rms_norm(layer.mlp_norm, part, eps), layer.gate_up, self._gate_up_rows)
+                part.add_(_product(self._gated(*gate_up), layer.down), alpha=self._down_scale)
+        self.position += len(tokens)
         return x
 
-    def _attend(self, query: torch.Tensor, keys: torch.Tensor, values: torch.Tensor) -> torch.Tensor:
-        """Attention [n, heads * head size] of the tokens behind the cache's first `position`."""
+    def _queries(self, index: int, layer: Layer, first: int, x: torch.Tensor) -> torch.Tensor:
+        """The turned queries [1, heads, rows, head size] of a pass's rows from `first` on. Keys and values go into the
+        cache."""
+        n, position = len(x), self.position + first
+        qkv = _parts(orrery_ops.rms_norm(layer.attention_norm, x, self.sizes.eps), layer.qkv, self._qkv_rows)
+        query, key, value = (part.float().view(1, n, -1, self.sizes.head_dim).transpose(1, 2) for part in qkv)
+        orrery_ops.rotary_half_inplaced(self._inv_freq, self._positions.narrow(1, position, n), query, key)
+        self.cache.store(index, position, key, value)
+        return query.to(self._attention_dtype)
+
+    def _attend(self, index: int, query: torch.Tensor) -> torch.Tensor:
+        """Attention [n, heads * head size] of the n tokens behind the cache's first `position`."""
         _, heads, n, size = query.shape
+        if self.position == 0:
+            result = self.cache.attend_causally(query, *self.cache.rows(index, 0, n))
+            return result.transpose(1, 2).reshape(n, -1)
         result = torch.empty(1, n, heads, size, dtype=query.dtype, device=query.device)
         for first in range(0, n, ATTENTION_ROWS):
             rows = min(ATTENTION_ROWS, n - first)
             before = self.position + first
-            seen = (t.narrow(2, 0, before + rows) for t in (keys, values))
             mask = self._mask[:, :, :rows].narrow(3, self.capacity - before, before + rows)
-            part = orrery_ops.sdp(query.narrow(2, first, rows), *seen, mask)
+            part = self.cache.attend(query.narrow(2, first, rows), *self.cache.rows(index, 0, before + rows), mask)
             result.narrow(1, first, rows).copy_(part.transpose(1, 2))
         return result.view(n, -1)
 
@@ -280,6 +283,11 @@ class Model:
             planes = [plane[index].flatten(0, 1) for plane in self._rows]
         rows = self._embedding.decode(*planes).view(len(tokens), -1)
         return rows[:, : self.sizes.hidden].to(self._dtype, copy=True, memory_format=torch.contiguous_format)
+
+
+def _in_parts(x: torch.Tensor) -> Iterator[tuple[int, torch.Tensor]]:
+    """The rows in parts of PRODUCT_ROWS, each behind the number of its first one."""
+    return zip(range(0, len(x), PRODUCT_ROWS), x.split(PRODUCT_ROWS))
 
 
 def _product(x: torch.Tensor, weight: Weight) -> torch.Tensor:
@@ -297,9 +305,22 @@ def _joined(x: torch.Tensor, weights: Sequence[Weight]) -> torch.Tensor:
 
 
 def _parts(x: torch.Tensor, weights: Sequence[Weight], rows: tuple[int, ...]) -> Sequence[torch.Tensor]:
-    """The products with each of the weights, or the parts of that with one that joins so many rows of each."""
-    products = [_product(x, weight) for weight in weights]
-    return products[0].split(rows, 1) if len(products) == 1 else products
+    """The products with each of the weights, which have so many rows, as parts of one."""
+    return _product(x, _joined_weight(weights)).split(rows, 1)
+
+
+def _joined_weight(weights: Sequence[Weight]) -> Weight:
+    """The rows of all weights as one matrix.
+
+    Copying the bytes of matrices that stay apart is cheap beside a prompt's products, each of which is a launch on the
+    device's threads and then a product on PyTorch's: one product of more rows takes less time than several.
+    """
+    if len(weights) == 1:
+        return weights[0]
+    fmt, padding = weights[0].format, weights[0].padding
+    planes = zip(*(fmt.planes(weight.data) for weight in weights))
+    data = torch.cat([plane.view(-1) for same in planes for plane in same])
+    return Weight(data, fmt, padding, all(weight.together for weight in weights))
 
 
 def _rows_product(x: torch.Tensor, weight: Weight) -> torch.Tensor:

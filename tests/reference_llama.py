@@ -16,6 +16,33 @@ def halves(matrix: torch.Tensor, heads: int) -> torch.Tensor:
     return matrix.view(heads, rows // heads // 2, 2, cols).transpose(1, 2).reshape(rows, cols)
 
 
+def byte_code(x: torch.Tensor, offset: int) -> np.ndarray:
+    """What a one-byte cache keeps of float32 values, in its bytes: the sign, and the exponent and the upper three mantissa
+    bits of a half, less an offset, which is 48 for keys and 24 for values."""
+    with np.errstate(over="ignore"):
+        bits = x.numpy().astype(np.float16).view(np.uint16)
+    code = np.clip((bits & 0x7FFF) >> 7, offset, offset + 127) - offset
+    return (bits >> 8 & 128 | code).astype(np.uint8)
+
+
+def byte_value(code: np.ndarray, offset: int) -> torch.Tensor:
+    """The value of a byte, in the middle of what is coded by it."""
+    bits = (code & 128).astype(np.uint16) << 8 | (code & 127).astype(np.uint16) + offset << 7 | 0x40
+    return torch.from_numpy(bits.view(np.float16).astype(np.float32))
+
+
+def one_byte_cache():
+    """A cache for `ReferenceLlama` that keeps a byte per element."""
+    from transformers import DynamicCache
+
+    class OneByteCache(DynamicCache):
+        def update(self, key, value, *rest, **others):
+            key, value = (byte_value(byte_code(x, offset), offset) for x, offset in ((key, 48), (value, 24)))
+            return super().update(key, value, *rest, **others)
+
+    return OneByteCache()
+
+
 class ReferenceLlama:
     """Give it matrices with `load` or `load_file`, then ask for logits."""
 
@@ -70,9 +97,10 @@ class ReferenceLlama:
         self.load(matrix)
 
     @torch.inference_mode()
-    def logits(self, tokens: list[int]) -> torch.Tensor:
-        """Logits [len(tokens), vocabulary]."""
-        return self.model(torch.tensor([tokens]), use_cache=False).logits[0]
+    def logits(self, tokens: list[int], cache=None) -> torch.Tensor:
+        """Logits [len(tokens), vocabulary]. What attention sees goes through `cache` if there is one."""
+        given = {} if cache is None else {"past_key_values": cache}
+        return self.model(torch.tensor([tokens]), use_cache=cache is not None, **given).logits[0]
 
     def perplexity(self, tokens: list[int], window: int) -> float:
         """Over the same windows as the runner's."""

@@ -60,6 +60,9 @@ def test_other_architecture(cache, tmp_path):
     (["generate", "--device-class", "6"],
      "orrery: argument --device-class: invalid choice: 6 (choose from 0, 1, 2, 3, 4, 5)"),
     (["generate", "--top-p", "1.5"], "orrery: argument --top-p: 1.5 is not above 0 and at most 1"),
+    (["generate", "--cache", "half"], "orrery: argument --cache: invalid choice: 'half' (choose from 'plain', 'byte')"),
+    (["cache", "--text", "/nonexistent.txt"],
+     "orrery: cannot read the text file /nonexistent.txt: No such file or directory"),
     (["formats", "--formats", "q4_0,q3_k"],
      f"orrery: argument --formats: unknown format 'q3_k', the formats are {', '.join(FORMATS)}"),
     (["formats", "--output", "/nonexistent/plot.png"], "orrery: there is no folder /nonexistent for the plot"),
@@ -75,10 +78,55 @@ def test_wrong_arguments(cache, arguments, message):
 
 def test_context_overrun(cache, tmp_path):
     runner_files.write_tiny(tmp_path / "tiny.gguf", context=64)
-    message = sentence(run(cache, "generate", "--model", tmp_path / "tiny.gguf", "abcd", "--tokens", "61"))
-    assert message == "orrery: 4 tokens of prompt and 61 of answer do not fit into the context of 64"
+    message = sentence(run(cache, "generate", "--model", tmp_path / "tiny.gguf", "abcd", "--tokens", "62"))
+    assert message == "orrery: 4 tokens of prompt and 62 of answer do not fit into the context of 64"
     chat = run(cache, "chat", "--model", tmp_path / "tiny.gguf", "--tokens", "8", stdin="a" * 200 + "\n")
-    assert "do not fit" in sentence(chat)
+    assert sentence(chat) == "orrery: 221 tokens of conversation do not fit into the context of 64"
+
+
+@pytest.mark.parametrize("kind", ["plain", "byte"])
+@pytest.mark.parametrize("prompt, answer", [(64, 1), (60, 5)])
+def test_generate_up_to_the_last_place_of_the_context(cache, tmp_path, prompt, answer, kind):
+    runner_files.write_tiny(tmp_path / "tiny.gguf", context=64)
+    result = run(cache, "generate", "--model", tmp_path / "tiny.gguf", "a" * prompt, "--tokens", answer, "--cache", kind)
+    assert result.returncode == 0, result.stderr
+    assert f"prompt: {prompt} tokens" in result.stdout and f"answer: {answer} tokens" in result.stdout
+
+
+def counts(stderr):
+    """Tokens of each prompt and answer of a chat."""
+    return [tuple(map(int, found)) for found in re.findall(r"prompt: (\d+) tokens.*answer: (\d+) tokens", stderr)]
+
+
+@pytest.mark.parametrize("kind", ["plain", "byte"])
+def test_chat_up_to_the_end_of_the_context(cache, tmp_path, kind):
+    runner_files.write_tiny(tmp_path / "tiny.gguf", context=64)
+
+    def chat(tokens, lines):
+        arguments = ("--model", tmp_path / "tiny.gguf", "--tokens", tokens, "--cache", kind)
+        result = run(cache, "chat", *arguments, stdin=lines)
+        assert result.returncode == 2 and result.stdout.endswith("\n") and "Traceback" not in result.stderr
+        return counts(result.stderr), result.stderr.splitlines()[-1]
+
+    # An answer that the end of the context cuts. Its last token is no input.
+    turns, last = chat(100, "ab\ncd\n")
+    assert [sum(turn) for turn in turns] == [65]
+    assert last == "orrery: the context of 64 tokens is full"
+    # A question that has no room.
+    turns, last = chat(20, "ab\nabcdefghijkl\n")
+    assert [sum(turn) for turn in turns] == [43]
+    assert re.fullmatch(r"orrery: \d\d tokens of conversation do not fit into the context of 64", last)
+
+
+def test_chat_has_the_whole_context_of_the_model(cache, tmp_path):
+    runner_files.write_tiny(tmp_path / "tiny.gguf", context=8192)
+    arguments = ("chat", "--model", tmp_path / "tiny.gguf", "--tokens", "3")
+    line = "a" * 8169 + "\n"  # 21 tokens stand around it.
+    result = run(cache, *arguments, stdin=line)
+    assert (result.returncode, counts(result.stderr)) == (2, [(8190, 3)]), result.stderr
+    assert result.stderr.endswith("orrery: the context of 8192 tokens is full\n")
+    result = run(cache, *arguments, "--context", "8191", stdin=line)
+    assert (result.returncode, counts(result.stderr)) == (2, [(8190, 2)]), result.stderr
 
 
 def test_list_of_formats_and_help(cache):
@@ -89,7 +137,7 @@ def test_list_of_formats_and_help(cache):
     assert [line.split()[0] for line in result.stdout.splitlines()[1:]] == list(FORMATS)
     for command in ("generate", "chat", "perplexity"):
         text = run(cache, command, "--help").stdout
-        assert all(option in text for option in ("--model", "--format", "--dtype", "--threads"))
+        assert all(option in text for option in ("--model", "--format", "--dtype", "--threads", "--cache {plain,byte}"))
 
 
 def test_substitute_is_told_in_one_line(cache, tmp_path):
@@ -110,12 +158,26 @@ def test_perplexity_of_the_bundled_text(cache, tmp_path):
     assert found and 200 < float(found[1]) < 2000
 
 
-def test_generate_speaks_english(cache):
-    result = run(cache, "generate", "The capital of France is", "--tokens", "12", "--threads", "2", "--format", "q8_0")
+def test_perplexity_over_a_byte_cache(cache, tmp_path):
+    runner_files.write_tiny(tmp_path / "tiny.gguf")
+    arguments = ("perplexity", "--model", tmp_path / "tiny.gguf", "--window", "50", "--tokens", "120", "--cache")
+    found = {}
+    for kind, told in ("plain", ""), ("byte", ", byte cache"):
+        result = run(cache, *arguments, kind)
+        assert result.returncode == 0, result.stderr
+        text = rf"perplexity ([\d.]+) over 120 tokens \[q4_0, float32{told}, windows of 50\]\n"
+        found[kind] = float(re.fullmatch(text, result.stdout)[1])
+    assert found["byte"] == pytest.approx(found["plain"], rel=0.05) and found["byte"] != found["plain"]
+
+
+@pytest.mark.parametrize("kind, told", [("plain", ""), ("byte", ", byte cache")])
+def test_generate_speaks_english(cache, kind, told):
+    result = run(cache, "generate", "The capital of France is", "--tokens", "12", "--threads", "2", "--format", "q8_0",
+                 "--cache", kind)
     assert result.returncode == 0, result.stderr
     text, speed = result.stdout.rstrip("\n").rsplit("\n", 1)
     assert text.startswith("The capital of France is Paris")
-    assert re.fullmatch(r"\[q8_0, float32; prompt: 5 tokens, [\d.]+ tokens per second; "
+    assert re.fullmatch(rf"\[q8_0, float32{told}; prompt: 5 tokens, [\d.]+ tokens per second; "
                         r"answer: \d+ tokens, [\d.]+ tokens per second\]", speed)
 
 

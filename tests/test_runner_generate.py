@@ -6,7 +6,7 @@ import pytest
 import torch
 
 from orrery import OrreryError
-from orrery.generate import Sampling, Timing, choose, generate, perplexity
+from orrery.generate import Sampling, Timing, choose, generate, perplexity, room
 
 VOCABULARY = 11
 
@@ -50,10 +50,16 @@ def test_stop_token_ends_the_text_and_is_not_part_of_it():
 
 def test_context_overrun():
     model = Successor(capacity=10)
-    with pytest.raises(OrreryError, match="^4 tokens of prompt and 7 of answer do not fit into the context of 10$"):
-        next(generate(model, [1, 2, 3, 4], 7, frozenset(), Sampling()))
+    with pytest.raises(OrreryError, match="^4 tokens of prompt and 8 of answer do not fit into the context of 10$"):
+        next(generate(model, [1, 2, 3, 4], 8, frozenset(), Sampling()))
     assert model.taken == []
-    assert len(list(generate(model, [1, 2, 3, 4], 6, frozenset(), Sampling()))) == 6
+    # The answer's last token is no input.
+    assert len(list(generate(model, [1, 2, 3, 4], 7, frozenset(), Sampling()))) == 7
+    assert model.position == 10
+    model.position = 4
+    with pytest.raises(OrreryError, match="^7 tokens of prompt and 5 of answer do not fit into the context of 10$"):
+        next(generate(model, [5, 6, 7], 5, frozenset(), Sampling()))
+    assert len(list(generate(Successor(capacity=3), [1, 2, 3], room(3, 3), frozenset(), Sampling()))) == 1
 
 
 def test_empty_prompt():

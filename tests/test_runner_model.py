@@ -205,13 +205,13 @@ def test_each_format_and_type_on_a_tiny_model(tiny_file, name, dtype):
         assert (rows - expected).abs().mean() < bound(name, dtype, 1 in parts, max(parts) > 1), parts
 
 
-def test_passes_and_blocks_of_any_size(tiny_file, monkeypatch):
+def test_parts_of_any_size(tiny_file, monkeypatch):
     made = prepare.load(tiny_file, FORMATS["nf4"], cache=False)
     tokens = [(31 * i + 5) % 256 for i in range(45)]
     model = Model(made, torch.float32, 64)
     whole = passed(model, tokens)
     for rows in (1, 7, 32, 44):
-        monkeypatch.setattr(model_module, "PASS_ROWS", rows)
+        monkeypatch.setattr(model_module, "PRODUCT_ROWS", rows)
         monkeypatch.setattr(model_module, "LOGIT_ROWS", 3)
         model.rewind(0)
         assert (passed(model, tokens) - whole).abs().max() < 1e-4
@@ -235,11 +235,17 @@ def test_a_prompt_does_not_go_row_by_row(tiny_file, name):
     with orrery_host.record_launches() as launches:
         model.forward(list(range(3, 43)))
     kernels = [launch.kernel for launch in launches]
-    # Each weight of a layer is expanded for the prompt; the output matrix alone serves one row.
-    assert sum("dequantize" in kernel for kernel in kernels) == (7 if FORMATS[name].apart else 4) * runner_files.LAYERS
-    assert sum(kernel.startswith("qlinear_xpu_kernel") for kernel in kernels) == 1
-    # 40 rows are two blocks of attention a layer.
-    assert kernels.count("sdp_kernel") == 2 * runner_files.LAYERS
+    # Four weights of a layer are expanded for the prompt, whether query, key and value, and gate and up, are joined in the
+    # model or for the call. Behind the last layer's attention one row goes on, in the end through the output matrix.
+    assert sum("dequantize" in kernel for kernel in kernels) == 4 * runner_files.LAYERS - 3
+    assert sum(kernel.startswith("qlinear_xpu_kernel") for kernel in kernels) == 3 + 1
+    assert kernels.count("sdp_causal_kernel") == runner_files.LAYERS and "sdp_kernel" not in kernels
+    # 35 rows behind those are two blocks of attention a layer.
+    model.rewind(20)
+    with orrery_host.record_launches() as launches:
+        model.forward(list(range(3, 38)))
+    kernels = [launch.kernel for launch in launches]
+    assert kernels.count("sdp_kernel") == 2 * runner_files.LAYERS and "sdp_causal_kernel" not in kernels
 
 
 def test_matrices_that_several_rows_cannot_share(tmp_path):
@@ -309,5 +315,6 @@ def test_full_context(q8_0):
     model.rewind(1)
     with pytest.raises(OrreryError, match="^the context of 2 tokens is full$"):
         model.forward([7, 8])
+    assert model.position == 1
     with pytest.raises(OrreryError, match="^8193 tokens do not fit into the model's context of 8192$"):
         Model(q8_0, torch.float32, 8193)

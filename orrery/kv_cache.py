@@ -1,0 +1,135 @@
+"""The keys and values of the tokens so far, for all layers: as they are, or in one byte per element.
+
+A layer's keys and values are [1, key/value heads, capacity, head size] each. A head's rows are packed, so the first
+rows of every head are a view that attention takes as it is.
+
+A step adds one row to each layer. `places` makes the views of all layers at once, which one by one would take longer
+than a kernel. `target` is what `forward_qkv` writes into; `keep` takes what it returns, and `put` a row that was made
+without it. Both return the keys and values to attend over. A prompt's rows come together, by `store`.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Sequence
+from typing import NamedTuple
+
+import orrery_ops
+import torch
+
+from orrery.gguf_model import Sizes
+
+Pair = tuple[torch.Tensor, torch.Tensor]
+
+
+class Place(NamedTuple):
+    """A layer's keys and values up to its new row or, if `forward_qkv` writes into them, up to the row before it.
+
+    `new` is where the row goes.
+    """
+
+    keys: torch.Tensor
+    values: torch.Tensor
+    new: Sequence[torch.Tensor]
+
+
+class KeyValueCache:
+    """What both kinds have in common: a tensor [2 * layers, 1, heads, capacity, head size], keys and values in turn."""
+
+    def __init__(self, sizes: Sizes, capacity: int, dtype: torch.dtype, device: torch.device) -> None:
+        self.data = torch.empty(2 * sizes.layers, 1, sizes.kv_heads, capacity, sizes.head_dim, dtype=dtype,
+                                device=device)
+
+    def rows(self, layer: int, first: int, count: int) -> Pair:
+        """Keys and values of `count` tokens from `first` on."""
+        return self.data[2 * layer].narrow(2, first, count), self.data[2 * layer + 1].narrow(2, first, count)
+
+    def _rows_of_layers(self, first: int, count: int) -> list[Pair]:
+        tensors = self.data.narrow(3, first, count).unbind(0)
+        return list(zip(tensors[::2], tensors[1::2]))
+
+
+class PlainCache(KeyValueCache):
+    """Keys and values in the type of attention."""
+
+    def __init__(self, sizes: Sizes, capacity: int, dtype: torch.dtype, device: torch.device) -> None:
+        super().__init__(sizes, capacity, dtype, device)
+        # The heads of a layer's keys and values side by side: one copy puts a row of both.
+        self._heads = self.data.view(sizes.layers, 2 * sizes.kv_heads, capacity, sizes.head_dim)
+
+    def places(self, position: int, at_once: bool) -> list[Place]:
+        """A place in each layer for the row of `position`; `at_once` says that `forward_qkv` writes it."""
+        new = self._heads.select(2, position).unbind(0)
+        pairs = self._rows_of_layers(0, position if at_once else position + 1)
+        return [Place(*pair, (row,)) for pair, row in zip(pairs, new)]
+
+    def target(self, place: Place, position: int) -> tuple[torch.Tensor, torch.Tensor, int]:
+        """Keys and values that `forward_qkv` adds a row to, and how many rows they have."""
+        return place.keys, place.values, position
+
+    def keep(self, place: Place, key: torch.Tensor, value: torch.Tensor) -> Pair:
+        """`forward_qkv` has put the row into the cache and returned all rows."""
+        return key, value
+
+    def put(self, place: Place, key_value: torch.Tensor) -> Pair:
+        """Adds a row [1, 2 * heads, 1, head size], the keys' heads first."""
+        place.new[0].copy_(key_value[0, :, 0])
+        return place.keys, place.values
+
+    def store(self, layer: int, position: int, key: torch.Tensor, value: torch.Tensor) -> None:
+        """Puts rows [1, heads, rows, head size] behind the first `position` ones."""
+        for to, rows in zip(self.rows(layer, position, key.shape[2]), (key, value)):
+            to.copy_(rows)
+
+    def attend(self, query: torch.Tensor, keys: torch.Tensor, values: torch.Tensor,
+               mask: torch.Tensor | None = None) -> torch.Tensor:
+        """Attention over some of the cache's rows."""
+        return orrery_ops.sdp(query, keys, values, mask)
+
+    def attend_causally(self, query: torch.Tensor, keys: torch.Tensor, values: torch.Tensor) -> torch.Tensor:
+        """The same of as many queries as keys, each over the keys up to its own."""
+        return orrery_ops.sdp_causal(query, keys, values)
+
+
+class ByteCache(KeyValueCache):
+    """Keys and values in the code of `quantize_key_value`, a quarter of the bytes of float32."""
+
+    def __init__(self, sizes: Sizes, capacity: int, dtype: torch.dtype, device: torch.device) -> None:
+        super().__init__(sizes, capacity, torch.uint8, device)
+        # `forward_qkv` writes a row in here, as if into caches without rows so far. Launches are in order, so all
+        # layers share it.
+        staging = torch.empty(2, 1, sizes.kv_heads, 1, sizes.head_dim, dtype=dtype, device=device)
+        self._staging = staging.narrow(3, 0, 0).unbind(0)
+
+    def places(self, position: int, at_once: bool) -> list[Place]:
+        """As in `PlainCache`; whichever way the row is made, it is written behind its making."""
+        new = self._rows_of_layers(position, 1)
+        return [Place(*pair, row) for pair, row in zip(self._rows_of_layers(0, position + 1), new)]
+
+    def target(self, place: Place, position: int) -> tuple[torch.Tensor, torch.Tensor, int]:
+        """As in `PlainCache`."""
+        return *self._staging, 0
+
+    def keep(self, place: Place, key: torch.Tensor, value: torch.Tensor) -> Pair:
+        """Takes the staged row into the cache."""
+        orrery_ops.quantize_key_value(key, value, *place.new)
+        return place.keys, place.values
+
+    def put(self, place: Place, key_value: torch.Tensor) -> Pair:
+        """As in `PlainCache`."""
+        return self.keep(place, *key_value.chunk(2, 1))
+
+    def store(self, layer: int, position: int, key: torch.Tensor, value: torch.Tensor) -> None:
+        """As in `PlainCache`."""
+        orrery_ops.quantize_key_value(key, value, *self.rows(layer, position, key.shape[2]))
+
+    def attend(self, query: torch.Tensor, keys: torch.Tensor, values: torch.Tensor,
+               mask: torch.Tensor | None = None) -> torch.Tensor:
+        """As in `PlainCache`."""
+        return orrery_ops.sdp_fp8(query, keys, values, mask)
+
+    def attend_causally(self, query: torch.Tensor, keys: torch.Tensor, values: torch.Tensor) -> torch.Tensor:
+        """As in `PlainCache`."""
+        return orrery_ops.sdp_fp8_causal(query, keys, values)
+
+
+KINDS = {"plain": PlainCache, "byte": ByteCache}
