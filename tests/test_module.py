@@ -64,6 +64,7 @@ QKV_NAMES = (
 BUILT = {
     "forward_new", "dequant", "dequantize_rows", "bmm", "batch_forward", "sdp", "rms_norm", "rotary_half_inplaced",
     "rotary_two_inplaced", "forward_qkv", "forward_qkv_bias", "forward_qk", "mlp_forward_xpu",
+    "rwkv_linear_attention_v4", "rwkv_linear_attention_v5", "rwkv_time_shift", "get_moe_indexes",
 }  # fmt: skip
 
 
