@@ -28,8 +28,8 @@ _TOKENS, _TOP_K, _EXPERTS = 4096, 8, 64
 
 
 def rwkv(setting: Setting) -> list[Row]:
-    """512 steps: version 4 against PyTorch's operators in a loop over time, version 5 against as many rounded operations
-    and nothing else."""
+    """512 steps: version 4 against PyTorch's operators in a loop over time, version 5 against as many rounded
+    operations and nothing else."""
     return [_version_4(setting), _version_5(setting)]
 
 

@@ -31,4 +31,5 @@ class Matrix:
     def __call__(self, x: torch.Tensor) -> torch.Tensor:
         """x W^T, of x [..., columns] on the device."""
         rows = x.reshape(-1, self.columns)
-        return orrery_ops.forward_new(rows, self.data, FORMATS[self.format].code, rows.shape[0]).unflatten(0, x.shape[:-1])
+        code = FORMATS[self.format].code
+        return orrery_ops.forward_new(rows, self.data, code, rows.shape[0]).view(*x.shape[:-1], -1)

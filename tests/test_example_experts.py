@@ -27,8 +27,8 @@ def dense(layer: experts.ExpertLayer, x: Tensor) -> Tensor:
     share = odds * picked / (odds * picked).sum(1, keepdim=True)
     result = torch.zeros(len(x), HIDDEN, dtype=torch.float64)
     for number, expert in enumerate(layer.experts):
-        gate = product(x.double(), expert.gate)
-        result += share[:, number : number + 1] * product(gate * torch.sigmoid(gate) * product(x.double(), expert.up), expert.down)
+        gate, up = product(x.double(), expert.gate), product(x.double(), expert.up)
+        result += share[:, number, None] * product(gate * torch.sigmoid(gate) * up, expert.down)
     return result
 
 

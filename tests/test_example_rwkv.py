@@ -1,4 +1,4 @@
-"""The RWKV v5 block of the examples against the same block in float64, whose memory goes through the definition's steps."""
+"""The RWKV v5 block of the examples against the same block in float64, step by step where tokens depend on others."""
 
 from __future__ import annotations
 
