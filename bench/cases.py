@@ -19,6 +19,7 @@ from orrery.formats import FORMATS, Format, quantize
 from . import attention as attention_kernels
 from . import decode
 from . import engine as matrix_engine
+from . import recurrence
 from .measure import Call, Flush, call_cost, interleaved
 from .report import Bar, Row
 from .rounding import RoundedOperations
@@ -467,6 +468,8 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "norm": norm,
     "rotary": rotary,
     "bmm": bmm,
+    "rwkv": recurrence.rwkv,
+    "experts": recurrence.experts,
     "model": model,
     "threads": threads,
 }

@@ -21,6 +21,7 @@ COMPILERS = [name for name in dict.fromkeys([os.environ.get("CXX", "c++"), "clan
 UNITS = [
     "norm.cpp",
     "rope.cpp",
+    "rwkv.cpp",
     "sdp.cpp",
     "kv.cpp",
     "bmm_xpu_kernel.cpp",
