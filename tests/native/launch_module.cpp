@@ -1,14 +1,17 @@
-// Lets the tests launch the kernels for a few input rows themselves: no device's class brings the dispatch to all of
-// their instances.
+// Lets the tests launch kernels themselves where no operation brings them to all of their instances.
 #include <pybind11/pybind11.h>
 #include <torch/csrc/utils/pybind.h>
 
 #include <stdexcept>
 #include <string>
 
+#include "includes/type_switch.h"
 #include "linear/engine/dotgrid.h"
 #include "linear/instances.h"
+#include "module/device_class.h"
+#include "module/operations.h"
 #include "native_test.h"
+#include "norms/fused_norm.h"
 
 namespace {
 
@@ -57,9 +60,34 @@ at::Tensor dotgrid_forward(const at::Tensor& input, const at::Tensor& weight, in
   return orrery::dotgrid_forward(input, weight, request, orrery::decide_matrix_engine(request));
 }
 
+// Contiguous tensors, normalized over their last dimension; with residuals, and with 64-bit offsets on request.
+void fused_norm(const at::Tensor& input, const std::optional<at::Tensor>& add1, const std::optional<at::Tensor>& add2,
+                const std::optional<at::Tensor>& weight, const std::optional<at::Tensor>& bias, float eps,
+                const at::Tensor& output, bool one_moment, bool wide_index) {
+  const auto data = [](const std::optional<at::Tensor>& t) { return t ? t->const_data_ptr() : nullptr; };
+  const uint64_t row_length = input.size(-1);
+  const orrery::norm_operands on{.input = input.const_data_ptr(),
+                                 .add1 = data(add1),
+                                 .add2 = data(add2),
+                                 .weight = data(weight),
+                                 .bias = data(bias),
+                                 .output = output.data_ptr(),
+                                 .rows = input.numel() / row_length,
+                                 .row_length = static_cast<uint32_t>(row_length),
+                                 .eps = eps};
+  orrery::with_value_type(input.scalar_type(), [&](auto type) {
+    using T = decltype(type);
+    const auto plan = orrery::plan_norm<T>(one_moment, row_length, wide_index, orrery::get_max_work_group_size());
+    orrery::launch_fused_norm<T>(input.device(), plan, on);
+  });
+}
+
 }  // namespace
 
 PYBIND11_MODULE(orrery_launch, m) {
   m.def("launch_pairs", launch_pairs);
   m.def("dotgrid_forward", dotgrid_forward);
+  m.def("fused_norm", fused_norm);
+  m.def("add_layer_norm", orrery::add_layer_norm);
+  m.def("add_rms_norm", orrery::add_rms_norm);
 }
