@@ -6,7 +6,7 @@ from __future__ import annotations
 import os
 import subprocess
 import sys
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import numpy as np
@@ -19,8 +19,11 @@ from kernel_reference import (
     leave_nan_behind,
 )
 from linear_reference import DTYPES, Arithmetic, numbers
+from sanitizers import SANITIZED, THREADS_SANITIZED
+from torch.profiler import ProfilerActivity, profile
 
 import orrery_host
+import orrery_launch
 import orrery_ops
 
 # The largest work-group; some tests run in a process that sets it.
@@ -56,9 +59,9 @@ def rounded_eps(dtype: str, eps: float) -> np.floating:
     return accumulator(dtype)(Arithmetic(dtype).of(eps) if PER_ITEM[dtype] == 16 else eps)
 
 
-def item_sums(dtype: str, x: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
+def item_sums(dtype: str, x: np.ndarray, shape: tuple[int, int] | None = None) -> tuple[np.ndarray, np.ndarray]:
     """[row, item]: each work-item's sum and sum of squares, over its passes and the elements of each load in order."""
-    (m, n), (vec, items), acc = x.shape, shape_of(dtype, x.shape[1]), accumulator(dtype)
+    (m, n), (vec, items), acc = x.shape, shape or shape_of(dtype, x.shape[1]), accumulator(dtype)
     passes = -(-n // (items * vec))
     assert passes <= PER_ITEM[dtype] // vec and n % vec == 0
     padded = np.zeros((m, passes * items * vec), acc)  # adding zeros changes no sum
@@ -124,14 +127,15 @@ def reference(
     weight: np.ndarray | None = None,
     bias: np.ndarray | None = None,
     residuals: tuple[np.ndarray, ...] = (),
-    group_sum=in_any_order,
+    group_sum: Callable[[np.ndarray], np.ndarray] = in_any_order,
+    shape: tuple[int, int] | None = None,
 ) -> np.ndarray:
-    """Rows of numbers of the type, as float32 for bfloat16."""
+    """Rows of numbers of the type, as float32 for bfloat16. `shape` is that of the group, if it is not the device's."""
     a, acc = Arithmetic(dtype), accumulator(dtype)
     for residual in [a.add(*residuals)] if len(residuals) == 2 else residuals:
         x = a.add(x, residual)
     n, zero, eps = acc(np.float32(x.shape[1])), acc(0), rounded_eps(dtype, eps)
-    total, squares = item_sums(dtype, x)
+    total, squares = item_sums(dtype, x, shape)
     x = x.astype(acc)
     if kind == "layer":
         total, squares = over_sub_groups(total), over_sub_groups(squares)
@@ -356,8 +360,8 @@ def test_types_that_are_not_supported(kind, dtype, name, n):
 
 @kinds
 @pytest.mark.parametrize("dtype, eps, seen", [
-    ("float16", 1e-8, 0.0), ("float16", 1e-7, 2.0**-23), ("float16", 3e-5, 503 * 2.0**-24), ("float16", 70000.0, np.inf),
-    ("float16", 1 + 2.0**-11 + 2.0**-40, 1.0),  # to float first, where it is a tie
+    ("float16", 1e-8, 0.0), ("float16", 1e-7, 2.0**-23), ("float16", 3e-5, 503 * 2.0**-24),
+    ("float16", 70000.0, np.inf), ("float16", 1 + 2.0**-11 + 2.0**-40, 1.0),  # to float first, where it is a tie
     ("bfloat16", 1e-5, 168 * 2.0**-24), ("bfloat16", 1 + 2.0**-8 + 2.0**-40, 1.0), ("bfloat16", 1e-39, 11 * 2.0**-133),
     ("float32", 1e-5, float(np.float32(1e-5))), ("float64", 1e-5, float(np.float32(1e-5))),
     ("float64", 1e-50, 0.0),
@@ -456,6 +460,96 @@ def test_launch(kind, dtype):
         assert (launch.global_size, launch.local_size) == ((3 * items,), (items,))
         elements = 1 if kind == "rms" else 2 * (items >> 5)
         assert (launch.sub_group_size, launch.local_memory) == (32, elements * np.dtype(accumulator(dtype)).itemsize)
+
+
+# --- Residuals, 64-bit indexes, and the wrappers that no operation calls ---------------------------------------------
+
+
+def launched(
+    kind: str,
+    dtype: str,
+    x: np.ndarray,
+    shape: tuple[int, int],
+    wide: bool,
+    residuals: tuple[np.ndarray, ...] = (),
+    weight: np.ndarray | None = None,
+    bias: np.ndarray | None = None,
+) -> tuple[torch.Tensor, list]:
+    """Rows by an instance of one's choice, in groups of one's choice; eps is 0.25."""
+    first, second, *_ = (*(tensor(dtype, one) for one in residuals), None, None)
+    output = between_nan(torch.full(x.shape, float("nan"), dtype=DTYPES[dtype]))
+    more = first, second, tensor(dtype, weight), tensor(dtype, bias)
+    vec, items = shape
+    with orrery_host.record_launches() as launches:
+        orrery_launch.launch_norm(kind == "rms", vec, wide, items, tensor(dtype, x), *more, output, 0.25)
+    return output, launches
+
+
+@pytest.mark.parametrize("wide", [False, True], ids=["32_bits", "64_bits"])
+@pytest.mark.parametrize("residuals", [0, 1, 2])
+@kinds
+@pytest.mark.parametrize("dtype, vec", [(dtype, vec) for dtype, widest in WIDEST.items() for vec in (1, 2, 4, 8)
+                                        if vec <= widest])  # fmt: skip
+def test_every_instance_with_residuals(dtype, vec, kind, residuals, wide):
+    g = np.random.default_rng(vec + residuals)
+    for items, n in ((64, 37 * vec), (128, 128 * vec * (PER_ITEM[dtype] // vec)), (32, 32 * vec), (8, 8 * vec)):
+        # Sums of small whole numbers are small whole numbers; those of others are rounded to the type.
+        draw = spread if kind == "layer" else whole
+        x, *adds = (draw(g, dtype, 3, n) for _ in range(1 + residuals))
+        weight, bias = spread(g, dtype, n), spread(g, dtype, n)
+        output, (launch,) = launched(kind, dtype, x, (vec, items), wide, tuple(adds), weight, bias)
+        expected = reference(kind, dtype, x, 0.25, weight, bias, tuple(adds), shape=(vec, items))
+        assert_same_bits(output, expected)
+        index, one_moment = "unsigned long long" if wide else "unsigned int", str(kind == "rms").lower()
+        assert launch.instance == f"{CPP[dtype]}, {CPP[dtype]}, {CPP[dtype]}, {index}, {vec}, {one_moment}"
+        assert (launch.global_size, launch.local_size) == ((3 * items,), (items,))
+
+
+@kinds
+@types
+def test_residuals_are_added_to_each_other_first_and_in_the_type(kind, dtype):
+    """-1 + (1 + little) is 0 if the sum is rounded to the type, and -1 + 1 + little is not."""
+    a, size = Arithmetic(dtype), (2, 96)
+    x, one = np.full(size, -1, a.numpy), np.full(size, 1, a.numpy)
+    little = np.full(size, {"float16": 2.0**-12, "bfloat16": 2.0**-9, "float32": 2.0**-25, "float64": 2.0**-54}[dtype])
+    little = a.of(little)
+    zeros = np.zeros(size, a.numpy)
+    for adds in ((one, little), (little, one)):
+        assert_same_bits(launched(kind, dtype, x, (1, 128), False, adds)[0], zeros)
+    # One residual: what the type loses is lost before the sums.
+    expected = launched(kind, dtype, one, (1, 128), False)[0]
+    assert_same_bits(launched(kind, dtype, one, (1, 128), False, (little,))[0], numbers(expected))
+
+
+@pytest.mark.skipif(
+    SANITIZED or THREADS_SANITIZED or not orrery_launch.sub_groups_are_vectors, reason="it would take minutes"
+)
+def test_a_tensor_that_32_bits_cannot_index():
+    """From 2^31 - 1 elements on; 4 GiB of it are never written."""
+    if torch.xpu.mem_get_info()[0] < 12 << 30:
+        pytest.skip("this needs 12 GiB of memory")
+    x = torch.empty(131072, 16384, dtype=torch.float16, device="xpu")
+    x[-1] = 2.0
+    with orrery_host.record_launches() as launches:
+        result = orrery_ops.fused_rms_norm(x, (16384,), None, None, 0.0)
+    assert launches[0].instance == "c10::Half, c10::Half, c10::Half, unsigned long long, 8, true"
+    assert (result[-1] == 1.0).all()
+    with orrery_host.record_launches() as launches:  # a part of it, far behind in its storage, can be
+        orrery_ops.fused_rms_norm(x[-4:], (16384,), None, None, 0.0)
+    assert launches[0].instance == "c10::Half, c10::Half, c10::Half, unsigned int, 8, true"
+
+
+@pytest.mark.parametrize("name, kind", [("add_layer_norm", "layer"), ("add_rms_norm", "rms")])
+def test_the_wrappers_that_no_operation_calls(name, kind):
+    g = np.random.default_rng(8)
+    x, weight, bias = whole(g, "float32", 3, 96), spread(g, "float32", 96), spread(g, "float32", 96)
+    arguments = tensor("float32", x), (96,), tensor("float32", weight), tensor("float32", bias), 0.1
+    assert not hasattr(orrery_ops, name)
+    with profile(activities=[ProfilerActivity.CPU], record_shapes=True) as profiler:
+        result = getattr(orrery_launch, name)(*arguments)
+    assert_same_bits(result, reference(kind, "float32", x, 0.1, weight, bias))
+    scopes = [(e.name, e.input_shapes, e.sequence_nr) for e in profiler.events() if "norm" in e.name]
+    assert scopes == [(name, [[3, 96]], -1)]
 
 
 # --- Other limits of the device -------------------------------------------------------------------------------------
