@@ -1,5 +1,4 @@
-// Lets the tests launch the kernels for a few input rows themselves: no device's class brings the dispatch to all of
-// their instances.
+// Lets the tests launch kernels themselves where no operation brings them to all of their instances.
 #include <pybind11/pybind11.h>
 #include <torch/csrc/utils/pybind.h>
 
