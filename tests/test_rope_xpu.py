@@ -287,6 +287,12 @@ def test_more_rows_than_groups(operation, rows):
     case.check(operation, reversed_dimensions, contiguous)
 
 
+@pytest.mark.parametrize("operation", [Q_AND_K, Q_OR_K])
+def test_a_long_sequence(operation):
+    """The sines and cosines of its positions are more than 8 MiB."""
+    Case("float16", (1, 2, 17000, 128), 1, seed=21).check(operation, transposed)
+
+
 @types
 @pytest.mark.parametrize("input", [contiguous, transposed, reversed_dimensions])
 def test_backward_is_the_inverse(dtype, input):
