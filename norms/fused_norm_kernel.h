@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "includes/codes.h"
 #include "includes/item.h"
 #include "norms/fused_norm.h"
 #include "utils.h"
@@ -51,6 +52,7 @@ struct fused_norm_kernel1 : small_groups<1> {
   static_assert(std::is_same_v<scalar_t, mean_t> && std::is_same_v<scalar_t, weight_t>);
   static constexpr int sub_group_size = 32;
   static constexpr bool has_barriers = lanes_of<fused_norm_kernel1> == 1;
+  static constexpr int part = 32;
   static constexpr int passes = norm_elements_per_item<scalar_t> / vec_size;
   using A = register_type<scalar_t>;
 
@@ -82,22 +84,29 @@ struct fused_norm_kernel1 : small_groups<1> {
   index_t offset(uint64_t row) const { return static_cast<index_t>(row) * static_cast<index_t>(row_length); }
   int64_t column(int pass, uint64_t tid) const { return (pass * work_group + tid) * vec_size; }
 
-  // M elements of the row from column `at` on, those beyond its end 0.
+  // M elements of the row from column `at` on, those beyond its end 0. Longer vectors than two registers are put
+  // together from parts: the compiler would not keep them in registers.
   template <int M>
-  ORRERY_INLINE simd<scalar_t, M> elements(index_t row, int64_t at) const {
-    using V = simd<scalar_t, M>;
-    const int64_t count = row_length - at;
-    const auto load = [&](const scalar_t* from) ORRERY_INLINE { return V::load_first(from + row + at, count); };
-    if (add1 == nullptr) return load(input);
-    if (add2 == nullptr) return load(input) + load(add1);
-    return load(input) + (load(add1) + load(add2));
+  ORRERY_INLINE simd<A, M> elements(index_t row, int64_t at) const {
+    if constexpr (M > part) {
+      simd<A, M> all;
+      for_each_constant<M / part>(
+          [&](auto i) ORRERY_INLINE { all.template set_slice<i * part, part>(elements<part>(row, at + i * part)); });
+      return all;
+    } else {
+      using V = simd<scalar_t, M>;
+      const int64_t count = row_length - at;
+      const auto load = [&](const scalar_t* from) ORRERY_INLINE { return V::load_first(from + row + at, count); };
+      if (add1 == nullptr) return convert<A>(load(input));
+      if (add2 == nullptr) return convert<A>(load(input) + load(add1));
+      return convert<A>(load(input) + (load(add1) + load(add2)));
+    }
   }
 
   template <int M>
-  ORRERY_INLINE void store(index_t row, int64_t at, const simd<scalar_t, M>& x, const statistics& s) const {
+  ORRERY_INLINE void store(index_t row, int64_t at, simd<A, M> y, const statistics& s) const {
     using V = simd<A, M>;
     const int64_t count = row_length - at;
-    V y = convert<A>(x);
     if constexpr (!one_moment) y -= V(s.mean);
     y = V(s.r) * y;
     if (weight != nullptr) y *= convert<A>(simd<weight_t, M>::load_first(weight + at, count));
@@ -154,11 +163,11 @@ struct fused_norm_kernel1 : small_groups<1> {
     const uint64_t lane = item.template lane<sub_group_size>(), sub_group = item.template sub_group<sub_group_size>();
     const uint64_t tid = sub_group * sub_group_size + lane;
     const index_t row = offset(item.group());
-    simd<scalar_t, vec_size> mine[passes];
+    simd<A, vec_size> mine[passes];
     sums<1> own;
     for (int i = 0; i < passes && column(i, tid) < row_length; ++i) {
       mine[i] = elements<vec_size>(row, column(i, tid));
-      own.add(convert<A>(mine[i]));
+      own.add(mine[i]);
     }
     const statistics s = shared_statistics(item, own, sub_group, lane);
     for (int i = 0; i < passes && column(i, tid) < row_length; ++i) store(row, column(i, tid), mine[i], s);
@@ -195,39 +204,50 @@ struct fused_norm_kernel1 : small_groups<1> {
 
   // ---- On the host: a whole row by the last strand, so that its sums stay in registers ----
 
-  struct whole_sub_group {};  // the item of shift_lanes
-
   void whole_row(uint64_t group) const {
     const index_t row = offset(group);
     const statistics s = row_statistics(row);
-    constexpr int together = 64;
-    for (int64_t at = 0; at < row_length; at += together) store(row, at, elements<together>(row, at), s);
+    for (int64_t at = 0; at < row_length; at += part) store(row, at, elements<part>(row, at), s);
   }
 
   statistics row_statistics(index_t row) const {
-    constexpr int N = sub_group_size;
-    sums<N> all;
-    for (uint64_t tid = 0; tid < work_group; tid += N) {
-      sums<N> own;
-      for (int i = 0; i < passes && column(i, tid) < row_length; ++i) {
-        own.add(convert<A>(elements<N * vec_size>(row, column(i, tid))));
-      }
-      if constexpr (one_moment) {
-        all.squares += own.squares;
-      } else {
-        add_lanes_above(whole_sub_group(), own);
-        local_sum[tid / N] = own.sum[0];
-        local_squares[tid / N] = own.squares[0];
-      }
-    }
     if constexpr (one_moment) {
-      return of_totals(0, fold(all.squares));
+      simd<A, sub_group_size> total;
+      for (uint64_t tid = 0; tid < work_group; tid += sub_group_size) total += sub_group_sums(row, tid).squares;
+      return of_totals(0, fold(total));
     } else {
-      if (sub_groups > 1) all = sum_of_sub_groups<whole_sub_group, N>({}, 0);
+      totals_of_sub_groups(row);
       if (sub_groups == 1) return of_totals(local_sum[0], local_squares[0]);
+      const auto all = sum_of_sub_groups<whole_sub_group, sub_group_size>({}, 0);
       return of_totals(all.sum[0], all.squares[0]);
     }
   }
+
+  ORRERY_INLINE sums<sub_group_size> sub_group_sums(index_t row, uint64_t tid) const {
+    sums<sub_group_size> own;
+    for (int i = 0; i < passes && column(i, tid) < row_length; ++i) {
+      own.add(elements<sub_group_size * vec_size>(row, column(i, tid)));
+    }
+    return own;
+  }
+
+  // Sixteen trees together take a fifth of the shuffles of one after the other.
+  void totals_of_sub_groups(index_t row) const {
+    constexpr int together = sub_group_size / 2;
+    for (uint64_t first = 0; first < sub_groups; first += together) {
+      const int64_t left = sub_groups - first;
+      simd<A, sub_group_size> sum[together], squares[together];
+      for (int i = 0; i < together && i < left; ++i) {
+        const auto own = sub_group_sums(row, (first + i) * sub_group_size);
+        sum[i] = own.sum;
+        squares[i] = own.squares;
+      }
+      fold_neighbours_each(sum).store_first(&local_sum[first], left);
+      fold_neighbours_each(squares).store_first(&local_squares[first], left);
+    }
+  }
+
+  struct whole_sub_group {};  // the item of shift_lanes
 };
 
 template <typename T, typename index_t, int vec_size, bool one_moment>
