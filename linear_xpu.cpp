@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "includes/assertion.h"
 #include "module/device_class.h"
 #include "module/interpreter_version.h"
 #include "module/operations.h"
@@ -130,6 +131,32 @@ Tensor mlp_forward(const Tensor& input, const Tensor& weight_gate, const Tensor&
   return mlp_forward_xpu(input, weight_gate, weight_up, batch_size, state_size, output_size, act_type, qtype);
 }
 
+using index_lists = std::vector<std::vector<int>>;  // by expert
+
+// For each expert, in which slot of which token it stands, token by token. `selected_experts` must be in host memory,
+// and its values must be below num_experts.
+std::vector<index_lists> get_moe_indexes(const Tensor& selected_experts, int32_t num_experts) {
+  const auto require = [](bool holds, const char* expression, int line) {
+    if (!holds) assertion_failed(expression, "linear_xpu.cpp", line, "get_moe_indexes");
+  };
+  require(selected_experts.dim() == 2, "selected_experts.dim() == 2", 319);
+  require(selected_experts.is_contiguous(), "selected_experts.is_contiguous()", 320);
+  const int* expert = selected_experts.data_ptr<int>();
+  const int64_t tokens = selected_experts.size(0), top_k = selected_experts.size(1);
+  index_lists slots(num_experts), tokens_of(num_experts);
+  for (int64_t i = 0; i < tokens; ++i) {
+    for (int64_t j = 0; j < top_k; ++j, ++expert) {
+      slots[*expert].push_back(static_cast<int>(j));
+      tokens_of[*expert].push_back(static_cast<int>(i));
+    }
+  }
+  std::vector<index_lists> both;
+  both.reserve(2);
+  both.push_back(slots);  // a copy has no spare room
+  both.push_back(tokens_of);
+  return both;
+}
+
 // An operation without kernels: it converts its arguments, then raises the error that it is not built yet.
 template <typename Result, typename... Arguments>
 void bind_unbuilt(pybind11::module_& m, const char* name, const char* doc, Result (*signature)(Arguments...)) {
@@ -173,12 +200,11 @@ void register_operations(pybind11::module_& m) {
   bind_operation(m, "rms_norm", rms_norm, "new rms norm");
   bind_operation(m, "rotary_half_inplaced", rotary_half_inplaced, "rotary half inplaced");
   bind_operation(m, "rotary_two_inplaced", rotary_two_inplaced, "rotary two inplaced");
-  bind_unbuilt(m, "rwkv_linear_attention_v4", "rwkv v4 attention", signature<Tensor(T, T, T, T, T, T, T)>);
-  bind_unbuilt(m, "rwkv_linear_attention_v5", "rwkv v5 attention", signature<Tensor(T, T, T, T, T, T)>);
-  bind_unbuilt(m, "rwkv_time_shift", "rwkv time shift", signature<Tensor(T, T, T)>);
+  bind_operation(m, "rwkv_linear_attention_v4", rwkv_linear_attention_v4, "rwkv v4 attention");
+  bind_operation(m, "rwkv_linear_attention_v5", rwkv_linear_attention_v5, "rwkv v5 attention");
+  bind_operation(m, "rwkv_time_shift", rwkv_time_shift, "rwkv time shift");
   bind_operation(m, "dequantize_rows", dequantize_rows, "Dequantize rows of weight");
-  bind_unbuilt(m, "get_moe_indexes", "get moe indexes",
-               signature<std::vector<std::vector<std::vector<int>>>(T, int32_t)>);
+  bind_operation(m, "get_moe_indexes", get_moe_indexes, "get moe indexes");
 }
 
 PyObject* create_module() {

@@ -74,6 +74,15 @@ void rotary_half_inplaced(const at::Tensor& inv_freq, const at::Tensor& position
 void rotary_two_inplaced(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at::Tensor& query,
                          const at::Tensor& key);
 
+// rwkv
+at::Tensor rwkv_linear_attention_v4(const at::Tensor& time_decay, const at::Tensor& time_first, const at::Tensor& key,
+                                    const at::Tensor& value, const at::Tensor& num_state, const at::Tensor& den_state,
+                                    const at::Tensor& max_state);
+at::Tensor rwkv_linear_attention_v5(const at::Tensor& time_decay, const at::Tensor& time_first,
+                                    const at::Tensor& receptance, const at::Tensor& key, const at::Tensor& value,
+                                    const at::Tensor& state);
+at::Tensor rwkv_time_shift(const at::Tensor& hidden, const at::Tensor& shifted, const at::Tensor& mix);
+
 // The error of an operation, a kernel family or a format whose kernels do not exist yet.
 [[noreturn]] inline void not_built_yet(const std::string& name) {
   throw std::runtime_error("orrery_ops: " + name + " is not built yet");

@@ -57,11 +57,20 @@ def leave_nan_behind(shape: tuple[int, ...], dtype: torch.dtype) -> None:
     torch.full(shape, float("nan"), dtype=dtype, device="xpu")
 
 
+def between_nan(x: torch.Tensor, elements: int = 64) -> torch.Tensor:
+    """The same values on the device, contiguous, with NaN before and behind them; 64 elements keep the alignment."""
+    room = torch.full((x.numel() + 2 * elements,), float("nan"), dtype=x.dtype, device="xpu")
+    view = room[elements : elements + x.numel()].view(x.shape)
+    view.copy_(x)
+    return view
+
+
 def assert_same_bits(result: torch.Tensor, expected: np.ndarray) -> None:
-    """Equal shape, type and bits; one NaN is as good as another."""
-    got = result.cpu().contiguous().numpy()
+    """Equal shape, type and bits; one NaN is as good as another. A bfloat16 result is compared as float32."""
+    result = result.cpu().contiguous()
+    got = (result.float() if result.dtype == torch.bfloat16 else result).numpy()
     assert got.shape == expected.shape and got.dtype == expected.dtype
-    integer = {2: np.uint16, 4: np.uint32}[got.dtype.itemsize]
+    integer = {2: np.uint16, 4: np.uint32, 8: np.uint64}[got.dtype.itemsize]
     different = (got.view(integer) != expected.view(integer)) & ~(np.isnan(got) & np.isnan(expected))
     where = np.argwhere(different)
     assert not len(where), f"{len(where)} of {got.size} differ, first at {where[0]}: " + str(

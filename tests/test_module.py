@@ -64,6 +64,9 @@ QKV_NAMES = (
 BUILT = {
     "forward_new", "dequant", "dequantize_rows", "bmm", "batch_forward", "sdp", "rms_norm", "rotary_half_inplaced",
     "rotary_two_inplaced", "forward_qkv", "forward_qkv_bias", "forward_qk", "mlp_forward_xpu",
+    "rwkv_linear_attention_v4", "rwkv_linear_attention_v5", "rwkv_time_shift", "get_moe_indexes",
+    "fused_rms_norm", "fused_layer_norm", "apply_rotary_embedding_half_q_and_k", "apply_rotary_embedding_half_q_or_k",
+    "apply_rotary_embedding_half_q_and_k_cache_freq",
 }  # fmt: skip
 
 

@@ -22,6 +22,7 @@ UNITS = [
     "norm.cpp",
     "rope.cpp",
     "rope_xpu.cpp",
+    "rwkv.cpp",
     "sdp.cpp",
     "bmm_xpu_kernel.cpp",
     "linear/one_row/nf.cpp",

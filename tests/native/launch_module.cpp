@@ -2,13 +2,14 @@
 #include <pybind11/pybind11.h>
 #include <torch/csrc/utils/pybind.h>
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 
+#include "includes/item.h"
 #include "includes/type_switch.h"
 #include "linear/engine/dotgrid.h"
 #include "linear/instances.h"
-#include "module/device_class.h"
 #include "module/operations.h"
 #include "native_test.h"
 #include "norms/fused_norm.h"
@@ -60,25 +61,24 @@ at::Tensor dotgrid_forward(const at::Tensor& input, const at::Tensor& weight, in
   return orrery::dotgrid_forward(input, weight, request, orrery::decide_matrix_engine(request));
 }
 
-// Contiguous tensors, normalized over their last dimension; with residuals, and with 64-bit offsets on request.
-void fused_norm(const at::Tensor& input, const std::optional<at::Tensor>& add1, const std::optional<at::Tensor>& add2,
-                const std::optional<at::Tensor>& weight, const std::optional<at::Tensor>& bias, float eps,
-                const at::Tensor& output, bool one_moment, bool wide_index) {
-  const auto data = [](const std::optional<at::Tensor>& t) { return t ? t->const_data_ptr() : nullptr; };
-  const uint64_t row_length = input.size(-1);
-  const orrery::norm_operands on{.input = input.const_data_ptr(),
-                                 .add1 = data(add1),
-                                 .add2 = data(add2),
-                                 .weight = data(weight),
-                                 .bias = data(bias),
+// The rows of `input` with residuals, which no operation passes, and by any plan. An instance with 64-bit indexes is
+// chosen for tensors of 4 GiB and more alone.
+void launch_norm(bool one_moment, int vec_size, bool wide_index, uint64_t work_group, const at::Tensor& input,
+                 const std::optional<at::Tensor>& add1, const std::optional<at::Tensor>& add2,
+                 const std::optional<at::Tensor>& weight, const std::optional<at::Tensor>& bias,
+                 const at::Tensor& output, float eps) {
+  const auto address = [](const std::optional<at::Tensor>& x) { return x.has_value() ? x->data_ptr() : nullptr; };
+  const orrery::norm_operands on{.input = input.data_ptr(),
+                                 .add1 = address(add1),
+                                 .add2 = address(add2),
+                                 .weight = address(weight),
+                                 .bias = address(bias),
                                  .output = output.data_ptr(),
-                                 .rows = input.numel() / row_length,
-                                 .row_length = static_cast<uint32_t>(row_length),
+                                 .rows = static_cast<uint64_t>(input.size(0)),
+                                 .row_length = static_cast<uint32_t>(input.size(1)),
                                  .eps = eps};
   orrery::with_value_type(input.scalar_type(), [&](auto type) {
-    using T = decltype(type);
-    const auto plan = orrery::plan_norm<T>(one_moment, row_length, wide_index, orrery::get_max_work_group_size());
-    orrery::launch_fused_norm<T>(input.device(), plan, on);
+    orrery::launch_fused_norm<decltype(type)>(input.device(), {one_moment, vec_size, wide_index, work_group}, on);
   });
 }
 
@@ -87,7 +87,8 @@ void fused_norm(const at::Tensor& input, const std::optional<at::Tensor>& add1, 
 PYBIND11_MODULE(orrery_launch, m) {
   m.def("launch_pairs", launch_pairs);
   m.def("dotgrid_forward", dotgrid_forward);
-  m.def("fused_norm", fused_norm);
+  m.def("launch_norm", launch_norm);
   m.def("add_layer_norm", orrery::add_layer_norm);
   m.def("add_rms_norm", orrery::add_rms_norm);
+  m.attr("sub_groups_are_vectors") = orrery::last_finishes;
 }
