@@ -1,6 +1,5 @@
 // The module: its entry point, its table of operations, and the wrappers that check tensors and open trace scopes.
 #include <ATen/core/Tensor.h>
-#include <ATen/record_function.h>
 #include <torch/csrc/utils/pybind.h>
 
 #include <stdexcept>
@@ -11,6 +10,7 @@
 #include "module/interpreter_version.h"
 #include "module/operations.h"
 #include "module/signature.h"
+#include "module/trace_scope.h"
 
 namespace orrery {
 namespace {
@@ -27,23 +27,6 @@ void check_tensor(const Tensor& tensor, const char* word, const char* function, 
     c10::detail::torchCheckFail(function, "linear_xpu", line, std::string(word) + " must be contiguous");
   }
 }
-
-// The input list is built only if a listener is active; otherwise a scope costs only that check.
-class trace_scope {
- public:
-  trace_scope(const char* name, const Tensor& recorded) : scope_(at::RecordScope::FUNCTION) {
-    if (!scope_.isActive()) return;
-    const std::vector<c10::IValue> inputs{recorded};
-    if (scope_.needsInputs()) {
-      scope_.before(name, c10::ArrayRef<const c10::IValue>(inputs.data(), inputs.size()), -1);
-    } else {
-      scope_.before(name, -1);
-    }
-  }
-
- private:
-  at::RecordFunction scope_;
-};
 
 Tensor linear_forward_new(const Tensor& input, const Tensor& weight, int32_t qtype, int64_t seq_hint) {
   check_tensor(input, "input", "linear_forward_new", 140);
@@ -113,29 +96,33 @@ Tensor dequantize_rows(const Tensor& input, const Tensor& weight, int32_t qtype,
   return dequantize_rows_xpu(input, weight, qtype, row_size);
 }
 
-void rope_q_and_k(const Tensor& query, const Tensor&, const Tensor&, const Tensor&, const Tensor&, float) {
+void rope_q_and_k(const Tensor& query, const Tensor& key, const Tensor& position_ids, const Tensor& query_out,
+                  const Tensor& key_out, float base) {
   const trace_scope scope("orrery_rope_forward", query);
-  not_built_yet("apply_rotary_embedding_half_q_and_k");
+  apply_rotary_embedding_q_and_k(query, key, position_ids, query_out, key_out, base, true);
 }
 
-void rope_q_or_k(const Tensor& input, const Tensor&, const Tensor&, bool backward) {
+void rope_q_or_k(const Tensor& input, const Tensor& position_ids, const Tensor& output, bool backward) {
   const trace_scope scope(backward ? "orrery_rope_backward" : "orrery_rope_forward", input);
-  not_built_yet("apply_rotary_embedding_half_q_or_k");
+  apply_rotary_embedding_q_or_k(input, position_ids, output, true, backward);
 }
 
-void rope_cached(const Tensor& query, const Tensor&, const Tensor&, const Tensor&, const Tensor&, const Tensor&) {
+void rope_cached(const Tensor& query, const Tensor& key, const Tensor& sin, const Tensor& cos, const Tensor& query_out,
+                 const Tensor& key_out) {
   const trace_scope scope("orrery_rope_forward", query);
-  not_built_yet("apply_rotary_embedding_half_q_and_k_cache_freq");
+  apply_rotary_embedding_q_and_k_cache_freq(query, key, sin, cos, query_out, key_out, true);
 }
 
-Tensor fused_rms_norm(const Tensor& input, at::IntArrayRef, const optional<Tensor>&, const optional<Tensor>&, double) {
+Tensor fused_rms_norm(const Tensor& input, at::IntArrayRef normalized_shape, const optional<Tensor>& weight,
+                      const optional<Tensor>& bias, double eps) {
   const trace_scope scope("fused_rms_norm", input);
-  not_built_yet("fused_rms_norm");
+  return fused_rms_norm_xpu(input, normalized_shape, weight, bias, eps);
 }
 
-Tensor fast_layer_norm(const Tensor& input, at::IntArrayRef, const optional<Tensor>&, const optional<Tensor>&, double) {
+Tensor fast_layer_norm(const Tensor& input, at::IntArrayRef normalized_shape, const optional<Tensor>& weight,
+                       const optional<Tensor>& bias, double eps) {
   const trace_scope scope("fast_layer_norm", input);
-  not_built_yet("fused_layer_norm");
+  return fused_layer_norm_xpu(input, normalized_shape, weight, bias, eps);
 }
 
 Tensor mlp_forward(const Tensor& input, const Tensor& weight_gate, const Tensor& weight_up, int64_t batch_size,

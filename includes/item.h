@@ -8,13 +8,15 @@
 //   barrier()                            work-group barrier; all work-items of a group must reach every one
 //   lane<SG>(), sub_group<SG>()          the first lane's index in its sub-group, and the sub-group's index. Which
 //                                        work-item is which lane is implementation-defined
-//   xor_lane<SG>(value, bits)            another lane's value, if an item is one work-item
+//   xor_lane<SG>(value, bits)            another lane's value, if an item is one work-item; and that of the lane
+//   lane_above<SG>(value, delta)         `delta` above, unspecified where there is none
+//   group_sum(value)                     the sum over the group, if an item is one work-item: see group_sum below
 //   when_last(f), shared_by_launch<T>(n, f) only under `if constexpr (Item::last_acts_for_group)`
 //
 // A kernel declares
 //   static constexpr int sub_group_size  the required sub-group size; 1 for explicit SIMD
 //   static constexpr bool has_barriers   false if its strands synchronize only in a tree_sum at the end
-// and, if a group may be smaller than the sub-group size, has the base small_groups<smallest size>.
+// and, if a group may be no whole number of sub-groups, has the base small_groups<what divides all group sizes>.
 #pragma once
 
 #include <concepts>
@@ -63,6 +65,14 @@ class work_item {
   T xor_lane(T value, size_t bits) const {
     return sycl::permute_group_by_xor(at_.get_sub_group(), value, static_cast<uint32_t>(bits));
   }
+  template <int SG, typename T>
+  T lane_above(T value, uint32_t delta) const {
+    return sycl::shift_group_left(at_.get_sub_group(), value, delta);
+  }
+  template <typename T>
+  T group_sum(T value) const {
+    return sycl::reduce_over_group(at_.get_group(), value, sycl::plus<T>());
+  }
 
  private:
   sycl::nd_item<D> at_;
@@ -83,7 +93,7 @@ void parallel_for(sycl::handler& h, const sycl::nd_range<D>& range, const Kernel
 #ifdef SYCL_EXT_ORRERY_HOST
   if constexpr (std::derived_from<Kernel, has_small_groups>) {
     if constexpr (Kernel::smallest_group < lanes_of<Kernel>) {
-      if (range.get_local_range().size() < lanes_of<Kernel>) {
+      if (range.get_local_range().size() % lanes_of<Kernel> != 0) {
         return h.parallel_for_lanes<Kernel::smallest_group, Kernel::sub_group_size>(range, kernel);
       }
     }
@@ -156,6 +166,17 @@ T butterfly(const Item& item, simd<T, N> v, Op op) {
 template <int SG, typename T, typename Item, int N>
 T butterfly_sum(const Item& item, const simd<T, N>& v) {
   return butterfly<SG>(item, v, [](const auto& a, const auto& b) { return a + b; });
+}
+
+// Lane i gets the value of lane i + delta of its sub-group of SG. The last `delta` lanes get an unspecified one.
+template <int SG, typename T, typename Item, int N>
+simd<T, N> shift_lanes(const Item& item, const simd<T, N>& v, int delta) {
+  static_assert(N == 1 || N == SG);
+  if constexpr (N == 1) {
+    return item.template lane_above<SG>(v[0], static_cast<uint32_t>(delta));
+  } else {
+    return shift_lanes(v, delta);
+  }
 }
 
 // Splits a row into GS runs in order, the first `count % GS` of them one longer: work-item i has [begin(i), begin(i +

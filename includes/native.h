@@ -203,7 +203,7 @@ inline simd<float, N> cos(const simd<float, N>& x) {
 
 inline float exp2(float x) { return exp2(simd<float, 1>(x))[0]; }
 inline float sqrt(float x) { return std::sqrt(x); }
-inline float rsqrt(float x) { return 1.0f / std::sqrt(x); }
+inline float rsqrt(float x) { return static_cast<float>(1.0 / std::sqrt(double(x))); }
 
 #else
 

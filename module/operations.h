@@ -56,6 +56,30 @@ at::Tensor attn_value_fp8_matmul(const at::Tensor& attn, const at::Tensor& value
 // norm
 at::Tensor rms_norm(const at::Tensor& weight, const at::Tensor& input, float eps);
 
+// add_norm_fusion. The trailing dimensions that `normalized_shape` counts are normalized; the result has the input's
+// shape. For rows that are too long it is an empty tensor. add_layer_norm and add_rms_norm are the same operations
+// under trace names of their own.
+at::Tensor fused_layer_norm_xpu(const at::Tensor& input, at::IntArrayRef normalized_shape,
+                                const std::optional<at::Tensor>& weight, const std::optional<at::Tensor>& bias,
+                                double eps);
+at::Tensor fused_rms_norm_xpu(const at::Tensor& input, at::IntArrayRef normalized_shape,
+                              const std::optional<at::Tensor>& weight, const std::optional<at::Tensor>& bias,
+                              double eps);
+at::Tensor add_layer_norm(const at::Tensor& input, at::IntArrayRef normalized_shape,
+                          const std::optional<at::Tensor>& weight, const std::optional<at::Tensor>& bias, double eps);
+at::Tensor add_rms_norm(const at::Tensor& input, at::IntArrayRef normalized_shape,
+                        const std::optional<at::Tensor>& weight, const std::optional<at::Tensor>& bias, double eps);
+
+// rope_xpu. Tensors are [batch, head, position, head_dim], positions [batch, position]. The last Boolean but
+// `backward` has no effect.
+void apply_rotary_embedding_q_and_k(const at::Tensor& query, const at::Tensor& key, const at::Tensor& position_ids,
+                                    const at::Tensor& query_out, const at::Tensor& key_out, float base, bool);
+void apply_rotary_embedding_q_or_k(const at::Tensor& input, const at::Tensor& position_ids, const at::Tensor& output,
+                                   bool, bool backward);
+void apply_rotary_embedding_q_and_k_cache_freq(const at::Tensor& query, const at::Tensor& key, const at::Tensor& sin,
+                                               const at::Tensor& cos, const at::Tensor& query_out,
+                                               const at::Tensor& key_out, bool);
+
 // rope
 void rotary_half_inplaced(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at::Tensor& query,
                           const at::Tensor& key);

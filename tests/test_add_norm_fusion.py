@@ -6,7 +6,7 @@ from __future__ import annotations
 import os
 import subprocess
 import sys
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import numpy as np
@@ -16,11 +16,15 @@ from kernel_reference import (
     assert_same_bits,
     assert_same_bits_in_any_order,
     between_nan,
+    fold,
     leave_nan_behind,
 )
 from linear_reference import DTYPES, Arithmetic, numbers
+from sanitizers import SANITIZED, THREADS_SANITIZED
+from torch.profiler import ProfilerActivity, profile
 
 import orrery_host
+import orrery_launch
 import orrery_ops
 
 # The largest work-group; some tests run in a process that sets it.
@@ -56,9 +60,9 @@ def rounded_eps(dtype: str, eps: float) -> np.floating:
     return accumulator(dtype)(Arithmetic(dtype).of(eps) if PER_ITEM[dtype] == 16 else eps)
 
 
-def item_sums(dtype: str, x: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
+def item_sums(dtype: str, x: np.ndarray, shape: tuple[int, int] | None = None) -> tuple[np.ndarray, np.ndarray]:
     """[row, item]: each work-item's sum and sum of squares, over its passes and the elements of each load in order."""
-    (m, n), (vec, items), acc = x.shape, shape_of(dtype, x.shape[1]), accumulator(dtype)
+    (m, n), (vec, items), acc = x.shape, shape or shape_of(dtype, x.shape[1]), accumulator(dtype)
     passes = -(-n // (items * vec))
     assert passes <= PER_ITEM[dtype] // vec and n % vec == 0
     padded = np.zeros((m, passes * items * vec), acc)  # adding zeros changes no sum
@@ -105,8 +109,21 @@ def over_sub_groups(values: np.ndarray) -> np.ndarray:
 
 
 def rsqrt(t: np.ndarray) -> np.ndarray:
-    """On the host a division and a square root, each rounded, in both types."""
-    return t.dtype.type(1) / np.sqrt(t)
+    """For float the nearest one, which is what the host's native function gives; in double a square root, then a
+    division, each rounded."""
+    return (1 / np.sqrt(t.astype(np.float64))).astype(t.dtype)
+
+
+def over_group(values: np.ndarray) -> np.ndarray:
+    """[row]: the group's own sum over [row, item]: the work-items whose ids are equal modulo 32 in their order, then
+    the halving tree over the 32 sums."""
+    m, items = values.shape
+    padded = np.zeros((m, -(-items // 32) * 32), values.dtype)
+    padded[:, :items] = values
+    sums = np.zeros((m, 32), values.dtype)
+    for some in padded.reshape(m, -1, 32).transpose(1, 0, 2):
+        sums = sums + some
+    return fold(sums)
 
 
 def in_any_order(squares: np.ndarray) -> np.ndarray:
@@ -124,14 +141,15 @@ def reference(
     weight: np.ndarray | None = None,
     bias: np.ndarray | None = None,
     residuals: tuple[np.ndarray, ...] = (),
-    group_sum=in_any_order,
+    group_sum: Callable[[np.ndarray], np.ndarray] = over_group,
+    shape: tuple[int, int] | None = None,
 ) -> np.ndarray:
-    """Rows of numbers of the type, as float32 for bfloat16."""
+    """Rows of numbers of the type, as float32 for bfloat16. `shape` is that of the group, if it is not the device's."""
     a, acc = Arithmetic(dtype), accumulator(dtype)
     for residual in [a.add(*residuals)] if len(residuals) == 2 else residuals:
         x = a.add(x, residual)
     n, zero, eps = acc(np.float32(x.shape[1])), acc(0), rounded_eps(dtype, eps)
-    total, squares = item_sums(dtype, x)
+    total, squares = item_sums(dtype, x, shape)
     x = x.astype(acc)
     if kind == "layer":
         total, squares = over_sub_groups(total), over_sub_groups(squares)
@@ -183,7 +201,7 @@ def lengths(dtype: str) -> Iterator[int]:
 
 def check(kind: str, dtype: str, n: int, eps: float = 1e-5) -> None:
     g = np.random.default_rng(n)
-    x = (spread if kind == "layer" else whole)(g, dtype, 5 if n < 2000 else 2, n)
+    x = spread(g, dtype, 5 if n < 2000 else 2, n)
     weight, bias = spread(g, dtype, n), spread(g, dtype, n)
     for more in [(), (weight,), (None, bias), (weight, bias)] if n % 3 == 0 else [(weight, bias)]:
         assert_same_bits(call(kind, dtype, x, eps, *more), reference(kind, dtype, x, eps, *more))
@@ -196,13 +214,22 @@ def test_every_length_is_bit_exact(kind, dtype):
         check(kind, dtype, n)
 
 
+@types
+def test_whole_numbers_add_up_exactly(dtype):
+    """The order of the group's sum is this implementation's; here any order gives the same."""
+    for n in lengths(dtype):
+        x = whole(np.random.default_rng(n), dtype, 2, n)
+        expected = reference("rms", dtype, x, 0.1, group_sum=in_any_order)
+        assert_same_bits(call("rms", dtype, x, 0.1), expected)
+
+
 @kinds
 @types
 @pytest.mark.parametrize("more", [(False, False), (True, False), (False, True), (True, True)])
 @pytest.mark.parametrize("m, n", [(1, 2048), (19, 576), (111, 64)])
 def test_weight_and_bias(kind, dtype, more, m, n):
     g = np.random.default_rng(m)
-    x = (spread if kind == "layer" else whole)(g, dtype, m, n)
+    x = spread(g, dtype, m, n)
     more = [spread(g, dtype, n) if one else None for one in more]
     assert_same_bits(call(kind, dtype, x, 0.1, *more), reference(kind, dtype, x, 0.1, *more))
 
@@ -210,16 +237,16 @@ def test_weight_and_bias(kind, dtype, more, m, n):
 @kinds
 @types
 def test_agrees_with_float64(kind, dtype):
-    """A second opinion, on numbers that add up with rounding. A sum of 2050 squares in float is right to 2050 * 2^-24
+    """A second opinion. A sum of 2056 squares in float is right to 2056 * 2^-24
     of itself and moves the result by half of that; the other roundings are 6 more, and the last one is to the type."""
     g = np.random.default_rng(1)
-    x, weight, bias = spread(g, dtype, 7, 2050 // 2 * 2), spread(g, dtype, 2050), spread(g, dtype, 2050)
+    x, weight, bias = spread(g, dtype, 7, 2056), spread(g, dtype, 2056), spread(g, dtype, 2056)
     wide = x.astype(np.float64)
     centred = wide - wide.mean(1, keepdims=True) if kind == "layer" else wide
     expected = centred / np.sqrt((centred**2).mean(1, keepdims=True) + 1e-5) * weight + bias
     unit = {"float16": 2**-11, "bfloat16": 2**-8, "float32": 0, "float64": 0}[dtype]
     # 1e-8: the rounding of eps to float, for double; half and bfloat16 round it to 2^-9 of 1e-5.
-    sums = 1e-8 if dtype == "float64" else 2050 * 2**-25 + 6 * 2**-24
+    sums = 1e-8 if dtype == "float64" else 2056 * 2**-25 + 6 * 2**-24
     bound = (np.abs(expected - bias) + np.abs(weight)) * sums + np.abs(expected) * unit + 2**-25
     got = numbers(call(kind, dtype, x, 1e-5, weight, bias)).astype(np.float64)
     assert (np.abs(got - expected) <= bound).all()
@@ -356,8 +383,8 @@ def test_types_that_are_not_supported(kind, dtype, name, n):
 
 @kinds
 @pytest.mark.parametrize("dtype, eps, seen", [
-    ("float16", 1e-8, 0.0), ("float16", 1e-7, 2.0**-23), ("float16", 3e-5, 503 * 2.0**-24), ("float16", 70000.0, np.inf),
-    ("float16", 1 + 2.0**-11 + 2.0**-40, 1.0),  # to float first, where it is a tie
+    ("float16", 1e-8, 0.0), ("float16", 1e-7, 2.0**-23), ("float16", 3e-5, 503 * 2.0**-24),
+    ("float16", 70000.0, np.inf), ("float16", 1 + 2.0**-11 + 2.0**-40, 1.0),  # to float first, where it is a tie
     ("bfloat16", 1e-5, 168 * 2.0**-24), ("bfloat16", 1 + 2.0**-8 + 2.0**-40, 1.0), ("bfloat16", 1e-39, 11 * 2.0**-133),
     ("float32", 1e-5, float(np.float32(1e-5))), ("float64", 1e-5, float(np.float32(1e-5))),
     ("float64", 1e-50, 0.0),
@@ -402,8 +429,7 @@ def test_rows_that_overflow(kind, dtype):
     x[3] = {"float16": 2.0**-24, "bfloat16": 1e-39, "float32": 1e-39, "float64": 1e-310}[dtype]
     for eps in (0.0, 1e-5):
         result = call(kind, dtype, x, eps)
-        # Squares that are equal, infinite or 0 add up to the same in any order of halves.
-        expected = reference(kind, dtype, x, eps, group_sum=over_sub_groups)
+        expected = reference(kind, dtype, x, eps)
         assert_same_bits(result, expected)
         assert not np.isfinite(expected[1]).any() and np.isfinite(expected[4]).all()
 
@@ -456,6 +482,94 @@ def test_launch(kind, dtype):
         assert (launch.global_size, launch.local_size) == ((3 * items,), (items,))
         elements = 1 if kind == "rms" else 2 * (items >> 5)
         assert (launch.sub_group_size, launch.local_memory) == (32, elements * np.dtype(accumulator(dtype)).itemsize)
+
+
+# --- Residuals, 64-bit indexes, and the wrappers that no operation calls ---------------------------------------------
+
+
+def launched(
+    kind: str,
+    dtype: str,
+    x: np.ndarray,
+    shape: tuple[int, int],
+    wide: bool,
+    residuals: tuple[np.ndarray, ...] = (),
+    weight: np.ndarray | None = None,
+    bias: np.ndarray | None = None,
+) -> tuple[torch.Tensor, list]:
+    """Rows by an instance of one's choice, in groups of one's choice; eps is 0.25."""
+    first, second, *_ = (*(tensor(dtype, one) for one in residuals), None, None)
+    output = between_nan(torch.full(x.shape, float("nan"), dtype=DTYPES[dtype]))
+    more = first, second, tensor(dtype, weight), tensor(dtype, bias)
+    vec, items = shape
+    with orrery_host.record_launches() as launches:
+        orrery_launch.launch_norm(kind == "rms", vec, wide, items, tensor(dtype, x), *more, output, 0.25)
+    return output, launches
+
+
+@pytest.mark.parametrize("wide", [False, True], ids=["32_bits", "64_bits"])
+@pytest.mark.parametrize("residuals", [0, 1, 2])
+@kinds
+@pytest.mark.parametrize("dtype, vec", [(dtype, vec) for dtype, widest in WIDEST.items() for vec in (1, 2, 4, 8)
+                                        if vec <= widest])  # fmt: skip
+def test_every_instance_with_residuals(dtype, vec, kind, residuals, wide):
+    g = np.random.default_rng(vec + residuals)
+    for items, n in ((64, 37 * vec), (128, 128 * vec * (PER_ITEM[dtype] // vec)), (32, 32 * vec), (8, 8 * vec)):
+        x, *adds = (spread(g, dtype, 3, n) for _ in range(1 + residuals))
+        weight, bias = spread(g, dtype, n), spread(g, dtype, n)
+        output, (launch,) = launched(kind, dtype, x, (vec, items), wide, tuple(adds), weight, bias)
+        expected = reference(kind, dtype, x, 0.25, weight, bias, tuple(adds), shape=(vec, items))
+        assert_same_bits(output, expected)
+        index, one_moment = "unsigned long long" if wide else "unsigned int", str(kind == "rms").lower()
+        assert launch.instance == f"{CPP[dtype]}, {CPP[dtype]}, {CPP[dtype]}, {index}, {vec}, {one_moment}"
+        assert (launch.global_size, launch.local_size) == ((3 * items,), (items,))
+
+
+@kinds
+@types
+def test_residuals_are_added_to_each_other_first_and_in_the_type(kind, dtype):
+    """-1 + (1 + little) is 0 if the sum is rounded to the type, and -1 + 1 + little is not."""
+    a, size = Arithmetic(dtype), (2, 96)
+    x, one = np.full(size, -1, a.numpy), np.full(size, 1, a.numpy)
+    little = np.full(size, {"float16": 2.0**-12, "bfloat16": 2.0**-9, "float32": 2.0**-25, "float64": 2.0**-54}[dtype])
+    little = a.of(little)
+    zeros = np.zeros(size, a.numpy)
+    for adds in ((one, little), (little, one)):
+        assert_same_bits(launched(kind, dtype, x, (1, 128), False, adds)[0], zeros)
+    # One residual: what the type loses is lost before the sums.
+    expected = launched(kind, dtype, one, (1, 128), False)[0]
+    assert_same_bits(launched(kind, dtype, one, (1, 128), False, (little,))[0], numbers(expected))
+
+
+@pytest.mark.skipif(
+    SANITIZED or THREADS_SANITIZED or not orrery_launch.sub_groups_are_vectors, reason="it would take minutes"
+)
+def test_a_tensor_that_32_bits_cannot_index():
+    """From 2^31 - 1 elements on; 4 GiB of it are never written."""
+    if torch.xpu.mem_get_info()[0] < 12 << 30:
+        pytest.skip("this needs 12 GiB of memory")
+    x = torch.empty(131072, 16384, dtype=torch.float16, device="xpu")
+    x[-1] = 2.0
+    with orrery_host.record_launches() as launches:
+        result = orrery_ops.fused_rms_norm(x, (16384,), None, None, 0.0)
+    assert launches[0].instance == "c10::Half, c10::Half, c10::Half, unsigned long long, 8, true"
+    assert (result[-1] == 1.0).all()
+    with orrery_host.record_launches() as launches:  # a part of it, far behind in its storage, can be
+        orrery_ops.fused_rms_norm(x[-4:], (16384,), None, None, 0.0)
+    assert launches[0].instance == "c10::Half, c10::Half, c10::Half, unsigned int, 8, true"
+
+
+@pytest.mark.parametrize("name, kind", [("add_layer_norm", "layer"), ("add_rms_norm", "rms")])
+def test_the_wrappers_that_no_operation_calls(name, kind):
+    g = np.random.default_rng(8)
+    x, weight, bias = spread(g, "float32", 3, 96), spread(g, "float32", 96), spread(g, "float32", 96)
+    arguments = tensor("float32", x), (96,), tensor("float32", weight), tensor("float32", bias), 0.1
+    assert not hasattr(orrery_ops, name)
+    with profile(activities=[ProfilerActivity.CPU], record_shapes=True) as profiler:
+        result = getattr(orrery_launch, name)(*arguments)
+    assert_same_bits(result, reference(kind, "float32", x, 0.1, weight, bias))
+    scopes = [(e.name, e.input_shapes, e.sequence_nr) for e in profiler.events() if "norm" in e.name]
+    assert scopes == [(name, [[3, 96]], -1)]
 
 
 # --- Other limits of the device -------------------------------------------------------------------------------------

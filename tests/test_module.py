@@ -66,6 +66,8 @@ BUILT = {
     "rotary_two_inplaced", "forward_qkv", "forward_qkv_bias", "forward_qk", "mlp_forward_xpu", "sdp_causal", "sdp_fp8",
     "sdp_fp8_causal", "quantize_key_value", "dequantize_key_value", "query_key_fp8_matmul", "attn_value_fp8_matmul",
     "rwkv_linear_attention_v4", "rwkv_linear_attention_v5", "rwkv_time_shift", "get_moe_indexes",
+    "fused_rms_norm", "fused_layer_norm", "apply_rotary_embedding_half_q_and_k", "apply_rotary_embedding_half_q_or_k",
+    "apply_rotary_embedding_half_q_and_k_cache_freq",
 }  # fmt: skip
 
 

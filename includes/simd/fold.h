@@ -48,4 +48,26 @@ inline simd<T, N> fold_each(const simd<T, N> (&row)[N]) {
   return r;
 }
 
+// Lane r of the result is the sum of row[r] by a tree that adds neighbours first, then neighbouring pairs, and so on:
+// what lane 0 of a sub-group has after adding the lane 1 above, then 2, 4, ... The rows are folded together.
+template <typename T, int N, int R>
+inline simd<T, R> fold_neighbours_each(const simd<T, N> (&row)[R]) {
+  static_assert(N == 2 * R);
+  const auto sums_of_neighbours = [](const auto& a) ORRERY_INLINE {
+    const auto [even, odd] = split_pairs(a);
+    return even + odd;
+  };
+  simd<T, R> sum[R];
+  ORRERY_UNROLL for (int r = 0; r < R; ++r) sum[r] = sums_of_neighbours(row[r]);
+  ORRERY_UNROLL for (int left = R / 2; left >= 1; left /= 2) {
+    ORRERY_UNROLL for (int r = 0; r < left; ++r) {
+      simd<T, N> both;
+      both.template set_slice<0, R>(sum[2 * r]);
+      both.template set_slice<R, R>(sum[2 * r + 1]);
+      sum[r] = sums_of_neighbours(both);
+    }
+  }
+  return sum[0];
+}
+
 }  // namespace orrery

@@ -65,6 +65,14 @@ inline simd<T, N> shuffle(const simd<T, N>& a, const simd<I, N>& index) {
   return r;
 }
 
+// Lane i of the result is lane i + delta of `a`, or an unspecified one of them if there is no such lane. N is a power
+// of two.
+template <typename T, int N>
+inline simd<T, N> shift_lanes(const simd<T, N>& a, int delta) {
+  using I = detail::int_like<typename simd<T, N>::S>;
+  return shuffle(a, (simd<I, N>::iota() + simd<I, N>(I(delta))) & simd<I, N>(I(N - 1)));
+}
+
 // The even lanes and the odd lanes of a vector.
 template <typename T, int N>
 ORRERY_INLINE inline std::pair<simd<T, N / 2>, simd<T, N / 2>> split_pairs(const simd<T, N>& a) {

@@ -1,14 +1,18 @@
-// Lets the tests launch the kernels for a few input rows themselves: no device's class brings the dispatch to all of
-// their instances.
+// Lets the tests launch kernels themselves where no operation brings them to all of their instances.
 #include <pybind11/pybind11.h>
 #include <torch/csrc/utils/pybind.h>
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 
+#include "includes/item.h"
+#include "includes/type_switch.h"
 #include "linear/engine/dotgrid.h"
 #include "linear/instances.h"
+#include "module/operations.h"
 #include "native_test.h"
+#include "norms/fused_norm.h"
 
 namespace {
 
@@ -57,9 +61,34 @@ at::Tensor dotgrid_forward(const at::Tensor& input, const at::Tensor& weight, in
   return orrery::dotgrid_forward(input, weight, request, orrery::decide_matrix_engine(request));
 }
 
+// The rows of `input` with residuals, which no operation passes, and by any plan. An instance with 64-bit indexes is
+// chosen for tensors of 4 GiB and more alone.
+void launch_norm(bool one_moment, int vec_size, bool wide_index, uint64_t work_group, const at::Tensor& input,
+                 const std::optional<at::Tensor>& add1, const std::optional<at::Tensor>& add2,
+                 const std::optional<at::Tensor>& weight, const std::optional<at::Tensor>& bias,
+                 const at::Tensor& output, float eps) {
+  const auto address = [](const std::optional<at::Tensor>& x) { return x.has_value() ? x->data_ptr() : nullptr; };
+  const orrery::norm_operands on{.input = input.data_ptr(),
+                                 .add1 = address(add1),
+                                 .add2 = address(add2),
+                                 .weight = address(weight),
+                                 .bias = address(bias),
+                                 .output = output.data_ptr(),
+                                 .rows = static_cast<uint64_t>(input.size(0)),
+                                 .row_length = static_cast<uint32_t>(input.size(1)),
+                                 .eps = eps};
+  orrery::with_value_type(input.scalar_type(), [&](auto type) {
+    orrery::launch_fused_norm<decltype(type)>(input.device(), {one_moment, vec_size, wide_index, work_group}, on);
+  });
+}
+
 }  // namespace
 
 PYBIND11_MODULE(orrery_launch, m) {
   m.def("launch_pairs", launch_pairs);
   m.def("dotgrid_forward", dotgrid_forward);
+  m.def("launch_norm", launch_norm);
+  m.def("add_layer_norm", orrery::add_layer_norm);
+  m.def("add_rms_norm", orrery::add_rms_norm);
+  m.attr("sub_groups_are_vectors") = orrery::last_finishes;
 }

@@ -93,7 +93,7 @@ struct fibers {
   ctx::fcontext_t scheduler = nullptr;
   std::exception_ptr failure;
   bool abandoning = false;
-  std::vector<char> exchange;
+  std::vector<char> exchange, reduction;
   std::vector<uint8_t> parity;
   known_stack scheduler_known;
 
@@ -247,6 +247,15 @@ char* exchange(group_state& g, int strand) {
   set.exchange.resize(2 * exchange_slot * g.strands);
   const size_t half = set.parity[strand]++ & 1;
   return set.exchange.data() + half * exchange_slot * g.strands;
+}
+
+char* reduction_slots(group_state& g) {
+  thread_local char alone[2 * exchange_slot];
+  if (g.strands == 1) return alone;
+  if (!g.running) throw exception(errc::kernel, no_barriers);
+  std::vector<char>& slots = g.running->reduction;
+  slots.resize(exchange_slot * (g.strands + 1));
+  return slots.data();
 }
 
 }  // namespace sycl::detail

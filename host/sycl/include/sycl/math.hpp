@@ -7,5 +7,6 @@ namespace sycl {
 using std::pow;
 using std::sqrt;
 using std::tanh;
+inline double rsqrt(double x) { return 1.0 / std::sqrt(x); }
 inline float pown(float x, int n) { return static_cast<float>(std::pow(static_cast<double>(x), n)); }
 }  // namespace sycl

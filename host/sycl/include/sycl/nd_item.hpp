@@ -37,6 +37,8 @@ ORRERY_SYCL_API void meet(group_state& g, int strand, strand_state at);
 // The exchange area of a work-group, one slot a strand; alternates so that one meeting a shuffle is enough.
 constexpr size_t exchange_slot = 16;
 ORRERY_SYCL_API char* exchange(group_state& g, int strand);
+// The area of the group's reductions: one slot a strand, and one for the result.
+ORRERY_SYCL_API char* reduction_slots(group_state& g);
 // Bytes that live as long as the launch and belong to the calling thread; `fresh` on the first call of the launch.
 // Throws where another place, or the same one for another size, has made the values of the launch.
 ORRERY_SYCL_API char* launch_scratch(const void* place, size_t bytes, bool& fresh);
@@ -149,10 +151,28 @@ T permute_group_by_xor(const sub_group& sg, T value, uint32_t mask) {
   return detail::value_of_lane(sg, value, sg.get_local_linear_id() ^ mask);
 }
 
+// The value of the lane `delta` above; its own where there is none, for which the standard names no value.
+template <typename T>
+T shift_group_left(const sub_group& sg, T value, uint32_t delta = 1) {
+  const uint32_t lane = sg.get_local_linear_id(), above = sg.get_local_linear_range() - lane;
+  return detail::value_of_lane(sg, value, delta < above ? lane + delta : lane);
+}
+
+template <typename T = void>
+struct plus {
+  T operator()(const T& a, const T& b) const { return a + b; }
+};
+
 template <int D>
 class nd_item;
 
 template <int D = 1>
+class group;
+
+template <int D, typename T>
+T reduce_over_group(const group<D>& g, T value, plus<T> op);
+
+template <int D>
 class group {
  public:
   size_t get_group_id(int d) const { return at_.group(d); }
@@ -165,6 +185,8 @@ class group {
  private:
   template <int E>
   friend void group_barrier(const group<E>& g);
+  template <int E, typename T>
+  friend T reduce_over_group(const group<E>& g, T value, plus<T> op);
   friend class nd_item<D>;
 
   explicit group(const detail::item_base<D>& at) : at_(at) {}
@@ -177,6 +199,44 @@ void group_barrier(const group<D>& g) {
   detail::meet(*g.at_.state, g.at_.strand, detail::strand_state::at_group_barrier);
 }
 inline void group_barrier(const sub_group& g) { g.barrier(); }
+
+namespace detail {
+
+// The sum over a group's strands, one work-item each: those whose ids are equal modulo 32 in their order, then the
+// halving tree over the 32 sums.
+template <typename T>
+T sum_of_strands(const group_state& g, const char* slots) {
+  constexpr int columns = 32;
+  T sum[columns] = {};
+  for (int strand = 0; strand < g.strands; ++strand) {
+    T value;
+    std::memcpy(&value, slots + exchange_slot * strand, sizeof(T));
+    sum[strand % columns] = sum[strand % columns] + value;
+  }
+  for (int half = columns / 2; half >= 1; half /= 2) {
+    for (int i = 0; i < half; ++i) sum[i] = sum[i] + sum[i + half];
+  }
+  return sum[0];
+}
+
+}  // namespace detail
+
+template <int D, typename T>
+T reduce_over_group(const group<D>& g, T value, plus<T>) {
+  static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= detail::exchange_slot);
+  detail::group_state& state = *g.at_.state;
+  char* slots = detail::reduction_slots(state);
+  char* result = slots + detail::exchange_slot * state.strands;
+  std::memcpy(slots + detail::exchange_slot * g.at_.strand, &value, sizeof(T));
+  group_barrier(g);
+  if (g.at_.strand == 0) {
+    const T sum = detail::sum_of_strands<T>(state, slots);
+    std::memcpy(result, &sum, sizeof(T));
+  }
+  group_barrier(g);
+  std::memcpy(&value, result, sizeof(T));
+  return value;
+}
 
 template <int D = 1>
 class nd_item {
@@ -256,6 +316,16 @@ class lane_item {
   template <int SG, typename T>
   T xor_lane(T value, size_t bits) const requires(N == 1) {
     return permute_group_by_xor(detail::sub_group_of(at_, SG), value, static_cast<uint32_t>(bits));
+  }
+  // The value of the work-item whose index in a sub-group of SG is `delta` above this one's.
+  template <int SG, typename T>
+  T lane_above(T value, uint32_t delta) const requires(N == 1) {
+    return shift_group_left(detail::sub_group_of(at_, SG), value, delta);
+  }
+  // The sum over the group's work-items; each of them calls it.
+  template <typename T>
+  T group_sum(T value) const requires(N == 1) {
+    return reduce_over_group(nd_item<D>(at_, 1).get_group(), value, plus<T>());
   }
   // Every strand calls this as its last act; the last one runs `whole`.
   template <typename F>
