@@ -157,19 +157,6 @@ std::vector<index_lists> get_moe_indexes(const Tensor& selected_experts, int32_t
   return both;
 }
 
-// An operation without kernels: it converts its arguments, then raises the error that it is not built yet.
-template <typename Result, typename... Arguments>
-void bind_unbuilt(pybind11::module_& m, const char* name, const char* doc, Result (*signature)(Arguments...)) {
-  bind_as(
-      m, name, [name](Arguments...) -> Result { not_built_yet(name); }, signature, doc);
-}
-
-template <typename Signature>
-constexpr Signature* signature = nullptr;
-
-using T = const Tensor&;
-using mask = const optional<Tensor>&;
-
 void register_operations(pybind11::module_& m) {
   using pybind11::arg;
   bind_operation(m, "forward_new", linear_forward_new, "Linear forward (XPU) new format");

@@ -5,8 +5,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <stdexcept>
-#include <string>
 #include <vector>
 
 namespace orrery {
@@ -94,10 +92,5 @@ at::Tensor rwkv_linear_attention_v5(const at::Tensor& time_decay, const at::Tens
                                     const at::Tensor& receptance, const at::Tensor& key, const at::Tensor& value,
                                     const at::Tensor& state);
 at::Tensor rwkv_time_shift(const at::Tensor& hidden, const at::Tensor& shifted, const at::Tensor& mix);
-
-// The error of an operation, a kernel family or a format whose kernels do not exist yet.
-[[noreturn]] inline void not_built_yet(const std::string& name) {
-  throw std::runtime_error("orrery_ops: " + name + " is not built yet");
-}
 
 }  // namespace orrery

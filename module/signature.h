@@ -69,9 +69,8 @@ template <typename T>
 using bound_t = typename bound_type<T>::type;
 
 // Registers one function; `extra` is its docstring and, if there are any, the arguments' names.
-template <typename Function, typename Result, typename... Arguments, typename... Extra>
-void bind_as(pybind11::module_& m, const char* name, Function function, Result (*)(Arguments...),
-             const Extra&... extra) {
+template <typename Result, typename... Arguments, typename... Extra>
+void bind_operation(pybind11::module_& m, const char* name, Result (*function)(Arguments...), const Extra&... extra) {
   m.def(
       name,
       [function](bound_t<Arguments>... arguments) -> bound_t<Result> {
@@ -82,11 +81,6 @@ void bind_as(pybind11::module_& m, const char* name, Function function, Result (
         }
       },
       extra...);
-}
-
-template <typename Result, typename... Arguments, typename... Extra>
-void bind_operation(pybind11::module_& m, const char* name, Result (*function)(Arguments...), const Extra&... extra) {
-  bind_as(m, name, function, function, extra...);
 }
 
 }  // namespace orrery
