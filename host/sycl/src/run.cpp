@@ -60,11 +60,16 @@ class launch_run {
     // Sharing costs 0.5 us, and 2 us more if a worker has to be woken: more than so few strands usually take.
     constexpr size_t worth_threads = 32;
     const bool alone = plan_.groups * strands_ <= worth_threads || at::in_parallel_region();
-    const size_t threads = alone ? 1 : at::get_num_threads();
-    // Groups stay together as long as each thread gets a few of their units.
+    const int threads = alone ? 1 : at::get_num_threads();
+    // With few units for each thread a piece is a thread's whole share, in which groups still run together.
     constexpr size_t units_per_thread = 4;
-    if (plan_.groups >= units_per_thread * threads * plan_.groups_together) unit_ = plan_.groups_together;
-    share((plan_.groups + unit_ - 1) / unit_, threads,
+    size_t most_pieces = SIZE_MAX;
+    if (plan_.groups >= units_per_thread * threads * plan_.groups_together) {
+      unit_ = plan_.groups_together;
+    } else if (plan_.groups_together > 1) {
+      most_pieces = threads;
+    }
+    share((plan_.groups + unit_ - 1) / unit_, threads, most_pieces,
           [](void* self, size_t begin, size_t end) { static_cast<launch_run*>(self)->try_units(begin, end); }, this);
     if (failure_) std::rethrow_exception(failure_);
   }

@@ -86,7 +86,7 @@ static_assert(most_threads * pieces_per_share <= UINT16_MAX);
 struct shared_launch {
   void (*run)(void* context, size_t begin, size_t end);
   void* context;
-  size_t count, pieces;
+  size_t count, pieces;  // of pieces the most that are wanted, until the launch is dealt out
 
   void all() const { run(context, 0, count); }
   void piece(size_t i) const { run(context, count * i / pieces, count * (i + 1) / pieces); }
@@ -172,7 +172,7 @@ class pool {
   void deal(size_t threads, const shared_launch& launch) {
     static thread_local crowd others;
     launch_ = launch;
-    launch_.pieces = std::min(launch.count, pieces_per_share * threads);
+    launch_.pieces = std::max(std::min(launch.pieces, pieces_per_share * threads), threads);
     shares_.store(threads, std::memory_order_relaxed);
     caller_processor_.store(sched_getcpu(), std::memory_order_relaxed);
     crowded_.store(others.around(), std::memory_order_relaxed);
@@ -292,9 +292,10 @@ static_assert(std::is_trivially_destructible_v<pool>);  // workers may use it un
 
 }  // namespace
 
-void share(size_t count, int threads, void (*run)(void* context, size_t begin, size_t end), void* context) {
+void share(size_t count, int threads, size_t most_ranges, void (*run)(void* context, size_t begin, size_t end),
+           void* context) {
   const size_t most = std::min({static_cast<size_t>(threads), count, most_threads});
-  const shared_launch launch{run, context, count, 1};
+  const shared_launch launch{run, context, count, std::min(count, most_ranges)};
   if (most < 2) return launch.all();
   bound_openmp_spinning();
   the_pool.share(most, launch);
