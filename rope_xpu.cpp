@@ -194,9 +194,26 @@ struct rotary_rows : small_groups<2> {
     constexpr int N = 16;
     const auto [t, row] = row_of(g);
     const auto& own = angles.of_row(t, row, half_dim, shared);
+    if (t.has_runs) return whole_contiguous_row<N>(t, row, own);
+    for (uint64_t j = 0; j < half_dim; j += N) turn_scattered<N>(t, row, j, own);
+  }
+
+  // Prefetches the next row: where heads alternate in memory it lies in another page, where the hardware does not
+  // look.
+  template <int N, typename Rows, typename Own>
+  void whole_contiguous_row(const Rows& t, uint64_t row, const Own& own) const {
+    const auto begin = begin_of(t, row), next = begin_of(t, row + 1 < t.rows ? row + 1 : row);
     for (uint64_t j = 0; j < half_dim; j += N) {
-      t.has_runs ? turn_contiguous<N>(t, row, j, own) : turn_scattered<N>(t, row, j, own);
+      ORRERY_UNROLL for (uint64_t half = j; half <= j + half_dim; half += half_dim) {
+        prefetch<N * sizeof(T)>(t.in + next[1] + half);
+        prefetch<N * sizeof(T)>(t.out + next[0] + half);
+      }
+      turn_contiguous<N>(t, begin, j, own);
     }
+  }
+  template <typename Rows>
+  auto begin_of(const Rows& t, uint64_t row) const {
+    return t.at.offsets(static_cast<uint32_t>(row * 2 * half_dim));
   }
 
   template <int N, typename Rows, typename Own>
@@ -210,11 +227,11 @@ struct rotary_rows : small_groups<2> {
     y2.scatter(t.out, of.second[0], live);
   }
 
-  template <int N, typename Rows, typename Own>
-  ORRERY_INLINE void turn_contiguous(const Rows& t, uint64_t row, uint64_t j, const Own& own) const {
+  // `begin` are the row's first offsets.
+  template <int N, typename Rows, typename Offsets, typename Own>
+  ORRERY_INLINE void turn_contiguous(const Rows& t, const Offsets& begin, uint64_t j, const Own& own) const {
     using V = simd<T, N>;
     const auto live = mask<N>::first(static_cast<int64_t>(half_dim - j));
-    const auto begin = t.at.offsets(static_cast<uint32_t>(row * 2 * half_dim));
     const T* x = t.in + begin[1] + j;
     T* y = t.out + begin[0] + j;
     const auto [y1, y2] =

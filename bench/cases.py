@@ -18,6 +18,7 @@ from orrery.formats import FORMATS, Format, quantize
 
 from . import decode
 from . import engine as matrix_engine
+from . import sequence
 from .measure import Call, Flush, call_cost, interleaved
 from .report import Bar, Row
 from .rounding import RoundedOperations
@@ -404,7 +405,7 @@ def norm(setting: Setting) -> list[Row]:
 
 
 def rotary(setting: Setting) -> list[Row]:
-    """One position: 32 query and 8 key heads of 128, against the usual PyTorch expression."""
+    """In place one position, 32 query and 8 key heads of 128; then whole prompts. Against the usual PyTorch lines."""
     inverse = 10000.0 ** (-torch.arange(64, dtype=torch.float32) / 64)
     position = torch.tensor([[7]])
     q, k = torch.randn(1, 32, 1, 128), torch.randn(1, 8, 1, 128)
@@ -429,7 +430,7 @@ def rotary(setting: Setting) -> list[Row]:
         setting.ops.rotary_half_inplaced(inverse_d, position_d, probe, probe_key)
         setting.check("rotary_half_inplaced", lambda: probe, expected, 1e-4)
     times = setting.both(ours, peer, 200)
-    return [Row("rotary_half_inplaced 32+8 heads of 128", *times, "torch, eager")]
+    return [Row("rotary_half_inplaced 32+8 heads of 128", *times, "torch, eager")] + sequence.rotary(setting)
 
 
 def bmm(setting: Setting) -> list[Row]:
@@ -485,6 +486,7 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "empty": empty,
     "sdp": sdp,
     "norm": norm,
+    "norms": sequence.norms,
     "rotary": rotary,
     "bmm": bmm,
     "model": model,

@@ -21,6 +21,7 @@ COMPILERS = [name for name in dict.fromkeys([os.environ.get("CXX", "c++"), "clan
 UNITS = [
     "norm.cpp",
     "rope.cpp",
+    "rope_xpu.cpp",
     "rwkv.cpp",
     "sdp.cpp",
     "bmm_xpu_kernel.cpp",
@@ -33,6 +34,8 @@ UNITS = [
     "linear/dense/super_blocks.cpp",
     "batch/int4.cpp",
     "dotgrid_xpu_kernel.cpp",
+    "norms/half.cpp",
+    "norms/double.cpp",
     "fused/q4_0.cpp",
     "fused/iq2_xxs.cpp",
 ]
@@ -73,7 +76,7 @@ def test_vectors_are_plain_arrays(compiler):
 def test_intrinsics_stand_in_one_folder():
     """Nor do kernels, formats and host functions look into the vectors of a simd."""
     inside = re.compile(r"\b_mm\w*_|\b__m\d+|\b__mmask|\basm\b|\b__builtin_(?!LINE)|\bvector_size\b|\.v\b|::chunks?\b")
-    folders = ["", "formats", "includes", "linear/*", "batch", "fused", "attention"]
+    folders = ["", "formats", "includes", "linear/*", "batch", "fused", "norms", "attention"]
     files = [f for folder in folders for end in ("cpp", "h") for f in ROOT.glob(f"{folder}/*.{end}".lstrip("/"))]
     files += ROOT.glob("linear/*.*")
     assert len(files) > 30

@@ -105,6 +105,17 @@ def run(operation, name, width, out, **arguments):
 
 
 @every_case
+def test_first_lanes(name, width):
+    a, b = sample(name, width), sample(name, width, 1)
+    for count in {-1, 0, 1, width // 2 + 1, width - 1, width, width + 5}:
+        on = np.arange(width) < count
+        out = run("load_first", name, width, blank(name, width), a=a[: max(count, 0)].copy() if count < width else a, argument=count, count=1)
+        equal(name, out, np.where(on, a, np.zeros_like(a)), any_nan=True)
+        out = run("store_first", name, width, b.copy(), a=a, argument=count)
+        equal(name, out, np.where(on, a, b), any_nan=True)
+
+
+@every_case
 def test_load_and_store(name, width):
     a = sample(name, 7 * width)
     equal(name, run("copy", name, width, blank(name, a.size), a=a), a, any_nan=True)
@@ -212,6 +223,14 @@ def test_slices_and_pairs(name, width):
     equal(name, out, np.concatenate([a[::2], a[1::2]]), any_nan=True)
     out = run("join_pairs", name, width, blank(name, width), a=a)
     equal(name, out, np.stack([a[:half], a[half:]], 1).ravel(), any_nan=True)
+
+
+@pytest.mark.parametrize("name, width", [c for c in CASES if c[1] in (1, 4, 8, 16, 32)])
+def test_shifted_lanes(name, width):
+    a = sample(name, 3 * width)
+    for delta in {0, 1, width // 2, width - 1}:
+        out = run("shift_lanes", name, width, blank(name, a.size), a=a, argument=delta).reshape(3, width)
+        equal(name, out[:, : width - delta].ravel(), a.reshape(3, width)[:, delta:].ravel(), any_nan=True)
 
 
 @pytest.mark.parametrize("k", [1, 2])
@@ -363,6 +382,17 @@ def test_fold_of_each_row(name, width):
     a = stored(name, rng.standard_normal(3 * width * width).astype(np.float32) * np.float32(100))
     out = run("fold_each", name, width, blank(name, 3 * width), a=a, count=3)
     equal(name, out, halving_tree(name, values_of(name, a).reshape(3 * width, width)))
+
+
+@pytest.mark.parametrize("name, width", [c for c in FLOAT_CASES if c[1] <= 16])
+def test_fold_of_neighbours_of_each_row(name, width):
+    rng = np.random.default_rng(width)
+    a = stored(name, rng.standard_normal(6 * width * width).astype(np.float32) * np.float32(100))
+    out = run("fold_neighbours_each", name, width, blank(name, 3 * width), a=a, count=3)
+    rows = values_of(name, a).reshape(3 * width, 2 * width)
+    while rows.shape[1] > 1:
+        rows = values_of(name, stored(name, rows[:, ::2] + rows[:, 1::2]))
+    equal(name, out, stored(name, rows[:, 0]))
 
 
 @pytest.mark.parametrize("name, width", [c for c in FLOAT_CASES if c[1] <= 32])
@@ -579,4 +609,11 @@ def test_native_sine_of_wide_angles_and_no_numbers(width):
 def test_scalar_square_roots():
     x = np.array([4.0, 2.0, 0.25, 1e-30, 3e38], np.float32)
     equal("float", native_values("sqrt", x, 0), np.sqrt(x))
-    assert ulps(native_values("rsqrt", x, 0), 1 / np.sqrt(x.astype(np.float64))).max() < 1.5
+    equal("float", native_values("rsqrt", x, 0), (1 / np.sqrt(x.astype(np.float64))).astype(np.float32))
+
+
+def test_reciprocal_square_root_in_double():
+    x = np.concatenate([np.random.default_rng(1).uniform(1e-9, 1e9, 500), [0.0, np.inf, 0.25, 4.0]])
+    out = run("rsqrt", "double", 1, blank("double", x.size), a=x)
+    with np.errstate(divide="ignore"):
+        equal("double", out, 1 / np.sqrt(x))

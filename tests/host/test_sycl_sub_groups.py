@@ -35,6 +35,32 @@ def test_select(local, shift, schedule):
         assert native.shuffled_float("select", local, values, shift) == expected
 
 
+@pytest.mark.parametrize("local", [1, 16, 40])
+@pytest.mark.parametrize("delta", [0, 1, 4, 15])
+@pytest.mark.parametrize("schedule", SCHEDULES)
+def test_shift_left(local, delta, schedule):
+    """Lanes without one above keep their value, for which the standard names none."""
+    values = [5.0 * i for i in range(3 * local)]
+    expected = by_sub_group(values, local, lambda v: v[delta:] + v[-delta:] if 0 < delta < len(v) else v)
+    with host_settings(**schedule), threads(3):
+        assert native.shuffled_float("left", local, values, delta) == expected
+
+
+@pytest.mark.parametrize("local", [1, 7, 32, 40, 256])
+@pytest.mark.parametrize("schedule", SCHEDULES)
+def test_sum_of_a_group(local, schedule):
+    """Columns of 32 in order, then halves."""
+    values = np.random.default_rng(local).standard_normal((3, local)).astype(np.float32)
+    sums = np.zeros((3, 32), np.float32)
+    for first in range(0, local, 32):
+        part = values[:, first : first + 32]
+        sums[:, : part.shape[1]] += part
+    while sums.shape[1] > 1:
+        sums = sums[:, : sums.shape[1] // 2] + sums[:, sums.shape[1] // 2 :]
+    with host_settings(**schedule), threads(3):
+        assert native.group_sums(values.ravel().tolist(), local) == sums.repeat(2 * local).tolist()
+
+
 def test_sizes_of_sub_groups():
     assert native.shuffled_int("size", 40, [0] * 80, 0) == ([16] * 32 + [8] * 8) * 2
 

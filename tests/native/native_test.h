@@ -10,6 +10,7 @@
 void bind_simd(pybind11::module_& m);
 void bind_simd_verbs(pybind11::module_& m);
 void bind_formats(pybind11::module_& m);
+void bind_offset_calculator(pybind11::module_& m);
 void bind_standard(pybind11::module_& m);
 void bind_matrix_engine(pybind11::module_& m);
 

@@ -30,11 +30,12 @@ inline std::map<key, operation> operations;
 
 template <typename T>
 const char* type_name();
-#define ORRERY_TYPES(X)                                                                           \
-  X(c10::Half, "half")                                                                            \
-  X(c10::BFloat16, "bfloat16")                                                                    \
-  X(float, "float") X(double, "double") X(int8_t, "int8") X(uint8_t, "uint8") X(int32_t, "int32") \
-      X(uint32_t, "uint32") X(int64_t, "int64")
+#define ORRERY_TYPES(X)                                                                               \
+  X(c10::Half, "half")                                                                                \
+  X(c10::BFloat16, "bfloat16")                                                                        \
+  X(float, "float")                                                                                   \
+  X(double, "double") X(int8_t, "int8") X(uint8_t, "uint8") X(int32_t, "int32") X(uint32_t, "uint32") \
+      X(int64_t, "int64")
 #define X(T, name)                    \
   template <>                         \
   inline const char* type_name<T>() { \
@@ -92,6 +93,10 @@ struct vectors {
     add<T, N>("gather",
               [](const call& c, int64_t k) { V::gather(static_cast<const T*>(c.a) + k, index(c)).store(out(c, k)); });
     add<T, N>("scatter", [](const call& c, int64_t k) { a(c, k).scatter(static_cast<T*>(c.out), index(c)); });
+    add<T, N>("load_first", [](const call& c, int64_t k) {
+      V::load_first(static_cast<const T*>(c.a) + k * N, c.argument).store(out(c, k));
+    });
+    add<T, N>("store_first", [](const call& c, int64_t k) { a(c, k).store_first(out(c, k), c.argument); });
     if constexpr (N <= 64) {
       add<T, N>("load_masked", [](const call& c, int64_t k) {
         V::load(static_cast<const T*>(c.a) + k * N, orrery::mask<N>{c.mask}).store(out(c, k));
@@ -113,6 +118,11 @@ struct vectors {
     unary("shuffle_reversed",
           [](V x) { return orrery::shuffle(x, orrery::simd<int32_t, N>(N - 1) - orrery::simd<int32_t, N>::iota()); });
     add<T, N>("shuffle", [](const call& c, int64_t k) { orrery::shuffle(a(c, k), index(c)).store(out(c, k)); });
+    if constexpr (is_power_of_two(N) && N <= 32) {
+      add<T, N>("shift_lanes", [](const call& c, int64_t k) {
+        orrery::shift_lanes(a(c, k), static_cast<int>(c.argument)).store(out(c, k));
+      });
+    }
     if constexpr (N >= 4) {
       constexpr int H = N / 2, Q = N / 4;
       add<T, N>("slice", [](const call& c, int64_t k) {
@@ -146,6 +156,15 @@ struct vectors {
         for (int i = 0; i < N; ++i) rows[i] = a(c, k * N + i);
         orrery::fold_each(rows).store(out(c, k));
       });
+      if constexpr (N <= 16) {
+        add<T, N>("fold_neighbours_each", [](const call& c, int64_t k) {
+          orrery::simd<T, 2 * N> rows[N];
+          for (int i = 0; i < N; ++i) {
+            rows[i] = orrery::simd<T, 2 * N>::load(static_cast<const T*>(c.a) + (k * N + i) * 2 * N);
+          }
+          orrery::fold_neighbours_each(rows).store(out(c, k));
+        });
+      }
       add<T, N>("load_register_values", [](const call& c, int64_t k) {
         V::load_register_values(static_cast<const typename V::S*>(c.a) + k * N).store(out(c, k));
       });
@@ -180,6 +199,7 @@ struct vectors {
       add<T, N>("shift_right", [](const call& c, int64_t k) { (a(c, k) >> int(c.argument)).store(out(c, k)); });
     } else {
       unary("sqrt", [](V x) { return orrery::sqrt(x); });
+      if constexpr (std::is_same_v<T, double> && N == 1) unary("rsqrt", [](V x) { return V(orrery::rsqrt(x[0])); });
       add<T, N>("lookup16", [](const call& c, int64_t k) {
         const auto table = orrery::simd<T, 16>::load(static_cast<const T*>(c.b));
         orrery::lookup16(table, orrery::simd<uint32_t, N>::load(static_cast<const uint32_t*>(c.a) + k * N))

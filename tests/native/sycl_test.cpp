@@ -222,12 +222,29 @@ std::vector<T> shuffled(const std::string& kind, size_t local, const std::vector
         out[g] =
             sycl::select_from_group(sg, values[g], (sg.get_local_linear_id() + argument) % sg.get_local_linear_range());
       }
+      if (kind == "left") out[g] = sycl::shift_group_left(sg, values[g], static_cast<uint32_t>(argument));
       if (kind == "size") out[g] = static_cast<T>(sg.get_local_linear_range());
       if (kind == "butterfly") {
         T sum = values[g];
         for (size_t bits = 8; bits >= 1; bits /= 2) sum += sycl::permute_group_by_xor(sg, sum, bits);
         out[g] = sum;
       }
+    });
+  });
+  return out;
+}
+
+// The group's sum as each of its work-items has it, twice: shuffles of one sub-group come between.
+std::vector<float> group_sums(const std::vector<float>& values, size_t local) {
+  std::vector<float> out(2 * values.size());
+  queue_of().submit([&](sycl::handler& h) {
+    h.parallel_for(sycl::nd_range<1>({values.size()}, {local}), [&](sycl::nd_item<1> it) {
+      const size_t i = it.get_global_id(0);
+      out[2 * i] = sycl::reduce_over_group(it.get_group(), values[i], sycl::plus<float>());
+      const auto sg = it.get_sub_group();
+      const float own =
+          sg.get_group_linear_id() == 0 ? sycl::select_from_group(sg, values[i], sg.get_local_linear_id()) : values[i];
+      out[2 * i + 1] = sycl::reduce_over_group(it.get_group(), own, sycl::plus<float>());
     });
   });
   return out;
@@ -724,6 +741,7 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.def("shuffled_int", &shuffled<int>);
   m.def("shuffle_two_types", &shuffle_two_types);
   m.def("some_end", &some_end);
+  m.def("group_sums", &group_sums);
   m.def("kernel_throws", &kernel_throws);
   m.def("range_error", &range_error);
   m.def("launch_from_kernel", &launch_from_kernel);
@@ -771,6 +789,7 @@ PYBIND11_MODULE(orrery_native_tests, m) {
   m.attr("scalar_items") = false;
 #endif
   bind_simd(m);
+  bind_offset_calculator(m);
   bind_simd_verbs(m);
   bind_formats(m);
   bind_standard(m);
