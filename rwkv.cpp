@@ -3,6 +3,7 @@
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 
+#include <algorithm>
 #include <cstdint>
 
 #include "includes/assertion.h"
@@ -19,7 +20,38 @@ simd<float, N> fmax(const simd<float, N>& a, const simd<float, N>& b) {
   return select(b == b, select_less(b, a, a, b), a);
 }
 
-// A work-item owns a channel. Numerator and denominator are scaled by e^-mx, which keeps every exponent at or below 0.
+// Neighbouring channels of version 4. Numerator and denominator are scaled by e^-mx, so that no exponent is above 0.
+template <int N>
+struct channels {
+  using V = simd<float, N>;
+
+  V decay, first, num, den, mx;
+
+  V step(const V& k, const V& v) {
+    const V w = first + k;
+    const powers now = powers_of(mx, w, fmax(mx, w));
+    const V out = (now.a * num + now.b * v) / (now.a * den + now.b);
+    const V w2 = mx + decay;
+    mx = fmax(w2, k);
+    const powers next = powers_of(w2, k, mx);
+    num = next.a * num + next.b * v;
+    den = next.a * den + next.b;
+    return out;
+  }
+
+ private:
+  struct powers {
+    V a, b;
+  };
+  // e^(a - m) and e^(b - m), where m is the larger of a and b. One of them is e^0, so one exponential gives both. Where
+  // a difference is a NaN, the other power may become the NaN, which makes the same three results NaNs.
+  static powers powers_of(const V& a, const V& b, const V& m) {
+    const V e = native::exp((a - m) + (b - m)), one(1.0f);
+    return {select_less(a, b, e, one), select_less(a, b, one, e)};
+  }
+};
+
+// A work-item owns a channel.
 template <typename T, int GS, int SBS>
 struct rwkv_linear_attention_kernel_v4 {
   static constexpr int sub_group_size = SBS;
@@ -32,27 +64,44 @@ struct rwkv_linear_attention_kernel_v4 {
 
   template <typename Item>
   void operator()(const Item& item) const {
-    using V = simd<float, Item::lanes>;
-    const uint64_t b = item.global(0), c = item.global(1), state = b * hidden_size + c;
-    const auto at = [](const T* p) { return convert<float>(simd<T, Item::lanes>::load(p)); };
-    const V decay = at(time_decay + c), first = at(time_first + c);
-    V num = V::load(num_state + state), den = V::load(den_state + state), mx = V::load(max_state + state);
-    for (uint64_t t = 0; t < seq_len; ++t) {
-      const uint64_t element = (b * seq_len + t) * hidden_size + c;
-      const V k = at(key + element), v = at(value + element);
-      const V w = first + k, m1 = fmax(mx, w);
-      V e1 = native::exp(mx - m1), e2 = native::exp(w - m1);
-      convert<T>((e1 * num + e2 * v) / (e1 * den + e2)).store(out + element);
-      const V w2 = mx + decay, m2 = fmax(w2, k);
-      e1 = native::exp(w2 - m2);
-      e2 = native::exp(k - m2);
-      num = e1 * num + e2 * v;
-      den = e1 * den + e2;
-      mx = m2;
+    run<Item::lanes, 1>(item.global(0), item.global(1), 1);
+  }
+
+  // Neighbouring groups step by step, so that memory is read in row order, and a step's chain of dependent operations
+  // has those of other channels beside it.
+  template <typename Item>
+  size_t take_groups(const Item& item, size_t most) const requires last_finishes {
+    constexpr size_t together = 4;
+    const size_t groups = std::min({most, item.group_range(1) - item.group(1), together});
+    run<SBS, together * GS / SBS>(item.group(0), item.group(1) * GS, groups * GS / SBS);
+    return groups;
+  }
+
+ private:
+  // `count` times N channels from channel c of sequence b on, Most times at most.
+  template <int N, int Most>
+  void run(uint64_t b, uint64_t c, int count) const {
+    const auto widened = [](const T* p) { return convert<float>(simd<T, N>::load(p)); };
+    using V = simd<float, N>;
+    channels<N> all[Most];
+    const uint64_t state = b * hidden_size + c;
+    for (int i = 0; i < count; ++i) {
+      const uint64_t at = state + i * N;
+      all[i] = {widened(time_decay + c + i * N), widened(time_first + c + i * N), V::load(num_state + at),
+                V::load(den_state + at), V::load(max_state + at)};
     }
-    num.store(num_state + state);
-    den.store(den_state + state);
-    mx.store(max_state + state);
+    for (uint64_t t = 0; t < seq_len; ++t) {
+      const uint64_t row = (b * seq_len + t) * hidden_size + c;
+      for (int i = 0; i < count; ++i) {
+        const uint64_t at = row + i * N;
+        convert<T>(all[i].step(widened(key + at), widened(value + at))).store(out + at);
+      }
+    }
+    for (int i = 0; i < count; ++i) {
+      all[i].num.store(num_state + state + i * N);
+      all[i].den.store(den_state + state + i * N);
+      all[i].mx.store(max_state + state + i * N);
+    }
   }
 };
 

@@ -18,6 +18,7 @@ from orrery.formats import FORMATS, Format, quantize
 
 from . import decode
 from . import engine as matrix_engine
+from . import recurrence
 from . import sequence
 from .measure import Call, Flush, call_cost, interleaved
 from .report import Bar, Row
@@ -489,6 +490,8 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "norms": sequence.norms,
     "rotary": rotary,
     "bmm": bmm,
+    "rwkv": recurrence.rwkv,
+    "experts": recurrence.experts,
     "model": model,
     "threads": threads,
 }
