@@ -21,7 +21,7 @@ KERNEL_TESTS = $(addprefix tests/,test_linear_xpu_kernel.py test_row_pairs.py te
                  test_q8_1.py test_linear_dense.py test_dequantize.py test_batch_forward.py test_dotgrid.py \
                  test_fused_qkv.py test_fused_mlp.py test_bmm_xpu_kernel.py test_sdp.py test_sdp_causal.py \
                  test_sdp_fp8.py test_kv.py test_norm.py test_rope.py \
-                 test_rwkv.py)
+                 test_add_norm_fusion.py test_rope_xpu.py test_rwkv.py test_moe.py)
 
 .PHONY: demo test check build bench scalar sanitize sanitize-threads format clean
 .DELETE_ON_ERROR:

@@ -83,12 +83,12 @@ def shuffled_down(v: np.ndarray, shift: int) -> np.ndarray:
 
 
 def over_sub_groups(values: np.ndarray) -> np.ndarray:
-    """[row]: the sum over [row, item] by sub-groups of 32, then over the sub-groups."""
+    """[row]: the sum over [row, item] by whole sub-groups of 32, then over these."""
     m, items = values.shape
     count = items >> 5
     if count == 0:
         return np.zeros(m, values.dtype)
-    lanes = values.reshape(m, count, 32)
+    lanes = values[:, : 32 * count].reshape(m, count, 32)
     for shift in (1, 2, 4, 8, 16):
         lanes = lanes + shuffled_down(lanes, shift)
     totals = lanes[..., 0]
@@ -406,7 +406,7 @@ def test_a_constant_row_without_eps(dtype):
     """r is infinite where the variance is 0, also where rounding makes it negative: then eps is not added."""
     a, variances = Arithmetic(dtype), []
     for i in range(1, 40):
-        x = np.full((1, 2048 - 64), a.of(np.array(0.1 * i)), a.numpy)
+        x = np.full((1, 989), a.of(np.array(0.1 * i)), a.numpy)
         total, squares = (over_sub_groups(v) for v in item_sums(dtype, x))
         n = accumulator(dtype)(x.shape[1])
         variances.append(float(((squares - total * total / n) / n)[0]))
@@ -415,7 +415,7 @@ def test_a_constant_row_without_eps(dtype):
             assert_same_bits(call("layer", dtype, x, eps), expected)
             if variances[-1] < 0 or (variances[-1] == 0 and eps == 0):
                 assert not np.isfinite(expected).any()
-    assert 0.0 in variances and (min(variances) < 0 or dtype == "float16")
+    assert 0.0 in variances and min(variances) < 0
 
 
 @kinds
@@ -425,8 +425,8 @@ def test_rows_that_overflow(kind, dtype):
     x = whole(g, dtype, 5, 128)
     x[0, 3] = np.inf
     x[1, 100] = np.nan
-    x[2] = {"float16": 60000, "bfloat16": 1e30, "float32": 1e30, "float64": 1e300}[dtype]
-    x[3] = {"float16": 2.0**-24, "bfloat16": 1e-39, "float32": 1e-39, "float64": 1e-310}[dtype]
+    x[2] = {"float16": 60000, "bfloat16": 2.0**100, "float32": 1e30, "float64": 1e300}[dtype]
+    x[3] = {"float16": 2.0**-24, "bfloat16": 2.0**-130, "float32": 1e-39, "float64": 1e-310}[dtype]
     for eps in (0.0, 1e-5):
         result = call(kind, dtype, x, eps)
         expected = reference(kind, dtype, x, eps)
@@ -576,8 +576,10 @@ def test_the_wrappers_that_no_operation_calls(name, kind):
 
 
 def lengths_under_limit() -> list[tuple[str, int]]:
-    """All lengths but those whose last sub-group would have fewer than 32 work-items."""
-    return [(dtype, n) for dtype in CPP for n in lengths(dtype) if shape_of(dtype, n)[1] % 32 == 0 or W <= 32]
+    """All lengths but those of two whole sub-groups and a part of a third, which has no place for its sums. Behind a
+    single one, such a part's sums are left out."""
+    cases = [(dtype, n) for dtype in CPP for n in lengths(dtype)]
+    return [one for one in cases if shape_of(*one)[1] % 32 == 0 or shape_of(*one)[1] < 64]
 
 
 def check_limit(counts: set[int]) -> None:
@@ -598,9 +600,9 @@ def check_limit(counts: set[int]) -> None:
                     assert launches[0].local_size == (shape_of(dtype, n)[1],)
 
 
-# 16: groups of several loads without a whole sub-group. 96 and 1280: numbers of sub-groups that are no power of two,
-# and more than 32 of them.
-@pytest.mark.parametrize("limit, counts", [(16, {0}), (32, {0, 1}), (96, {3}), (1280, {5, 10, 20, 40})])
+# 16: groups without a whole sub-group, with loads of any width. 96 and 1280: numbers of sub-groups that are no power of
+# two, also one and a half, and more than 32 of them.
+@pytest.mark.parametrize("limit, counts", [(16, {0}), (32, {0, 1}), (96, {0, 1, 3}), (1280, {5, 10, 20, 40})])
 def test_limit_of_the_device(limit, counts):
     here = str(Path(__file__).parent)
     path = os.pathsep.join([here, *filter(None, [os.environ.get("PYTHONPATH")])])

@@ -189,8 +189,10 @@ def test_v4_extreme_numbers(dtype):
     args[0][10], args[1][11] = torch.nan, -torch.inf
     # A key that is no number leaves the maximum as it is, in the last step and in one before smaller keys.
     key[0, 5, 12], key[0, 4, 13], key[0, 5, 13] = torch.nan, torch.nan, -50.0
+    # Two infinities of which neither is the larger: their distance is no number.
+    key[0, 0, 14], args[6][0, 14] = -torch.inf, -torch.inf
     result = v4_check(args)
-    assert result[0, :, 14:].isfinite().all() and args[6][0, 12:].isfinite().all()
+    assert result[0, 0, 14].isnan() and result[0, :, 15:].isfinite().all() and args[6][0, 12:].isfinite().all()
 
 
 def test_v4_reads_as_packed():
