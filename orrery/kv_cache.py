@@ -54,11 +54,11 @@ class PlainCache(KeyValueCache):
     def __init__(self, sizes: Sizes, capacity: int, dtype: torch.dtype, device: torch.device) -> None:
         super().__init__(sizes, capacity, dtype, device)
         # The heads of a layer's keys and values side by side: one copy puts a row of both.
-        self._heads = self.data.view(sizes.layers, 2 * sizes.kv_heads, capacity, sizes.head_dim)
+        self._heads = self.data.view(sizes.layers, 1, 2 * sizes.kv_heads, capacity, sizes.head_dim)
 
     def places(self, position: int, at_once: bool) -> list[Place]:
         """A place in each layer for the row of `position`; `at_once` says that `forward_qkv` writes it."""
-        new = self._heads.select(2, position).unbind(0)
+        new = self._heads.narrow(3, position, 1).unbind(0)
         pairs = self._rows_of_layers(0, position if at_once else position + 1)
         return [Place(*pair, (row,)) for pair, row in zip(pairs, new)]
 
@@ -72,7 +72,7 @@ class PlainCache(KeyValueCache):
 
     def put(self, place: Place, key_value: torch.Tensor) -> Pair:
         """Adds a row [1, 2 * heads, 1, head size], the keys' heads first."""
-        place.new[0].copy_(key_value[0, :, 0])
+        place.new[0].copy_(key_value)
         return place.keys, place.values
 
     def store(self, layer: int, position: int, key: torch.Tensor, value: torch.Tensor) -> None:

@@ -35,8 +35,8 @@ def stepped(model, tokens):
     return torch.cat([model.step(token).float().cpu() for token in tokens])
 
 
-def tiny(file, name, dtype=torch.float32, capacity=64):
-    return Model(prepare.load(file, FORMATS[name], cache=False), dtype, capacity)
+def tiny(file, name, dtype=torch.float32, capacity=64, cache="plain"):
+    return Model(prepare.load(file, FORMATS[name], cache=False), dtype, capacity, cache)
 
 
 def kernels_of_a_step(model):
@@ -135,13 +135,20 @@ ONE_BY_ONE = {"ours.rms_norm": 2, "ours.forward_new": 4, "ours.rotary_half_inpla
               "torch.copy_": 2, "torch.view": 1, "torch.add_": 2, "torch.chunk": 1, "torch.silu": 1, "torch.mul_": 1}
 
 
-@pytest.mark.parametrize("name, dtype, calls", [
-    ("q4_0", torch.float32, TOGETHER),
-    ("q4_0", torch.float16, {**TOGETHER, "torch.mul_": 1}),
-    ("nf4", torch.float32, ONE_BY_ONE),
+def over_bytes(calls):
+    """The same with one byte per element of the cache."""
+    return {**{name: n for name, n in calls.items() if name != "ours.sdp"}, "ours.sdp_fp8": 1, "ours.quantize_key_value": 1}
+
+
+@pytest.mark.parametrize("name, dtype, cache, calls", [
+    ("q4_0", torch.float32, "plain", TOGETHER),
+    ("q4_0", torch.float16, "plain", {**TOGETHER, "torch.mul_": 1}),
+    ("nf4", torch.float32, "plain", ONE_BY_ONE),
+    ("q4_0", torch.float32, "byte", over_bytes(TOGETHER)),
+    ("nf4", torch.float32, "byte", over_bytes({**ONE_BY_ONE, "torch.copy_": 1, "torch.chunk": 2})),
 ])
-def test_calls_of_a_layer(tiny_file, monkeypatch, name, dtype, calls):
-    model = tiny(tiny_file, name, dtype)
+def test_calls_of_a_layer(tiny_file, monkeypatch, name, dtype, cache, calls):
+    model = tiny(tiny_file, name, dtype, cache=cache)
     model.forward([1, 2, 3])
     two = counted_step(model, monkeypatch)
     model._layers.pop()

@@ -63,9 +63,16 @@ def test_bytes_are_those_of_the_plain_keys_and_values(tiny_file, name, dtype, pa
     assert coded[:, :, :, 60:].eq(77).all()
 
 
-# The spread of the tiny model's logits is 1.6. Where the byte of an element is another one than the reference's, since it
-# lies at the edge of a cell, the element is an eighth off. Half carries 11 bits through every product and sum, bfloat16 8.
-BOUNDS = {torch.float32: 4e-3, torch.float16: 0.03, torch.bfloat16: 0.25}
+def bound(name, dtype, parts):
+    """Largest mean distance of a tiny model's logits from a reference that sees the bytes; their spread is about 1.6.
+
+    An element at the edge of a cell may get another byte than the reference's and is an eighth off then. With float32 that
+    takes more than another order of additions: dense weights that are rounded to half, as those of q4_0 and q8_0, or
+    `sdp_fp8`, which multiplies query and key in half. Half carries 11 bits through every product and sum, bfloat16 8.
+    """
+    if dtype == torch.float32:
+        return 0.03 if name != "nf4" else 2e-5 if len(parts) == 1 else 0.012
+    return {torch.float16: 0.045, torch.bfloat16: 0.15}[dtype]
 
 
 @pytest.mark.parametrize("dtype", TYPES)
@@ -80,10 +87,9 @@ def test_logits_are_those_of_a_model_that_sees_the_bytes(tiny_file, name, dtype)
         model.rewind(0)
         rows = [stepped(model, part) if len(part) == 1 else passed(model, part) for part in split(TOKENS, parts)]
         distance = (torch.cat(rows) - expected).abs().mean()
-        print(name, dtype, parts, distance, (expected - plain).abs().mean())
-        assert distance < BOUNDS[dtype], parts
-    if dtype == torch.float32:
-        assert (expected - plain).abs().mean() > 3 * BOUNDS[dtype]
+        assert distance < bound(name, dtype, parts), parts
+    # So the bytes are seen: without them the reference is that far away.
+    assert (expected - plain).abs().mean() > 0.1
 
 
 @pytest.mark.parametrize("cache", kv_cache.KINDS)
@@ -135,12 +141,13 @@ def test_the_whole_context_in_one_prompt(tiny_file, cache):
     assert model.position == 8192 and last.isfinite().all()
     with pytest.raises(OrreryError, match="^the context of 8192 tokens is full$"):
         model.step(7)
+    # Other ways to the last place: a step, and rows behind others. The dense weights of a prompt are rounded to half, and so
+    # is the query of a step over bytes.
+    bound = {"plain": 4e-3, "byte": 0.02}[cache]
     model.rewind(8191)
-    # The last place, by a step: the dense weights of a prompt are rounded to half.
-    assert (model.step(tokens[-1]).cpu() - last).abs().mean() < 4e-3
-    # Other ways to the same place.
+    assert (model.step(tokens[-1]).cpu() - last).abs().mean() < bound
     model.rewind(8000)
-    assert (model.forward(tokens[8000:]).cpu() - last).abs().mean() < 4e-3
+    assert (model.forward(tokens[8000:]).cpu() - last).abs().mean() < bound
 
 
 def test_what_the_code_clamps():
