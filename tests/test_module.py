@@ -63,7 +63,8 @@ QKV_NAMES = (
 
 BUILT = {
     "forward_new", "dequant", "dequantize_rows", "bmm", "batch_forward", "sdp", "rms_norm", "rotary_half_inplaced",
-    "rotary_two_inplaced", "forward_qkv", "forward_qkv_bias", "forward_qk", "mlp_forward_xpu",
+    "rotary_two_inplaced", "forward_qkv", "forward_qkv_bias", "forward_qk", "mlp_forward_xpu", "sdp_causal", "sdp_fp8",
+    "sdp_fp8_causal", "quantize_key_value", "dequantize_key_value", "query_key_fp8_matmul", "attn_value_fp8_matmul",
 }  # fmt: skip
 
 
