@@ -245,7 +245,7 @@ def test_assertions(expression, change):
 
 def test_arguments_without_four_dimensions():
     with pytest.raises(IndexError, match=re.escape("Dimension out of range")):
-        orrery_ops.sdp_causal(zeros(1, 4, 64), zeros(1, 2, 9, 64), zeros(1, 2, 9, 64))
+        orrery_ops.sdp_causal(zeros(1, 4, 9), zeros(1, 2, 9, 64), zeros(1, 2, 9, 64))
 
 
 def results() -> list[torch.Tensor]:

@@ -473,7 +473,7 @@ def test_causal_asserts_equal_lengths_first(change):
 
 @EVERY
 def test_arguments_without_four_dimensions(operation):
-    shapes = {"query": (1, 4, 64), "key": (1, 2, 9, 64), "value": (1, 2, 9, 64)}
+    shapes = {"query": (1, 4, 9), "key": (1, 2, 9, 64), "value": (1, 2, 9, 64)}
     with pytest.raises(IndexError, match=re.escape("Dimension out of range")):
         getattr(orrery_ops, operation)(*arguments(operation, shapes, {}))
 
