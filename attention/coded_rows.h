@@ -17,7 +17,7 @@ struct coded_rows {
   simd<To, HD> load(uint64_t row) const {
     return Code::template decode<To, HD>(data + row * HD);
   }
-  void prefetch(uint64_t row) const { prefetch_far<HD>(data + row * HD); }
+  ORRERY_INLINE void prefetch(uint64_t row) const { prefetch_far<HD>(data + row * HD); }
 };
 template <int HD>
 using coded_keys = coded_rows<formats::key_code, HD>;

@@ -82,7 +82,7 @@ void walk_keys(const simd<native_type<T>, HD> (&query)[Q], const Keys& key, cons
   const uint64_t last = range.begin(end);
   for (uint64_t item = begin, t = range.begin(begin); item < end; t += keys_at_once) {
     const int n = static_cast<int>(std::min<uint64_t>(keys_at_once, last - std::min(t, last)));
-    const key_weights<Q> weight = weigh_keys<T>(query, key, t, n, shift, [&](uint64_t k) {
+    const key_weights<Q> weight = weigh_keys<T>(query, key, t, n, shift, [&](uint64_t k) ORRERY_INLINE {
       if (many) key.prefetch(k + keys_at_once), value.prefetch(k + keys_at_once);
     });
     for (uint64_t at = t; item < end; ++item, sums = {}) {
