@@ -29,7 +29,7 @@ class group_sums {
     ORRERY_UNROLL for (int i = 0; i < Q; ++i) {
       weights(i)[item] = sums.weights[i];
       if constexpr (last_finishes) {
-        float* to = values_[i][item % half];
+        float* to = host_.values[i][item % half];
         (item < half ? sums.values[i] : simd<float, HD>::load(to) + sums.values[i]).store(to);
       } else {
         sums.values[i].store_strided(local_ + item, sdp_group);
@@ -46,7 +46,7 @@ class group_sums {
       if constexpr (last_finishes) {
         constexpr int W = 16;
         for (int d = 0; d < HD; d += W) {
-          store(i, d, fold_rows<half, W>(values_[i][0] + d, HD) / simd<float, W>(total));
+          store(i, d, fold_rows<half, W>(host_.values[i][0] + d, HD) / simd<float, W>(total));
         }
       } else {
         for (int d = begin * (HD / sdp_group); d < end * (HD / sdp_group); ++d) {
@@ -57,19 +57,24 @@ class group_sums {
   }
 
  private:
+  static_assert(last_finishes || Q == 1);
   static constexpr int half = sdp_group / 2;
+
   float* weights(int i) {
     if constexpr (last_finishes) {
-      return weights_[i];
+      return host_.weights[i];
     } else {
       return local_ + HD * sdp_group;
     }
   }
 
-  static_assert(last_finishes || Q == 1);
+  struct on_host {
+    alignas(64) float values[Q][half][HD];
+    alignas(64) float weights[Q][sdp_group];
+  };
+  struct nothing {};
   float* local_;
-  alignas(64) float values_[last_finishes ? Q : 0][half][HD];
-  alignas(64) float weights_[last_finishes ? Q : 0][sdp_group];
+  std::conditional_t<last_finishes, on_host, nothing> host_;
 };
 
 // Walks over the keys of the work-items [begin, end) of `count` keys; put(item, sums) gets those of each.
