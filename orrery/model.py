@@ -305,22 +305,9 @@ def _joined(x: torch.Tensor, weights: Sequence[Weight]) -> torch.Tensor:
 
 
 def _parts(x: torch.Tensor, weights: Sequence[Weight], rows: tuple[int, ...]) -> Sequence[torch.Tensor]:
-    """The products with each of the weights, which have so many rows, as parts of one."""
-    return _product(x, _joined_weight(weights)).split(rows, 1)
-
-
-def _joined_weight(weights: Sequence[Weight]) -> Weight:
-    """The rows of all weights as one matrix.
-
-    Copying the bytes of matrices that stay apart is cheap beside a prompt's products, each of which is a launch on the
-    device's threads and then a product on PyTorch's: one product of more rows takes less time than several.
-    """
-    if len(weights) == 1:
-        return weights[0]
-    fmt, padding = weights[0].format, weights[0].padding
-    planes = zip(*(fmt.planes(weight.data) for weight in weights))
-    data = torch.cat([plane.view(-1) for same in planes for plane in same])
-    return Weight(data, fmt, padding, all(weight.together for weight in weights))
+    """The products with each of the weights, or the parts of that with one that joins so many rows of each."""
+    products = [_product(x, weight) for weight in weights]
+    return products[0].split(rows, 1) if len(products) == 1 else products
 
 
 def _rows_product(x: torch.Tensor, weight: Weight) -> torch.Tensor:

@@ -235,10 +235,11 @@ def test_a_prompt_does_not_go_row_by_row(tiny_file, name):
     with orrery_host.record_launches() as launches:
         model.forward(list(range(3, 43)))
     kernels = [launch.kernel for launch in launches]
-    # Four weights of a layer are expanded for the prompt, whether query, key and value, and gate and up, are joined in the
-    # model or for the call. Behind the last layer's attention one row goes on, in the end through the output matrix.
-    assert sum("dequantize" in kernel for kernel in kernels) == 4 * runner_files.LAYERS - 3
-    assert sum(kernel.startswith("qlinear_xpu_kernel") for kernel in kernels) == 3 + 1
+    # Each weight of a layer is expanded for the prompt. Behind the last layer's attention one row goes on, in the end
+    # through the output matrix.
+    weights, behind = (7, 4) if FORMATS[name].apart else (4, 3)
+    assert sum("dequantize" in kernel for kernel in kernels) == weights * runner_files.LAYERS - behind
+    assert sum(kernel.startswith("qlinear_xpu_kernel") for kernel in kernels) == behind + 1
     assert kernels.count("sdp_causal_kernel") == runner_files.LAYERS and "sdp_kernel" not in kernels
     # 35 rows behind those are two blocks of attention a layer.
     model.rewind(20)
