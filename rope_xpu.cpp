@@ -286,7 +286,7 @@ rotary_tensor<T, OffsetCalculator<Tensors>> rotary_tensor_of(const at::TensorIte
   t.in = in.const_data_ptr<T>();
   t.out = out.data_ptr<T>();
   t.rows = in.numel() / std::max<uint64_t>(head_dim, 1);
-  t.has_runs = t.at.has_runs_of(static_cast<uint32_t>(head_dim));
+  t.has_runs = t.at.has_runs_of(static_cast<uint32_t>(std::max<uint64_t>(head_dim, 1)));
   return t;
 }
 

@@ -10,7 +10,7 @@
 //                                        work-item is which lane is implementation-defined
 //   xor_lane<SG>(value, bits)            another lane's value, if an item is one work-item; and that of the lane
 //   lane_above<SG>(value, delta)         `delta` above, unspecified where there is none
-//   group_sum(value)                     the sum over the group, if an item is one work-item: see group_sum below
+//   group_sum(value)                     the group's sum, if an item is one work-item; docs/kernels.md tells its order
 //   when_last(f), shared_by_launch<T>(n, f) only under `if constexpr (Item::last_acts_for_group)`
 //
 // A kernel declares

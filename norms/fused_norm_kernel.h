@@ -45,7 +45,7 @@ struct moments {
 // The input plus the residuals that are given, normalized, times the weight, plus the bias. Sums and statistics are
 // in float, and in double for double. A work-item takes vec_size neighbouring elements in a pass.
 //
-// With one moment the squares are added up by the group's sum of includes/item.h. With two, neighbouring lanes are
+// With one moment the squares are added up by the group's sum (docs/kernels.md). With two, neighbouring lanes are
 // added first, then neighbouring pairs, and so on; and the sub-groups' sums in the same way.
 template <typename scalar_t, typename mean_t, typename weight_t, typename index_t, int vec_size, bool one_moment>
 struct fused_norm_kernel1 : small_groups<1> {
