@@ -279,11 +279,12 @@ def test_in_place(operation, dtype, layout):
 
 
 @operations
-@pytest.mark.parametrize("rows", [32767, 32768, 32769, 70001])
-def test_more_rows_than_groups(operation, rows):
-    """The groups go through the rows in steps of 32768, across the border of the two tensors."""
+@pytest.mark.parametrize("rows, head_dim", [(32767, 4), (32768, 4), (32769, 4), (70001, 4), (33001, 64), (70001, 32)])
+def test_more_rows_than_groups(operation, rows, head_dim):
+    """The groups go through the rows in steps of 32768, across the border of the two tensors. Groups of whole sub-groups
+    run in another way on the host than those of a part of one."""
     heads = [rows] if operation == Q_OR_K else [rows - 9999, 9999]
-    case = Case("float32", (1, heads[0], 1, 4), heads[-1], seed=4)
+    case = Case("float32", (1, heads[0], 1, head_dim), heads[-1], seed=4)
     case.check(operation)
     case.check(operation, reversed_dimensions, contiguous)
 
