@@ -121,7 +121,8 @@ def _parser() -> argparse.ArgumentParser:
     command.add_argument("--text", type=Path, metavar="FILE", help="text for the perplexity (default: a bundled one)")
     command.add_argument("--tokens", type=_whole, default=2048, metavar="N",
                          help="use only the first N tokens of the text (default: 2048)")
-    command.add_argument("--window", type=_whole, default=2048, metavar="N", help="tokens seen together (default: 2048)")
+    command.add_argument("--window", type=_whole, default=2048, metavar="N",
+                         help="tokens seen together (default: 2048)")
     command.set_defaults(run=_cache)
 
     command = commands.add_parser("perplexity", parents=[model, weights, keys],
@@ -252,7 +253,8 @@ def _chat(args: argparse.Namespace) -> None:
             raise OrreryError(f"{len(tokens)} tokens of conversation do not fit into the context of {model.capacity}")
         timing = Timing()
         limit = min(args.tokens, most)
-        answer = _say(generate(model, tokens[model.position :], limit, tokenizer.stop, _sampling(args), timing), tokenizer)
+        said_now = generate(model, tokens[model.position :], limit, tokenizer.stop, _sampling(args), timing)
+        answer = _say(said_now, tokenizer)
         print(f"[{timing}]", file=sys.stderr, flush=True)
         if len(answer) == most:
             raise OrreryError(f"the context of {model.capacity} tokens is full")

@@ -17,8 +17,8 @@ def halves(matrix: torch.Tensor, heads: int) -> torch.Tensor:
 
 
 def byte_code(x: torch.Tensor, offset: int) -> np.ndarray:
-    """What a one-byte cache keeps of float32 values, in its bytes: the sign, and the exponent and the upper three mantissa
-    bits of a half, less an offset, which is 48 for keys and 24 for values."""
+    """What a one-byte cache keeps of float32 values, in its bytes: the sign, and the exponent and the upper three
+    mantissa bits of a half, less an offset, which is 48 for keys and 24 for values."""
     with np.errstate(over="ignore"):
         bits = x.numpy().astype(np.float16).view(np.uint16)
     code = np.clip((bits & 0x7FFF) >> 7, offset, offset + 127) - offset

@@ -88,7 +88,8 @@ def test_context_overrun(cache, tmp_path):
 @pytest.mark.parametrize("prompt, answer", [(64, 1), (60, 5)])
 def test_generate_up_to_the_last_place_of_the_context(cache, tmp_path, prompt, answer, kind):
     runner_files.write_tiny(tmp_path / "tiny.gguf", context=64)
-    result = run(cache, "generate", "--model", tmp_path / "tiny.gguf", "a" * prompt, "--tokens", answer, "--cache", kind)
+    arguments = ("--model", tmp_path / "tiny.gguf", "--tokens", answer, "--cache", kind)
+    result = run(cache, "generate", "a" * prompt, *arguments)
     assert result.returncode == 0, result.stderr
     assert f"prompt: {prompt} tokens" in result.stdout and f"answer: {answer} tokens" in result.stdout
 

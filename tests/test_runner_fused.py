@@ -137,7 +137,8 @@ ONE_BY_ONE = {"ours.rms_norm": 2, "ours.forward_new": 4, "ours.rotary_half_inpla
 
 def over_bytes(calls):
     """The same with one byte per element of the cache."""
-    return {**{name: n for name, n in calls.items() if name != "ours.sdp"}, "ours.sdp_fp8": 1, "ours.quantize_key_value": 1}
+    others = {name: n for name, n in calls.items() if name != "ours.sdp"}
+    return {**others, "ours.sdp_fp8": 1, "ours.quantize_key_value": 1}
 
 
 @pytest.mark.parametrize("name, dtype, cache, calls", [

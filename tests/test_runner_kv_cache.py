@@ -13,11 +13,9 @@ import torch
 import orrery_host
 import runner_files
 from orrery import OrreryError, cache_survey, cli, formats, gguf_model, kv_cache, prepare
-from orrery import model as model_module
 from orrery.formats import FORMATS
 from orrery.model import Model
 from reference_llama import ReferenceLlama, byte_code, byte_value, one_byte_cache
-from sanitizers import SANITIZED
 from test_runner_model import dequantized, passed, split, stepped
 
 KEY, VALUE = 48, 24
@@ -50,7 +48,7 @@ def test_reference_code_is_that_of_the_definition():
 @pytest.mark.parametrize("name", ["q4_0", "nf4"])
 @pytest.mark.parametrize("parts", [[60], [1] * 60, [17, 1, 42]])
 def test_bytes_are_those_of_the_plain_keys_and_values(tiny_file, name, dtype, parts):
-    """Those of the first layer, which no attention comes before; the second one's differ where a code hangs on a hair."""
+    """In the first layer, which no attention comes before. The second one's differ where a code hangs on a hair."""
     models = [tiny(tiny_file, name, dtype, cache) for cache in ("plain", "byte")]
     for model in models:
         model.cache.data.fill_(77 if model.cache.data.dtype == torch.uint8 else math.nan)
@@ -66,9 +64,9 @@ def test_bytes_are_those_of_the_plain_keys_and_values(tiny_file, name, dtype, pa
 def bound(name, dtype, parts):
     """Largest mean distance of a tiny model's logits from a reference that sees the bytes; their spread is about 1.6.
 
-    An element at the edge of a cell may get another byte than the reference's and is an eighth off then. With float32 that
-    takes more than another order of additions: dense weights that are rounded to half, as those of q4_0 and q8_0, or
-    `sdp_fp8`, which multiplies query and key in half. Half carries 11 bits through every product and sum, bfloat16 8.
+    An element at the edge of a cell may get another byte than the reference's and is an eighth off then. With float32
+    that takes more than another order of additions: dense weights that are rounded to half, as those of q4_0 and q8_0,
+    or `sdp_fp8`, which multiplies query and key in half. Half carries 11 bits through every product and sum, bfloat16 8.
     """
     if dtype == torch.float32:
         return 0.03 if name != "nf4" else 2e-5 if len(parts) == 1 else 0.012
@@ -141,8 +139,8 @@ def test_the_whole_context_in_one_prompt(tiny_file, cache):
     assert model.position == 8192 and last.isfinite().all()
     with pytest.raises(OrreryError, match="^the context of 8192 tokens is full$"):
         model.step(7)
-    # Other ways to the last place: a step, and rows behind others. The dense weights of a prompt are rounded to half, and so
-    # is the query of a step over bytes.
+    # Other ways to the last place: a step, and rows behind others. The dense weights of a prompt are rounded to half, and
+    # so is the query of a step over bytes.
     bound = {"plain": 4e-3, "byte": 0.02}[cache]
     model.rewind(8191)
     assert (model.step(tokens[-1]).cpu() - last).abs().mean() < bound
@@ -151,8 +149,8 @@ def test_the_whole_context_in_one_prompt(tiny_file, cache):
 
 
 def test_what_the_code_clamps():
-    sizes = gguf_model.Sizes(layers=2, hidden=64, heads=1, kv_heads=1, head_dim=64, feed_forward=64, vocabulary=3, context=9,
-                             rope_base=1e4, eps=1e-5)
+    sizes = gguf_model.Sizes(layers=2, hidden=64, heads=1, kv_heads=1, head_dim=64, feed_forward=64, vocabulary=3,
+                             context=9, rope_base=1e4, eps=1e-5)
     cache = kv_cache.PlainCache(sizes, 5, torch.float32, torch.device("xpu"))
     cache.data.fill_(1.0)
     cache.data[:, :, :, 3:] = 1e9  # Behind the rows that count.
@@ -189,6 +187,9 @@ def test_command_that_compares_both(tiny_file, tmp_path):
 def test_formats_over_a_byte_cache(tiny_file, tmp_path):
     from orrery import survey
 
-    found = [next(survey.measure(tiny_file, [FORMATS["q8_0"]], cli.bundled_text(), window=40, limit=80, answer=2, cache=False,
-                                 kv_cache=kind)).perplexity for kind in kv_cache.KINDS]
+    found = []
+    for kind in kv_cache.KINDS:
+        result, = survey.measure(tiny_file, [FORMATS["q8_0"]], cli.bundled_text(), window=40, limit=80, answer=2,
+                                 cache=False, kv_cache=kind)
+        found.append(result.perplexity)
     assert found[1] == pytest.approx(found[0], rel=0.05) and found[1] != found[0]
