@@ -82,7 +82,7 @@ template <typename T, int HD, int Q, typename Keys, typename Values, typename Sh
 void walk_keys(const simd<native_type<T>, HD> (&query)[Q], const Keys& key, const Values& value, uint64_t count,
                uint64_t begin, uint64_t end, const Shift& shift, Put put) {
   const even_split<sdp_group> range(count);
-  const bool many = count > 512;  // so that they do not stay in a cache of the second level from call to call
+  const bool many = count > 512;  // too many to stay in the second-level cache from call to call
   weighted_sums<HD, Q> sums;
   const uint64_t last = range.begin(end);
   for (uint64_t item = begin, t = range.begin(begin); item < end; t += keys_at_once) {
