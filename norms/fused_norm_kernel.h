@@ -161,7 +161,8 @@ struct fused_norm_kernel1 : small_groups<1> {
   template <typename Item>
   void one_item(const Item& item) const {
     const uint64_t lane = item.template lane<sub_group_size>(), sub_group = item.template sub_group<sub_group_size>();
-    const uint64_t tid = sub_group * sub_group_size + lane;
+    // Sub-groups add by lanes, the group's sum by local ids; a device may number them differently.
+    const uint64_t tid = one_moment ? item.local_linear() : sub_group * sub_group_size + lane;
     const index_t row = offset(item.group());
     simd<A, vec_size> mine[passes];
     sums<1> own;
@@ -169,13 +170,12 @@ struct fused_norm_kernel1 : small_groups<1> {
       mine[i] = elements<vec_size>(row, column(i, tid));
       own.add(mine[i]);
     }
-    const statistics s = shared_statistics(item, own, sub_group, lane);
+    const statistics s = shared_statistics(item, own, tid == 0, sub_group, lane);
     for (int i = 0; i < passes && column(i, tid) < row_length; ++i) store(row, column(i, tid), mine[i], s);
   }
 
   template <typename Item>
-  statistics shared_statistics(const Item& item, sums<1>& own, uint64_t sub_group, uint64_t lane) const {
-    const bool first = sub_group == 0 && lane == 0;
+  statistics shared_statistics(const Item& item, sums<1>& own, bool first, uint64_t sub_group, uint64_t lane) const {
     if constexpr (one_moment) {
       const A total = item.group_sum(own.squares[0]);
       if (first) local_squares[0] = of_totals(0, total).r;
