@@ -554,7 +554,7 @@ def test_no_more_than_32768_groups(operation):
 
 
 @operations
-@pytest.mark.parametrize("shape", [(0, 3, 5, 64), (2, 3, 0, 64), (2, 0, 5, 64)])
+@pytest.mark.parametrize("shape", [(0, 3, 5, 64), (2, 3, 0, 64), (2, 0, 5, 64), (2, 3, 5, 0)])
 def test_no_rows(operation, shape):
     kernel, _ = KERNELS[operation]
     key_heads = 0 if shape[1] == 0 else 2
