@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "attention/coded_rows.h"
 #include "attention/operand.h"
 #include "attention/walk.h"
 #include "formats/key_value_code.h"
@@ -48,7 +49,7 @@ struct codec_body {
     rows(item, 1);
   }
 
-  // On the host: the rows of a head that are left.
+  // On the host: the rows of a head that are left. One by one, rows of 64 take a fifth longer.
   template <typename Item>
   size_t take_groups(const Item& item, size_t most) const requires last_finishes {
     const size_t count = std::min(most, item.group_range(2) - item.group(2));
@@ -82,9 +83,15 @@ struct codec_call {
   const at::Tensor &key, &value, &key_output, &value_output;
 };
 
-void check_sizes(const codec_call& c) {
+// Reading them is an operation's first step: a tensor with fewer dimensions fails there.
+struct row_sizes {
+  int64_t bsz, num_heads, rows, elements;
+};
+row_sizes sizes_of(const at::Tensor& x) { return {x.size(0), x.size(1), x.size(2), x.size(3)}; }
+
+void check_sizes(const codec_call& c, const row_sizes& sizes) {
   const auto& [key, value, key_output, value_output] = c;
-  const int64_t bsz = key.size(0), num_heads = key.size(1), seq_len = key.size(2), head_dim = key.size(3);
+  const auto& [bsz, num_heads, seq_len, head_dim] = sizes;
   ORRERY_ASSERT(value.size(0) == bsz && key_output.size(0) == bsz && value_output.size(0) == bsz);
   ORRERY_ASSERT(value.size(1) == num_heads && key_output.size(1) == num_heads && value_output.size(1) == num_heads);
   ORRERY_ASSERT(value.size(2) == seq_len && key_output.size(2) == seq_len && value_output.size(2) == seq_len);
@@ -105,19 +112,6 @@ void launch_codec(const codec_call& c, const char* record) {
 
 // ---- Products of one query row ----
 
-// Rows of HD bytes.
-template <typename Code, int HD>
-struct coded_rows {
-  using stored = uint8_t;
-  const uint8_t* data = nullptr;
-
-  // N elements of a row, from element d on.
-  template <int N>
-  simd<Half, N> load(uint64_t row, int d = 0) const {
-    return Code::template decode<Half, N>(data + row * HD + d);
-  }
-};
-
 // A work-item takes Keys neighbouring keys. Products and sums are in half for any T.
 template <typename T, int Keys, int HD>
 struct query_key_fp8_matmul_kernel {
@@ -135,9 +129,10 @@ struct query_key_fp8_matmul_kernel {
   void operator()(const Item& item) const {
     const uint64_t b = item.global(0), h = item.global(1), first = item.global(2) * Keys;
     const int n = static_cast<int>(std::min<uint64_t>(Keys, kv_length - first));
-    const simd<Half, HD> q[1] = {convert<Half>(simd<T, HD>::load(query.at(b, h)))};
+    const simd<native_half, HD> q[1] = {to_native(convert<Half>(simd<T, HD>::load(query.at(b, h))))};
     simd<Half, Keys> dot[1];
-    dot_keys(q, coded_rows<key_code, HD>{key.at(b, h / q_per_kv)}, first, n, dot);
+    dot_keys(
+        q, coded_keys<HD>{key.at(b, h / q_per_kv)}, first, n, [](uint64_t) {}, dot);
     convert<T>(dot[0]).store(out.at(b, h) + first, mask<Keys>::first(n));
   }
 };
@@ -161,7 +156,7 @@ struct attn_value_fp8_matmul_kernel {
   void operator()(const Item& item) const {
     const uint64_t b = item.group(0), h = item.group(1);
     const T* weights = attn.at(b, h);
-    const coded_rows<value_code, HD> values{value.at(b, h / q_per_kv)};
+    const coded_values<HD> values{value.at(b, h / q_per_kv)};
     const even_split<Group> range(kv_length);
     in_steps(item, Group, [&](int begin, int end, auto meet) {
       for (int i = begin; i < end; ++i) put(i, weighted_sum(weights, values, range.begin(i), range.begin(i + 1)));
@@ -171,29 +166,27 @@ struct attn_value_fp8_matmul_kernel {
   }
 
  private:
-  template <typename Values>
-  static simd<Half, HD> weighted_sum(const T* weights, const Values& values, uint64_t first, uint64_t last) {
+  using halves = simd<native_half, HD>;
+
+  static halves weighted_sum(const T* weights, const coded_values<HD>& values, uint64_t first, uint64_t last) {
     constexpr int some = 16;  // weights that are loaded together
-    simd<Half, HD> sum;
+    halves sum;
     for (uint64_t t = first; t < last; t += some) {
       const int n = static_cast<int>(std::min<uint64_t>(some, last - t));
-      float weight[some];
-      convert<Half>(simd<T, some>::load(weights + t, mask<some>::first(n))).store_register_values(weight);
-      for (int k = 0; k < n; ++k) {
-        sum += convert_exact<Half>(simd<float, HD>(weight[k])) * values.template load<HD>(t + k);
-      }
+      const auto weight = to_native(convert<Half>(simd<T, some>::load(weights + t, mask<some>::first(n))));
+      for (int k = 0; k < n; ++k) sum += halves(weight[k]) * values.template load<native_half>(t + k);
     }
     return sum;
   }
 
   // A device has a column of local memory for each work-item. The host goes through them in order, and adds the second
   // half of them to the first as it comes.
-  void put(int i, const simd<Half, HD>& sum) const {
+  void put(int i, const halves& sum) const {
     if constexpr (last_finishes) {
       Half* row = &local[i % (Group / 2) * HD];
-      (i < Group / 2 ? sum : simd<Half, HD>::load(row) + sum).store(row);
+      store_native(i < Group / 2 ? sum : load_native<HD>(row) + sum, row);
     } else {
-      sum.store_strided(&local[i], Group);
+      from_native<Half>(sum).store_strided(&local[i], Group);
     }
   }
   void finish(int begin, int end, T* to) const {
@@ -208,9 +201,7 @@ struct attn_value_fp8_matmul_kernel {
   }
 };
 
-// `rows` are the query's or the weights.
-void check_heads(const at::Tensor& rows, const at::Tensor& cache) {
-  const int64_t num_heads = rows.size(1), input_size = rows.size(2), num_kv_heads = cache.size(1);
+void check_heads(int64_t num_heads, int64_t num_kv_heads, int64_t input_size) {
   // With no heads the remainder below would be a division by zero, not a failed assertion.
   if (num_kv_heads == 0) assertion_failed("num_heads % num_kv_heads == 0", __FILE__, __LINE__, __func__);
   ORRERY_ASSERT(num_heads % num_kv_heads == 0);
@@ -263,10 +254,11 @@ void choose(int64_t head_dim, c10::ScalarType type, Launch launch) {
 
 void quantize_key_value(const at::Tensor& key, const at::Tensor& value, const at::Tensor& key_output,
                         const at::Tensor& value_output) {
+  const row_sizes sizes = sizes_of(key);
   ORRERY_ASSERT(key.scalar_type() == value.scalar_type());
   const codec_call c{key, value, key_output, value_output};
-  check_sizes(c);
-  choose(key.size(3), key.scalar_type(), [&](auto hd, auto t) {
+  check_sizes(c, sizes);
+  choose(sizes.elements, key.scalar_type(), [&](auto hd, auto t) {
     using T = decltype(t);
     launch_codec<quantize_key_value_kernel<T, hd()>, T, uint8_t>(c, "quantize kv cache");
   });
@@ -274,32 +266,37 @@ void quantize_key_value(const at::Tensor& key, const at::Tensor& value, const at
 
 void dequantize_key_value(const at::Tensor& key, const at::Tensor& value, const at::Tensor& key_output,
                           const at::Tensor& value_output) {
+  const row_sizes sizes = sizes_of(key);
   ORRERY_ASSERT(key_output.scalar_type() == value_output.scalar_type());
   const codec_call c{key, value, key_output, value_output};
-  check_sizes(c);
-  choose(key.size(3), key_output.scalar_type(), [&](auto hd, auto t) {
+  check_sizes(c, sizes);
+  choose(sizes.elements, key_output.scalar_type(), [&](auto hd, auto t) {
     using T = decltype(t);
     launch_codec<dequantize_key_value_kernel<T, hd()>, uint8_t, T>(c, "dequantize kv cache");
   });
 }
 
 at::Tensor query_key_fp8_matmul(const at::Tensor& query, const at::Tensor& key) {
+  const auto [bsz, num_heads, input_size, head_dim] = sizes_of(query);
+  const int64_t num_kv_heads = key.size(1), kv_length = key.size(2);
   ORRERY_ASSERT(query.size(0) == key.size(0));
   ORRERY_ASSERT(query.size(3) == key.size(3));
-  check_heads(query, key);
-  const at::Tensor out = at::empty({query.size(0), query.size(1), 1, key.size(2)}, query.options());
-  choose(query.size(3), query.scalar_type(), [&](auto hd, auto t) {
+  check_heads(num_heads, num_kv_heads, input_size);
+  const at::Tensor out = at::empty({bsz, num_heads, 1, kv_length}, query.options());
+  choose(head_dim, query.scalar_type(), [&](auto hd, auto t) {
     launch_query_key<decltype(t), hd()>({query, key, out});
   });
   return out;
 }
 
 at::Tensor attn_value_fp8_matmul(const at::Tensor& attn, const at::Tensor& value) {
+  const auto [bsz, num_heads, input_size, kv_length] = sizes_of(attn);
+  const int64_t num_kv_heads = value.size(1), head_dim = value.size(3);
   ORRERY_ASSERT(attn.size(0) == value.size(0));
   ORRERY_ASSERT(attn.size(3) == value.size(2));
-  check_heads(attn, value);
-  const at::Tensor out = at::empty({attn.size(0), attn.size(1), 1, value.size(3)}, attn.options());
-  choose(value.size(3), attn.scalar_type(), [&](auto hd, auto t) {
+  check_heads(num_heads, num_kv_heads, input_size);
+  const at::Tensor out = at::empty({bsz, num_heads, 1, head_dim}, attn.options());
+  choose(head_dim, attn.scalar_type(), [&](auto hd, auto t) {
     launch_attn_value<decltype(t), hd()>({attn, value, out});
   });
   return out;

@@ -1,25 +1,10 @@
 // The kernels over caches of one byte per element. The codes are decoded to half, which also multiplies queries and
 // keys, but for the causal kernel of float: its rows in local memory are floats.
+#include "attention/coded_rows.h"
 #include "attention/launch.h"
-#include "formats/key_value_code.h"
 
 namespace orrery {
 namespace {
-
-template <typename Code, int HD>
-struct coded_rows {
-  using stored = uint8_t;
-  const uint8_t* data = nullptr;
-
-  template <int N>
-  simd<c10::Half, N> load(uint64_t row, int d = 0) const {
-    return Code::template decode<c10::Half, N>(data + row * HD + d);
-  }
-};
-template <int HD>
-using coded_keys = coded_rows<formats::key_code, HD>;
-template <int HD>
-using coded_values = coded_rows<formats::value_code, HD>;
 
 template <typename T, typename M, int HD>
 using split_body = sdp_body<T, c10::Half, M, coded_keys<HD>, coded_values<HD>, HD>;

@@ -46,9 +46,9 @@ struct sdp_causal_body {
     const uint64_t b = item.group(0), h = item.group(1), kvh = h / q_per_kv;
     const uint64_t tile = item.group(2), first = tile * causal_group;
     const uint64_t last = input_size - 1;
-    simd<T, HD> q[blocks][Q];
+    simd<native_type<T>, HD> q[blocks][Q];
     for (int i = begin; i < end; ++i) {
-      q[(i - begin) / Q][(i - begin) % Q] = simd<T, HD>::load(query.at(b, h, std::min(first + i, last)));
+      q[(i - begin) / Q][(i - begin) % Q] = load_native<HD>(query.at(b, h, std::min(first + i, last)));
     }
     T* const tile_keys = &local[0];
     T* const tile_values = tile_keys + causal_group * HD;
@@ -58,18 +58,19 @@ struct sdp_causal_body {
     const auto stage = [&](uint64_t from) {
       for (int i = begin; i < end; ++i) {
         const uint64_t row = std::min(from + i, last);
-        convert<T>(all_keys.template load<HD>(row)).store(tile_keys + i * HD);
-        convert<T>(all_values.template load<HD>(row)).store(tile_values + i * HD);
+        store_native(all_keys.template load<native_type<T>>(row), tile_keys + i * HD);
+        store_native(all_values.template load<native_type<T>>(row), tile_values + i * HD);
       }
       meet();
     };
     const auto shift = [&](int, uint64_t, int, const auto& x) { return x - std::decay_t<decltype(x)>(log_bias); };
 
+    const auto in_local_memory = [](uint64_t) {};
     weighted_sums<HD, Q> sums[blocks];
     for (uint64_t j = 0; j < tile; ++j) {
       stage(j * causal_group);
       for (int n = 0; n < blocks; ++n) {
-        sums[n].add(values, 0, 0, causal_group, weigh_keys(q[n], keys, 0, causal_group, shift));
+        sums[n].add(values, 0, 0, causal_group, weigh_keys<T>(q[n], keys, 0, causal_group, shift, in_local_memory));
       }
       meet();
     }
@@ -77,7 +78,7 @@ struct sdp_causal_body {
     for (int n = 0; n < blocks; ++n) {
       const int top = begin + n * Q;  // the block's first row in the tile
       if (first + top > last) return;
-      const auto weight = weigh_keys(q[n], keys, 0, top + Q, shift);
+      const auto weight = weigh_keys<T>(q[n], keys, 0, top + Q, shift, in_local_memory);
       sums[n].add(values, 0, 0, top + 1, weight);
       for (int i = 0; i < Q && first + top + i <= last; ++i) {
         sums[n].template add<1>(values, 0, top + 1, top + i + 1, weight, i);
@@ -87,10 +88,7 @@ struct sdp_causal_body {
   }
 
   static void store(T* to, const weighted_sums<HD, Q>& sums, int i) {
-    constexpr int W = weighted_sums<HD, Q>::width;
-    ORRERY_UNROLL for (int c = 0; c < HD / W; ++c) {
-      convert<T>(sums.values[i][c] / simd<float, W>(sums.weights[i])).store(to + c * W);
-    }
+    convert<T>(sums.values[i] / simd<float, HD>(sums.weights[i])).store(to);
   }
 };
 

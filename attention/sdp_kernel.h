@@ -26,17 +26,13 @@ class group_sums {
   explicit group_sums(float* local) : local_(local) {}
 
   void put(uint64_t item, const weighted_sums<HD, Q>& sums) {
-    constexpr int W = weighted_sums<HD, Q>::width;
     ORRERY_UNROLL for (int i = 0; i < Q; ++i) {
       weights(i)[item] = sums.weights[i];
-      ORRERY_UNROLL for (int c = 0; c < HD / W; ++c) {
-        const auto& part = sums.values[i][c];
-        if constexpr (last_finishes) {
-          float* to = values_[i][item % half] + c * W;
-          (item < half ? part : simd<float, W>::load(to) + part).store(to);
-        } else {
-          part.store_strided(local_ + c * W * sdp_group + item, sdp_group);
-        }
+      if constexpr (last_finishes) {
+        float* to = values_[i][item % half];
+        (item < half ? sums.values[i] : simd<float, HD>::load(to) + sums.values[i]).store(to);
+      } else {
+        sums.values[i].store_strided(local_ + item, sdp_group);
       }
     }
   }
@@ -78,14 +74,17 @@ class group_sums {
 
 // Walks over the keys of the work-items [begin, end) of `count` keys; put(item, sums) gets those of each.
 template <typename T, int HD, int Q, typename Keys, typename Values, typename Shift, typename Put>
-void walk_keys(const simd<T, HD> (&query)[Q], const Keys& key, const Values& value, uint64_t count, uint64_t begin,
-               uint64_t end, const Shift& shift, Put put) {
+void walk_keys(const simd<native_type<T>, HD> (&query)[Q], const Keys& key, const Values& value, uint64_t count,
+               uint64_t begin, uint64_t end, const Shift& shift, Put put) {
   const even_split<sdp_group> range(count);
+  const bool many = count > 512;  // so that they do not stay in a cache of the second level from call to call
   weighted_sums<HD, Q> sums;
   const uint64_t last = range.begin(end);
   for (uint64_t item = begin, t = range.begin(begin); item < end; t += keys_at_once) {
     const int n = static_cast<int>(std::min<uint64_t>(keys_at_once, last - std::min(t, last)));
-    const key_weights<Q> weight = weigh_keys(query, key, t, n, shift);
+    const key_weights<Q> weight = weigh_keys<T>(query, key, t, n, shift, [&](uint64_t k) {
+      if (many) key.prefetch(k + keys_at_once), value.prefetch(k + keys_at_once);
+    });
     for (uint64_t at = t; item < end; ++item, sums = {}) {
       const uint64_t stop = range.begin(item + 1);
       sums.add(value, t, static_cast<int>(at - t), static_cast<int>(std::min<uint64_t>(stop - t, n)), weight);
@@ -159,10 +158,10 @@ struct sdp_body {
   template <int Q, typename Meet>
   ORRERY_INLINE void rows(row at, int begin, int end, Meet meet) const {
     row of[Q];
-    simd<P, HD> q[Q];
+    simd<native_type<P>, HD> q[Q];
     for (int i = 0; i < Q; ++i) {
       of[i] = at;
-      q[i] = convert<P>(simd<T, HD>::load(query.at(at.b, at.h, at.r)));
+      q[i] = to_native(convert<P>(simd<T, HD>::load(query.at(at.b, at.h, at.r))));
       if (++at.r == input_size) ++at.h, at.r = 0;
     }
     const uint64_t kvh = of[0].h / q_per_kv;
@@ -176,8 +175,8 @@ struct sdp_body {
       }
     };
     group_sums<HD, Q> sums(&local[0]);
-    walk_keys(q, Keys{key.at(of[0].b, kvh)}, Values{value.at(of[0].b, kvh)}, context_length, begin, end, add_mask,
-              [&](uint64_t item, const auto& part) { sums.put(item, part); });
+    walk_keys<P>(q, Keys{key.at(of[0].b, kvh)}, Values{value.at(of[0].b, kvh)}, context_length, begin, end, add_mask,
+                 [&](uint64_t item, const auto& part) { sums.put(item, part); });
     meet();
     sums.divided(begin, end, [&](int i, int d, const auto& lanes) {
       convert<T>(lanes).store(out.at(of[i].b, of[i].h, of[i].r) + d);

@@ -16,6 +16,7 @@ import torch.nn.functional as F
 from orrery import formats as weight_formats
 from orrery.formats import FORMATS, Format, quantize
 
+from . import attention as attention_kernels
 from . import decode
 from . import engine as matrix_engine
 from .measure import Call, Flush, call_cost, interleaved
@@ -356,30 +357,9 @@ def empty(setting: Setting) -> list[Row]:
     return rows
 
 
-def sdp(setting: Setting) -> list[Row]:
-    """One query over 2048 keys: 32 heads, 8 key/value heads, head size 128."""
-    generator = torch.Generator().manual_seed(2)
-    q = torch.randn(1, 32, 1, 128, generator=generator)
-    k, v = (torch.randn(1, 8, 2048, 128, generator=generator) for _ in range(2))
-    q_d, k_d, v_d = (setting.on_device(t) for t in (q, k, v))
-
-    def ours() -> torch.Tensor:
-        return setting.ops.sdp(q_d, k_d, v_d, None)
-
-    def peer() -> torch.Tensor:
-        return F.scaled_dot_product_attention(q, k, v, enable_gqa=True)
-
-    setting.check("sdp", ours, peer(), 1e-4)
-    times = setting.both(ours, peer, 60)
-    return [
-        Row(
-            "sdp 1 over 2048 keys float32",
-            *times,
-            "torch sdpa, gqa",
-            bytes=(k.numel() + v.numel()) * 4,
-            bars=[Bar("speed", 1.0)],
-        )
-    ]
+def attention(setting: Setting) -> list[Row]:
+    """One query over plain and one-byte caches, a prompt, and the codec of the one-byte caches."""
+    return attention_kernels.rows(setting)
 
 
 def norm(setting: Setting) -> list[Row]:
@@ -483,7 +463,7 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "small": small,
     "fused": fused,
     "empty": empty,
-    "sdp": sdp,
+    "attention": attention,
     "norm": norm,
     "rotary": rotary,
     "bmm": bmm,

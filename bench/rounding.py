@@ -1,4 +1,4 @@
-"""The time of rounded half operations: the lower bound of a kernel that rounds every product and sum."""
+"""The time of rounded operations: the lower bound of a kernel that rounds every product and sum."""
 
 from __future__ import annotations
 
@@ -16,9 +16,10 @@ _LANES = 16
 
 
 class RoundedOperations:
-    """Runs a number of products and as many sums of halves on all threads, as the kernels' vectors compute them."""
+    """Runs a number of products and as many sums of halves or floats on all threads, as the kernels' vectors compute
+    them."""
 
-    def __init__(self, threads: int) -> None:
+    def __init__(self, threads: int, dtype: torch.dtype = torch.float16) -> None:
         self._threads = threads
         self._pool = ThreadPoolExecutor(threads)
         with tempfile.TemporaryDirectory() as folder:
@@ -28,7 +29,8 @@ class RoundedOperations:
             options = ["-std=c++20", "-O3", "-march=native", "-ffp-contract=off", "-shared", "-fPIC", *includes]
             source = Path(__file__).with_name("rounding.cpp")
             subprocess.run([os.environ.get("CXX", "c++"), *options, source, "-o", library], check=True)
-            self._loop = ctypes.CDLL(str(library)).multiply_and_add
+            name = f"multiply_and_add_{str(dtype).removeprefix('torch.')}"
+            self._loop = getattr(ctypes.CDLL(str(library)), name)
         self._loop.argtypes, self._loop.restype = [ctypes.c_uint64], ctypes.c_float
 
     def __call__(self, products: int) -> None:

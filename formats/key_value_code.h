@@ -28,10 +28,15 @@ struct key_value_code {
   // The values of N bytes, which are the same numbers as half and as float.
   template <typename T, int N>
   ORRERY_INLINE static simd<T, N> decode(const uint8_t* p) {
-    // A signed byte has its sign at bit 31 too.
-    const auto bytes = load_converted<uint32_t, N>(reinterpret_cast<const int8_t*>(p));
-    const auto code = (bytes << code_at) & words<N>(sign | 127u << code_at);
-    return convert_exact<T>(bit_cast<float>(code + words<N>(smallest)));
+    // A signed byte has its sign in the highest bit too.
+    const auto signed_bytes = reinterpret_cast<const int8_t*>(p);
+    if constexpr (sizeof(register_type<T>) == sizeof(uint16_t)) {
+      const auto code = (load_converted<uint16_t, N>(signed_bytes) << 7) & simd<uint16_t, N>(0x8000 | 127 << 7);
+      return bit_cast<T>(code + simd<uint16_t, N>(half_bits(0)));
+    } else {
+      const auto code = (load_converted<uint32_t, N>(signed_bytes) << code_at) & words<N>(sign | 127u << code_at);
+      return convert_exact<T>(bit_cast<float>(code + words<N>(smallest)));
+    }
   }
 
   // A magnitude outside the range becomes the smallest or the largest one, as zeros and infinities do; so does a NaN,
