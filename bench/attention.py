@@ -18,7 +18,7 @@ if TYPE_CHECKING:
 
 # Largest distances of our results from PyTorch's, relative to their norm. A one-byte cache is compared with the values
 # that its bytes stand for; with one query its products with the keys are rounded to half. A byte keeps three bits
-# behind the leading one, so a value is off by up to 1/17.
+# behind the leading one, so a value is off by up to 1/16.
 _NEAR, _NEAR_BYTES, _NEAR_CODE = 1e-4, 3e-2, 5e-2
 
 

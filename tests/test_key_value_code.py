@@ -43,11 +43,11 @@ def test_the_rule(code: str) -> None:
 
 
 @pytest.mark.parametrize("width", WIDTHS)
-@pytest.mark.parametrize("dtype", [np.float16, np.float32])
+@pytest.mark.parametrize("dtype", ["float16", "float16 as the machine has it", "float32"])
 @pytest.mark.parametrize("code", CODES)
-def test_every_byte_decodes(code: str, dtype: type, width: int) -> None:
+def test_every_byte_decodes(code: str, dtype: str, width: int) -> None:
     rows = whole_rows(BYTES, width)
-    got = np.frombuffer(native.key_value_decode(code, np.dtype(dtype).name, width, rows.tobytes()), dtype)
+    got = np.frombuffer(native.key_value_decode(code, dtype, width, rows.tobytes()), dtype.split()[0])
     np.testing.assert_array_equal(got.astype(np.float64), values_of(code, rows))
 
 
