@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from pathlib import Path
 
 import numpy as np
@@ -9,6 +10,8 @@ import torch
 
 from orrery.formats import FORMATS, dequantize, quantize
 
+# The special tokens, of which the first and the last end an answer.
+SPECIAL = (0, 1, 2)
 LAYERS, HIDDEN, KV_HEADS, HEAD_DIM, FEED_FORWARD = 2, 128, 1, 64, 192
 
 
@@ -36,8 +39,11 @@ def shapes(vocabulary: int, hidden: int = HIDDEN, feed_forward: int = FEED_FORWA
 
 def write_tiny(path: Path, *, architecture: str = "llama", context: int = 64, hidden: int = HIDDEN,
                feed_forward: int = FEED_FORWARD, heads: int = 0, more_tokens: int = 0, leave_out: str = "", extra: str = "",
-               pre: str = "smollm", untied: bool = False, stored: dict[str, str] | None = None) -> dict[str, np.ndarray]:
+               pre: str = "smollm", untied: bool = False, silent: Sequence[int] = (),
+               stored: dict[str, str] | None = None) -> dict[str, np.ndarray]:
     """Writes the file; gives its tensors, as values.
+
+    The logits of the tokens `silent` are 0, so a greedy answer never has them.
 
     `stored` names the format of ours, of a GGUF type's bytes, in which tensors with such an ending of their name lie.
     """
@@ -64,7 +70,7 @@ def write_tiny(path: Path, *, architecture: str = "llama", context: int = 64, hi
     writer.add_eos_token_id(2)
     tensors = {}
     wanted = shapes(len(tokens), hidden, feed_forward)
-    if untied:
+    if untied or silent:
         wanted["output.weight"] = wanted["token_embd.weight"]
     if extra:
         wanted[extra] = (hidden,)
@@ -73,6 +79,8 @@ def write_tiny(path: Path, *, architecture: str = "llama", context: int = 64, hi
             continue
         scale = 0.1 if len(shape) == 2 else 0.02
         tensor = rng.normal(0 if len(shape) == 2 else 1, scale, shape).astype(np.float32)
+        if name == "output.weight":
+            tensor[list(silent)] = 0
         kept = next((fmt for ending, fmt in (stored or {}).items() if name.endswith(ending)), "")
         if kept:
             fmt = FORMATS[kept]
