@@ -9,11 +9,14 @@ from __future__ import annotations
 from collections.abc import Callable
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
-
-import torch
+from functools import cached_property
+from importlib import import_module
+from typing import TYPE_CHECKING
 
 from orrery import OrreryError
-from orrery.quantizers import codebook, grid, linear, superblock
+
+if TYPE_CHECKING:
+    import torch  # The table alone needs no torch, so the command's help comes at once.
 
 BLOCK = 64
 # Elements handled at a time: the temporaries of a chunk stay in the second-level cache.
@@ -22,14 +25,16 @@ CHUNK = 32768
 
 @dataclass(frozen=True)
 class Format:
-    """One row of the table. `plane_bytes` are a block's share of each plane; a block array has one plane."""
+    """One row of the table. `plane_bytes` are a block's share of each plane; a block array has one plane.
+
+    `family` names the module in `quantizers/` that has its encoder and decoder.
+    """
 
     name: str
     code: int
     elements: int
     plane_bytes: tuple[int, ...]
-    encode: Callable[[torch.Tensor], tuple[torch.Tensor, ...]]
-    decode: Callable[..., torch.Tensor]
+    family: str
     # What rows take that no 256-element block divides: the nearest 64-element format in bits that keeps no larger an
     # error on the bundled model's matrices.
     substitute: str = ""
@@ -38,6 +43,19 @@ class Format:
     # Whether steps take fused kernels for its planes. Those want query, key and value, and gate and up, each as a
     # matrix of its own, which no part of a joined matrix of several planes is.
     apart: bool = False
+
+    @cached_property
+    def encode(self) -> Callable[[torch.Tensor], tuple[torch.Tensor, ...]]:
+        """Blocks [blocks, elements] of floats to their bytes, one tensor [blocks, bytes] a plane."""
+        return self._function("encode")
+
+    @cached_property
+    def decode(self) -> Callable[..., torch.Tensor]:
+        """The planes' bytes to blocks of floats."""
+        return self._function("decode")
+
+    def _function(self, way: str) -> Callable:
+        return getattr(import_module(f"orrery.quantizers.{self.family}"), f"{way}_{self.name}")
 
     @property
     def split(self) -> bool:
@@ -72,23 +90,23 @@ class Format:
 FORMATS = {
     f.name: f
     for f in (
-        Format("q4_0", 2, 64, (32, 2), linear.encode_q4_0, linear.decode_q4_0, apart=True),
-        Format("q4_1", 3, 64, (32, 4), linear.encode_q4_1, linear.decode_q4_1),
-        Format("q5_0", 6, 64, (44,), linear.encode_q5_0, linear.decode_q5_0),
-        Format("q5_1", 7, 64, (44,), linear.encode_q5_1, linear.decode_q5_1),
-        Format("q8_0", 8, 64, (64, 4), linear.encode_q8_0, linear.decode_q8_0),
-        Format("nf4", 10, 64, (32, 2), codebook.encode_nf4, codebook.decode_nf4),
-        Format("nf3", 11, 64, (24, 2), codebook.encode_nf3, codebook.decode_nf3),
-        Format("fp8_e4m3", 15, 64, (64, 4), codebook.encode_fp8_e4m3, codebook.decode_fp8_e4m3),
-        Format("fp4", 16, 64, (32, 2), codebook.encode_fp4, codebook.decode_fp4, apart=True),
-        Format("fp8_e5m2", 19, 64, (64, 4), codebook.encode_fp8_e5m2, codebook.decode_fp8_e5m2),
-        Format("iq2_xxs", 21, 256, (66,), grid.encode_iq2_xxs, grid.decode_iq2_xxs, "nf3", "IQ2_XXS"),
-        Format("q2_k", 23, 256, (84,), superblock.encode_q2_k, superblock.decode_q2_k, "nf3", "Q2_K"),
-        Format("iq1_s", 24, 256, (50,), grid.encode_iq1_s, grid.decode_iq1_s, "nf3", "IQ1_S"),
-        Format("q6_k", 26, 256, (210,), superblock.encode_q6_k, superblock.decode_q6_k, "q8_0", "Q6_K"),
-        Format("q4_k", 27, 256, (144,), superblock.encode_q4_k, superblock.decode_q4_k, "q5_1", "Q4_K"),
-        Format("q5_k", 28, 256, (176,), superblock.encode_q5_k, superblock.decode_q5_k, "q8_0", "Q5_K"),
-        Format("fp6", 29, 64, (32, 16, 2), codebook.encode_fp6, codebook.decode_fp6, apart=True),
+        Format("q4_0", 2, 64, (32, 2), "linear", apart=True),
+        Format("q4_1", 3, 64, (32, 4), "linear"),
+        Format("q5_0", 6, 64, (44,), "linear"),
+        Format("q5_1", 7, 64, (44,), "linear"),
+        Format("q8_0", 8, 64, (64, 4), "linear"),
+        Format("nf4", 10, 64, (32, 2), "codebook"),
+        Format("nf3", 11, 64, (24, 2), "codebook"),
+        Format("fp8_e4m3", 15, 64, (64, 4), "codebook"),
+        Format("fp4", 16, 64, (32, 2), "codebook", apart=True),
+        Format("fp8_e5m2", 19, 64, (64, 4), "codebook"),
+        Format("iq2_xxs", 21, 256, (66,), "grid", "nf3", "IQ2_XXS"),
+        Format("q2_k", 23, 256, (84,), "superblock", "nf3", "Q2_K"),
+        Format("iq1_s", 24, 256, (50,), "grid", "nf3", "IQ1_S"),
+        Format("q6_k", 26, 256, (210,), "superblock", "q8_0", "Q6_K"),
+        Format("q4_k", 27, 256, (144,), "superblock", "q5_1", "Q4_K"),
+        Format("q5_k", 28, 256, (176,), "superblock", "q8_0", "Q5_K"),
+        Format("fp6", 29, 64, (32, 16, 2), "codebook", apart=True),
     )
 }
 
@@ -107,6 +125,8 @@ def substitutes() -> str:
 
 def quantize_rows(fmt: Format, matrix: torch.Tensor, data: torch.Tensor, first_row: int = 0) -> None:
     """Writes the float32 rows of `matrix` into `data`, the bytes of a whole CPU matrix, from row `first_row` on."""
+    import torch
+
     if matrix.shape[1] % fmt.elements:
         raise OrreryError(f"rows of {matrix.shape[1]} elements do not divide into blocks of {fmt.elements}")
     planes = fmt.planes(data)
@@ -131,6 +151,8 @@ def quantize_rows(fmt: Format, matrix: torch.Tensor, data: torch.Tensor, first_r
 
 def quantize(fmt: Format, matrix: torch.Tensor) -> torch.Tensor:
     """The bytes of a float32 matrix, on the CPU."""
+    import torch
+
     data = torch.empty(fmt.size(*matrix.shape), dtype=torch.uint8)
     quantize_rows(fmt, matrix, data)
     return data

