@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import argparse
 import os
-from collections.abc import Sequence
+import sys
 
 from orrery import OrreryError
 
@@ -25,21 +25,10 @@ def add_option(group: argparse._ActionsContainer) -> None:
                        help="run the kernels that a device of class 0 to 5 takes (default: 3; device in host memory only)")  # fmt: skip
 
 
-class _Quiet(argparse.ArgumentParser):
-    def error(self, message: str) -> None:
-        """The whole command's parser comes later and complains."""
-
-
-def name_device(argv: Sequence[str]) -> None:
-    """Names the device as the option in a command's arguments asks, if it stands there."""
-    parser = _Quiet(add_help=False, allow_abbrev=False)
-    add_option(parser)
-    asked = parser.parse_known_args(argv)
-    if asked and asked[0].device_class in NAMES:
-        os.environ[VARIABLE] = NAMES[asked[0].device_class]
-
-
-def check(device_class: int | None) -> None:
-    """OrreryError if the device has come before it could be named."""
-    if device_class is not None and os.environ.get(VARIABLE) != NAMES[device_class]:
+def choose(device_class: int | None) -> None:
+    """Names the device, if a class is given. OrreryError if torch has brought it under another name already."""
+    if device_class is None or os.environ.get(VARIABLE) == NAMES[device_class]:
+        return
+    if "torch" in sys.modules:
         raise OrreryError(f"--device-class comes too late: name the device by {VARIABLE} before torch is imported")
+    os.environ[VARIABLE] = NAMES[device_class]

@@ -68,9 +68,9 @@ def choose(logits: torch.Tensor, sampling: Sampling, generator: torch.Generator,
     values = logits.view(-1).cpu().double().numpy()
     with np.errstate(all="ignore"):
         if sampling.repetition_penalty != 1 and seen:
-            index = list(seen)
-            penalty = np.where(values[index] > 0, 1 / sampling.repetition_penalty, sampling.repetition_penalty)
-            values[index] *= penalty
+            index, penalty = list(seen), sampling.repetition_penalty
+            values = values.copy()  # of doubles it is the model's own memory
+            values[index] *= np.where(values[index] > 0, 1 / penalty, penalty)
         values = np.nan_to_num(values, nan=-FAR, posinf=FAR, neginf=-FAR)
         if sampling.temperature <= 0:
             return int(values.argmax())
@@ -78,7 +78,8 @@ def choose(logits: torch.Tensor, sampling: Sampling, generator: torch.Generator,
         probabilities = np.exp((values - values.max()) / sampling.temperature)
     order = _likeliest(probabilities, sampling.top_k or len(probabilities))
     probabilities = probabilities[order] / probabilities[order].sum()
-    probabilities = probabilities[probabilities.cumsum() - probabilities < sampling.top_p]
+    if sampling.top_p < 1:  # rounding would cut the last ones otherwise
+        probabilities = probabilities[probabilities.cumsum() - probabilities < sampling.top_p]
     probabilities = probabilities[probabilities >= sampling.min_p * probabilities[0]]
     return int(order[torch.multinomial(torch.from_numpy(probabilities), 1, generator=generator)])
 

@@ -6,7 +6,7 @@ from collections.abc import Iterable
 from dataclasses import dataclass
 from typing import Any
 
-from orrery import OrreryError
+from orrery import chat_template
 
 CONTROL, USER_DEFINED = 3, 4
 END_TEXTS = ("<|im_end|>", "<|endoftext|>")
@@ -71,14 +71,7 @@ class ChatTokenizer:
 
     def chat_text(self, messages: list[dict[str, str]]) -> str:
         """The text of a conversation up to the start of the assistant's next answer, special tokens included."""
-        from jinja2 import TemplateError
-        from jinja2.sandbox import ImmutableSandboxedEnvironment
-
-        environment = ImmutableSandboxedEnvironment(trim_blocks=True, lstrip_blocks=True)
-        try:
-            return environment.from_string(self._template).render(messages=messages, add_generation_prompt=True)
-        except TemplateError as error:
-            raise OrreryError(f"the model's chat template does not render: {error}") from error
+        return chat_template.render(self._template, messages=messages, add_generation_prompt=True)
 
 
 class TextStream:
