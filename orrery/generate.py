@@ -59,11 +59,19 @@ FAR = 1e300
 
 
 def choose(logits: torch.Tensor, sampling: Sampling, generator: torch.Generator, seen: Collection[int] = ()) -> int:
-    """The token that follows `seen`.
+    """The token that follows `seen`, drawn among the candidates."""
+    tokens, probabilities = candidates(logits, sampling, seen)
+    if len(tokens) == 1:
+        return int(tokens[0])
+    return int(tokens[torch.multinomial(torch.from_numpy(probabilities), 1, generator=generator)])
+
+
+def candidates(logits: torch.Tensor, sampling: Sampling, seen: Collection[int] = ()) -> tuple[np.ndarray, np.ndarray]:
+    """The tokens that may follow `seen`, the likeliest first, and their shares, by the logits [1, vocabulary].
 
     The penalty divides positive logits of tokens in `seen` and multiplies negative ones. Top-k keeps the k likeliest
     tokens, top-p the likeliest whose probabilities reach `top_p` together, min-p those that have at least `min_p` times
-    the probability of the likeliest.
+    the probability of the likeliest. A logit that is no number counts as the smallest.
     """
     values = logits.view(-1).cpu().double().numpy()
     with np.errstate(all="ignore"):
@@ -73,7 +81,7 @@ def choose(logits: torch.Tensor, sampling: Sampling, generator: torch.Generator,
             values[index] *= np.where(values[index] > 0, 1 / penalty, penalty)
         values = np.nan_to_num(values, nan=-FAR, posinf=FAR, neginf=-FAR)
         if sampling.temperature <= 0:
-            return int(values.argmax())
+            return values.argmax(keepdims=True), np.ones(1)
         # The largest is 0 before the division, so a tiny temperature makes the others -inf and no NaN.
         probabilities = np.exp((values - values.max()) / sampling.temperature)
     order = _likeliest(probabilities, sampling.top_k or len(probabilities))
@@ -81,7 +89,7 @@ def choose(logits: torch.Tensor, sampling: Sampling, generator: torch.Generator,
     if sampling.top_p < 1:  # rounding would cut the last ones otherwise
         probabilities = probabilities[probabilities.cumsum() - probabilities < sampling.top_p]
     probabilities = probabilities[probabilities >= sampling.min_p * probabilities[0]]
-    return int(order[torch.multinomial(torch.from_numpy(probabilities), 1, generator=generator)])
+    return order[: len(probabilities)], probabilities
 
 
 def _likeliest(probabilities: np.ndarray, count: int) -> np.ndarray:

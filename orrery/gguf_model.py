@@ -168,7 +168,7 @@ def _sizes(value: _Fields, stored: dict[str, Stored]) -> Sizes:
     if scaling != "none" or "rope_freqs.weight" in stored:
         raise OrreryError("the model scales its rotary frequencies, which is not served")
     hidden, heads = value.whole("llama.embedding_length"), value.whole("llama.attention.head_count")
-    head_dim = value.whole("llama.attention.key_length", hidden // heads or None)
+    head_dim = value.whole("llama.attention.key_length", max(hidden // heads, 1))
     if value("llama.rope.dimension_count", head_dim) != head_dim:
         raise OrreryError("the model turns only a part of each head, which is not served")
     if "token_embd.weight" not in stored:

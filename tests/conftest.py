@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import os
+
 import pytest
 
 
@@ -13,3 +15,12 @@ def xpu():
     import orrery_host  # noqa: F401  registers the device if no installed package has done so
 
     return torch.device("xpu")
+
+
+@pytest.fixture(scope="session")
+def prepared_models(tmp_path_factory):
+    """A folder for prepared models, as XDG_CACHE_HOME, which all tests share: to quantize the real one takes seconds."""
+    base = tmp_path_factory.getbasetemp()
+    folder = (base.parent if "PYTEST_XDIST_WORKER" in os.environ else base) / "prepared"
+    folder.mkdir(exist_ok=True)
+    return folder

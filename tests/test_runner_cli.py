@@ -1,26 +1,70 @@
-"""The command line as a user meets it: processes, their output and their memory."""
+"""The command line: what it says and how it ends; in a process of its own where that matters."""
 
+import functools
+import io
 import os
 import re
+import signal
 import subprocess
 import sys
+import time
+from typing import NamedTuple
 
 import pytest
+import torch
 
 import runner_files
+from orrery import chat_template, cli, prepared_files
 from orrery.formats import FORMATS
 from sanitizers import SANITIZED
 
 
 @pytest.fixture(scope="module")
-def cache(tmp_path_factory):
-    return tmp_path_factory.mktemp("cache")
+def cache(prepared_models):
+    return prepared_models
 
 
-def run(cache, *arguments, stdin=""):
-    environment = os.environ | {"XDG_CACHE_HOME": str(cache)}
-    return subprocess.run([sys.executable, "-m", "orrery", *map(str, arguments)], input=stdin, text=True,
-                          capture_output=True, env=environment, timeout=300)
+class Done(NamedTuple):
+    """Like a completed process."""
+
+    returncode: int
+    stdout: str
+    stderr: str
+
+
+@pytest.fixture
+def run(monkeypatch, capsys):
+    """Runs a command in this process: to import torch takes longer than most of them."""
+    monkeypatch.setenv("XDG_CACHE_HOME", str(cache))
+
+    def call(*arguments, stdin=""):
+        data = stdin if isinstance(stdin, bytes) else stdin.encode()
+        monkeypatch.setattr(sys, "stdin", io.TextIOWrapper(io.BytesIO(data), "utf-8"))
+        threads = torch.get_num_threads()
+        try:
+            status = cli.main(list(map(str, arguments)))
+        finally:
+            torch.set_num_threads(threads)
+        return Done(status, *capsys.readouterr())
+
+    return call
+
+
+@pytest.fixture
+def tiny(tmp_path):
+    runner_files.write_tiny(tmp_path / "tiny.gguf")
+    return tmp_path / "tiny.gguf"
+
+
+def command(*arguments):
+    return [sys.executable, "-m", "orrery", *map(str, arguments)]
+
+
+def process(cache, *arguments, **settings):
+    """Runs a command in a process of its own."""
+    environment = os.environ | {"XDG_CACHE_HOME": str(cache)} | settings.pop("env", {})
+    return subprocess.run(command(*arguments), text=True, env=environment, timeout=300,
+                          **{"capture_output": True, **settings})
 
 
 def sentence(result):
@@ -32,24 +76,24 @@ def sentence(result):
     return lines[0]
 
 
-def test_missing_and_foreign_files(cache, tmp_path):
+def test_missing_and_foreign_files(run, tmp_path):
     (tmp_path / "notes.txt").write_text("hello")
-    missing = sentence(run(cache, "generate", "--model", tmp_path / "none.gguf"))
+    missing = sentence(run("generate", "--model", tmp_path / "none.gguf"))
     assert missing == f"orrery: cannot read the model file {tmp_path}/none.gguf: No such file or directory"
-    foreign = sentence(run(cache, "generate", "--model", tmp_path / "notes.txt"))
+    foreign = sentence(run("generate", "--model", tmp_path / "notes.txt"))
     assert foreign == f"orrery: {tmp_path}/notes.txt is not a GGUF file"
 
 
-def test_truncated_file(cache, tmp_path):
+def test_truncated_file(run, tmp_path):
     file = tmp_path / "tiny.gguf"
     runner_files.write_tiny(file)
     file.write_bytes(file.read_bytes()[:20000])
-    assert "truncated" in sentence(run(cache, "chat", "--model", file))
+    assert "truncated" in sentence(run("chat", "--model", file))
 
 
-def test_other_architecture(cache, tmp_path):
+def test_other_architecture(run, tmp_path):
     runner_files.write_tiny(tmp_path / "tiny.gguf", architecture="gpt2")
-    message = sentence(run(cache, "generate", "--model", tmp_path / "tiny.gguf"))
+    message = sentence(run("generate", "--model", tmp_path / "tiny.gguf"))
     assert message == f"orrery: {tmp_path}/tiny.gguf holds a model of architecture 'gpt2', only 'llama' is served"
 
 
@@ -59,9 +103,21 @@ def test_other_architecture(cache, tmp_path):
     (["generate", "--threads", "100000"], "orrery: argument --threads: 100000 is above 256"),
     (["generate", "--device-class", "6"],
      "orrery: argument --device-class: invalid choice: 6 (choose from 0, 1, 2, 3, 4, 5)"),
+    (["generate", "--tokens", "many"], "orrery: argument --tokens: 'many' is not a whole number"),
+    (["generate", "--seed", str(2**64)], f"orrery: argument --seed: {2**64} is above {2**64 - 1}"),
+    (["generate", "--seed", "-1"], "orrery: argument --seed: -1 is below 0"),
+    (["generate", "--temperature", "nan"], "orrery: argument --temperature: nan is not a temperature"),
+    (["generate", "--temperature", "-1"], "orrery: argument --temperature: -1 is not a temperature"),
+    (["generate", "--top-k", "-1"], "orrery: argument --top-k: -1 is below 0"),
+    (["generate", "--min-p", "1.1"], "orrery: argument --min-p: 1.1 is not from 0 to 1"),
+    (["generate", "--repetition-penalty", "0"], "orrery: argument --repetition-penalty: 0 is not from 0.001 to 1000"),
+    (["generate", "\udcff"], "orrery: argument prompt: the text is not UTF-8"),
+    (["chat", "--system", "a\udcff"], "orrery: argument --system: the text is not UTF-8"),
+    (["perplexity", "/dev/zero"], f"orrery: the text file /dev/zero has more than {2**28} bytes"),
+    (["cache", "clear"], "orrery: name what to clear, or --stale or --all"),
     (["generate", "--top-p", "1.5"], "orrery: argument --top-p: 1.5 is not above 0 and at most 1"),
     (["generate", "--cache", "half"], "orrery: argument --cache: invalid choice: 'half' (choose from 'plain', 'byte')"),
-    (["cache", "--text", "/nonexistent.txt"],
+    (["compare-caches", "--text", "/nonexistent.txt"],
      "orrery: cannot read the text file /nonexistent.txt: No such file or directory"),
     (["formats", "--formats", "q4_0,q3_k"],
      f"orrery: argument --formats: unknown format 'q3_k', the formats are {', '.join(FORMATS)}"),
@@ -72,24 +128,24 @@ def test_other_architecture(cache, tmp_path):
     (["sing"], None),
     ([], "orrery: the following arguments are required: COMMAND"),
 ])
-def test_wrong_arguments(cache, arguments, message):
-    assert sentence(run(cache, *arguments)) == message if message else sentence(run(cache, *arguments))
+def test_wrong_arguments(run, arguments, message):
+    assert sentence(run(*arguments)) == message if message else sentence(run(*arguments))
 
 
-def test_context_overrun(cache, tmp_path):
+def test_context_overrun(tmp_path):
     runner_files.write_tiny(tmp_path / "tiny.gguf", context=64)
-    message = sentence(run(cache, "generate", "--model", tmp_path / "tiny.gguf", "abcd", "--tokens", "62"))
+    message = sentence(run("generate", "--model", tmp_path / "tiny.gguf", "abcd", "--tokens", "62"))
     assert message == "orrery: 4 tokens of prompt and 62 of answer do not fit into the context of 64"
-    chat = run(cache, "chat", "--model", tmp_path / "tiny.gguf", "--tokens", "8", stdin="a" * 200 + "\n")
+    chat = run("chat", "--model", tmp_path / "tiny.gguf", "--tokens", "8", stdin="a" * 200 + "\n")
     assert sentence(chat) == "orrery: 219 tokens of conversation do not fit into the context of 64"
 
 
 @pytest.mark.parametrize("kind", ["plain", "byte"])
 @pytest.mark.parametrize("prompt, answer", [(64, 1), (60, 5)])
-def test_generate_up_to_the_last_place_of_the_context(cache, tmp_path, prompt, answer, kind):
+def test_generate_up_to_the_last_place_of_the_context(run, tmp_path, prompt, answer, kind):
     runner_files.write_tiny(tmp_path / "tiny.gguf", context=64)
     arguments = ("--model", tmp_path / "tiny.gguf", "--tokens", answer, "--cache", kind)
-    result = run(cache, "generate", "a" * prompt, *arguments)
+    result = run("generate", "a" * prompt, *arguments)
     assert result.returncode == 0, result.stderr
     assert f"prompt: {prompt} tokens" in result.stdout and f"answer: {answer} tokens" in result.stdout
 
@@ -100,71 +156,102 @@ def counts(stderr):
 
 
 @pytest.mark.parametrize("kind", ["plain", "byte"])
-def test_chat_up_to_the_end_of_the_context(cache, tmp_path, kind):
+def test_chat_up_to_the_end_of_the_context(run, tmp_path, kind):
     runner_files.write_tiny(tmp_path / "tiny.gguf", context=64, silent=runner_files.SPECIAL)
 
     def chat(tokens, lines):
         arguments = ("--model", tmp_path / "tiny.gguf", "--tokens", tokens, "--cache", kind)
-        result = run(cache, "chat", *arguments, stdin=lines)
-        assert result.returncode == 2 and result.stdout.endswith("\n") and "Traceback" not in result.stderr
-        return counts(result.stderr), result.stderr.splitlines()[-1]
+        result = run("chat", *arguments, stdin=lines)
+        assert result.returncode == 0 and result.stdout.endswith("\n")
+        return counts(result.stderr), [line for line in result.stderr.splitlines() if not line.startswith("[")]
 
-    # An answer that the end of the context cuts. Its last token is no input.
-    turns, last = chat(100, "ab\ncd\n")
-    assert [sum(turn) for turn in turns] == [65]
-    assert last == "orrery: the context of 64 tokens is full"
-    # A question that has no room.
-    turns, last = chat(20, "ab\nabcdefghijkl\n")
-    assert turns == [(21, 20)]
-    assert re.fullmatch(r"orrery: \d\d tokens of conversation do not fit into the context of 64", last)
+    # An answer that the end of the context cuts. Its last token is no input. The second question pushes the first out.
+    turns, told = chat(100, "ab\ncd\n")
+    assert [sum(turn) for turn in turns] == [65, 65]
+    cut = "the context of 64 tokens is full: the answer is cut"
+    assert told == [cut, "the context of 64 tokens is full: the oldest turn is forgotten", cut]
+    # Three questions with their answers fit, the fourth does not; half of the context is free then.
+    turns, told = chat(2, "ab\ncd\nef\ngh\nij\n")
+    assert [answer for _, answer in turns] == [2] * 5
+    assert told == ["the context of 64 tokens is full: the oldest turn is forgotten"] * len(told) and 1 <= len(told) <= 4
 
 
-def test_chat_has_the_whole_context_of_the_model(cache, tmp_path):
+def test_what_is_forgotten(run, tmp_path, monkeypatch):
+    """The system message stays; the model sees what a conversation of the last questions would have."""
+    runner_files.write_tiny(tmp_path / "tiny.gguf", context=256, silent=runner_files.SPECIAL)
+    seen = []
+    encode = chat_template.render
+    monkeypatch.setattr(chat_template, "render", lambda *a, messages, **k: seen.append(messages) or encode(*a, messages=messages, **k))
+    arguments = ("chat", "--model", tmp_path / "tiny.gguf", "--tokens", "8", "--system", "Be brief.")
+    result = run(*arguments, stdin="".join(f"question {i}\n" for i in range(12)))
+    assert result.returncode == 0
+    told = [line for line in result.stderr.splitlines() if not line.startswith("[")]
+    numbers = [re.fullmatch(r"the context of 256 tokens is full: the oldest (?:(\d) turns are|turn is) forgotten", line)[1]
+               for line in told]
+    assert 1 <= len(numbers) <= 4 and all(number and int(number) >= 2 for number in numbers)
+    assert all(messages[0] == {"role": "system", "content": "Be brief."} for messages in seen)
+    assert all(message["role"] == ("user", "assistant")[i % 2]
+               for messages in seen for i, message in enumerate(messages[1:]))
+    last = [message["content"] for message in seen[-1] if message["role"] == "user"]
+    assert last == [f"question {i}" for i in range(12 - len(last), 12)] and 2 <= len(last) < 8
+    # A greedy answer depends on nothing else.
+    alone = run(*arguments, stdin="".join(line + "\n" for line in last[:1]))
+    assert len(alone.stdout.splitlines()) == 1
+
+
+def test_a_question_that_is_too_long_is_told_and_left_out(run, tmp_path):
+    runner_files.write_tiny(tmp_path / "tiny.gguf", context=64, silent=runner_files.SPECIAL)
+    result = run("chat", "--model", tmp_path / "tiny.gguf", "--tokens", "4", stdin="a" * 200 + "\nab\n")
+    assert result.returncode == 2 and counts(result.stderr) == [(21, 4)]
+    assert result.stderr.startswith("orrery: 219 tokens of conversation do not fit into the context of 64\n")
+
+
+def test_chat_has_the_whole_context_of_the_model(run, tmp_path):
     runner_files.write_tiny(tmp_path / "tiny.gguf", context=8192, silent=runner_files.SPECIAL)
     arguments = ("chat", "--model", tmp_path / "tiny.gguf", "--tokens", "3")
     line = "a" * 8171 + "\n"  # 19 tokens stand around it.
-    result = run(cache, *arguments, stdin=line)
-    assert (result.returncode, counts(result.stderr)) == (2, [(8190, 3)]), result.stderr
-    assert result.stderr.endswith("orrery: the context of 8192 tokens is full\n")
-    result = run(cache, *arguments, "--context", "8191", stdin=line)
-    assert (result.returncode, counts(result.stderr)) == (2, [(8190, 2)]), result.stderr
+    result = run(*arguments, stdin=line)
+    assert (result.returncode, counts(result.stderr)) == (0, [(8190, 3)]), result.stderr
+    assert result.stderr.endswith("\nthe context of 8192 tokens is full: the answer is cut\n")
+    result = run(*arguments, "--context", "8191", stdin=line)
+    assert (result.returncode, counts(result.stderr)) == (0, [(8190, 2)]), result.stderr
 
 
-def test_list_of_formats_and_help(cache):
-    result = run(cache, "formats", "--no-measure")
+def test_list_of_formats_and_help(run):
+    result = run("formats", "--no-measure")
     assert result.returncode == 0
     assert re.search(r"^q5_1 +7 +64 +44 +5.50 +block array +-$", result.stdout, re.M)
     assert re.search(r"^q4_k +27 +256 +144 +4.50 +block array +q5_1$", result.stdout, re.M)
     assert [line.split()[0] for line in result.stdout.splitlines()[1:]] == list(FORMATS)
     for command in ("generate", "chat", "perplexity"):
-        text = run(cache, command, "--help").stdout
+        text = run(command, "--help").stdout
         assert all(option in text for option in ("--model", "--format", "--dtype", "--threads", "--cache {plain,byte}"))
 
 
-def test_substitute_is_told_in_one_line(cache, tmp_path):
+def test_substitute_is_told_in_one_line(run, tmp_path):
     runner_files.write_tiny(tmp_path / "tiny.gguf")
     for _ in range(2):  # The second time from the cache.
-        result = run(cache, "generate", "--model", tmp_path / "tiny.gguf", "ab", "--tokens", "3", "--format", "q4_k")
+        result = run("generate", "--model", tmp_path / "tiny.gguf", "ab", "--tokens", "3", "--format", "q4_k")
         assert result.returncode == 0, result.stderr
         assert result.stderr == ("9 of 9 matrices have rows that blocks of 256 do not divide and are stored as q5_1 "
                                  "instead of q4_k\n")
 
 
-def test_perplexity_of_the_bundled_text(cache, tmp_path):
+def test_perplexity_of_the_bundled_text(run, tmp_path):
     runner_files.write_tiny(tmp_path / "tiny.gguf")
-    result = run(cache, "perplexity", "--model", tmp_path / "tiny.gguf", "--window", "50", "--tokens", "120")
+    result = run("perplexity", "--model", tmp_path / "tiny.gguf", "--window", "50", "--tokens", "120")
     assert result.returncode == 0, result.stderr
     found = re.fullmatch(r"perplexity ([\d.]+) over 120 tokens \[q4_0, float32, windows of 50\]\n", result.stdout)
     # Random weights know nothing: near the size of the vocabulary, 260, or worse.
     assert found and 200 < float(found[1]) < 2000
 
 
-def test_perplexity_over_a_byte_cache(cache, tmp_path):
+def test_perplexity_over_a_byte_cache(run, tmp_path):
     runner_files.write_tiny(tmp_path / "tiny.gguf")
     arguments = ("perplexity", "--model", tmp_path / "tiny.gguf", "--window", "50", "--tokens", "120", "--cache")
     found = {}
     for kind, told in ("plain", ""), ("byte", ", byte cache"):
-        result = run(cache, *arguments, kind)
+        result = run(*arguments, kind)
         assert result.returncode == 0, result.stderr
         text = rf"perplexity ([\d.]+) over 120 tokens \[q4_0, float32{told}, windows of 50\]\n"
         found[kind] = float(re.fullmatch(text, result.stdout)[1])
@@ -172,9 +259,10 @@ def test_perplexity_over_a_byte_cache(cache, tmp_path):
 
 
 @pytest.mark.parametrize("kind, told", [("plain", ""), ("byte", ", byte cache")])
-def test_generate_speaks_english(cache, kind, told):
-    result = run(cache, "generate", "The capital of France is", "--tokens", "12", "--threads", "2", "--format", "q8_0",
+def test_generate_speaks_english(run, cache, kind, told):
+    arguments = ("generate", "The capital of France is", "--tokens", "12", "--threads", "2", "--format", "q8_0",
                  "--cache", kind)
+    result = run(*arguments) if kind == "byte" else process(cache, *arguments)
     assert result.returncode == 0, result.stderr
     text, speed = result.stdout.rstrip("\n").rsplit("\n", 1)
     assert text.startswith("The capital of France is Paris")
@@ -182,9 +270,9 @@ def test_generate_speaks_english(cache, kind, told):
                         r"answer: \d+ tokens, [\d.]+ tokens per second\]", speed)
 
 
-def test_seed_decides(cache):
+def test_seed_decides(run):
     def text(seed):
-        result = run(cache, "generate", "My favourite", "--tokens", "16", "--temperature", "1.2", "--top-p", "0.95",
+        result = run("generate", "My favourite", "--tokens", "16", "--temperature", "1.2", "--top-p", "0.95",
                      "--seed", seed)
         assert result.returncode == 0, result.stderr
         return result.stdout.rsplit("\n[", 1)[0]
@@ -192,8 +280,8 @@ def test_seed_decides(cache):
     assert text(1) == text(1) != text(2)
 
 
-def test_chat_remembers(cache):
-    result = run(cache, "chat", "--tokens", "40", "--format", "q8_0", stdin="My cat is called Tofu.\n\nWhat is my cat called?\n")
+def test_chat_remembers(run):
+    result = run("chat", "--tokens", "40", "--format", "q8_0", stdin="My cat is called Tofu.\n\nWhat is my cat called?\n")
     assert result.returncode == 0, result.stderr
     prompts = [int(n) for n in re.findall(r"prompt: (\d+) tokens", result.stderr)]
     assert len(prompts) == 2
@@ -212,11 +300,16 @@ def peak(cache, code):
     return int(re.search(r"peak (\d+)$", result.stderr)[1]) * 1024
 
 
+@functools.cache
+def baseline_of(cache):
+    return peak(cache, "import torch, orrery_ops\ntorch.ones(1000, 1000, device='xpu') @ torch.ones(1000, 8, device='xpu')")
+
+
 @pytest.mark.skipif(SANITIZED, reason="a sanitizer's own memory counts too")
 @pytest.mark.parametrize("name, quantized", [("q4_0", 71442432), ("q8_0", 142884864)])
 @pytest.mark.parametrize("extra", [[], ["--no-cache"]])
 def test_memory(cache, name, quantized, extra):
-    baseline = peak(cache, "import torch, orrery_ops\ntorch.ones(1000, 1000, device='xpu') @ torch.ones(1000, 8, device='xpu')")
+    baseline = baseline_of(cache)
     arguments = ["generate", "Hello", "--tokens", "16", "--format", name, *extra]
     used = peak(cache, f"from orrery.cli import main\nassert main({arguments!r}) == 0") - baseline
     assert quantized < used <= 3 * quantized
