@@ -9,7 +9,7 @@ import json
 import resource
 import sys
 
-CPU_SECONDS = 5
+CPU_SECONDS = 2
 MEMORY = 1 << 29
 MOST_CHARACTERS = 1 << 24
 

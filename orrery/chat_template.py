@@ -19,7 +19,7 @@ SECONDS = 120
 def render(template: str, **names: Any) -> str:
     """The text of the template with these names, which JSON can hold. It has `raise_exception` and `strftime_now` too.
 
-    OrreryError, one sentence, if it does not render, or not within 5 seconds of CPU and half a gigabyte. The process
+    OrreryError, one sentence, if it does not render, or not within 2 seconds of CPU and half a gigabyte. The process
     takes 0.08 s, a turn of a conversation some tenths.
     """
     # A sanitizer's runtime, preloaded, would take more memory than the process may have.

@@ -89,12 +89,11 @@ def _penalty(text: str) -> float:
 
 
 def _utf8(text: str) -> str:
-    """The text, if it is one: bytes that are not UTF-8 arrive as surrogates."""
+    """The text, whatever the locale took its bytes for. It keeps those that it does not know as surrogates."""
     try:
-        text.encode()
-    except UnicodeEncodeError:
+        return text.encode("utf-8", "surrogateescape").decode()
+    except UnicodeError:
         raise argparse.ArgumentTypeError("the text is not UTF-8") from None
-    return text
 
 
 def _format_list(text: str) -> list[formats.Format]:

@@ -42,20 +42,20 @@ class Conversation:
             text, tokens = self._encode(turns[dropped:])
         if len(tokens) > self._capacity:
             raise OrreryError(f"{len(tokens)} tokens of conversation do not fit into the context of {self._capacity}")
+        self._before = self._turns, self._said, self.tokens
         self._turns, self._said, self.tokens = turns[dropped:], text, tokens
         return dropped
 
     def answered(self, answer: Sequence[int]) -> None:
         """Takes the answer to the last question, whole or not."""
         text = self._tokenizer.decode(answer)
-        self._turns[-1].append({"role": "assistant", "content": text})
+        self._turns = [*self._turns[:-1], [*self._turns[-1], {"role": "assistant", "content": text}]]
         self._said += text
         self.tokens = [*self.tokens, *answer]
 
     def retract(self) -> None:
         """Forgets the last question, which got no answer."""
-        self._turns.pop()
-        self._said, self.tokens = "", []
+        self._turns, self._said, self.tokens = self._before
 
     def _encode(self, turns: Sequence[list[dict[str, str]]]) -> tuple[str, list[int]]:
         text = self._tokenizer.chat_text([*self._system, *(message for turn in turns for message in turn)])

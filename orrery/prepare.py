@@ -25,8 +25,11 @@ from orrery.tokenizer import Vocabulary
 
 # Rows dequantized at a time: a large vocabulary never stands in memory as floats, and the progress shown moves.
 ROWS = 2048
-# The largest magnitude of a weight. The scales of most formats are halves, so one above it becomes infinite.
-LARGEST = 65504.0
+# The largest magnitude of a weight. Most scales are halves, up to 65504, and so are the values of some expanded weights;
+# the code next to a weight may stand for more than the weight.
+LARGEST = 32768.0
+# fp6's codes stand for at most 0.0073, so its scale ends at a weight of 480.
+LARGEST_OF = {"fp6": 256.0}
 # Where a block that keeps the file's bytes has its scales, which are halves.
 SCALES = {"iq2_xxs": (0,), "q2_k": (80, 82), "iq1_s": (0,), "q6_k": (208,), "q4_k": (0, 2), "q5_k": (0, 2)}
 # Threads that read a cache file.
@@ -86,8 +89,8 @@ def load(path: Path, fmt: Format, device: str = "xpu", cache: bool = True, keep:
         if cache and keep:
             _write_cache(file, path, prepared)
     if prepared.unusable:
-        warnings.warn(f"{prepared.unusable} weights of {path} are NaN, infinite or above {LARGEST:.0f} in magnitude and "
-                      "are taken as 0", RuntimeWarning, stacklevel=2)
+        warnings.warn(f"{prepared.unusable} weights of {path} are NaN, infinite or above {largest(fmt):.0f} in "
+                      "magnitude and are taken as 0", RuntimeWarning, stacklevel=2)
     return prepared
 
 
@@ -98,17 +101,22 @@ def _made(path: Path, fmt: Format, device: str) -> Prepared:
     return Prepared(fmt, model.sizes, model.vocabulary, tensors, chosen, count.unusable)
 
 
+def largest(fmt: Format) -> float:
+    """The largest magnitude of a weight in that format."""
+    return LARGEST_OF.get(fmt.name, LARGEST)
+
+
 @dataclass
 class Count:
     """How many weights could not be used."""
 
     unusable: int = 0
 
-    def clean(self, values: torch.Tensor) -> torch.Tensor:
-        """The same tensor, with 0 for weights that no format can hold: one of them would spread to every logit."""
-        least, largest = values.aminmax()
-        if not (-LARGEST <= least and largest <= LARGEST):  # so it is for NaN
-            bad = ~(values.abs() <= LARGEST)
+    def clean(self, values: torch.Tensor, limit: float = LARGEST) -> torch.Tensor:
+        """The same tensor, with 0 for weights that are not within the limit: one of them would spread to every logit."""
+        least, most = values.aminmax()
+        if not (-limit <= least and most <= limit):  # so it is for NaN
+            bad = ~(values.abs() <= limit)
             self.unusable += int(bad.sum())
             values[bad] = 0
         return values
@@ -182,7 +190,7 @@ def quantized_rows(model: GGUFModel, sources: Sequence[str], fmt: Format, done: 
             if raw is not None and _has_finite_scales(raw, fmt):
                 data.view(rows, -1)[row : row + now] = raw
             else:
-                formats.quantize_rows(fmt, count.clean(model.rows(source, first, now)), data, row)
+                formats.quantize_rows(fmt, count.clean(model.rows(source, first, now), largest(fmt)), data, row)
             row += now
             done(now * cols)
     return data

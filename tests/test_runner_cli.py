@@ -4,17 +4,15 @@ import functools
 import io
 import os
 import re
-import signal
 import subprocess
 import sys
-import time
 from typing import NamedTuple
 
 import pytest
 import torch
 
 import runner_files
-from orrery import chat_template, cli, prepared_files
+from orrery import chat_template, cli
 from orrery.formats import FORMATS
 from sanitizers import SANITIZED
 
@@ -48,12 +46,6 @@ def run(monkeypatch, capsys):
         return Done(status, *capsys.readouterr())
 
     return call
-
-
-@pytest.fixture
-def tiny(tmp_path):
-    runner_files.write_tiny(tmp_path / "tiny.gguf")
-    return tmp_path / "tiny.gguf"
 
 
 def command(*arguments):
@@ -132,7 +124,7 @@ def test_wrong_arguments(run, arguments, message):
     assert sentence(run(*arguments)) == message if message else sentence(run(*arguments))
 
 
-def test_context_overrun(tmp_path):
+def test_context_overrun(run, tmp_path):
     runner_files.write_tiny(tmp_path / "tiny.gguf", context=64)
     message = sentence(run("generate", "--model", tmp_path / "tiny.gguf", "abcd", "--tokens", "62"))
     assert message == "orrery: 4 tokens of prompt and 62 of answer do not fit into the context of 64"
@@ -197,6 +189,21 @@ def test_what_is_forgotten(run, tmp_path, monkeypatch):
     # A greedy answer depends on nothing else.
     alone = run(*arguments, stdin="".join(line + "\n" for line in last[:1]))
     assert len(alone.stdout.splitlines()) == 1
+
+
+@pytest.mark.parametrize("stdin, message", [
+    (b"\xff\n", "standard input is not UTF-8"), (b"a" * 2000000, "a line of standard input has more than 1048576 characters"),
+])
+def test_lines_that_are_none(run, tmp_path, stdin, message):
+    runner_files.write_tiny(tmp_path / "tiny.gguf")
+    assert sentence(run("chat", "--model", tmp_path / "tiny.gguf", stdin=stdin)) == f"orrery: {message}"
+
+
+def test_closed_standard_input(cache, tmp_path, monkeypatch):
+    monkeypatch.setenv("XDG_CACHE_HOME", str(cache))
+    runner_files.write_tiny(tmp_path / "tiny.gguf")
+    monkeypatch.setattr(sys, "stdin", None)
+    assert cli.main(["chat", "--model", str(tmp_path / "tiny.gguf")]) == 0
 
 
 def test_a_question_that_is_too_long_is_told_and_left_out(run, tmp_path):

@@ -2,7 +2,6 @@
 
 import collections
 import json
-import os
 import subprocess
 import sys
 
@@ -13,7 +12,7 @@ from torch.utils._python_dispatch import TorchDispatchMode
 import orrery_host
 import orrery_ops
 import runner_files
-from orrery import OrreryError, device_class, fused, prepare
+from orrery import OrreryError, cli, device_class, fused, prepare
 from orrery.formats import FORMATS
 from orrery.model import Model
 
@@ -158,8 +157,8 @@ def test_calls_of_a_layer(tiny_file, monkeypatch, name, dtype, cache, calls):
 
 RUN = """
 import json, sys
-from orrery.device_class import name_device
-name_device(sys.argv[1:])
+from orrery import device_class
+device_class.choose(int(sys.argv[1]))
 import torch, orrery_host
 from pathlib import Path
 from orrery import prepare
@@ -167,7 +166,7 @@ from orrery.formats import FORMATS
 from orrery.model import Model
 results = []
 for name in ("q4_0", "fp4", "fp6", "iq2_xxs"):
-    model = Model(prepare.load(Path(sys.argv[3]), FORMATS[name], cache=False), torch.float32, 64)
+    model = Model(prepare.load(Path(sys.argv[2]), FORMATS[name], cache=False), torch.float32, 64)
     refusals, logits = model.refusals, []
     with orrery_host.record_launches() as launches:
         logits.append(torch.cat([model.step(token) for token in range(30, 50)]))
@@ -182,7 +181,7 @@ print(json.dumps(results))
 
 @pytest.mark.parametrize("number", device_class.NAMES)
 def test_on_each_kind_of_device(tiny_file, number):
-    done = subprocess.run([sys.executable, "-c", RUN, "--device-class", str(number), str(tiny_file)], capture_output=True,
+    done = subprocess.run([sys.executable, "-c", RUN, str(number), str(tiny_file)], capture_output=True,
                           text=True, timeout=300)
     assert done.returncode == 0, done.stderr
     for name, refusals, kernels, difference in json.loads(done.stdout):
@@ -194,15 +193,13 @@ def test_on_each_kind_of_device(tiny_file, number):
         assert difference < (0.01 if number in (1, 2) and name in ("fp4", "fp6") else 1e-5), name
 
 
-def test_verbose_tells_the_way(tmp_path):
-    runner_files.write_tiny(tmp_path / "tiny.gguf")
+def test_verbose_tells_the_way(tiny_file, tmp_path, monkeypatch, capsys):
+    monkeypatch.setenv("XDG_CACHE_HOME", str(tmp_path))
     said = {}
     for name, dtype in (("q4_0", "float32"), ("q4_0", "bfloat16"), ("nf4", "float32")):
-        done = subprocess.run([sys.executable, "-m", "orrery", "generate", "--model", tmp_path / "tiny.gguf", "ab",
-                               "--tokens", "3", "--format", name, "--dtype", dtype, "--verbose"], text=True,
-                              capture_output=True, env=os.environ | {"XDG_CACHE_HOME": str(tmp_path)}, timeout=300)
-        assert done.returncode == 0, done.stderr
-        said[name, dtype] = done.stderr
+        assert cli.main(["generate", "--model", str(tiny_file), "ab", "--tokens", "3", "--format", name, "--dtype", dtype,
+                         "--verbose"]) == 0
+        said[name, dtype] = capsys.readouterr().err
     assert said == {
         ("q4_0", "float32"): "forward_qkv is used\nmlp_forward_xpu is used\n",
         ("q4_0", "bfloat16"): "forward_qkv in bfloat16 would need attention in that type\nmlp_forward_xpu is used\n",

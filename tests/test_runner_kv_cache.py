@@ -3,8 +3,6 @@
 import collections
 import math
 import re
-import subprocess
-import sys
 
 import numpy as np
 import pytest
@@ -165,12 +163,10 @@ def test_what_the_code_clamps():
     assert str(of_values) == ("values: of 384 elements 3 (0.781%) are above 15.5 and 0 (0.000%) below 0.000259")
 
 
-def test_command_that_compares_both(tiny_file, tmp_path):
-    command = [sys.executable, "-m", "orrery", "cache", "--model", tiny_file, "--tokens", "100", "--window", "60",
-               "--no-cache", "--format", "q8_0"]
-    done = subprocess.run(list(map(str, command)), text=True, capture_output=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    header, *rows, keys, values = done.stdout.splitlines()
+def test_command_that_compares_both(tiny_file, capsys):
+    assert cli.main(["compare-caches", "--model", str(tiny_file), "--tokens", "100", "--window", "60", "--no-cache",
+                     "--format", "q8_0"]) == 0
+    header, *rows, keys, values = capsys.readouterr().out.splitlines()
     assert header.split() == ["cache", "tokens", "bytes/token", "MB", "perplexity", "tokens/s"]
     (plain, *of_plain), (coded, *of_bytes) = (row.split() for row in rows)
     assert (plain, coded) == ("plain", "byte") == tuple(kv_cache.KINDS)

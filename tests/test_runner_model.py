@@ -53,13 +53,20 @@ def judge(source):
 
 
 @pytest.fixture(scope="module", params=BROAD)
-def prepared(request):
-    return prepare.load(gguf_model.bundled_model(), FORMATS[request.param], cache=False)
+def prepared(request, prepared_models):
+    return bundled(request.param, prepared_models)
 
 
 @pytest.fixture(scope="module")
-def q8_0():
-    return prepare.load(gguf_model.bundled_model(), FORMATS["q8_0"], cache=False)
+def q8_0(prepared_models):
+    return bundled("q8_0", prepared_models)
+
+
+def bundled(name, folder):
+    """The real model. What other tests need too is kept for them."""
+    with pytest.MonkeyPatch.context() as patch:
+        patch.setenv("XDG_CACHE_HOME", str(folder))
+        return prepare.load(gguf_model.bundled_model(), FORMATS[name], cache=name in ("q4_0", "q5_1", "q8_0"))
 
 
 @pytest.fixture(scope="module")
