@@ -1,6 +1,9 @@
 // Sums over lanes.
 #pragma once
 
+#include <type_traits>
+#include <utility>
+
 #include "shuffle.h"
 
 namespace orrery {
@@ -23,22 +26,42 @@ inline T fold(const simd<T, N>& a) {
   return fold_to<1>(a)[0];
 }
 
-// Lane r of the result is fold(row[r]). The rows are folded together, two in a vector, then four, ...
+namespace detail {
+
+// Of the lanes of a and b, h at a time, every second h: the first ones or those behind them. `Unit` lanes move
+// together.
+template <int Unit, typename S, int N>
+inline std::pair<vector_t<S, N>, vector_t<S, N>> split_groups(const vector_t<S, N>& a, const vector_t<S, N>& b, int h) {
+  using W = std::conditional_t<Unit == 1, S, int32_t>;
+  static_assert(sizeof(W) == Unit * sizeof(S));
+  using V = vector_t<W, N / Unit>;
+  using I = int_like<W>;
+  const I size = I(h / Unit);
+  const auto unit = machine::iota<I, N / Unit>();
+  const auto group = unit / size, low = group * I(2 * size) + (unit - group * size);
+  const V x = bits_as<V>(a), y = bits_as<V>(b);
+  return {bits_as<vector_t<S, N>>(machine::permute2<W, N / Unit>(x, y, low)),
+          bits_as<vector_t<S, N>>(machine::permute2<W, N / Unit>(x, y, low + size))};
+}
+
+}  // namespace detail
+
+// Lane r of the result is fold(row[r]). The rows are folded together, two in a vector, then four, ... Lanes of 16 bits
+// move in pairs as long as they can: a permutation of words is one operation, one of halves of words three.
 template <typename T, int N>
 inline simd<T, N> fold_each(const simd<T, N> (&row)[N]) {
   using V = simd<T, N>;
   using S = typename V::S;
   simd<T, N> r;
   if constexpr (V::W == N && N > 1) {
-    using I = detail::int_like<S>;
+    constexpr int pair = sizeof(S) == 2 && N > 2 ? 2 : 1;
     typename V::chunk v[N];
     ORRERY_UNROLL for (int i = 0; i < N; ++i) v[i] = row[i].v[0];
-    const auto lane = machine::iota<I, N>();
     ORRERY_UNROLL for (int h = N / 2; h >= 1; h /= 2) {
-      const auto group = lane / I(h), low = group * I(2 * h) + (lane - group * I(h));
       ORRERY_UNROLL for (int i = 0; i < h; ++i) {
-        const auto a = v[2 * i], b = v[2 * i + 1];
-        v[i] = detail::rounded<T, N>(machine::permute2<S, N>(a, b, low) + machine::permute2<S, N>(a, b, low + I(h)));
+        const auto [first, second] = h % pair == 0 ? detail::split_groups<pair, S, N>(v[2 * i], v[2 * i + 1], h)
+                                                   : detail::split_groups<1, S, N>(v[2 * i], v[2 * i + 1], h);
+        v[i] = detail::rounded<T, N>(first + second);
       }
     }
     r.v[0] = v[0];
