@@ -2,7 +2,6 @@
 #pragma once
 
 #include <type_traits>
-#include <utility>
 
 #include "shuffle.h"
 
@@ -28,42 +27,38 @@ inline T fold(const simd<T, N>& a) {
 
 namespace detail {
 
-// Of the lanes of a and b, h at a time, every second h: the first ones or those behind them. `Unit` lanes move
-// together.
-template <int Unit, typename S, int N>
-inline std::pair<vector_t<S, N>, vector_t<S, N>> split_groups(const vector_t<S, N>& a, const vector_t<S, N>& b, int h) {
-  using W = std::conditional_t<Unit == 1, S, int32_t>;
-  static_assert(sizeof(W) == Unit * sizeof(S));
-  using V = vector_t<W, N / Unit>;
+// Adds up vectors by twos, H pairs: v[i] becomes the first H lanes of every 2 * H, of v[2 * i] and then of v[2 * i +
+// 1], plus the H lanes behind them. Then the same for H / 2, down to 1. Lanes of 16 bits move in pairs as long as they
+// can: a permutation of words is one operation, one of halves of words three.
+template <typename T, int H, typename S, int N>
+ORRERY_INLINE inline void fold_pairs(vector_t<S, N>* v) {
+  constexpr int unit = sizeof(S) == 2 && H > 1 ? 2 : 1;
+  using W = std::conditional_t<unit == 1, S, int32_t>;
+  using V = vector_t<W, N / unit>;
   using I = int_like<W>;
-  const I size = I(h / Unit);
-  const auto unit = machine::iota<I, N / Unit>();
-  const auto group = unit / size, low = group * I(2 * size) + (unit - group * size);
-  const V x = bits_as<V>(a), y = bits_as<V>(b);
-  return {bits_as<vector_t<S, N>>(machine::permute2<W, N / Unit>(x, y, low)),
-          bits_as<vector_t<S, N>>(machine::permute2<W, N / Unit>(x, y, low + size))};
+  constexpr I size = H / unit;
+  const auto lane = machine::iota<I, N / unit>();
+  const auto group = lane / size, low = group * I(2 * size) + (lane - group * size);
+  ORRERY_UNROLL for (int i = 0; i < H; ++i) {
+    const V a = bits_as<V>(v[2 * i]), b = bits_as<V>(v[2 * i + 1]);
+    const auto first = machine::permute2<W, N / unit>(a, b, low),
+               second = machine::permute2<W, N / unit>(a, b, low + size);
+    v[i] = rounded<T, N>(bits_as<vector_t<S, N>>(first) + bits_as<vector_t<S, N>>(second));
+  }
+  if constexpr (H > 1) fold_pairs<T, H / 2, S, N>(v);
 }
 
 }  // namespace detail
 
-// Lane r of the result is fold(row[r]). The rows are folded together, two in a vector, then four, ... Lanes of 16 bits
-// move in pairs as long as they can: a permutation of words is one operation, one of halves of words three.
+// Lane r of the result is fold(row[r]). The rows are folded together, two in a vector, then four, ...
 template <typename T, int N>
 inline simd<T, N> fold_each(const simd<T, N> (&row)[N]) {
   using V = simd<T, N>;
-  using S = typename V::S;
   simd<T, N> r;
   if constexpr (V::W == N && N > 1) {
-    constexpr int pair = sizeof(S) == 2 && N > 2 ? 2 : 1;
     typename V::chunk v[N];
     ORRERY_UNROLL for (int i = 0; i < N; ++i) v[i] = row[i].v[0];
-    ORRERY_UNROLL for (int h = N / 2; h >= 1; h /= 2) {
-      ORRERY_UNROLL for (int i = 0; i < h; ++i) {
-        const auto [first, second] = h % pair == 0 ? detail::split_groups<pair, S, N>(v[2 * i], v[2 * i + 1], h)
-                                                   : detail::split_groups<1, S, N>(v[2 * i], v[2 * i + 1], h);
-        v[i] = detail::rounded<T, N>(first + second);
-      }
-    }
+    detail::fold_pairs<T, N / 2, typename V::S, N>(v);
     r.v[0] = v[0];
   } else {
     for (int i = 0; i < N; ++i) r.set(i, fold(row[i]));
