@@ -130,18 +130,20 @@ def _parser() -> argparse.ArgumentParser:
     group.add_argument("--temperature", type=_temperature, default=0.0, metavar="T", help="0 is greedy (default: 0)")
     group.add_argument("--top-p", type=_share, default=1.0, metavar="P",
                        help="sample among the likeliest tokens that make up this share (default: 1)")
-    group.add_argument("--top-k", type=_count, default=0, metavar="K", help="sample among the K likeliest (default: 0, all)")
+    group.add_argument("--top-k", type=_count, default=0, metavar="K",
+                       help="sample among the K likeliest (default: 0, all)")
     group.add_argument("--min-p", type=_part, default=0.0, metavar="P",
                        help="sample among those with at least P times the probability of the likeliest (default: 0)")
     group.add_argument("--repetition-penalty", type=_penalty, default=1.0, metavar="F",
-                       help="divide positive logits of tokens that were there by F, multiply negative ones (default: 1)")
+                       help="divide positive logits of tokens seen before by F, multiply negative ones (default: 1)")
     group.add_argument("--seed", type=_seed, default=0, metavar="N", help="start of the random numbers (default: 0)")
 
     steps = _Parser(add_help=False)
     steps.add_argument("--verbose", action="store_true", help="tell which fused operations the answer's steps take")
 
     command = commands.add_parser("generate", parents=[model, weights, keys, sampling, steps], help="continue a text")
-    command.add_argument("prompt", type=_utf8, nargs="?", default=DEFAULT_PROMPT, help=f"text to continue (default: {DEFAULT_PROMPT!r})")
+    command.add_argument("prompt", type=_utf8, nargs="?", default=DEFAULT_PROMPT,
+                         help=f"text to continue (default: {DEFAULT_PROMPT!r})")
     command.add_argument("--tokens", type=_whole, default=128, metavar="N", help="most tokens to make (default: 128)")
     command.add_argument("--chat", action="store_true", help="put the prompt into the model's chat template")
     command.set_defaults(run=_generate)

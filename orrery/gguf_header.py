@@ -162,7 +162,8 @@ class _Reader:
             raise _Damaged(f"the tensor {name!r} is of the unknown type {code}") from None
         elements, block_bytes = GGML_QUANT_SIZES[kind]
         if shape[-1] % elements:
-            raise _Damaged(f"the tensor {name!r} has rows of {shape[-1]} elements, which blocks of {elements} do not divide")
+            raise _Damaged(f"the tensor {name!r} has rows of {shape[-1]} elements, which blocks of {elements} do not "
+                           "divide")
         return name, kind, shape, offset, math.prod(shape) // elements * block_bytes
 
 

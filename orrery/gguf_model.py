@@ -146,7 +146,8 @@ class _Fields:
         """A whole number from 1 to MOST."""
         value = self(key, default)
         if type(value) is not int or not 1 <= value <= MOST:
-            raise OrreryError(f"the model file's {key} is {_short(value)}, a whole number from 1 to {MOST} was expected")
+            raise OrreryError(f"the model file's {key} is {_short(value)}, a whole number from 1 to {MOST} was "
+                              "expected")
         return value
 
     def real(self, key: str, default: Any = None) -> float:

@@ -25,8 +25,8 @@ from orrery.tokenizer import Vocabulary
 
 # Rows dequantized at a time: a large vocabulary never stands in memory as floats, and the progress shown moves.
 ROWS = 2048
-# The largest magnitude of a weight. Most scales are halves, up to 65504, and so are the values of some expanded weights;
-# the code next to a weight may stand for more than the weight.
+# The largest magnitude of a weight. Most scales are halves, up to 65504, and so are the values of some expanded
+# weights; the code next to a weight may stand for more than the weight.
 LARGEST = 32768.0
 # fp6's codes stand for at most 0.0073, so its scale ends at a weight of 480.
 LARGEST_OF = {"fp6": 256.0}
@@ -113,7 +113,7 @@ class Count:
     unusable: int = 0
 
     def clean(self, values: torch.Tensor, limit: float = LARGEST) -> torch.Tensor:
-        """The same tensor, with 0 for weights that are not within the limit: one of them would spread to every logit."""
+        """The same tensor, with 0 for weights that are not within the limit: one would spread to every logit."""
         least, most = values.aminmax()
         if not (-limit <= least and most <= limit):  # so it is for NaN
             bad = ~(values.abs() <= limit)

@@ -50,7 +50,7 @@ def checksum(data: Any) -> int:
 
 
 def write(file: Path, model: Path, header: dict[str, Any], tensors: Iterable[Any]) -> None:
-    """Writes the header and the tensors' arrays. A file that cannot be written is no failure: the next start is slower."""
+    """Writes header and arrays. A file that cannot be written is no failure: the next start is slower."""
     text = json.dumps({"source": _source(model), **header}).encode()
     temporary = file.with_suffix(f".{os.getpid()}.tmp")
     try:

@@ -19,7 +19,7 @@ def xpu():
 
 @pytest.fixture(scope="session")
 def prepared_models(tmp_path_factory):
-    """A folder for prepared models, as XDG_CACHE_HOME, which all tests share: to quantize the real one takes seconds."""
+    """A folder of prepared models, as XDG_CACHE_HOME, which all tests share: the real one takes seconds to quantize."""
     base = tmp_path_factory.getbasetemp()
     folder = (base.parent if "PYTEST_XDIST_WORKER" in os.environ else base) / "prepared"
     folder.mkdir(exist_ok=True)

@@ -1,7 +1,8 @@
 """Damages a model file or a prepared model and runs `generate` on it, again and again, in this one process.
 
-`python runner_fuzz.py KIND SEED CASES FOLDER` prints how often each status came, as JSON. It ends with a case's number if
-that case raises, takes more than SECONDS of CPU, says anything but sentences, or leaves with another status than 0 and 2.
+`python runner_fuzz.py KIND SEED CASES FOLDER` prints how often each status came, as JSON. It ends with a case's number
+if that case raises, takes more than SECONDS of CPU, says anything but sentences, or leaves with another status than 0
+and 2.
 """
 
 from __future__ import annotations
@@ -26,8 +27,8 @@ from sanitizers import SANITIZED
 
 SECONDS = 20  # of CPU
 MEMORY = 3 << 30  # above what the process has before the first case
-NASTY = (0, 1, 2, 3, 7, 31, 127, 255, 2**15, 2**16 - 1, 2**24, 2**31 - 1, 2**31, 2**32 - 1, 2**40, 2**62, 2**63 - 1, 2**63,
-         2**64 - 1)
+NASTY = (0, 1, 2, 3, 7, 31, 127, 255, 2**15, 2**16 - 1, 2**24, 2**31 - 1, 2**31, 2**32 - 1, 2**40, 2**62, 2**63 - 1,
+         2**63, 2**64 - 1)
 FORMAT = "q8_0"
 
 
@@ -63,7 +64,8 @@ def damaged_model(whole: bytes, rng: random.Random, end: int) -> bytes:
         data[at:at] = rng.randbytes(rng.choice((1, 8, 64)))
     else:
         at = rng.randrange(end, len(data) - 64)
-        data[at : at + 64] = rng.choice((rng.randbytes(64), struct.pack("<16f", *[rng.choice((1e38, float("nan"), 1e-42))] * 16)))
+        value = rng.choice((1e38, float("nan"), 1e-42))
+        data[at : at + 64] = rng.choice((rng.randbytes(64), struct.pack("<16f", *[value] * 16)))
     return bytes(data)
 
 

@@ -159,28 +159,35 @@ def test_chat_up_to_the_end_of_the_context(run, tmp_path, kind):
 
     # An answer that the end of the context cuts. Its last token is no input. The second question pushes the first out.
     turns, told = chat(100, "ab\ncd\n")
-    assert [sum(turn) for turn in turns] == [65, 65]
+    # Six tokens of it stand at the same places, so they are not computed again.
+    assert [sum(turn) for turn in turns] == [65, 65 - 6]
     cut = "the context of 64 tokens is full: the answer is cut"
     assert told == [cut, "the context of 64 tokens is full: the oldest turn is forgotten", cut]
     # Three questions with their answers fit, the fourth does not; half of the context is free then.
     turns, told = chat(2, "ab\ncd\nef\ngh\nij\n")
     assert [answer for _, answer in turns] == [2] * 5
-    assert told == ["the context of 64 tokens is full: the oldest turn is forgotten"] * len(told) and 1 <= len(told) <= 4
+    assert 1 <= len(told) <= 4
+    assert set(told) == {"the context of 64 tokens is full: the oldest turn is forgotten"}
 
 
 def test_what_is_forgotten(run, tmp_path, monkeypatch):
     """The system message stays; the model sees what a conversation of the last questions would have."""
     runner_files.write_tiny(tmp_path / "tiny.gguf", context=256, silent=runner_files.SPECIAL)
     seen = []
-    encode = chat_template.render
-    monkeypatch.setattr(chat_template, "render", lambda *a, messages, **k: seen.append(messages) or encode(*a, messages=messages, **k))
+    render = chat_template.render
+
+    def watched(template, **names):
+        seen.append(names["messages"])
+        return render(template, **names)
+
+    monkeypatch.setattr(chat_template, "render", watched)
     arguments = ("chat", "--model", tmp_path / "tiny.gguf", "--tokens", "8", "--system", "Be brief.")
     result = run(*arguments, stdin="".join(f"question {i}\n" for i in range(12)))
     assert result.returncode == 0
     told = [line for line in result.stderr.splitlines() if not line.startswith("[")]
-    numbers = [re.fullmatch(r"the context of 256 tokens is full: the oldest (?:(\d) turns are|turn is) forgotten", line)[1]
+    numbers = [re.fullmatch(r"the context of 256 tokens is full: the oldest (\d) turns are forgotten", line)[1]
                for line in told]
-    assert 1 <= len(numbers) <= 4 and all(number and int(number) >= 2 for number in numbers)
+    assert 1 <= len(numbers) <= 4 and all(int(number) >= 2 for number in numbers)
     assert all(messages[0] == {"role": "system", "content": "Be brief."} for messages in seen)
     assert all(message["role"] == ("user", "assistant")[i % 2]
                for messages in seen for i, message in enumerate(messages[1:]))
@@ -192,7 +199,8 @@ def test_what_is_forgotten(run, tmp_path, monkeypatch):
 
 
 @pytest.mark.parametrize("stdin, message", [
-    (b"\xff\n", "standard input is not UTF-8"), (b"a" * 2000000, "a line of standard input has more than 1048576 characters"),
+    (b"\xff\n", "standard input is not UTF-8"),
+    (b"a" * 2000000, "a line of standard input has more than 1048576 characters"),
 ])
 def test_lines_that_are_none(run, tmp_path, stdin, message):
     runner_files.write_tiny(tmp_path / "tiny.gguf")
@@ -288,7 +296,8 @@ def test_seed_decides(run):
 
 
 def test_chat_remembers(run):
-    result = run("chat", "--tokens", "40", "--format", "q8_0", stdin="My cat is called Tofu.\n\nWhat is my cat called?\n")
+    result = run("chat", "--tokens", "40", "--format", "q8_0",
+                 stdin="My cat is called Tofu.\n\nWhat is my cat called?\n")
     assert result.returncode == 0, result.stderr
     prompts = [int(n) for n in re.findall(r"prompt: (\d+) tokens", result.stderr)]
     assert len(prompts) == 2

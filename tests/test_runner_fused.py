@@ -197,8 +197,8 @@ def test_verbose_tells_the_way(tiny_file, tmp_path, monkeypatch, capsys):
     monkeypatch.setenv("XDG_CACHE_HOME", str(tmp_path))
     said = {}
     for name, dtype in (("q4_0", "float32"), ("q4_0", "bfloat16"), ("nf4", "float32")):
-        assert cli.main(["generate", "--model", str(tiny_file), "ab", "--tokens", "3", "--format", name, "--dtype", dtype,
-                         "--verbose"]) == 0
+        assert cli.main(["generate", "--model", str(tiny_file), "ab", "--tokens", "3", "--format", name, "--verbose",
+                         "--dtype", dtype]) == 0
         said[name, dtype] = capsys.readouterr().err
     assert said == {
         ("q4_0", "float32"): "forward_qkv is used\nmlp_forward_xpu is used\n",

@@ -100,8 +100,8 @@ def test_top_p_keeps_the_likeliest():
 
 def shares(logits, sampling, seen):
     """The candidates by the definitions, one token and one filter after the other."""
-    logits = [x / sampling.repetition_penalty if i in seen and x > 0 else x * sampling.repetition_penalty if i in seen else x
-              for i, x in enumerate(logits)]
+    factor = sampling.repetition_penalty
+    logits = [x if i not in seen else x / factor if x > 0 else x * factor for i, x in enumerate(logits)]
     weights = {i: math.exp((x - max(logits)) / sampling.temperature) for i, x in enumerate(logits)}
 
     def parts(kept):
@@ -128,7 +128,8 @@ def test_candidates_are_those_of_the_definitions(penalty):
         expected = shares(logits.astype(float).tolist(), sampling, seen)
         tokens, probabilities = candidates(torch.from_numpy(logits).view(1, -1), sampling, seen)
         assert tokens.tolist() == list(expected), sampling
-        assert (probabilities / probabilities.sum()).tolist() == pytest.approx(list(expected.values()), rel=1e-9), sampling
+        found = (probabilities / probabilities.sum()).tolist()
+        assert found == pytest.approx(list(expected.values()), rel=1e-9), sampling
 
 
 def test_filters_see_what_the_ones_before_have_left():
@@ -171,7 +172,9 @@ def test_a_tiny_temperature_is_greedy(temperature):
 @pytest.mark.parametrize("temperature", [0.0, 1e-30, 1.0])
 def test_logits_that_are_no_numbers(temperature):
     nan, inf = math.nan, math.inf
-    for row, allowed in (([nan, 1, 2, nan], {1, 2}), ([1, inf, 2, -inf], {1}), ([nan] * 4, {0, 1, 2, 3}), ([-inf] * 4, {0, 1, 2, 3})):
+    everything = {0, 1, 2, 3}
+    for row, allowed in (([nan, 1, 2, nan], {1, 2}), ([1, inf, 2, -inf], {1}), ([nan] * 4, everything),
+                         ([-inf] * 4, everything)):
         logits = torch.tensor([row], dtype=torch.float32)
         for penalty in (1.0, 1e-3, 1e3):
             sampling = Sampling(temperature, 0.99, 7, 3, 0.01, penalty)

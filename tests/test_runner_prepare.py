@@ -47,7 +47,8 @@ def damages(whole):
         "cut by a byte": whole[:-1], "a byte more": whole + b"x", "zeros": b"\0" * len(whole),
         "huge header": flipped(15, 1), "length of the header": flipped(8, 1), "checksum": flipped(16, 1),
         "sizes": flipped(whole.index(b'"hidden"') + 10, 1), "vocabulary": flipped(header // 2),
-        "first tensor": flipped(header), "middle": flipped((header + len(whole)) // 2), "last bit": flipped(len(whole) - 1, 1),
+        "first tensor": flipped(header), "middle": flipped((header + len(whole)) // 2),
+        "last byte": flipped(len(whole) - 1, 1),
     }
 
 
@@ -165,7 +166,8 @@ def test_list_and_clear(tmp_path, monkeypatch, capsys):
     assert len(found) == 7 and rows[-1].endswith(f"  3 hours ago     {tmp_path}/two.gguf")
     told = {"one": "", "two": "", "three": " (the model has changed)", "four": " (the model is gone)"}
     for model, state in told.items():
-        assert sum(row.endswith(f"{tmp_path}/{model}.gguf{state}") for row in rows) == (2 if model == "one" else 1), rows
+        count = sum(row.endswith(f"{tmp_path}/{model}.gguf{state}") for row in rows)
+        assert count == (2 if model == "one" else 1), rows
     assert found["01234567 nf3"].endswith("  (of another version, or damaged)")
     assert found["01234567 q6_k"].endswith("  (left by an interrupted run)")
 
