@@ -1,5 +1,7 @@
 """Output that nobody takes, bad templates, Ctrl-C, and help without torch: processes, as a user meets them."""
 
+import dataclasses
+import io
 import json
 import os
 import re
@@ -11,8 +13,9 @@ import time
 import pytest
 
 import runner_files
-from orrery import OrreryError, chat_template, cli
-from orrery.tokenizer import ChatTokenizer, Vocabulary
+from orrery import OrreryError, chat_template, cli, gguf_model
+from orrery.model import Model
+from orrery.tokenizer import ChatTokenizer
 
 COMMANDS = ([], ["generate"], ["chat"], ["formats"], ["perplexity"], ["compare-caches"], ["cache"], ["cache", "list"],
             ["cache", "clear"])
@@ -115,9 +118,8 @@ TOO_MUCH = "it takes too long or too much memory"
     ("(" * 3 + "{{ " + "(" * 9999, "maximum recursion depth exceeded"),
     ("{{ '\\ud800' }}", "surrogates not allowed"),
 ])
-def test_bad_chat_templates(template, reason):
-    tokens, kinds, merges = runner_files.pieces()
-    tokenizer = ChatTokenizer(Vocabulary.from_pieces(tokens, kinds, merges, 2, template))
+def test_bad_chat_templates(tiny, template, reason):
+    tokenizer = ChatTokenizer(dataclasses.replace(gguf_model.read(tiny).vocabulary, template=template))
     with pytest.raises(OrreryError) as caught:
         tokenizer.chat([{"role": "user", "content": "he"}])
     text = str(caught.value)
@@ -178,10 +180,6 @@ def test_interrupt_ends_the_answer_only(environment, tiny):
 
 def test_interrupt_before_the_first_token(tiny, tmp_path, monkeypatch, capsys):
     """The question is forgotten, and the next one is answered as if it had not been."""
-    import io
-
-    from orrery.model import Model
-
     monkeypatch.setenv("XDG_CACHE_HOME", str(tmp_path))
     forward, calls = Model.forward, []
 
