@@ -163,11 +163,11 @@ def test_chat_up_to_the_end_of_the_context(run, tmp_path, kind):
     assert [sum(turn) for turn in turns] == [65, 65 - 6]
     cut = "the context of 64 tokens is full: the answer is cut"
     assert told == [cut, "the context of 64 tokens is full: the oldest turn is forgotten", cut]
-    # Three questions with their answers fit, the fourth does not; half of the context is free then.
+    # Two or three questions with their answers fit; half of the context is free then.
     turns, told = chat(2, "ab\ncd\nef\ngh\nij\n")
     assert [answer for _, answer in turns] == [2] * 5
-    assert 1 <= len(told) <= 4
-    assert set(told) == {"the context of 64 tokens is full: the oldest turn is forgotten"}
+    forgotten = r"the context of 64 tokens is full: the oldest (turn is|2 turns are) forgotten"
+    assert 1 <= len(told) < 4 and all(re.fullmatch(forgotten, line) for line in told)
 
 
 def test_what_is_forgotten(run, tmp_path, monkeypatch):
