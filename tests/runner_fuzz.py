@@ -45,6 +45,13 @@ def nasty_number(data: bytearray, rng: random.Random, end: int) -> None:
     data[at : at + size] = (rng.choice(NASTY) % 256**size).to_bytes(size, "little")
 
 
+def nasty_size(data: bytearray, rng: random.Random, end: int) -> None:
+    """One of the model's own numbers, of 4 bytes behind its key and its type."""
+    start = rng.choice([at for at in range(end) if data.startswith(b"llama.", at)])
+    at = start + struct.unpack_from("<Q", data, start - 8)[0] + 4
+    data[at : at + 4] = (rng.choice(NASTY) % 2**32).to_bytes(4, "little")
+
+
 def random_bytes(data: bytearray, rng: random.Random, first: int, end: int) -> None:
     for _ in range(rng.choice((1, 1, 2, 8))):
         data[rng.randrange(first, end)] = rng.randrange(256)
@@ -53,7 +60,9 @@ def random_bytes(data: bytearray, rng: random.Random, first: int, end: int) -> N
 def damaged_model(whole: bytes, rng: random.Random, end: int) -> bytes:
     data = bytearray(whole)
     way = rng.random()
-    if way < 0.5:
+    if way < 0.15:
+        nasty_size(data, rng, end)
+    elif way < 0.5:
         nasty_number(data, rng, end)
     elif way < 0.75:
         random_bytes(data, rng, 0, end)
