@@ -2,12 +2,13 @@
 
 from __future__ import annotations
 
-from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
 import torch
+from tqdm import tqdm
 
-from orrery import functional, gguf_model
+from orrery import functional
+from orrery.gguf_model import GGUFModel
 
 if TYPE_CHECKING:
     from transformers import LlamaForCausalLM
@@ -26,16 +27,14 @@ _MODULES = {
 }
 
 
-def load_llama(path: Path | None = None) -> LlamaForCausalLM:
-    """The model of a GGUF file in float32 on the CPU; default: the bundled one.
+def llama(file: GGUFModel) -> LlamaForCausalLM:
+    """The model of a GGUF file in float32 on the CPU.
 
-    transformers' own `from_pretrained(..., gguf_file=...)` wants the package accelerate. Raises OrreryError for a file
-    that the runner would not take either.
+    transformers' own `from_pretrained(..., gguf_file=...)` wants the package accelerate.
     """
     from transformers import LlamaConfig, LlamaForCausalLM
     from transformers.initialization import no_init_weights
 
-    file = gguf_model.read(path or gguf_model.bundled_model())
     s, tied = file.sizes, "output.weight" not in file.stored
     config = LlamaConfig(
         vocab_size=s.vocabulary, hidden_size=s.hidden, intermediate_size=s.feed_forward, num_hidden_layers=s.layers,
@@ -48,11 +47,13 @@ def load_llama(path: Path | None = None) -> LlamaForCausalLM:
         model = LlamaForCausalLM(config)
     model.tie_weights()
     names = {"token_embd": "model.embed_tokens", "output_norm": "model.norm", "output": "lm_head"}
+    if tied:
+        del names["output"]
     for layer in range(s.layers):
         names |= {f"blk.{layer}.{ours}": f"model.layers.{layer}.{theirs}" for ours, theirs in _MODULES.items()}
     with torch.no_grad():
-        for name in file.stored:
-            model.get_parameter(f"{names[name.removesuffix('.weight')]}.weight").copy_(file.rows(name))
+        for ours, theirs in tqdm(names.items(), "reading the model", delay=2, mininterval=0.5):
+            model.get_parameter(f"{theirs}.weight").copy_(file.rows(f"{ours}.weight"))
     return model.eval()
 
 
