@@ -59,6 +59,13 @@ class Format:
         """Bytes of a matrix."""
         return rows * cols // self.elements * self.block_bytes
 
+    def stored_size(self, rows: int, cols: int, any_device: bool = True) -> tuple[int, int]:
+        """Rows and columns with the padding that makes every kernel right: on any device, or on the one in use.
+
+        `orrery_ops` must have been imported.
+        """
+        return torch.ops.orrery.stored_size(self.code, rows, cols, any_device)
+
     def planes(self, data: torch.Tensor) -> list[torch.Tensor]:
         """Views [blocks, bytes] of a matrix's bytes, one a plane."""
         blocks = data.numel() // self.block_bytes

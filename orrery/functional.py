@@ -1,69 +1,99 @@
-"""Checked operations on `xpu` tensors."""
+"""The operators of `torch.ops.orrery` under shorter names, with a `QuantizedWeight` where they take bytes and sizes.
+
+All check what they are given: TypeError for a wrong type, ValueError for wrong sizes or devices, one sentence each.
+Nothing has a gradient but `linear`; the others raise RuntimeError where one would be needed.
+"""
 
 from __future__ import annotations
 
 import torch
 
-import orrery_ops
+import orrery_ops  # noqa: F401  registers torch.ops.orrery
 from orrery.weight import QuantizedWeight
+
+# The overloads themselves: a call through torch.ops' packet looks for one first.
+_linear = torch.ops.orrery.linear.default
+_rms_norm = torch.ops.orrery.rms_norm.default
+_attention = torch.ops.orrery.attention.default
+_rotary = torch.ops.orrery.rotary_.default
+_quantize_key_value = torch.ops.orrery.quantize_key_value.default
+_dequantize_key_value = torch.ops.orrery.dequantize_key_value.default
 
 
 def linear(x: torch.Tensor, weight: QuantizedWeight, bias: torch.Tensor | None = None) -> torch.Tensor:
-    """x W^T + bias, of x [..., columns]: [..., rows] in x's type, which is float32, float16, bfloat16 or float64.
+    """x W^T + bias, with gradients for x and the bias.
 
-    Several input rows through fp6 are computed in float32 where x is bfloat16 or float64.
+    x:      [..., columns], float32, float16, bfloat16 or float64 on xpu, of any strides
+    weight: on the same device
+    bias:   [rows] in x's type, or None
+
+    Gives [..., rows] in x's type. Sums are made in that type, so with float16 they end at 65504. Exceptions: several
+    rows through fp6 are computed in float32 where x is bfloat16 or float64; with many rows of float32 the kernels of
+    some formats round the dequantized weights to float16 first.
     """
-    rows, columns = weight.stored
-    y = x.reshape(-1, weight.columns)
-    y = torch.nn.functional.pad(y, (0, columns - weight.columns)).contiguous()
-    if weight.format == "fp6" and x.dtype not in (torch.float16, torch.float32):
-        y = y.float()
-    if y.shape[0]:
-        y = orrery_ops.forward_new(y, weight.data, weight.code, y.shape[0])[:, : weight.rows]
-    else:
-        y = y.new_empty(0, weight.rows)
-    y = y.reshape(*x.shape[:-1], weight.rows).to(x.dtype)
-    return y if bias is None else y + bias
+    if not isinstance(weight, QuantizedWeight):
+        raise TypeError(f"weight must be a QuantizedWeight, not {type(weight).__name__}")
+    return _linear(_tensor(x, "x"), weight.data, weight.code, weight.rows, weight.columns, bias)
 
 
 def rms_norm(x: torch.Tensor, weight: torch.Tensor, eps: float = 1e-6) -> torch.Tensor:
-    """x / sqrt(mean(x^2) + eps) * weight over the last dimension of x [..., n]; weight [n] of x's type."""
-    return orrery_ops.rms_norm(weight, x.reshape(-1, x.shape[-1]).contiguous(), eps).view(x.shape)
+    """x / sqrt(mean(x^2) + eps) * weight over the last dimension, in float32, or float64 for float64.
+
+    x:      [..., n], float32, float16, bfloat16 or float64 on xpu
+    weight: [n] in x's type
+    """
+    return _rms_norm(_tensor(x, "x"), _tensor(weight, "weight"), eps)
 
 
 def attention(query: torch.Tensor, key: torch.Tensor, value: torch.Tensor, mask: torch.Tensor | None = None,
               causal: bool = False) -> torch.Tensor:
-    """softmax(query key^T / sqrt(head size) + mask) value, [batch, heads, rows, head size]."""
-    given, query = query, query if query.dtype == torch.float16 else query.float()
-    if key.dtype != torch.uint8:
-        key, value = key.to(query.dtype), value.to(query.dtype)
-    rows, keys = query.shape[2], key.shape[2]
-    if causal and rows > 1:
-        hidden = torch.full((rows, keys), float("-inf"), dtype=torch.float32, device="cpu").triu(keys - rows + 1)
-        hidden = hidden.view(1, 1, rows, keys).to(query.device)
-        mask = hidden if mask is None else mask + hidden
-    if mask is not None:
-        mask = mask.expand(query.shape[0], -1, rows, keys).contiguous()
-    run = orrery_ops.sdp_fp8 if key.dtype == torch.uint8 else orrery_ops.sdp
-    return run(query.contiguous(), key.contiguous(), value.contiguous(), mask).to(given.dtype)
+    """softmax(query key^T / sqrt(head size) + mask) value.
+
+    query:  [batch, heads, rows, head size] on xpu, head size 64, 96 or 128. bfloat16 and float64 are computed in float32.
+    key, value: [batch, key heads, keys, head size] in query's type, or both uint8 as `quantize_key_value` writes them.
+            `heads` is a multiple of `key heads`; neighbouring query heads share one of key and value.
+    mask:   what expands to [batch, heads, rows, keys]: numbers that are added, or bool, True where a key is seen. A row
+            that sees no key is NaN.
+    causal: each query sees the keys up to its own position. The queries are at the last positions of the keys: unlike in
+            PyTorch's own function, the last query sees all keys also where there are fewer queries than keys.
+
+    Gives [batch, heads, rows, head size] in query's type. Exponentials are of the terms as they are, with no maximum
+    taken away first, so terms must stay below 88.
+    """
+    return _attention(_tensor(query, "query"), _tensor(key, "key"), _tensor(value, "value"), mask, causal)
 
 
 def rotary_(query: torch.Tensor, key: torch.Tensor, positions: torch.Tensor, inv_freq: torch.Tensor,
             interleaved: bool = False) -> None:
-    """Rotary position embedding of query and key [batch, heads, rows, head size], in place."""
-    turned = [t.float().contiguous() for t in (query, key)]
-    positions = positions.expand(query.shape[0], query.shape[2]).contiguous()
-    run = orrery_ops.rotary_two_inplaced if interleaved else orrery_ops.rotary_half_inplaced
-    run(inv_freq.float(), positions, *turned)
-    for to, result in zip((query, key), turned):
-        to.copy_(result)
+    """Rotary position embedding of query and key, in place.
+
+    query, key:  [batch, heads, rows, head size] on xpu, in one type, head size 64, 96 or 128; heads may differ. Turned
+                 in float32; in float16 only if inv_freq is float16 too.
+    positions:   int64 or int32 [rows] or [batch, rows]
+    inv_freq:    [head size / 2], the angle per position of each pair, in radians
+    interleaved: pairs are neighbours, elements 2 i and 2 i + 1; else element i is paired with i + head size / 2
+    """
+    _rotary(_tensor(query, "query"), _tensor(key, "key"), _tensor(positions, "positions"),
+            _tensor(inv_freq, "inv_freq"), interleaved)
 
 
 def quantize_key_value(key: torch.Tensor, value: torch.Tensor, key_out: torch.Tensor, value_out: torch.Tensor) -> None:
-    """Keys and values [batch, heads, rows, head size] to one byte per element."""
-    orrery_ops.quantize_key_value(key, value, key_out, value_out)
+    """Keys and values to one byte per element, for `attention`.
+
+    All [batch, heads, rows, head size] on xpu, head size 64, 96 or 128; key and value in one value type, the others
+    uint8. Magnitudes are held between 0.0021 and 124 for keys, 0.00026 and 15.5 for values.
+    """
+    _quantize_key_value(_tensor(key, "key"), _tensor(value, "value"), _tensor(key_out, "key_out"),
+                        _tensor(value_out, "value_out"))
 
 
 def dequantize_key_value(key: torch.Tensor, value: torch.Tensor, key_out: torch.Tensor, value_out: torch.Tensor) -> None:
-    """The numbers that one-byte keys and values stand for."""
-    orrery_ops.dequantize_key_value(key, value, key_out, value_out)
+    """The numbers that the bytes of `quantize_key_value` stand for, into key_out and value_out."""
+    _dequantize_key_value(_tensor(key, "key"), _tensor(value, "value"), _tensor(key_out, "key_out"),
+                          _tensor(value_out, "value_out"))
+
+
+def _tensor(value: object, name: str) -> torch.Tensor:
+    if not isinstance(value, torch.Tensor):
+        raise TypeError(f"{name} must be a tensor, not {type(value).__name__}")
+    return value

@@ -9,25 +9,13 @@ import safetensors
 import safetensors.torch
 import torch
 
+import orrery_ops  # noqa: F401  registers torch.ops.orrery
 from orrery import OrreryError, formats
 from orrery.formats import FORMATS, Format
 
-# Positions in the planes of a split format are counted in 31 bits.
-MOST_ELEMENTS = 2**31
 _TYPES = (torch.float32, torch.float16, torch.bfloat16, torch.float64)
 # What a file's metadata says beside the fields of a weight.
 _KIND = "orrery quantized weight 1"
-
-
-def stored_size(fmt: Format, rows: int, columns: int) -> tuple[int, int]:
-    """Rows and columns, with padding, that make every kernel right that any device may choose."""
-    blocks = 2 if fmt.name in ("q5_0", "q5_1") else 1
-    unit = blocks * fmt.elements
-    columns = -(-columns // unit) * unit
-    multiple = 1
-    if fmt.elements == formats.BLOCK:
-        multiple = next(m for m in (2, 4, 8) if m * columns // fmt.elements % 8 == 0)
-    return -(-rows // multiple) * multiple, columns
 
 
 class QuantizedWeight:
@@ -44,13 +32,7 @@ class QuantizedWeight:
 
     def __init__(self, data: torch.Tensor, format: str, rows: int, columns: int, requested: str | None = None) -> None:
         fmt = _find(format)
-        if rows < 1 or columns < 1:
-            raise ValueError(f"a quantized matrix has at least one row and one column, not [{rows}, {columns}]")
-        if columns % fmt.elements and fmt.substitute:
-            raise ValueError(f"rows of {columns} elements do not divide into {fmt.name}'s blocks of {fmt.elements}")
-        self.stored = stored_size(fmt, rows, columns)
-        if self.stored[0] * self.stored[1] >= MOST_ELEMENTS:
-            raise ValueError(f"a quantized matrix has fewer than 2**31 elements, not {rows} x {columns}")
+        self.stored = fmt.stored_size(rows, columns)
         size = fmt.size(*self.stored)
         if not isinstance(data, torch.Tensor) or data.dtype != torch.uint8:
             raise TypeError(f"data must be a tensor of uint8, not {_kind(data)}")
@@ -143,7 +125,7 @@ def quantize(matrix: torch.Tensor, format: str = "q4_0", *, progress: bool = Tru
     fmt = fmt.for_rows(columns)
     values = matrix.detach().to("cpu", torch.float32).contiguous()
     _check_values(fmt, values)
-    stored = stored_size(fmt, rows, columns)
+    stored = fmt.stored_size(rows, columns)
     if stored != (rows, columns):
         values = torch.nn.functional.pad(values, (0, stored[1] - columns, 0, stored[0] - rows))
     data = torch.empty(fmt.size(*stored), dtype=torch.uint8)
