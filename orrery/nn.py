@@ -10,9 +10,9 @@ from torch import Tensor, nn
 from tqdm import tqdm
 
 import orrery_ops  # noqa: F401  registers torch.ops.orrery
-from orrery import formats
-from orrery.weight import QuantizedWeight, quantize, stored_size
+from orrery.weight import QuantizedWeight, checked_matrix, find_format, quantize
 
+_linear = torch.ops.orrery.linear.default
 # What a layer's extra state says of its bytes, beside their sizes.
 _FIELDS = ("format", "requested", "rows", "columns")
 
@@ -59,7 +59,7 @@ class QuantizedLinear(nn.Module):
         On the meta device it has no bytes yet: `load_state_dict(..., assign=True)` brings them. Raises what
         `orrery.quantize` raises.
         """
-        return cls(_quantized(linear.weight, format, progress), linear.bias).train(linear.training)
+        return cls(quantize(linear.weight, format, progress=progress), linear.bias).train(linear.training)
 
     @property
     def weight(self) -> QuantizedWeight:
@@ -77,7 +77,7 @@ class QuantizedLinear(nn.Module):
     def forward(self, x: Tensor) -> Tensor:
         if self.data.device.type == "cpu":
             raise ValueError('the weight is on the CPU, which has no kernels for it: move the model by .to("xpu")')
-        return torch.ops.orrery.linear(x, self.data, self._code, self.out_features, self.in_features, self.bias)
+        return _linear(x, self.data, self._code, self.out_features, self.in_features, self.bias)
 
     def extra_repr(self) -> str:
         asked = f" (asked for as {self.requested})" if self.requested != self.format else ""
@@ -138,14 +138,6 @@ class QuantizedLinear(nn.Module):
         return QuantizedWeight(data, **fields)
 
 
-def _quantized(matrix: Tensor, format: str, progress: bool) -> QuantizedWeight:
-    if not matrix.is_meta:
-        return quantize(matrix, format, progress=progress)
-    fmt = formats.find(format).for_rows(matrix.shape[1])
-    data = torch.empty(fmt.size(*stored_size(fmt, *matrix.shape)), dtype=torch.uint8, device="meta")
-    return QuantizedWeight(data, fmt.name, *matrix.shape, format)
-
-
 def _read_extra_state(extra: Tensor) -> dict:
     try:
         fields = json.loads(bytes(extra.tolist()))
@@ -173,16 +165,19 @@ def quantize_(model: nn.Module, format: str = "q4_0", filter_fn: Callable[[nn.Mo
               if type(layer) is nn.Linear and (filter_fn is None or filter_fn(layer, name))}
     if not layers:
         raise ValueError(f"the model has no linear layer{' that filter_fn chooses' if filter_fn else ''}")
-    weights = dict.fromkeys(layer.weight for layer in layers)  # one that several layers share is quantized once
-    with tqdm(total=sum(weight.numel() for weight in weights), desc=f"quantizing to {format}", unit=" weights",
+    find_format(format)
+    for layer, name in layers.items():
+        try:
+            checked_matrix(layer.weight, format)
+        except (TypeError, ValueError) as error:
+            raise type(error)(f"{name}: {error}") from None
+    dense = dict.fromkeys(layer.weight for layer in layers)  # one that several layers share is quantized once
+    weights = {}
+    with tqdm(total=sum(weight.numel() for weight in dense), desc=f"quantizing to {format}", unit=" weights",
               unit_scale=True, delay=2, mininterval=0.5, disable=not progress) as bar:
-        for layer, name in layers.items():
-            if weights[layer.weight] is None:
-                try:
-                    weights[layer.weight] = _quantized(layer.weight, format, progress=False)
-                except (TypeError, ValueError) as error:
-                    raise type(error)(f"{name}: {error}") from None
-                bar.update(layer.weight.numel())
+        for weight in dense:
+            weights[weight] = quantize(weight, format, progress=False)
+            bar.update(weight.numel())
     _replace(model, {layer: QuantizedLinear(weights[layer.weight], layer.bias).train(layer.training) for layer in layers})
     return model
 

@@ -18,9 +18,10 @@ import orrery.nn
 from orrery.formats import FORMATS
 from orrery.nn import QuantizedLinear, dequantize_, quantize_, summary
 
-# Products of the operators against those of PyTorch with the same values, both in float32: other orders of additions
-# of at most 192 terms. Measured: below 1e-6.
-NEAR = 1e-5
+# Products of the operators against those of PyTorch with the same values, both in float32. With more than a few rows
+# some formats' kernels round the dequantized weights to half, each by a part in 4096 at most. Measured: 4e-4 behind
+# three layers.
+NEAR = 1e-3
 
 
 def three_layers(seed: int = 0) -> nn.Sequential:
