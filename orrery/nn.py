@@ -24,7 +24,7 @@ class QuantizedLinear(nn.Module):
     bias:   [out_features] or None; a parameter stays one, another tensor becomes a buffer
 
     `forward` takes x [..., in_features] of float32, float16, bfloat16 or float64 on `xpu`, and gives [..., out_features]
-    in that type, which must be the bias's too. It has gradients with respect to x and the bias; W has none. There are no
+    in that type, which must be the bias's too unless autocast is on. It has gradients with respect to x and the bias; W has none. There are no
     kernels for the CPU: there a layer can be made, saved and loaded, and `to_linear` computes.
 
     Casts (`.half()`, `.to(torch.bfloat16)`) change the bias and never the bytes. A state dict has `data`, `bias` and
@@ -77,7 +77,10 @@ class QuantizedLinear(nn.Module):
     def forward(self, x: Tensor) -> Tensor:
         if self.data.device.type == "cpu":
             raise ValueError('the weight is on the CPU, which has no kernels for it: move the model by .to("xpu")')
-        return _linear(x, self.data, self._code, self.out_features, self.in_features, self.bias)
+        bias = self.bias
+        if bias is not None and bias.dtype != x.dtype and torch.is_autocast_enabled("xpu"):
+            bias = bias.to(x.dtype)
+        return _linear(x, self.data, self._code, self.out_features, self.in_features, bias)
 
     def extra_repr(self) -> str:
         asked = f" (asked for as {self.requested})" if self.requested != self.format else ""

@@ -125,6 +125,19 @@ def test_gradients(xpu, x) -> None:
     assert distance(layer.bias.grad, dense.bias.grad) < NEAR
 
 
+def test_autocast(xpu, x) -> None:
+    """What comes from a dense layer is bfloat16 then, and the bias follows."""
+    model = nn.Sequential(nn.Linear(100, 64), QuantizedLinear.from_linear(nn.Linear(64, 7))).to(xpu)
+    with pytest.raises(TypeError, match="^bias must be bfloat16 as x is, not float32$"):
+        model[1](model[0](x).bfloat16())
+    with torch.autocast("xpu", dtype=torch.bfloat16):
+        result = model(x)
+        assert result.dtype == torch.bfloat16
+    assert distance(result, model(x)) < 3e-2
+    result.sum().backward()
+    assert model[1].bias.grad.dtype == torch.float32
+
+
 # ---- State ----
 
 
