@@ -2,6 +2,9 @@
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/constant_pad_nd.h>
 #include <ATen/ops/empty.h>
+#include <ATen/ops/linear.h>
+
+#include <algorithm>
 
 #include "checked/checks.h"
 #include "checked/operators.h"
@@ -72,14 +75,19 @@ at::ScalarType check_dequantize(const Tensor& weight, int64_t qtype, int64_t row
   return type;
 }
 
+// Several rows: fp6 has kernels for half and float only, and the matrix engine ends the process for double.
+bool exists(weight_format format, at::ScalarType type) {
+  if (format == weight_format::fp6) return is_half_or_float(type);
+  return type != at::kDouble || std::ranges::find(engine_formats, format) == std::end(engine_formats);
+}
+
 // Of at least one row [n, columns].
-Tensor product(const Tensor& x, const Tensor& weight, int64_t qtype, int64_t columns) {
-  const int64_t n = x.size(0);
-  Tensor input = columns == x.size(1) ? x.contiguous() : at::constant_pad_nd(x, {0, columns - x.size(1)});
-  // Several rows through fp6 exist in half and float only.
-  const bool in_float = weight_format{static_cast<int32_t>(qtype)} == weight_format::fp6 && n > 1;
-  if (in_float && !is_half_or_float(x.scalar_type())) input = input.to(at::kFloat);
-  return qlinear_dispatch(input, weight, static_cast<int32_t>(qtype), n).to(x.scalar_type());
+Tensor product(const Tensor& x, const Tensor& weight, int32_t qtype, int64_t columns) {
+  const Tensor input = columns == x.size(1) ? x.contiguous() : at::constant_pad_nd(x, {0, columns - x.size(1)});
+  if (x.size(0) > 1 && !exists(weight_format{qtype}, x.scalar_type())) {
+    return at::linear(input, dequantize_xpu(weight, qtype, columns, x.scalar_type()));
+  }
+  return qlinear_dispatch(input, weight, qtype, x.size(0));
 }
 
 template <typename Size>
@@ -96,7 +104,7 @@ Tensor linear(const Tensor& x, const Tensor& weight, int64_t qtype, int64_t rows
   const matrix_size stored = check_linear(x, weight, qtype, rows, columns, bias);
   const std::vector<int64_t> size = result_size(x.sizes(), rows);
   if (x.numel() == 0) return at::empty(size, x.options());
-  Tensor y = product(x.dim() == 2 ? x : x.reshape({-1, columns}), weight, qtype, stored.columns);
+  Tensor y = product(x.dim() == 2 ? x : x.reshape({-1, columns}), weight, static_cast<int32_t>(qtype), stored.columns);
   if (stored.rows != rows) y = y.narrow(1, 0, rows).contiguous();
   if (bias) y.add_(*bias);
   return x.dim() == 2 ? y : y.view(size);

@@ -37,6 +37,7 @@ struct linear_function : torch::autograd::Function<linear_function> {
     context->save_for_backward({weight});
     context->saved_data["matrix"] = std::vector<int64_t>{qtype, rows, columns};
     context->saved_data["type"] = x.scalar_type();
+    context->saved_data["bias"] = bias.has_value();
     return call_linear(x, weight, qtype, rows, columns, bias);
   }
 
@@ -50,8 +51,8 @@ struct linear_function : torch::autograd::Function<linear_function> {
                                            context->saved_data["type"].toScalarType());
       result[0] = gradient.matmul(dense);
     }
-    // Tensors are counted, and there is a third one only with a bias.
-    if (context->needs_input_grad(2)) result[5] = gradient.reshape({-1, rows}).sum(0);
+    // Tensors are counted here, the arguments of forward there.
+    if (context->saved_data["bias"].toBool() && context->needs_input_grad(2)) result[5] = gradient.reshape({-1, rows}).sum(0);
     return result;
   }
 };

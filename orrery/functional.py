@@ -27,9 +27,8 @@ def linear(x: torch.Tensor, weight: QuantizedWeight, bias: torch.Tensor | None =
     weight: on the same device
     bias:   [rows] in x's type, or None
 
-    Gives [..., rows] in x's type. Sums are made in that type, so with float16 they end at 65504. Exceptions: several
-    rows through fp6 are computed in float32 where x is bfloat16 or float64; with many rows of float32 the kernels of
-    some formats round the dequantized weights to float16 first.
+    Gives [..., rows] in x's type. Sums are made in that type, so with float16 they end at 65504. For several rows some
+    kernels round the dequantized weights to float16 first, whatever the type.
     """
     if not isinstance(weight, QuantizedWeight):
         raise TypeError(f"weight must be a QuantizedWeight, not {type(weight).__name__}")

@@ -152,18 +152,21 @@ def checked_matrix(matrix: torch.Tensor, format: str) -> tuple[Format, torch.Ten
 
 
 def _check_values(fmt: Format, values: torch.Tensor) -> None:
-    """Refuses values that are not finite, or would not be as halves in the format: most scales are halves."""
+    """Refuses values that are not finite, or that the format cannot hold: most scales and dense weights are halves."""
     if (wrong := values.numel() - int(values.isfinite().sum())) > 0:
         raise ValueError(f"matrix holds {wrong} values that are not finite")
     largest = values.flatten()[values.abs().argmax()]
-    block = torch.zeros(1, fmt.elements)
-    block[0, 0] = largest
-    if not formats.dequantize(fmt, formats.quantize(fmt, block), fmt.elements).half().isfinite().all():
+    block = largest.expand(1, fmt.elements).contiguous()
+    held = formats.dequantize(fmt, formats.quantize(fmt, block), fmt.elements).half().float()
+    if not held.isfinite().all() or held.abs().max() < 0.75 * largest.abs():
         raise ValueError(f"matrix holds {largest.item():g}, which is too large for {fmt.name}")
 
 
 def _from_fields(data: torch.Tensor, fields: Mapping[str, str]) -> QuantizedWeight:
-    return QuantizedWeight(data, fields["format"], int(fields["rows"]), int(fields["columns"]), fields["requested"])
+    sizes = [int(fields[name]) for name in ("rows", "columns")]
+    if not all(0 < size < 2**31 for size in sizes):
+        raise ValueError(f"it tells of {sizes[0]} rows and {sizes[1]} columns")
+    return QuantizedWeight(data, fields["format"], *sizes, fields["requested"])
 
 
 def find_format(name: str) -> Format:
