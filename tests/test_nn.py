@@ -153,7 +153,7 @@ def through_safetensors(state: dict) -> dict:
 
 
 @pytest.mark.parametrize("through", [dict, through_torch, through_safetensors])
-@pytest.mark.parametrize("format", ["q4_0", "q8_0", "q5_1"])
+@pytest.mark.parametrize("format", ["q4_0", "nf4", "q8_0", "q5_1"])  # nf4 has as many bytes as q4_0
 def test_a_state_dict_brings_its_format(model, x, through, format) -> None:
     """The model that loads has other weights, in another format unless `format` is that of the first one."""
     other = quantize_(three_layers(seed=9), format).to("xpu")
