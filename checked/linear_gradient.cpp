@@ -52,7 +52,8 @@ struct linear_function : torch::autograd::Function<linear_function> {
       result[0] = gradient.matmul(dense);
     }
     // Tensors are counted here, the arguments of forward there.
-    if (context->saved_data["bias"].toBool() && context->needs_input_grad(2)) result[5] = gradient.reshape({-1, rows}).sum(0);
+    if (context->saved_data["bias"].toBool() && context->needs_input_grad(2))
+      result[5] = gradient.reshape({-1, rows}).sum(0);
     return result;
   }
 };

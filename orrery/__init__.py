@@ -4,6 +4,13 @@ The names in `__all__` are imported at their first use, so that `import orrery` 
 """
 
 from importlib import import_module
+from typing import TYPE_CHECKING
+
+if TYPE_CHECKING:
+    from orrery.functional import (attention, dequantize_key_value, linear, quantize_key_value,  # noqa: F401
+                                   rms_norm, rotary_)
+    from orrery.nn import QuantizedLinear, quantize_  # noqa: F401
+    from orrery.weight import QuantizedWeight, quantize  # noqa: F401
 
 
 class OrreryError(Exception):

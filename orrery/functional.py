@@ -48,13 +48,14 @@ def attention(query: torch.Tensor, key: torch.Tensor, value: torch.Tensor, mask:
               causal: bool = False) -> torch.Tensor:
     """softmax(query key^T / sqrt(head size) + mask) value.
 
-    query:  [batch, heads, rows, head size] on xpu, head size 64, 96 or 128. bfloat16 and float64 are computed in float32.
+    query:  [batch, heads, rows, head size] on xpu, head size 64, 96 or 128. bfloat16 and float64 are computed in
+            float32.
     key, value: [batch, key heads, keys, head size] in query's type, or both uint8 as `quantize_key_value` writes them.
             `heads` is a multiple of `key heads`; neighbouring query heads share one of key and value.
     mask:   what expands to [batch, heads, rows, keys]: numbers that are added, or bool, True where a key is seen. A row
             that sees no key is NaN.
-    causal: each query sees the keys up to its own position. The queries are at the last positions of the keys: unlike in
-            PyTorch's own function, the last query sees all keys also where there are fewer queries than keys.
+    causal: each query sees the keys up to its own position. The queries are at the last positions of the keys: unlike
+            in PyTorch's own function, the last query sees all keys also where there are fewer queries than keys.
 
     Gives [batch, heads, rows, head size] in query's type. Exponentials are of the terms as they are, with no maximum
     taken away first, so terms must stay below 88.
@@ -86,7 +87,8 @@ def quantize_key_value(key: torch.Tensor, value: torch.Tensor, key_out: torch.Te
                         _tensor(value_out, "value_out"))
 
 
-def dequantize_key_value(key: torch.Tensor, value: torch.Tensor, key_out: torch.Tensor, value_out: torch.Tensor) -> None:
+def dequantize_key_value(key: torch.Tensor, value: torch.Tensor, key_out: torch.Tensor,
+                         value_out: torch.Tensor) -> None:
     """The numbers that the bytes of `quantize_key_value` stand for, into key_out and value_out."""
     _dequantize_key_value(_tensor(key, "key"), _tensor(value, "value"), _tensor(key_out, "key_out"),
                           _tensor(value_out, "value_out"))

@@ -183,7 +183,8 @@ def test_caches_that_do_not_fit(xpu):
     refused(lambda: code(key, key, one, codes[1]), ValueError,
             "key_out must not be an expanded tensor, since it is written")
     refused(lambda: code(key.cpu(), key, *codes), ValueError, "key must be on an xpu device, not on cpu")
-    refused(lambda: code(key, key, codes[0].cpu(), codes[1]), ValueError, "key_out must be on xpu:0 as key is, not on cpu")
+    refused(lambda: code(key, key, codes[0].cpu(), codes[1]), ValueError,
+            "key_out must be on xpu:0 as key is, not on cpu")
     back = orrery.dequantize_key_value
     refused(lambda: back(key, key, key, key), TypeError, "key must be uint8, not float32")
     refused(lambda: back(*codes, *codes), TypeError,
