@@ -59,7 +59,8 @@ def batch(tokenizer: ChatTokenizer, sentences: tuple[str, ...]) -> tuple[torch.T
     return pad(rows, True, end).to("xpu"), pad(rows, True, IGNORED).to("xpu")
 
 
-def train(model: nn.Module, tokens: torch.Tensor, labels: torch.Tensor, steps: int = 10, rate: float = 5e-3) -> Iterator[float]:
+def train(model: nn.Module, tokens: torch.Tensor, labels: torch.Tensor, steps: int = 10,
+          rate: float = 5e-3) -> Iterator[float]:
     """Yields the loss in front of each step, and the one behind the last."""
     optimizer = torch.optim.AdamW(add_lora(model), lr=rate)
     for _ in range(steps):

@@ -23,9 +23,9 @@ class QuantizedLinear(nn.Module):
     weight: the matrix [out_features, in_features]; its bytes become the buffer `data`
     bias:   [out_features] or None; a parameter stays one, another tensor becomes a buffer
 
-    `forward` takes x [..., in_features] of float32, float16, bfloat16 or float64 on `xpu`, and gives [..., out_features]
-    in that type, which must be the bias's too unless autocast is on. It has gradients with respect to x and the bias; W has none. There are no
-    kernels for the CPU: there a layer can be made, saved and loaded, and `to_linear` computes.
+    `forward` takes x [..., in_features] of float32, float16, bfloat16 or float64 on `xpu`, and gives
+    [..., out_features] in that type, which must be the bias's too unless autocast is on. It has gradients with respect
+    to x and the bias; W has none. There are no kernels for the CPU: there a layer can be made, saved and loaded, and `to_linear` computes.
 
     Casts (`.half()`, `.to(torch.bfloat16)`) change the bias and never the bytes. A state dict has `data`, `bias` and
     `_extra_state`, which are all tensors, so that safetensors can keep it. `load_state_dict` takes bytes of any format
@@ -181,12 +181,13 @@ def quantize_(model: nn.Module, format: str = "q4_0", filter_fn: Callable[[nn.Mo
         for weight in dense:
             weights[weight] = quantize(weight, format, progress=False)
             bar.update(weight.numel())
-    _replace(model, {layer: QuantizedLinear(weights[layer.weight], layer.bias).train(layer.training) for layer in layers})
+    made = {layer: QuantizedLinear(weights[layer.weight], layer.bias).train(layer.training) for layer in layers}
+    _replace(model, made)
     return model
 
 
 def dequantize_(model: nn.Module, dtype: torch.dtype = torch.float32) -> nn.Module:
-    """Replaces a model's `QuantizedLinear` layers by dense ones of the same values, in place, and gives the model back."""
+    """Replaces a model's `QuantizedLinear` layers by dense ones of their values, in place, and gives the model back."""
     layers = [layer for layer in model.modules() if isinstance(layer, QuantizedLinear)]
     _replace(model, {layer: layer.to_linear(dtype) for layer in layers})
     return model
@@ -200,7 +201,7 @@ def _replace(model: nn.Module, by: Mapping[nn.Module, nn.Module]) -> None:
 
 
 def summary(model: nn.Module) -> str:
-    """A table of a model's parameters and buffers by format or type: how many, their elements, bytes, bits an element."""
+    """A table of a model's parameters and buffers by format or type: how many, elements, bytes, bits an element."""
     rows: dict[str, list[int]] = {}
     seen = set()
     for module in model.modules():

@@ -1,4 +1,4 @@
-"""The blocks of docs/pytorch.md, run in order in one namespace: what a block prints is in the `text` block behind it."""
+"""The blocks of docs/pytorch.md, run in order in one namespace. What a block prints is in the `text` block behind it."""
 
 from __future__ import annotations
 

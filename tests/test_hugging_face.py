@@ -24,7 +24,8 @@ def tiny_llama(**settings):
 
     torch.manual_seed(5)
     sizes = dict(vocab_size=300, hidden_size=256, intermediate_size=320, num_hidden_layers=2, num_attention_heads=4,
-                 num_key_value_heads=2, max_position_embeddings=128, eos_token_id=None, pad_token_id=0, initializer_range=0.1)
+                 num_key_value_heads=2, max_position_embeddings=128, eos_token_id=None, pad_token_id=0,
+                 initializer_range=0.1)
     return LlamaForCausalLM(LlamaConfig(**sizes | settings)).eval()
 
 
@@ -84,7 +85,8 @@ def test_a_tied_head_is_quantized_and_the_embedding_is_not(xpu) -> None:
     model = tiny_llama(tie_word_embeddings=True)
     assert model.lm_head.weight is model.model.embed_tokens.weight
     quantize_(model)
-    assert isinstance(model.lm_head, QuantizedLinear) and isinstance(model.model.embed_tokens.weight, torch.nn.Parameter)
+    assert isinstance(model.lm_head, QuantizedLinear)
+    assert isinstance(model.model.embed_tokens.weight, torch.nn.Parameter)
     with pytest.raises(TypeError) as error:
         model.tie_weights()
     assert str(error.value) == "a quantized layer takes no dense weight, so it cannot be tied to another one's"
@@ -154,8 +156,10 @@ def test_other_architectures(xpu) -> None:
 
     torch.manual_seed(9)
     given = tokens(6)
-    bert = BertModel(BertConfig(vocab_size=300, hidden_size=64, num_hidden_layers=1, num_attention_heads=2, intermediate_size=96)).eval()
-    t5 = T5ForConditionalGeneration(T5Config(vocab_size=300, d_model=64, d_kv=32, d_ff=96, num_layers=1, num_heads=2)).eval()
+    bert = BertModel(BertConfig(vocab_size=300, hidden_size=64, num_hidden_layers=1, num_attention_heads=2,
+                                intermediate_size=96)).eval()
+    t5 = T5ForConditionalGeneration(T5Config(vocab_size=300, d_model=64, d_kv=32, d_ff=96, num_layers=1,
+                                             num_heads=2)).eval()
     for model, more in ((bert, {}), (t5, {"decoder_input_ids": given})):
         quantize_(model, "q8_0").to(xpu)
         with torch.inference_mode():

@@ -5,8 +5,6 @@ from __future__ import annotations
 import copy
 import io
 import pickle
-import re
-import sys
 
 import pytest
 import safetensors.torch
@@ -57,7 +55,8 @@ def test_a_layer_computes_with_the_values_of_its_bytes(xpu, format) -> None:
     assert distance(layer(x), layer.to_linear()(x)) < (0.02 if format == "iq2_xxs" else NEAR)
 
 
-@pytest.mark.parametrize("dtype, near", [(torch.float32, NEAR), (torch.float64, NEAR), (torch.float16, 4e-3), (torch.bfloat16, 3e-2)])
+@pytest.mark.parametrize("dtype, near", [(torch.float32, NEAR), (torch.float64, NEAR), (torch.float16, 4e-3),
+                                         (torch.bfloat16, 3e-2)])
 def test_every_type(xpu, x, dtype, near) -> None:
     """Half and bfloat16 round every sum: 100 terms in 11 and 8 bits."""
     layer = QuantizedLinear.from_linear(three_layers()[0]).to(xpu).to(dtype)
@@ -68,7 +67,8 @@ def test_every_type(xpu, x, dtype, near) -> None:
 
 def test_casts_leave_the_bytes_alone(model) -> None:
     layer, before = model[0], model[0].data.clone()
-    for cast in (nn.Module.half, nn.Module.bfloat16, nn.Module.double, lambda m: m.to(torch.float16), lambda m: m.type(torch.float32)):
+    for cast in (nn.Module.half, nn.Module.bfloat16, nn.Module.double, lambda m: m.to(torch.float16),
+                 lambda m: m.type(torch.float32)):
         cast(layer)
         assert layer.data.dtype == torch.uint8 and torch.equal(layer.data, before)
     assert layer.bias.dtype == torch.float32
@@ -231,7 +231,12 @@ def test_quantize_replaces_the_linear_layers_in_place(xpu, x) -> None:
 
 def test_a_filter_chooses(xpu) -> None:
     asked = []
-    model = quantize_(three_layers(), filter_fn=lambda layer, name: asked.append((layer.in_features, name)) or name != "2")
+
+    def chosen(layer: nn.Linear, name: str) -> bool:
+        asked.append((layer.in_features, name))
+        return name != "2"
+
+    model = quantize_(three_layers(), filter_fn=chosen)
     assert asked == [(100, "0"), (64, "2"), (7, "3")]
     assert [type(layer) for layer in model] == [QuantizedLinear, nn.GELU, nn.Linear, QuantizedLinear]
 
