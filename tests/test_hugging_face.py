@@ -72,13 +72,26 @@ def test_twenty_tokens(model, dense) -> None:
     assert torch.equal(both[1, 2:], alone[0])
 
 
+def test_a_saved_dense_model(model, tmp_path) -> None:
+    """The way of most users: a folder that transformers reads, quantized and moved."""
+    from transformers import AutoModelForCausalLM
+
+    tiny_llama().save_pretrained(tmp_path)
+    ours = quantize_(AutoModelForCausalLM.from_pretrained(tmp_path, dtype=torch.bfloat16), "q8_0").to("xpu")
+    answer = ours.generate(tokens(5), max_new_tokens=20, do_sample=False)
+    assert answer.shape == (1, 25) and ours(tokens(5)).logits.dtype == torch.bfloat16
+    # bfloat16 keeps 8 bits of the weights, and rounds behind every operation of both layers.
+    assert distance(ours(tokens(5)).logits.float(), tiny_llama()(tokens(5).cpu()).logits) < 0.1
+
+
 def test_sampling_and_a_static_cache(model) -> None:
     torch.manual_seed(7)
     drawn = [model.generate(tokens(5), max_new_tokens=20, do_sample=True, top_k=50) for _ in range(2)]
     assert not torch.equal(*drawn)
-    ways = [model.generate(tokens(5), max_new_tokens=20, do_sample=False, **more)
-            for more in ({}, {"cache_implementation": "static", "disable_compile": True}, {"num_beams": 1})]
-    assert torch.equal(ways[0], ways[1])
+    static = {"cache_implementation": "static", "disable_compile": True}
+    ways = [model.generate(tokens(5), max_new_tokens=20, do_sample=False, **more) for more in ({}, static)]
+    assert torch.equal(*ways)
+    assert model.generate(tokens(5), max_new_tokens=20, num_beams=3).shape == (1, 25)
 
 
 def test_a_tied_head_is_quantized_and_the_embedding_is_not(xpu) -> None:
