@@ -9,9 +9,7 @@ import torch
 
 import orrery_host  # noqa: F401  (the device comes first)
 import orrery_ops
-
-BLOCKS = {"q4_0": (2, 64, 34), "q5_0": (6, 64, 44), "q8_0": (8, 64, 68), "iq2_xxs": (21, 256, 66), "q2_k": (23, 256, 84),
-          "q4_k": (27, 256, 144)}  # fmt: skip
+from orrery.formats import FORMATS
 
 
 def real(*sizes: int, dtype: torch.dtype = torch.float32) -> torch.Tensor:
@@ -28,8 +26,7 @@ def codes(*sizes: int) -> torch.Tensor:
 
 def weight(format: str, rows: int, columns: int) -> torch.Tensor:
     """Bytes of which every pair is a half near 1, so that no scale is infinite."""
-    _, elements, size = BLOCKS[format]
-    count = rows * columns // elements * size
+    count = FORMATS[format].size(rows, columns)
     return torch.tensor([0x11, 0x38], dtype=torch.uint8).repeat(count // 2 + 1)[:count].to("xpu")
 
 
@@ -49,7 +46,7 @@ def _projections(format: str, columns: int, weights: int, codes_of: int, biases:
         *(real(64) for _ in range(biases)),
         positions(1, 1),
         *(cache(1, 3, 64) for _ in range(weights - 1)),
-        *[BLOCKS[format][0]] * codes_of,
+        *[FORMATS[format].code] * codes_of,
         3,
         64,
         10000.0,

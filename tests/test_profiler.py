@@ -17,7 +17,8 @@ from torch.profiler import ProfilerActivity, profile
 
 import orrery_host
 import orrery_ops
-from function_calls import ARGUMENTS, BLOCKS, call, real, weight
+from function_calls import ARGUMENTS, call, real, weight
+from orrery.formats import FORMATS
 from torch_threads import threads
 
 LINEAR = {
@@ -31,7 +32,7 @@ HOST_ONLY = "get_moe_indexes"
 
 
 def forward(format: str, rows: int) -> torch.Tensor:
-    return orrery_ops.forward_new(real(rows, 256), weight(format, 16, 256), BLOCKS[format][0], 0)
+    return orrery_ops.forward_new(real(rows, 256), weight(format, 16, 256), FORMATS[format].code, 0)
 
 
 def by_autograd() -> Any:
