@@ -99,6 +99,14 @@ def rows_inside_blocks(_: str) -> None:
         assert differs(call("forward_new", {0: x, 1: w}), true) != right
 
 
+def behind_the_row(_: str) -> None:
+    for format in ("q5_0", "q5_1"):
+        room = real(1, 128)
+        one = forward(format, room[:, :96], 2)
+        room[:, 96:] = 100
+        assert differs(forward(format, room[:, :96], 2), one)
+
+
 def cut_super_blocks(_: str) -> None:
     for format in ("q4_k", "q5_k", "q6_k"):
         x = real(1, 320)
@@ -505,7 +513,7 @@ CASES: dict[str, Case] = {
     "no columns": {0: real(1, 0)},
     "forward_new: integers as `input`": {0: real(1, 64).long()},
     "forward_new: `input` of one dimension": {0: real(64)},
-    "forward_new: columns that no lane can divide": {0: real(1, 1000)},
+    "columns that are no multiple of 16 (8-bit formats: of 8)": {0: real(1, 1000)},
     "q5_0 and others, many rows, columns that are no multiple of 64": lambda _: forward("q5_0", real(21, 48), 4),
     "iq2_xxs, q2_k, iq1_s, one row, columns that are no multiple of 256": lambda _: forward("q2_k", real(1, 320), 4),
     "fp6, several rows of float64 or bfloat16": lambda _: forward("fp6", real(2, 64, dtype=BFLOAT), 4),
@@ -517,11 +525,12 @@ CASES: dict[str, Case] = {
     ),
     "q4_0, q4_1, q8_0, fp4, fp6, fp8_e5m2, many rows of float16 or float32, blocks that are no multiple of 8 "
     "(q8_0, fp8_e5m2: of 4)": {0: real(21, 64)},
-    "device classes 0, 1 and 2, 2 to 64 rows of float64": "test_dotgrid.py::test_another_type_ends_the_process",
-    "device classes 0, 1 and 2, 2 to 64 rows, columns that are no multiple of 64":
+    "the matrix engine (device classes 0 to 2, q4_0, q8_0, fp8, outputs a multiple of 16), float64": "test_dotgrid.py::test_another_type_ends_the_process",
+    "the matrix engine, columns that are no multiple of 64":
         "test_dotgrid.py::test_sizes_that_no_tile_divides_end_the_process",
     "q4_0 (8 to 20 rows), q4_1 (2 to 20), nf4 (2 to 14), an odd number of outputs": odd_outputs,
     "columns that are a multiple of 16 but not of the block's 64": rows_inside_blocks,
+    "q5_0, q5_1, one row, columns that are no multiple of 64": behind_the_row,
     "q4_k, q5_k, q6_k, one row, columns that are no multiple of 256": cut_super_blocks,
     "super-block and grid formats, many rows, columns that are a multiple of 64 but not of 256":
         "test_linear_dense.py::test_the_last_part_of_a_block_is_not_written",
@@ -558,7 +567,7 @@ CASES: dict[str, Case] = {
     "more than one row": lambda name: with_argument(name, lambda t: t.repeat(*[1] * (t.dim() - 2), 2, 1), 0),
     "forward_qkv: a format without a kernel": {7: 8, 8: 8},
     "a value's code that is no format": {8: 5},
-    "forward_qkv: columns that no lane can divide": {0: real(1, 88)},
+    "forward_qkv: columns that are no multiple of 16 (fp8_e5m2: of 8)": {0: real(1, 88)},
     "forward_qkv: integers as `input`": {0: real(1, 64).long()},
     "a head size below 2": {10: 1},
     "a cache of three dimensions": {5: real(1, 3, 64)},
@@ -581,7 +590,7 @@ CASES: dict[str, Case] = {
     "a `batch_size` other than 1": {3: 2},
     "mlp_forward_xpu: a format without a kernel": {7: 8},
     "iq2_xxs on device classes 1 to 4": {7: 21},
-    "mlp_forward_xpu: columns that no lane can divide": {4: 40},
+    "mlp_forward_xpu: columns that are no multiple of 16 (fp8_e5m2: of 8)": {4: 40},
     "mlp_forward_xpu: integers as `input`": {0: real(1, 64).int()},
     "q4_0, fp4, an odd number of outputs (class 5, q4_0: no multiple of 8)": lost_outputs,
     "`input` of several rows": rows_of_the_gate,
