@@ -160,10 +160,9 @@ def unread_scales(name: str) -> None:
     rows, columns = (32, 256) if name == "batch_forward" else (1, 64)
     place = 5 if name == "batch_forward" else 2
     quants = torch.arange(rows * columns, dtype=torch.int32).remainder(0x7C).to(torch.uint8)
-    bytes_of = [
-        torch.cat([quants, torch.full((rows * columns // 64,), scale).view(torch.uint8)]).to("xpu") for scale in (1, NAN)
-    ]
-    assert torch.equal(*(call(name, {1: w, place: 19}) for w in map(torch.Tensor.contiguous, bytes_of)))
+    scales = [torch.full((rows * columns // 64,), scale).view(torch.uint8) for scale in (1.0, NAN)]
+    weights = [torch.cat([quants, of_blocks]).to("xpu") for of_blocks in scales]
+    assert torch.equal(*(call(name, {1: w, place: 19}) for w in weights))
     zeros = torch.zeros(68, dtype=torch.uint8, device="xpu")
     assert (call("dequant", {1: zeros, 2: 19}) == 2.0**-17).all()
 
@@ -276,9 +275,8 @@ def packed(name: str, place: int, room: torch.Tensor, view: torch.Tensor) -> Non
 
 def packed_caches(name: str) -> None:
     room = codes(1, 1, 3, 128) if "fp8" in name else real(1, 1, 3, 128)
-    for place in ARGUMENTS[name]()[1:3] and range(1, min(3, len(ARGUMENTS[name]()))):
-        if ARGUMENTS[name]()[place] is not None:
-            packed(name, place, room, room[..., :64])
+    for place in (1, 2) if name.startswith("sdp") else (1,):
+        packed(name, place, room, room[..., :64])
 
 
 def packed_query(name: str) -> None:
@@ -458,10 +456,9 @@ def experts_on_the_device(name: str) -> None:
     assert call(name, {0: ARGUMENTS[name]()[0].to("xpu")}) == call(name)
 
 
-# --- All rows: a call that fails as the page says, or a check, or the test that has it ---------------------------------
+# --- All rows: a call that fails as the page says, or a check, or the test that has it --------------------------------
 
 Case = Callable[[str], Any] | dict[int, Any] | str
-wide = {0: real(1, 2, 3, 80), 1: real(1, 1, 3, 80), 2: real(1, 1, 3, 80)}
 
 
 def byte_key(name: str, *sizes: int) -> torch.Tensor:
@@ -528,7 +525,8 @@ CASES: dict[str, Case] = {
     ),
     "q4_0, q4_1, q8_0, fp4, fp6, fp8_e5m2, many rows of float16 or float32, blocks that are no multiple of 8 "
     "(q8_0, fp8_e5m2: of 4)": {0: real(21, 64)},
-    "the matrix engine (device classes 0 to 2, q4_0, q8_0, fp8, outputs a multiple of 16), float64": "test_dotgrid.py::test_another_type_ends_the_process",
+    "the matrix engine (device classes 0 to 2, q4_0, q8_0, fp8, outputs a multiple of 16), float64":
+        "test_dotgrid.py::test_another_type_ends_the_process",
     "the matrix engine, columns that are no multiple of 64":
         "test_dotgrid.py::test_sizes_that_no_tile_divides_end_the_process",
     "q4_0 (8 to 20 rows), q4_1 (2 to 20), nf4 (2 to 14), an odd number of outputs": odd_outputs,
@@ -584,7 +582,8 @@ CASES: dict[str, Case] = {
     "more key rows than the cache has heads": more_heads_than_the_cache,
     "a head size that does not divide the rows": partial_head,
     "an odd head size": lambda name: rotary_of(63, name)
-        if name.startswith("apply") else existing("test_fused_qkv.py::test_the_last_element_of_an_odd_head_is_not_written"),
+        if name.startswith("apply")
+        else existing("test_fused_qkv.py::test_the_last_element_of_an_odd_head_is_not_written"),
     "several positions": many_positions,
     "a bias that is too short": short_bias,
     "biases with iq2_xxs": "test_fused_qkv.py::test_a_bias_of_iq2_xxs_is_dropped",
