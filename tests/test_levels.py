@@ -43,7 +43,9 @@ def tree(tmp_path_factory: pytest.TempPathFactory) -> Path:
 
 
 def run(tree: Path, *command: str | Path, **environment: str) -> subprocess.CompletedProcess:
-    settings = {name: value for name, value in os.environ.items() if name != "PYTHONPATH" and "ORRERY" not in name}
+    """Without what the run of the tests itself was given: other libraries, a sanitizer, settings of the device."""
+    given = ("LD_PRELOAD", "PYTHONPATH", "ORRERY_")
+    settings = {name: value for name, value in os.environ.items() if not name.startswith(given)}
     settings["PYTHONPATH"] = str(tree)
     return subprocess.run(command, env=settings | environment, capture_output=True, text=True, timeout=600)
 

@@ -23,6 +23,11 @@ FOREIGN_SENTENCE = (
     "build it on this machine, or with MARCH=x86-64-v3 for most machines."
 )
 
+LEVEL = {"ORRERY_ISA": "z80"}
+*OTHERS, LAST = _built_for.LEVELS
+BUILT_LEVELS = f"{', '.join(OTHERS)} or {LAST}" if OTHERS else f"{LAST}, for which the operators were built"
+LEVEL_SENTENCE = f"ORRERY_ISA must be {BUILT_LEVELS}, not 'z80'."
+
 FIRST_USES = [
     "torch.empty(1, device='xpu')",
     "torch.ones(1).to('xpu')",
@@ -36,7 +41,9 @@ needs_operators = pytest.mark.skipif(importlib.util.find_spec("orrery_ops") is N
 
 
 @pytest.mark.parametrize(
-    "setup, environment, sentence", [("", BAD, BAD_SENTENCE), (FOREIGN, {}, FOREIGN_SENTENCE)], ids=["variable", "CPU"]
+    "setup, environment, sentence",
+    [("", BAD, BAD_SENTENCE), ("", LEVEL, LEVEL_SENTENCE), (FOREIGN, {}, FOREIGN_SENTENCE)],
+    ids=["variable", "level", "CPU"],
 )
 def test_without_the_device_pytorch_works_and_xpu_says_why(setup, environment, sentence):
     said = check_python(
@@ -60,8 +67,12 @@ def test_without_the_device_pytorch_works_and_xpu_says_why(setup, environment, s
 @pytest.mark.parametrize("before", ["", "import torch"])
 @pytest.mark.parametrize(
     "setup, environment, error",
-    [("", BAD, f"RuntimeError: {BAD_SENTENCE}"), (FOREIGN, {}, f"ImportError: {FOREIGN_SENTENCE}")],
-    ids=["variable", "CPU"],
+    [
+        ("", BAD, f"RuntimeError: {BAD_SENTENCE}"),
+        ("", LEVEL, f"RuntimeError: {LEVEL_SENTENCE}"),
+        (FOREIGN, {}, f"ImportError: {FOREIGN_SENTENCE}"),
+    ],
+    ids=["variable", "level", "CPU"],
 )
 def test_an_import_by_name_raises(setup, environment, error, before):
     done = run_python(f"{setup}\n    {before}\n    import orrery_host", **environment)
@@ -71,7 +82,9 @@ def test_an_import_by_name_raises(setup, environment, error, before):
 @needs_operators
 @pytest.mark.parametrize("before", ["", "import torch"])
 @pytest.mark.parametrize(
-    "setup, environment, sentence", [("", BAD, BAD_SENTENCE), (FOREIGN, {}, FOREIGN_SENTENCE)], ids=["variable", "CPU"]
+    "setup, environment, sentence",
+    [("", BAD, BAD_SENTENCE), ("", LEVEL, LEVEL_SENTENCE), (FOREIGN, {}, FOREIGN_SENTENCE)],
+    ids=["variable", "level", "CPU"],
 )
 def test_the_operators_say_it_too(setup, environment, sentence, before):
     done = run_python(f"{setup}\n    {before}\n    import orrery_ops", **environment)
