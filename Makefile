@@ -50,7 +50,7 @@ test: build
 	$(if $(ARGS),,@$(MAKE) --no-print-directory scalar)
 
 wheel: .venv/installed
-	@tools/wheel.sh
+	@tools/wheel.sh $(ARGS)
 
 levels: .venv/installed
 	@cmake --preset levels

@@ -1,10 +1,10 @@
 # The operators once a level, each in a library of its own, and the module that loads one of them.
 
 list(GET ORRERY_LEVELS 0 lowest)
-Python_add_library(orrery_ops MODULE WITH_SOABI host/levels/orrery_ops.cpp module/bring_device.cpp)
+Python_add_library(orrery_ops MODULE WITH_SOABI host/levels/orrery_ops.cpp)
 target_include_directories(orrery_ops PRIVATE .)
 target_compile_definitions(orrery_ops PRIVATE "ORRERY_LOWEST_LEVEL=\"${lowest}\"")
-target_link_libraries(orrery_ops PRIVATE torch_python ${CMAKE_DL_LIBS})
+target_link_libraries(orrery_ops PRIVATE ${CMAKE_DL_LIBS})
 orrery_export_entry_point(orrery_ops)
 
 foreach(level IN LISTS ORRERY_LEVELS)

@@ -1,9 +1,9 @@
 // The module orrery_ops of a build for several instruction-set levels: loads the operators that were built for the
-// level of this CPU, and hands over to their entry point. Compiled for any x86-64, so that it can say what a CPU lacks.
+// level of this CPU, and hands over to their entry point. It is compiled for any x86-64, so that it can say what a CPU
+// lacks, and without PyTorch's libraries, which `import torch` finds wherever they are.
 #include <Python.h>
 #include <dlfcn.h>
 
-#include <exception>
 #include <string>
 
 #include "module/bring_device.h"
@@ -20,11 +20,24 @@ std::string taken_text(PyObject* object) {
   return copy;
 }
 
-// The level that orrery_host chose when it registered the device. Without a device the lowest one, whose operators
-// refuse to load with a reason. Empty with a Python error if there is a device and no choice.
+// Puts the error of a single library without a device in place of the one that is set.
+void raise_without_device() {
+  PyObject *type, *error, *trace;
+  PyErr_Fetch(&type, &error, &trace);
+  PyErr_NormalizeException(&type, &error, &trace);
+  const std::string why = taken_text(PyObject_Str(error));
+  for (PyObject* held : {type, error, trace}) Py_XDECREF(held);
+  PyErr_SetString(PyExc_ImportError, without_device(why).c_str());
+}
+
+// The level that orrery_host chose when PyTorch loaded it. If it was not loaded, the lowest, whose operators refuse to
+// load without a device, with a reason. Empty with a Python error if there is none for this CPU or this setting.
 std::string chosen_level() {
-  PyObject* loaded = PyImport_GetModuleDict();  // not an import, which would register the device
-  PyObject* instructions = PyDict_GetItemString(loaded, "orrery_host._instructions");
+  PyObject* torch = PyImport_ImportModule("torch");
+  if (!torch) return "";
+  Py_DECREF(torch);
+  // Not an import, which would register the device where PyTorch was told not to load it.
+  PyObject* instructions = PyDict_GetItemString(PyImport_GetModuleDict(), "orrery_host._instructions");
   if (!instructions) return ORRERY_LOWEST_LEVEL;
   return taken_text(PyObject_CallMethod(instructions, "level", nullptr));
 }
@@ -52,15 +65,13 @@ entry_point load(const std::string& level) {
 }  // namespace orrery::host
 
 extern "C" [[gnu::visibility("default")]] PyObject* PyInit_orrery_ops() {
+  using namespace orrery::host;
   if (!orrery::interpreter_fits(Py_GetVersion())) return nullptr;
-  try {
-    orrery::bring_device();
-    const std::string level = orrery::host::chosen_level();
-    if (level.empty()) return nullptr;
-    const auto entry = orrery::host::load(level);
-    return entry ? entry() : nullptr;
-  } catch (const std::exception& error) {
-    PyErr_SetString(PyExc_ImportError, orrery::without_device(error.what()).c_str());
+  const std::string level = chosen_level();
+  if (level.empty()) {
+    raise_without_device();
     return nullptr;
   }
+  const entry_point entry = load(level);
+  return entry ? entry() : nullptr;
 }
