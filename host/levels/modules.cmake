@@ -14,7 +14,7 @@ foreach(level IN LISTS ORRERY_LEVELS)
     orrery_operator_objects(${objects} ${ORRERY_FLAGS_${level}})
   endif()
   set(target orrery_ops-${level})
-  Python_add_library(${target} MODULE linear_xpu.cpp)
+  Python_add_library(${target} MODULE ${module_sources})
   set_target_properties(
     ${target}
     PROPERTIES LIBRARY_OUTPUT_DIRECTORY "${ORRERY_TREE}/orrery_host/levels"
