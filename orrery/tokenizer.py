@@ -147,7 +147,7 @@ def _byte_level(entry: Entries, pieces: _Pieces) -> tuple[Tokenizer, bool]:
     if entry("tokenizer.ggml.add_space_prefix", False):
         raise OrreryError("a space prefix with the tokenizer 'gpt2' is not served, the runner serves it with 'llama'")
     pre = PRE_TOKENIZERS[name]
-    tokenizer = Tokenizer(_bpe(models.BPE, pieces, _merges(entry), ignore_merges=pre.whole))
+    tokenizer = Tokenizer(models.BPE(pieces.numbers, _merges(entry, pieces), ignore_merges=pre.whole))
     if pre.compose:
         tokenizer.normalizer = normalizers.NFC()
     steps: list[Any] = [pre_tokenizers.Digits(individual_digits=True)] if pre.digits else []
@@ -170,35 +170,29 @@ def _sentence_piece(entry: Entries, pieces: _Pieces) -> tuple[Tokenizer, bool]:
     unknown = next(iter(pieces.of(UNKNOWN)), None) if number is None else pieces.tokens[number]
     if unknown is None and not all(f"<0x{byte:02X}>" in pieces.numbers for byte in range(256)):
         raise OrreryError("the vocabulary has neither a token for each byte nor an unknown token")
-    if entry("tokenizer.ggml.merges", ()):
-        merges = _merges(entry)
+    merges = _merges(entry, pieces) if entry("tokenizer.ggml.merges", ()) else None
+    scores = _scores(entry, pieces) if merges is None else []
+    # A file does not tell which of SentencePiece's models it has. The scores of BPE are ranks, those of a unigram model
+    # logarithms of probabilities.
+    if all(score % 1 == 0 for score in scores):
+        merges = _merges_by_score(scores, pieces) if merges is None else merges
+        model = models.BPE(pieces.numbers, merges, unk_token=unknown, fuse_unk=True, byte_fallback=True)
     else:
-        scores = _scores(entry, pieces)
-        # A file does not tell which of SentencePiece's models it has. Those of BPE are ranks, those of a unigram model
-        # logarithms of probabilities.
-        merges = _merges_by_score(scores, pieces) if all(score % 1 == 0 for score in scores) else None
-    if merges is None:
-        tokenizer = Tokenizer(_unigram(models.Unigram, pieces, scores, unknown))
-    else:
-        tokenizer = Tokenizer(_bpe(models.BPE, pieces, merges, unk_token=unknown, fuse_unk=True, byte_fallback=True))
+        model = _unigram(scores, pieces, unknown)
+    tokenizer = Tokenizer(model)
     tokenizer.pre_tokenizer = pre_tokenizers.Metaspace(
         SPACE, "first" if entry("tokenizer.ggml.add_space_prefix", True) else "never", split=False)
     return tokenizer, True
 
 
-def _bpe(model: Any, pieces: _Pieces, merges: list[tuple[str, str]], **options: Any) -> Any:
-    try:
-        return model(pieces.numbers, merges, **options)
-    except Exception as error:  # The library has no type of its own for this.
-        raise OrreryError(f"the merges do not fit the vocabulary: {error}") from error
-
-
-def _merges(entry: Entries) -> list[tuple[str, str]]:
-    pairs = [tuple(merge.split(" ")) for merge in entry("tokenizer.ggml.merges")]
-    for i, pair in enumerate(pairs):
-        if len(pair) != 2 or not all(pair):
-            raise OrreryError(f"merge {i} of the vocabulary, {' '.join(pair)!r}, is not a pair of tokens")
-    return pairs
+def _merges(entry: Entries, pieces: _Pieces) -> list[tuple[str, str]]:
+    merges = []
+    for i, merge in enumerate(entry("tokenizer.ggml.merges")):
+        left, _, right = merge.partition(" ")
+        if not {left, right, left + right} <= pieces.numbers.keys():
+            raise OrreryError(f"merge {i} of the vocabulary, {merge!r}, is not of two tokens that make a third")
+        merges.append((left, right))
+    return merges
 
 
 def _scores(entry: Entries, pieces: _Pieces) -> list[float]:
@@ -210,14 +204,16 @@ def _scores(entry: Entries, pieces: _Pieces) -> list[float]:
     return scores
 
 
-def _unigram(model: Any, pieces: _Pieces, scores: list[float], unknown: str | None) -> Any:
+def _unigram(scores: list[float], pieces: _Pieces, unknown: str | None) -> Any:
     """The likeliest division of a text. Tokens that no text may have are less likely than any other division."""
+    from tokenizers import models
+
     if unknown is None:
         raise OrreryError("the vocabulary has no unknown token, which one with probabilities as scores needs")
     parts = set(pieces.of(NORMAL, USER_DEFINED))
     never = 100 * min(scores)
     scored = [(token, score if token in parts else never) for token, score in zip(pieces.tokens, scores)]
-    return model(scored, pieces.numbers[unknown], byte_fallback=True)
+    return models.Unigram(scored, pieces.numbers[unknown], byte_fallback=True)
 
 
 def _merges_by_score(scores: list[float], pieces: _Pieces) -> list[tuple[str, str]]:
