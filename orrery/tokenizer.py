@@ -1,7 +1,7 @@
 """Text to tokens and back by a model file's own vocabulary, and the file's own chat template.
 
-Two kinds of vocabulary: byte-level BPE, whose tokens spell bytes in an alphabet of 256 letters, and SentencePiece, whose
-tokens are text with `▁` for a space and, for what they cannot spell, bytes by number.
+Two kinds of vocabulary: byte-level BPE, whose tokens spell bytes in an alphabet of 256 letters, and SentencePiece,
+whose tokens are text with `▁` for a space and, for what that cannot spell, bytes by number.
 """
 
 from __future__ import annotations
@@ -91,8 +91,8 @@ class Vocabulary:
             template=entry("tokenizer.chat_template", ""),
             bos=bos,
             eos=pieces.special(entry, "eos"),
-            add_bos=bos is not None and entry("tokenizer.ggml.add_bos_token", add_bos),
-            squeeze=model == "llama" and entry("tokenizer.ggml.remove_extra_whitespaces", False),
+            add_bos=bos is not None and bool(entry("tokenizer.ggml.add_bos_token", add_bos)),
+            squeeze=model == "llama" and bool(entry("tokenizer.ggml.remove_extra_whitespaces", False)),
         )
 
 
@@ -161,7 +161,7 @@ def _byte_level(entry: Entries, pieces: _Pieces) -> tuple[Tokenizer, bool]:
 
 def _sentence_piece(entry: Entries, pieces: _Pieces) -> tuple[Tokenizer, bool]:
     """A SentencePiece tokenizer without its whole tokens, and whether its texts usually begin with `bos`."""
-    from tokenizers import Tokenizer, models, pre_tokenizers
+    from tokenizers import Tokenizer, pre_tokenizers
 
     if len(entry("tokenizer.ggml.precompiled_charsmap", ())):
         raise OrreryError("a vocabulary with a precompiled map of characters is not served, the runner serves those "
@@ -170,19 +170,23 @@ def _sentence_piece(entry: Entries, pieces: _Pieces) -> tuple[Tokenizer, bool]:
     unknown = next(iter(pieces.of(UNKNOWN)), None) if number is None else pieces.tokens[number]
     if unknown is None and not all(f"<0x{byte:02X}>" in pieces.numbers for byte in range(256)):
         raise OrreryError("the vocabulary has neither a token for each byte nor an unknown token")
-    merges = _merges(entry, pieces) if entry("tokenizer.ggml.merges", ()) else None
-    scores = _scores(entry, pieces) if merges is None else []
-    # A file does not tell which of SentencePiece's models it has. The scores of BPE are ranks, those of a unigram model
-    # logarithms of probabilities.
-    if all(score % 1 == 0 for score in scores):
-        merges = _merges_by_score(scores, pieces) if merges is None else merges
-        model = models.BPE(pieces.numbers, merges, unk_token=unknown, fuse_unk=True, byte_fallback=True)
-    else:
-        model = _unigram(scores, pieces, unknown)
-    tokenizer = Tokenizer(model)
+    tokenizer = Tokenizer(_piece_model(entry, pieces, unknown))
     tokenizer.pre_tokenizer = pre_tokenizers.Metaspace(
         SPACE, "first" if entry("tokenizer.ggml.add_space_prefix", True) else "never", split=False)
     return tokenizer, True
+
+
+def _piece_model(entry: Entries, pieces: _Pieces, unknown: str | None) -> Any:
+    """How SentencePiece divides a text. A file does not tell which of its two models it has, but the scores do."""
+    from tokenizers import models
+
+    options = {"unk_token": unknown, "fuse_unk": True, "byte_fallback": True}
+    if entry("tokenizer.ggml.merges", ()):
+        return models.BPE(pieces.numbers, _merges(entry, pieces), **options)
+    scores = _scores(entry, pieces)
+    if all(score % 1 == 0 for score in scores):  # The scores of BPE are ranks.
+        return models.BPE(pieces.numbers, _merges_by_score(scores, pieces), **options)
+    return _unigram(scores, pieces, unknown)  # Those of a unigram model are logarithms of probabilities.
 
 
 def _merges(entry: Entries, pieces: _Pieces) -> list[tuple[str, str]]:
@@ -332,7 +336,8 @@ class ChatTokenizer:
                  "raise_exception": _refuse}
         environment = ImmutableSandboxedEnvironment(trim_blocks=True, lstrip_blocks=True)
         try:
-            return environment.from_string(self._template).render(messages=messages, add_generation_prompt=True, **names)
+            template = environment.from_string(self._template)
+            return template.render(messages=messages, add_generation_prompt=True, **names)
         except TemplateError as error:
             raise OrreryError(f"the model's chat template does not render: {error}") from error
 

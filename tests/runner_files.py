@@ -54,7 +54,8 @@ def shapes(vocabulary: int, hidden: int = HIDDEN, feed_forward: int = FEED_FORWA
 def write_tiny(path: Path, *, architecture: str = "llama", context: int = 64, hidden: int = HIDDEN,
                feed_forward: int = FEED_FORWARD, heads: int = 0, more_tokens: int = 0, leave_out: str = "", extra: str = "",
                pre: str = "smollm", untied: bool = False, silent: Sequence[int] = (),
-               stored: dict[str, str] | None = None, tokenizer: dict[str, Any] | None = None) -> dict[str, np.ndarray]:
+               stored: dict[str, str] | None = None,
+               tokenizer: dict[str, Any] | None = None) -> dict[str, np.ndarray]:
     """Writes the file; gives its tensors, as values.
 
     The logits of the tokens `silent` are 0, so a greedy answer never has them.
@@ -77,8 +78,8 @@ def write_tiny(path: Path, *, architecture: str = "llama", context: int = 64, hi
     writer.add_layer_norm_rms_eps(1e-5)
     writer.add_rope_freq_base(10000.0)
     for key, entry in entries.items():
-        add = {str: writer.add_string, bool: writer.add_bool, int: writer.add_uint32, list: writer.add_array}[type(entry)]
-        add(key, entry)
+        add = {str: writer.add_string, bool: writer.add_bool, int: writer.add_uint32, list: writer.add_array}
+        add[type(entry)](key, entry)
     tensors = {}
     wanted = shapes(len(entries["tokenizer.ggml.tokens"]), hidden, feed_forward)
     if untied or silent:

@@ -150,7 +150,8 @@ def test_qwen2_vocabulary():
 
 
 def test_no_pre_tokenizer_is_the_default():
-    named, unnamed = made(BYTES), made(without(BYTES, "pre"))
+    named = made(BYTES)
+    unnamed = made({key: entry for key, entry in BYTES.items() if key != "tokenizer.ggml.pre"})
     assert [unnamed.encode(line) for line in LINES] == [named.encode(line) for line in LINES]
 
 
@@ -198,7 +199,7 @@ def test_sentence_piece_without_a_space_prefix():
 
 
 def joined_by_score(text, entries):
-    """SentencePiece's rule: of all neighbours that make a token join those with the highest score, the leftmost first."""
+    """SentencePiece's rule: of all neighbours that make a token, those of the highest score join, leftmost first."""
     tokens = entries["tokenizer.ggml.tokens"]
     number = {t: i for i, t in enumerate(tokens)}
     score = {t: s for t, s, kind in zip(tokens, entries["tokenizer.ggml.scores"], entries["tokenizer.ggml.token_type"])
@@ -295,7 +296,8 @@ def test_stream_of_bytes():
     stream = ours.stream()
     assert [stream.push(token) for token in [*bytes_, a]] == ["", "", "€", "\ufffd", "a"]
     stream = ours.stream()
-    assert [stream.push(token) for token in [*bytes_[:2], a, 1, number("<think>")]] == ["", "", "\ufffda", "", "<think>"]
+    tokens = [*bytes_[:2], a, 1, number("<think>")]
+    assert [stream.push(token) for token in tokens] == ["", "", "\ufffda", "", "<think>"]
     assert ours.decode([*bytes_, a]) == "€\ufffda"
 
 
@@ -339,48 +341,46 @@ def test_stop_tokens_by_number_and_by_text():
     assert made(vocabularies.sentence_piece()).stop == {2}
 
 
-def changed(entries, **changes):
-    return entries | {f"tokenizer.ggml.{key}": entry for key, entry in changes.items()}
+BYTE_TOKENS, PIECE_TOKENS = BYTES["tokenizer.ggml.tokens"], PIECES["tokenizer.ggml.tokens"]
+# Nothing is of the type of an unknown token, and nothing is named as one.
+KNOWN = {"unknown_token_id": None, "token_type": [3, *PIECES["tokenizer.ggml.token_type"][1:]]}
 
 
-def without(entries, *keys):
-    return {key: entry for key, entry in entries.items() if key.removeprefix("tokenizer.ggml.") not in keys}
-
-
-@pytest.mark.parametrize("entries, message", [
-    (changed(BYTES, model="t5"), "the tokenizer 't5' is not served, the runner serves 'gpt2' (byte-level BPE) and 'llama' "
-                                 "(SentencePiece)"),
-    (changed(BYTES, pre="tekken"), "the pre-tokenizer 'tekken' is not served, the runner serves 'default', 'llama-bpe', "
-                                   "'qwen2', 'smollm'"),
-    (changed(BYTES, add_space_prefix=True), "a space prefix with the tokenizer 'gpt2' is not served, the runner serves it "
-                                            "with 'llama'"),
-    (changed(PIECES, precompiled_charsmap=[1, 2]), "a vocabulary with a precompiled map of characters is not served, the "
-                                                   "runner serves those without one"),
-    (without(BYTES, "model"), "the model file lacks the entry tokenizer.ggml.model"),
-    (without(BYTES, "merges"), "the model file lacks the entry tokenizer.ggml.merges"),
-    (without(PIECES, "scores"), "the model file lacks the entry tokenizer.ggml.scores"),
-    *((changed(kind, merges=[good, bad]), f"merge 1 of the vocabulary, {bad!r}, is not of two tokens that make a third")
-      for kind, good in ((BYTES, BYTES["tokenizer.ggml.merges"][0]), (PIECES, " ".join(PIECES["tokenizer.ggml.tokens"][259])))
-      for bad in ("a nosuch", "nosuch a", "Z Q", "a", "", "a ", "a b c")),
-    (changed(BYTES, tokens=BYTES["tokenizer.ggml.tokens"][:-1] + ["a"]), "the vocabulary has the token 'a' twice"),
-    (changed(BYTES, tokens=BYTES["tokenizer.ggml.tokens"][:-1]), "the vocabulary has 1204 tokens and the types of 1205"),
-    (changed(PIECES, scores=[0.0] * 7), "the vocabulary has 1160 tokens and the scores of 7"),
-    (changed(PIECES, scores=[float("nan")] * 1160), "a score of the vocabulary is not a finite number"),
-    (changed(PIECES, eos_token_id=1160), "tokenizer.ggml.eos_token_id is 1160, which is none of the vocabulary's 1160 "
-                                         "tokens"),
-    (changed(BYTES, bos_token_id=2**32 - 1), "tokenizer.ggml.bos_token_id is 4294967295, which is none of the vocabulary's "
-                                             "1205 tokens"),
-    (changed(without(PIECES, "unknown_token_id"), tokens=[t.replace("<0x61>", "<0x6161>") for t in
-                                                          PIECES["tokenizer.ggml.tokens"]],
-             token_type=[3, *PIECES["tokenizer.ggml.token_type"][1:]]),
-     "the vocabulary has neither a token for each byte nor an unknown token"),
-    (changed(without(PIECES, "unknown_token_id"), scores=[-1.5] * 1160,
-             token_type=[3, *PIECES["tokenizer.ggml.token_type"][1:]]),
+@pytest.mark.parametrize("entries, changes, message", [
+    (BYTES, {"model": "t5"},
+     "the tokenizer 't5' is not served, the runner serves 'gpt2' (byte-level BPE) and 'llama' (SentencePiece)"),
+    (BYTES, {"pre": "tekken"},
+     "the pre-tokenizer 'tekken' is not served, the runner serves 'default', 'llama-bpe', 'qwen2', 'smollm'"),
+    (BYTES, {"add_space_prefix": True},
+     "a space prefix with the tokenizer 'gpt2' is not served, the runner serves it with 'llama'"),
+    (PIECES, {"precompiled_charsmap": [1, 2]},
+     "a vocabulary with a precompiled map of characters is not served, the runner serves those without one"),
+    (BYTES, {"model": None}, "the model file lacks the entry tokenizer.ggml.model"),
+    (BYTES, {"token_type": None}, "the model file lacks the entry tokenizer.ggml.token_type"),
+    (BYTES, {"merges": None}, "the model file lacks the entry tokenizer.ggml.merges"),
+    (PIECES, {"scores": None}, "the model file lacks the entry tokenizer.ggml.scores"),
+    (BYTES, {"tokens": [*BYTE_TOKENS[:-1], "a"]}, "the vocabulary has the token 'a' twice"),
+    (BYTES, {"tokens": BYTE_TOKENS[:-1]}, "the vocabulary has 1204 tokens and the types of 1205"),
+    (PIECES, {"scores": [0.0] * 7}, "the vocabulary has 1160 tokens and the scores of 7"),
+    (PIECES, {"scores": [float("nan")] * 1160}, "a score of the vocabulary is not a finite number"),
+    (PIECES, {"scores": [-1.5] * 1160} | KNOWN,
      "the vocabulary has no unknown token, which one with probabilities as scores needs"),
+    (PIECES, {"tokens": [token.replace("<0x61>", "<0x6161>") for token in PIECE_TOKENS]} | KNOWN,
+     "the vocabulary has neither a token for each byte nor an unknown token"),
+    *((BYTES, {f"{name}_token_id": 1205},
+       f"tokenizer.ggml.{name}_token_id is 1205, which is none of the vocabulary's 1205 tokens")
+      for name in ("bos", "eos", "eot", "eom")),
+    (PIECES, {"unknown_token_id": 2**32 - 1},
+     "tokenizer.ggml.unknown_token_id is 4294967295, which is none of the vocabulary's 1160 tokens"),
+    *((BYTES, {"merges": [BYTES["tokenizer.ggml.merges"][0], merge]},
+       f"merge 1 of the vocabulary, {merge!r}, is not of two tokens that make a third")
+      for merge in ("a nosuch", "nosuch a", "Z Q", "a", "", "a ", "a b c")),
+    (PIECES, {"merges": ["no such"]}, "merge 0 of the vocabulary, 'no such', is not of two tokens that make a third"),
 ])
-def test_vocabularies_that_are_not_served(entries, message):
+def test_vocabularies_that_are_not_served(entries, changes, message):
+    entries = entries | {f"tokenizer.ggml.{key}": entry for key, entry in changes.items()}
     with pytest.raises(OrreryError, match=f"^{re.escape(message)}$"):
-        read(entries)
+        read({key: entry for key, entry in entries.items() if entry is not None})
 
 
 def test_more_tokens_than_rows():

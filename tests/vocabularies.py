@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import random
 from functools import cache
 from typing import Any
@@ -12,10 +13,10 @@ USERS = "<think>"
 SPACE = "\u2581"
 
 ALPHABETS = (
-    "abcdefghijklmnopqrstuvwxyz", "ABCDEFGHIJKLMNOPQRSTUVWXYZ", "äöüßéèñçãøåæœ", "абвгдежзиклмнопрстуф", "αβγδεζηθικλμν",
+    "abcdefghijklmnopqrstuvwxyz", "ABCDEFGHIJKLMNOPQRSTUVWXYZ", "äöüßéèñçãøåæœ", "абвгдежзиклмнопрсту", "αβγδεζηθικλμν",
     "日本語漢字仮名交文", "ひらがなカタカナ", "한국어글자조합", "मानकहिन्दीक्षत्र", "ไทยภาษา", "עבריתשלום", "العربيةمرحبا",
     "0123456789", "٠١٢٣٤٥٦٧٨٩", "０１２½²Ⅷ", "🙂👩\u200d👩\u200d👧🏽🇩🇪❤\ufe0f", "\u0301\u0308\u0327\u20d7",
-    "\u200b\u200d\u200e\u202e\ufeff\u00ad", "\x00\x01\x07\x08\x0b\x1b\x1f\x7f\x85", "!?.,;:'\"()[]{}<>|/\\@#$%^&*-_=+~`",
+    "\u200b\u200d\u200e\u202e\ufeff\u00ad", "\x00\x01\x07\x08\x0b\x1b\x1f\x7f\x85", "!?.,;:'\"()[]{}<>|/\\@#$%^&*-_=+~",
     "\u00a0\u2003\u3000\u2028", "𝒜𝔅𐍈\U0010ffff\ue000",
 )
 WORDS = ("the of and I'll don't WE'VE they're he'D def return self x_1 == != -> </s> <think> <|im_end|> \u2581 __ 3.14 "
@@ -23,8 +24,9 @@ WORDS = ("the of and I'll don't WE'VE they're he'D def return self x_1 == != -> 
 GAPS = (" ", " ", " ", " ", "  ", "   ", "        ", "\t", "\n", "\n\n", "\r\n", " \n ", "")
 NASTY = (
     "", " ", "  ", "\n", "\t", "\r", SPACE, SPACE * 2 + " " + SPACE, "a ", " a", "   a   b   ", "\n\n\n\n", " \n \n ",
-    "\r\n\r\n", "'s", " 'S", "a" * 200, " " * 100, "0" * 50, "1234567890", " 1", "\u0301", "e\u0301\u0301", "🏽", "\u200d",
-    "\ufffd", "\U0010ffff", "\x00", "x\x00y", "<0x41>", "<s>", "<think>  <think>", "<|im_start|>user\nhi<|im_end|>\n",
+    "\r\n\r\n", "'s", " 'S", "a" * 200, " " * 100, "0" * 50, "1234567890", " 1", "\u0301", "e\u0301\u0301", "🏽",
+    "\u200d", "\ufffd", "\U0010ffff", "\x00", "x\x00y", "<0x41>", "<s>", "<think>  <think>",
+    "<|im_start|>user\nhi<|im_end|>\n",
 )
 
 
@@ -47,15 +49,15 @@ def mixed_lines(count: int = 1000) -> list[str]:
 @cache
 def _trained(byte_level: bool, count: int) -> tuple[list[str], list[list[str]]]:
     """Tokens and merges of the mixed lines, learned over the borders of words: then each cut of a text shows."""
-    import json
-
     from tokenizers import Tokenizer, models, pre_tokenizers, trainers
 
     tokenizer = Tokenizer(models.BPE())
     tokenizer.pre_tokenizer = (pre_tokenizers.ByteLevel(add_prefix_space=False, use_regex=False) if byte_level
                                else pre_tokenizers.Metaspace(SPACE, "never", split=False))
-    trainer = trainers.BpeTrainer(vocab_size=count, initial_alphabet=pre_tokenizers.ByteLevel.alphabet() if byte_level else [],
-                                  limit_alphabet=256 if byte_level else 200, max_token_length=8, show_progress=False)
+    alphabet = pre_tokenizers.ByteLevel.alphabet() if byte_level else []
+    # Of 200 characters, so that some lines need the tokens of bytes.
+    trainer = trainers.BpeTrainer(vocab_size=count, initial_alphabet=alphabet, limit_alphabet=len(alphabet) or 200,
+                                  max_token_length=8, show_progress=False)
     # Not those with special tokens, which would be learned.
     tokenizer.train_from_iterator([line for line in mixed_lines() if "<" not in line], trainer)
     model = json.loads(tokenizer.to_str())["model"]
