@@ -1,5 +1,6 @@
 """The tokenizer against transformers' reading of the same file, and against its classes with the same vocabulary."""
 
+import io
 import json
 import random
 import re
@@ -426,3 +427,17 @@ def test_generate_with_each_kind_of_vocabulary(xpu, tmp_path, capsys, name):
     assert text.startswith(prompt) and len(text) > len(prompt)
     tokens = len(made(entries).encode(prompt))
     assert f"prompt: {tokens} tokens" in told and "answer: 8 tokens" in told
+
+
+def test_a_later_turn_does_not_begin_again(xpu, tmp_path, capsys, monkeypatch):
+    """A question behind an answer has neither the beginning of a text nor the space before it."""
+    template = "{{ bos_token }}{% for m in messages %}[{{ m.content }}]{% endfor %}["
+    entries = PIECES | {"tokenizer.ggml.add_bos_token": True, "tokenizer.chat_template": template}
+    runner_files.write_tiny(tmp_path / "tiny.gguf", tokenizer=entries, silent=range(259))
+    monkeypatch.setattr("sys.stdin", io.StringIO("of the\nreturn\n"))
+    assert cli.main(["chat", "--model", str(tmp_path / "tiny.gguf"), "--tokens", "5", "--no-cache"]) == 0
+    ours = made(entries)
+    questions = len(ours.encode("<s>[of the][")), 1 + len(ours.encode("][return][", follows=True))
+    told = re.findall(r"prompt: (\d+) tokens.*answer: 5 tokens", capsys.readouterr().err)
+    assert tuple(map(int, told)) == questions
+    assert questions[1] != 1 + len(ours.encode("][return]["))
