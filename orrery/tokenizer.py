@@ -12,7 +12,7 @@ import re
 from collections.abc import Callable, Iterable
 from dataclasses import dataclass
 from functools import cache, cached_property
-from typing import TYPE_CHECKING, Any, NamedTuple, NoReturn
+from typing import TYPE_CHECKING, Any, NamedTuple
 
 from orrery import OrreryError
 
@@ -332,8 +332,7 @@ class ChatTokenizer:
 
         if not self._template:
             raise OrreryError("the model file has no chat template and its vocabulary not the token <|im_start|>")
-        names = {"bos_token": self._name(self._vocabulary.bos), "eos_token": self._name(self._vocabulary.eos),
-                 "raise_exception": _refuse}
+        names = {"bos_token": self._name(self._vocabulary.bos), "eos_token": self._name(self._vocabulary.eos)}
         environment = ImmutableSandboxedEnvironment(trim_blocks=True, lstrip_blocks=True)
         try:
             template = environment.from_string(self._template)
@@ -343,13 +342,6 @@ class ChatTokenizer:
 
     def _name(self, token: int | None) -> str:
         return "" if token is None else self._tokenizer.id_to_token(token)
-
-
-def _refuse(message: str) -> NoReturn:
-    """What a chat template calls on messages that it does not take."""
-    from jinja2 import TemplateError
-
-    raise TemplateError(message)
 
 
 class TextStream:
