@@ -7,10 +7,11 @@
 #include <cstdint>
 
 #include "attention/coded_rows.h"
-#include "attention/operand.h"
+#include "attention/group_tree.h"
 #include "attention/walk.h"
 #include "formats/key_value_code.h"
 #include "includes/assertion.h"
+#include "includes/operand.h"
 #include "includes/type_switch.h"
 #include "module/operations.h"
 #include "utils.h"
@@ -131,8 +132,7 @@ struct query_key_fp8_matmul_kernel {
     const int n = static_cast<int>(std::min<uint64_t>(Keys, kv_length - first));
     const simd<native_half, HD> q[1] = {to_native(convert<Half>(simd<T, HD>::load(query.at(b, h))))};
     simd<Half, Keys> dot[1];
-    dot_keys(
-        q, coded_keys<HD>{key.at(b, h / q_per_kv)}, first, n, [](uint64_t) {}, dot);
+    dot_keys(q, coded_keys<HD>{key.at(b, h / q_per_kv)}, first, n, no_prefetch, dot);
     convert<T>(dot[0]).store(out.at(b, h) + first, mask<Keys>::first(n));
   }
 };
@@ -150,6 +150,8 @@ struct attn_value_fp8_matmul_kernel {
   uint64_t kv_length;
   sycl::local_accessor<Half> local = {};
 
+  using tree = group_tree<Half, HD>;
+  static_assert(Group == tree_group);
   static constexpr size_t local_halves = HD * Group;
 
   template <typename Item>
@@ -159,9 +161,12 @@ struct attn_value_fp8_matmul_kernel {
     const coded_values<HD> values{value.at(b, h / q_per_kv)};
     const even_split<Group> range(kv_length);
     in_steps(item, Group, [&](int begin, int end, auto meet) {
-      for (int i = begin; i < end; ++i) put(i, weighted_sum(weights, values, range.begin(i), range.begin(i + 1)));
+      for (int i = begin; i < end; ++i) {
+        tree::put(&local[0], i, weighted_sum(weights, values, range.begin(i), range.begin(i + 1)));
+      }
       meet();
-      finish(begin, end, out.at(b, h));
+      T* to = out.at(b, h);
+      tree::fold(&local[0], begin, end, [&](int d, const auto& sums) { convert<T>(sums).store(to + d); });
     });
   }
 
@@ -177,27 +182,6 @@ struct attn_value_fp8_matmul_kernel {
       for (int k = 0; k < n; ++k) sum += halves(weight[k]) * values.template load<native_half>(t + k);
     }
     return sum;
-  }
-
-  // A device has a column of local memory for each work-item. The host goes through them in order, and adds the second
-  // half of them to the first as it comes.
-  void put(int i, const halves& sum) const {
-    if constexpr (last_finishes) {
-      Half* row = &local[i % (Group / 2) * HD];
-      store_native(i < Group / 2 ? sum : load_native<HD>(row) + sum, row);
-    } else {
-      from_native<Half>(sum).store_strided(&local[i], Group);
-    }
-  }
-  void finish(int begin, int end, T* to) const {
-    if constexpr (last_finishes) {
-      constexpr int W = 16;
-      for (int d = 0; d < HD; d += W) convert<T>(fold_rows<Group / 2, W>(&local[d], HD)).store(to + d);
-    } else {
-      for (int d = begin * (HD / Group); d < end * (HD / Group); ++d) {
-        convert<T>(simd<Half, 1>(fold(simd<Half, Group>::load(&local[d * Group])))).store(to + d);
-      }
-    }
   }
 };
 
@@ -244,12 +228,6 @@ void launch_attn_value(const matmul_call& c) {
       c.rows.device(), "attn value fp8 matmul");
 }
 
-// Calls launch(size, value) with the head size as a constant and a value of the type. The size is judged first.
-template <typename Launch>
-void choose(int64_t head_dim, c10::ScalarType type, Launch launch) {
-  with_head_dim(head_dim, [&](auto hd) { with_half_or_float(type, [&](auto t) { launch(hd, t); }); });
-}
-
 }  // namespace
 
 void quantize_key_value(const at::Tensor& key, const at::Tensor& value, const at::Tensor& key_output,
@@ -258,7 +236,7 @@ void quantize_key_value(const at::Tensor& key, const at::Tensor& value, const at
   ORRERY_ASSERT(key.scalar_type() == value.scalar_type());
   const codec_call c{key, value, key_output, value_output};
   check_sizes(c, sizes);
-  choose(sizes.elements, key.scalar_type(), [&](auto hd, auto t) {
+  with_head_dim_and_type(sizes.elements, key.scalar_type(), [&](auto hd, auto t) {
     using T = decltype(t);
     launch_codec<quantize_key_value_kernel<T, hd()>, T, uint8_t>(c, "quantize kv cache");
   });
@@ -270,7 +248,7 @@ void dequantize_key_value(const at::Tensor& key, const at::Tensor& value, const 
   ORRERY_ASSERT(key_output.scalar_type() == value_output.scalar_type());
   const codec_call c{key, value, key_output, value_output};
   check_sizes(c, sizes);
-  choose(sizes.elements, key_output.scalar_type(), [&](auto hd, auto t) {
+  with_head_dim_and_type(sizes.elements, key_output.scalar_type(), [&](auto hd, auto t) {
     using T = decltype(t);
     launch_codec<dequantize_key_value_kernel<T, hd()>, uint8_t, T>(c, "dequantize kv cache");
   });
@@ -283,7 +261,7 @@ at::Tensor query_key_fp8_matmul(const at::Tensor& query, const at::Tensor& key) 
   ORRERY_ASSERT(query.size(3) == key.size(3));
   check_heads(num_heads, num_kv_heads, input_size);
   const at::Tensor out = at::empty({bsz, num_heads, 1, kv_length}, query.options());
-  choose(head_dim, query.scalar_type(), [&](auto hd, auto t) {
+  with_head_dim_and_type(head_dim, query.scalar_type(), [&](auto hd, auto t) {
     launch_query_key<decltype(t), hd()>({query, key, out});
   });
   return out;
@@ -296,7 +274,7 @@ at::Tensor attn_value_fp8_matmul(const at::Tensor& attn, const at::Tensor& value
   ORRERY_ASSERT(attn.size(3) == value.size(2));
   check_heads(num_heads, num_kv_heads, input_size);
   const at::Tensor out = at::empty({bsz, num_heads, 1, head_dim}, attn.options());
-  choose(head_dim, attn.scalar_type(), [&](auto hd, auto t) {
+  with_head_dim_and_type(head_dim, attn.scalar_type(), [&](auto hd, auto t) {
     launch_attn_value<decltype(t), hd()>({attn, value, out});
   });
   return out;

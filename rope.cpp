@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "includes/assertion.h"
+#include "includes/operand.h"
 #include "includes/type_switch.h"
 #include "module/operations.h"
 #include "utils.h"
@@ -11,25 +12,10 @@
 namespace orrery {
 namespace {
 
-// Strides of batch, head and position, in elements.
-template <typename T>
-struct rows {
-  T* data;
-  uint64_t stride[3];
-
-  T* at(uint64_t b, uint64_t h, uint64_t s) const { return data + b * stride[0] + h * stride[1] + s * stride[2]; }
-};
-
-template <typename T>
-rows<T> rows_of(const at::Tensor& x) {
-  return {x.data_ptr<T>(),
-          {static_cast<uint64_t>(x.stride(0)), static_cast<uint64_t>(x.stride(1)), static_cast<uint64_t>(x.stride(2))}};
-}
-
 template <typename T>
 struct rotary_arguments {
   uint64_t q_heads;
-  rows<T> query, key;
+  operand<T, 3> query, key;
   const int64_t* position_ids;
   uint64_t seq_len;
   const T* inv_freq;
@@ -94,8 +80,8 @@ template <template <typename, int> typename Kernel, typename T, int HD>
 void launch_rotary(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at::Tensor& query,
                    const at::Tensor& key, const char* record) {
   const uint64_t bsz = query.size(0), q_heads = query.size(1), seq_len = query.size(2), k_heads = key.size(1);
-  const Kernel<T, HD> kernel{
-      {q_heads, rows_of<T>(query), rows_of<T>(key), position_ids.data_ptr<int64_t>(), seq_len, inv_freq.data_ptr<T>()}};
+  const Kernel<T, HD> kernel{{q_heads, operand_of<T, 3>(query), operand_of<T, 3>(key), position_ids.data_ptr<int64_t>(),
+                              seq_len, inv_freq.data_ptr<T>()}};
   submit_kernel(
       [&](sycl::handler& h) {
         parallel_for(h, sycl::nd_range<3>({bsz, q_heads + k_heads, seq_len}, {1, 1, 1}), kernel);
@@ -113,10 +99,8 @@ void rotary(const at::Tensor& inv_freq, const at::Tensor& position_ids, const at
   ORRERY_ASSERT(inv_freq.is_contiguous());
   ORRERY_ASSERT(position_ids.is_contiguous());
   ORRERY_ASSERT(inv_freq.numel() == head_dim / 2);
-  with_head_dim(head_dim, [&](auto hd) {
-    with_half_or_float(key.scalar_type(), [&](auto t) {
-      launch_rotary<Kernel, decltype(t), hd()>(inv_freq, position_ids, query, key, record);
-    });
+  with_head_dim_and_type(head_dim, key.scalar_type(), [&](auto hd, auto t) {
+    launch_rotary<Kernel, decltype(t), hd()>(inv_freq, position_ids, query, key, record);
   });
 }
 

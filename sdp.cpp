@@ -60,8 +60,12 @@ void check_causal(const sizes& of) {
   ORRERY_ASSERT(input_size == context_length);
 }
 
-at::Tensor result_of(const sizes& of, const at::Tensor& query) {
-  return at::empty({of.bsz, of.num_heads, of.input_size, of.head_dim}, query.options());
+// The last steps of every operation. The result is allocated before head size and types are judged.
+at::Tensor attend(const sizes& of, const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                  const mask_argument& mask, void (*launch)(const attention_call&), const char* record) {
+  const at::Tensor out = at::empty({of.bsz, of.num_heads, of.input_size, of.head_dim}, query.options());
+  launch({query, key, value, checked_mask(mask, of), out, record});
+  return out;
 }
 
 }  // namespace
@@ -70,9 +74,7 @@ at::Tensor sdp(const at::Tensor& query, const at::Tensor& key, const at::Tensor&
   const sizes of(query, key);
   check_caches(query, key, value);
   check_types(query, key, value);
-  const at::Tensor out = result_of(of, query);
-  launch_sdp({query, key, value, checked_mask(mask, of), out, "sdp"});
-  return out;
+  return attend(of, query, key, value, mask, launch_sdp, "sdp");
 }
 
 at::Tensor sdp_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value) {
@@ -80,26 +82,20 @@ at::Tensor sdp_causal(const at::Tensor& query, const at::Tensor& key, const at::
   check_causal(of);
   check_caches(query, key, value);
   check_types(query, key, value);
-  const at::Tensor out = result_of(of, query);
-  launch_sdp_causal({query, key, value, std::nullopt, out, "sdp causal"});
-  return out;
+  return attend(of, query, key, value, std::nullopt, launch_sdp_causal, "sdp causal");
 }
 
 at::Tensor sdp_fp8(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value, const mask_argument& mask) {
   const sizes of(query, key);
   check_caches(query, key, value);
-  const at::Tensor out = result_of(of, query);
-  launch_sdp_fp8({query, key, value, checked_mask(mask, of), out, "sdp fp8"});
-  return out;
+  return attend(of, query, key, value, mask, launch_sdp_fp8, "sdp fp8");
 }
 
 at::Tensor sdp_fp8_causal(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value) {
   const sizes of(query, key);
   check_causal(of);
   check_caches(query, key, value);
-  const at::Tensor out = result_of(of, query);
-  launch_sdp_fp8_causal({query, key, value, std::nullopt, out, "sdp fp8 causal"});
-  return out;
+  return attend(of, query, key, value, std::nullopt, launch_sdp_fp8_causal, "sdp fp8 causal");
 }
 
 }  // namespace orrery

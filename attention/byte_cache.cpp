@@ -20,17 +20,7 @@ struct sdp_fp8_kernel : split_body<T, M, HD> {};
 template <typename T, int Group, int HD>
 struct sdp_fp8_causal_kernel : sdp_causal_body<T, coded_keys<HD>, coded_values<HD>, HD> {};
 
-template <typename T, typename M, int HD>
-struct split : std::type_identity<with_mask::sdp_fp8_kernel<T, M, sdp_group, HD>> {};
-template <typename T, int HD>
-struct split<T, no_mask, HD> : std::type_identity<sdp_fp8_kernel<T, sdp_group, HD>> {};
-
-struct kernels {
-  template <typename T, typename M, int HD>
-  using sdp = typename split<T, M, HD>::type;
-  template <typename T, int HD>
-  using causal = sdp_fp8_causal_kernel<T, causal_group, HD>;
-};
+using kernels = attention_kernels<sdp_fp8_kernel, with_mask::sdp_fp8_kernel, sdp_fp8_causal_kernel>;
 
 }  // namespace
 

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "attention/operand.h"
 #include "attention/walk.h"
+#include "includes/operand.h"
 
 namespace orrery {
 
@@ -65,12 +65,11 @@ struct sdp_causal_body {
     };
     const auto shift = [&](int, uint64_t, int, const auto& x) { return x - std::decay_t<decltype(x)>(log_bias); };
 
-    const auto in_local_memory = [](uint64_t) {};
     weighted_sums<HD, Q> sums[blocks];
     for (uint64_t j = 0; j < tile; ++j) {
       stage(j * causal_group);
       for (int n = 0; n < blocks; ++n) {
-        sums[n].add(values, 0, 0, causal_group, weigh_keys<T>(q[n], keys, 0, causal_group, shift, in_local_memory));
+        sums[n].add(values, 0, 0, causal_group, weigh_keys<T>(q[n], keys, 0, causal_group, shift, no_prefetch));
       }
       meet();
     }
@@ -78,7 +77,7 @@ struct sdp_causal_body {
     for (int n = 0; n < blocks; ++n) {
       const int top = begin + n * Q;  // the block's first row in the tile
       if (first + top > last) return;
-      const auto weight = weigh_keys<T>(q[n], keys, 0, top + Q, shift, in_local_memory);
+      const auto weight = weigh_keys<T>(q[n], keys, 0, top + Q, shift, no_prefetch);
       sums[n].add(values, 0, 0, top + 1, weight);
       for (int i = 0; i < Q && first + top + i <= last; ++i) {
         sums[n].template add<1>(values, 0, top + 1, top + i + 1, weight, i);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <optional>
+#include <type_traits>
 
 #include "attention/causal_kernel.h"
 #include "attention/sdp_kernel.h"
@@ -21,8 +22,7 @@ struct attention_call {
   const char* record;
 };
 
-// Each throws std::runtime_error for a head size or a type without a kernel. The types of checked tensors are those of
-// the query and the mask.
+// Each throws std::runtime_error for a head size, or a type of query or mask, without a kernel.
 void launch_sdp(const attention_call& c);
 void launch_sdp_causal(const attention_call& c);
 void launch_sdp_fp8(const attention_call& c);
@@ -42,7 +42,16 @@ Kernel bound(const attention_call& c) {
   return kernel;
 }
 
-// Kernels::sdp<T, M, HD> is the kernel of types T and M.
+// The kernels over one kind of cache, by their names.
+template <template <typename, int, int> typename Unmasked, template <typename, typename, int, int> typename Masked,
+          template <typename, int, int> typename Causal>
+struct attention_kernels {
+  template <typename T, typename M, int HD>
+  using sdp = std::conditional_t<std::is_same_v<M, no_mask>, Unmasked<T, tree_group, HD>, Masked<T, M, tree_group, HD>>;
+  template <typename T, int HD>
+  using causal = Causal<T, causal_group, HD>;
+};
+
 template <typename Kernels, int HD, typename T, typename M>
 void launch_split(const attention_call& c) {
   using kernel = typename Kernels::template sdp<T, M, HD>;
@@ -53,23 +62,20 @@ void launch_split(const attention_call& c) {
   submit_kernel(
       [&](sycl::handler& h) {
         k.local = sycl::local_accessor<float>(sycl::range<1>(group_sums<HD, 1>::local_floats), h);
-        parallel_for(h, sycl::nd_range<3>({bsz, num_heads, k.input_size * sdp_group}, {1, 1, sdp_group}), k);
+        parallel_for(h, sycl::nd_range<3>({bsz, num_heads, k.input_size * tree_group}, {1, 1, tree_group}), k);
       },
       c.query.device(), c.record);
 }
 
 template <typename Kernels>
 void choose_split(const attention_call& c) {
-  with_head_dim(c.query.size(3), [&](auto hd) {
-    with_half_or_float(c.query.scalar_type(), [&](auto t) {
-      using T = decltype(t);
-      if (!c.mask) return launch_split<Kernels, hd(), T, no_mask>(c);
-      with_half_or_float(c.mask->scalar_type(), [&](auto m) { launch_split<Kernels, hd(), T, decltype(m)>(c); });
-    });
+  with_head_dim_and_type(c.query.size(3), c.query.scalar_type(), [&](auto hd, auto t) {
+    using T = decltype(t);
+    if (!c.mask) return launch_split<Kernels, hd(), T, no_mask>(c);
+    with_half_or_float(c.mask->scalar_type(), [&](auto m) { launch_split<Kernels, hd(), T, decltype(m)>(c); });
   });
 }
 
-// Kernels::causal<T, HD> is the kernel of type T.
 template <typename Kernels, int HD, typename T>
 void launch_causal(const attention_call& c) {
   using kernel = typename Kernels::template causal<T, HD>;
@@ -87,9 +93,8 @@ void launch_causal(const attention_call& c) {
 
 template <typename Kernels>
 void choose_causal(const attention_call& c) {
-  with_head_dim(c.query.size(3), [&](auto hd) {
-    with_half_or_float(c.query.scalar_type(), [&](auto t) { launch_causal<Kernels, hd(), decltype(t)>(c); });
-  });
+  with_head_dim_and_type(c.query.size(3), c.query.scalar_type(),
+                         [&](auto hd, auto t) { launch_causal<Kernels, hd(), decltype(t)>(c); });
 }
 
 }  // namespace orrery

@@ -7,33 +7,26 @@
 #include <type_traits>
 #include <utility>
 
-#include "attention/operand.h"
+#include "attention/group_tree.h"
 #include "attention/walk.h"
+#include "includes/operand.h"
 
 namespace orrery {
 
-constexpr int sdp_group = 32;  // work-items of a group
-
-// The sums of a group's work-items for Q queries, added up by the halving tree. On a device each work-item writes its
-// vector as a column of local memory and folds a few rows. The host goes through the work-items in order: the second
-// half of them is added to the first as it comes, then eight vectors to eight, and so on; columns would take 4096
-// stores of one float.
+// The sums of a group's work-items for Q queries.
 template <int HD, int Q>
 class group_sums {
+  using tree = group_tree<float, HD>;
+
  public:
-  static constexpr size_t local_floats = (HD + 1) * sdp_group;
+  static constexpr size_t local_floats = (HD + 1) * tree_group;
 
   explicit group_sums(float* local) : local_(local) {}
 
   void put(uint64_t item, const weighted_sums<HD, Q>& sums) {
     ORRERY_UNROLL for (int i = 0; i < Q; ++i) {
+      tree::put(values(i), item, sums.values[i]);
       weights(i)[item] = sums.weights[i];
-      if constexpr (last_finishes) {
-        float* to = host_.values[i][item % half];
-        (item < half ? sums.values[i] : simd<float, HD>::load(to) + sums.values[i]).store(to);
-      } else {
-        sums.values[i].store_strided(local_ + item, sdp_group);
-      }
     }
   }
 
@@ -42,35 +35,33 @@ class group_sums {
   template <typename Store>
   void divided(int begin, int end, Store store) {
     ORRERY_UNROLL for (int i = 0; i < Q; ++i) {
-      const float total = fold(simd<float, sdp_group>::load(weights(i)));
-      if constexpr (last_finishes) {
-        constexpr int W = 16;
-        for (int d = 0; d < HD; d += W) {
-          store(i, d, fold_rows<half, W>(host_.values[i][0] + d, HD) / simd<float, W>(total));
-        }
-      } else {
-        for (int d = begin * (HD / sdp_group); d < end * (HD / sdp_group); ++d) {
-          store(i, d, simd<float, 1>(fold(simd<float, sdp_group>::load(local_ + d * sdp_group)) / total));
-        }
-      }
+      const float total = fold(simd<float, tree_group>::load(weights(i)));
+      tree::fold(values(i), begin, end,
+                 [&](int d, const auto& sums) { store(i, d, sums / std::decay_t<decltype(sums)>(total)); });
     }
   }
 
  private:
   static_assert(last_finishes || Q == 1);
-  static constexpr int half = sdp_group / 2;
 
+  float* values(int i) {
+    if constexpr (last_finishes) {
+      return host_.values[i];
+    } else {
+      return local_;
+    }
+  }
   float* weights(int i) {
     if constexpr (last_finishes) {
       return host_.weights[i];
     } else {
-      return local_ + HD * sdp_group;
+      return local_ + tree::elements;
     }
   }
 
   struct on_host {
-    alignas(64) float values[Q][half][HD];
-    alignas(64) float weights[Q][sdp_group];
+    alignas(64) float values[Q][tree::elements];
+    alignas(64) float weights[Q][tree_group];
   };
   struct nothing {};
   float* local_;
@@ -81,7 +72,7 @@ class group_sums {
 template <typename T, int HD, int Q, typename Keys, typename Values, typename Shift, typename Put>
 void walk_keys(const simd<native_type<T>, HD> (&query)[Q], const Keys& key, const Values& value, uint64_t count,
                uint64_t begin, uint64_t end, const Shift& shift, Put put) {
-  const even_split<sdp_group> range(count);
+  const even_split<tree_group> range(count);
   const bool many = count > 512;  // too many to stay in the second-level cache from call to call
   weighted_sums<HD, Q> sums;
   const uint64_t last = range.begin(end);
@@ -121,7 +112,7 @@ struct sdp_body {
 
   template <typename Item>
   void operator()(const Item& item) const {
-    in_steps(item, sdp_group, [&](int begin, int end, auto meet) {
+    in_steps(item, tree_group, [&](int begin, int end, auto meet) {
       rows<1>({item.group(0), item.group(1), item.group(2)}, begin, end, meet);
     });
   }
@@ -134,16 +125,16 @@ struct sdp_body {
     const size_t together = std::min({most, size_t{4}, heads * input_size - at.r});
     switch (together) {
       case 4:
-        rows<4>(at, 0, sdp_group, [] {});
+        rows<4>(at, 0, tree_group, [] {});
         break;
       case 3:
-        rows<3>(at, 0, sdp_group, [] {});
+        rows<3>(at, 0, tree_group, [] {});
         break;
       case 2:
-        rows<2>(at, 0, sdp_group, [] {});
+        rows<2>(at, 0, tree_group, [] {});
         break;
       default:
-        rows<1>(at, 0, sdp_group, [] {});
+        rows<1>(at, 0, tree_group, [] {});
     }
     return together;
   }

@@ -39,6 +39,9 @@ struct plain_rows {
   ORRERY_INLINE void prefetch(uint64_t row) const { prefetch_far<HD * sizeof(T)>(data + row * HD); }
 };
 
+// What to do before a key that is near is read.
+inline constexpr auto no_prefetch = [](uint64_t) {};
+
 // The weights of up to keys_at_once keys for Q queries.
 template <int Q>
 struct key_weights {
@@ -73,15 +76,6 @@ ORRERY_INLINE inline key_weights<Q> weigh_keys(const simd<native_type<T>, HD> (&
     native::exp2(x * scores(log2_e)).store(weight.of[i]);
   }
   return weight;
-}
-
-// The halving tree over Rows rows of memory, for W of their elements: rows [0, n / 2) plus rows [n / 2, n), repeated.
-template <int Rows, int W, typename T>
-ORRERY_INLINE inline simd<T, W> fold_rows(const T* rows, int64_t pitch) {
-  simd<T, W> v[Rows];
-  ORRERY_UNROLL for (int k = 0; k < Rows; ++k) v[k] = simd<T, W>::load(rows + k * pitch);
-  ORRERY_UNROLL for (int h = Rows / 2; h >= 1; h /= 2) { ORRERY_UNROLL for (int k = 0; k < h; ++k) v[k] += v[k + h]; }
-  return v[0];
 }
 
 // The sums of Q queries: of weights times values, and of weights.

@@ -9,7 +9,7 @@ from typing import TYPE_CHECKING
 import torch
 import torch.nn.functional as F
 
-from .measure import Call, elapsed, interleaved
+from .measure import Call, elapsed, interleaved, type_name
 from .report import Bar, Row
 from .rounding import RoundedOperations
 
@@ -131,9 +131,9 @@ def _codec_of(setting: Setting, dtype: torch.dtype) -> list[Row]:
         calls["dequantize"] = partial(setting.ops.dequantize_key_value, *codes, *values)
     times = interleaved(calls, setting.runs(60), setting.flush)
     rate = total / times["copy"]
-    shape, type_name = "x".join(map(str, key.shape)), str(dtype).removeprefix("torch.")
+    shape = "x".join(map(str, key.shape))
     return [
-        Row(f"{call}_key_value {shape} {type_name}", times.get(call), times["copy"], "copy of as many bytes",
+        Row(f"{call}_key_value {shape} {type_name(dtype)}", times.get(call), times["copy"], "copy of as many bytes",
             bytes=total, byte_rate=rate, bars=[Bar("copy", 0.5)])
         for call in ("quantize", "dequantize")
     ]

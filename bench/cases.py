@@ -20,7 +20,7 @@ from . import attention as attention_kernels
 from . import decode
 from . import engine as matrix_engine
 from . import recurrence, sequence
-from .measure import Call, Flush, call_cost, interleaved
+from .measure import Call, Flush, call_cost, copy_rate, interleaved, type_name
 from .report import Bar, Row
 from .rounding import RoundedOperations
 
@@ -90,8 +90,7 @@ def _linear_row(
     fmt, size = FORMATS[format_name], 4096
     weight, dense = random_weight(fmt, size, size)
     x = torch.randn(n, size, generator=torch.Generator().manual_seed(1)).to(dtype)
-    type_name = str(dtype).removeprefix("torch.")
-    name = f"forward_new {format_name} {size}x{size} {type_name}" + (f", {n} rows" if n > 1 else "")
+    name = f"forward_new {format_name} {size}x{size} {type_name(dtype)}" + (f", {n} rows" if n > 1 else "")
     device_x, device_weight = setting.on_device(x), setting.on_device(weight)
 
     def ours() -> torch.Tensor:
@@ -103,7 +102,7 @@ def _linear_row(
     setting.check(name, ours, x.float() @ dense.T, max(near, _NEAR_DENSE) if n > 1 else near)
     peer_weight = dense.to(dtype)
     times = setting.both(ours, lambda: F.linear(x, peer_weight), runs)
-    return Row(name, *times, f"torch linear {type_name}", bytes=weight.numel(), bars=bars)
+    return Row(name, *times, f"torch linear {type_name(dtype)}", bytes=weight.numel(), bars=bars)
 
 
 def linear(setting: Setting) -> list[Row]:
@@ -171,7 +170,7 @@ def _vector_row(
     def ours() -> torch.Tensor:
         return setting.ops.batch_forward(device_x, device_weight, n, size, size, fmt.code, device_class)
 
-    name = f"batch_forward q4_0 {size}x{size} {str(dtype).removeprefix('torch.')}, {n} rows, class {device_class}"
+    name = f"batch_forward q4_0 {size}x{size} {type_name(dtype)}, {n} rows, class {device_class}"
     setting.check(name, ours, x.float() @ dense.T, _NEAR[torch.float16])
     times = setting.both(ours, partial(operations, n * size * size), 16)
     return Row(name, *times, "its rounded operations", bytes=weight.numel(), bars=[Bar("speed", 0.6)])
@@ -180,18 +179,15 @@ def _vector_row(
 def dequantize(setting: Setting) -> list[Row]:
     """A weight to floats: the kernel in a product of several rows, and the operation, against a copy of equal size."""
     size = 4096
-    data = torch.ones(size, size)
-    target = torch.empty_like(data)
-    copied, = interleaved({"copy": lambda: target.copy_(data)}, setting.runs(24), setting.flush).values()
-    copy_rate = 2 * data.nbytes / copied
+    rate = copy_rate(torch.ones(size, size), setting.runs(24), setting.flush)
     rows = []
     for name in FORMATS:
         fmt = FORMATS[name]
         weight, dense = random_weight(fmt, size, size)
         seconds = _dequantizing_kernel(setting, name, weight, size) if setting.ops is not None else None
         total = weight.numel() + dense.nbytes
-        rows.append(Row(f"dequantize {name} 4096x4096 float32", seconds, total / copy_rate, "copy of as many bytes",
-                        bytes=total, byte_rate=copy_rate, bars=[Bar("copy", 0.3)]))
+        rows.append(Row(f"dequantize {name} 4096x4096 float32", seconds, total / rate, "copy of as many bytes",
+                        bytes=total, byte_rate=rate, bars=[Bar("copy", 0.3)]))
     fmt = FORMATS["q4_0"]
     weight, dense = random_weight(fmt, size, size)
     x_d, weight_d = setting.on_device(torch.empty(1, size)), setting.on_device(weight)
@@ -202,8 +198,8 @@ def dequantize(setting: Setting) -> list[Row]:
     setting.check("dequant q4_0", ours, dense, _NEAR_DENSE)
     seconds, _ = setting.both(ours, None, 16)
     total = weight.numel() + dense.nbytes
-    rows.append(Row("dequant q4_0 4096x4096 float32", seconds, total / copy_rate, "copy of as many bytes", bytes=total,
-                    byte_rate=copy_rate, bars=[Bar("copy", 0.3)]))
+    rows.append(Row("dequant q4_0 4096x4096 float32", seconds, total / rate, "copy of as many bytes", bytes=total,
+                    byte_rate=rate, bars=[Bar("copy", 0.3)]))
     return rows
 
 

@@ -20,7 +20,7 @@ import torch.nn.functional as F
 from orrery import device_class
 from orrery.formats import FORMATS
 
-from .measure import Call, Flush, interleaved, shared_launch
+from .measure import Call, Flush, interleaved, shared_launch, type_name
 from .report import Bar, Row
 
 if TYPE_CHECKING:
@@ -58,7 +58,6 @@ def rows_of(setting: Setting, dtype: torch.dtype, weight_rows: int, limit: float
     from .cases import random_weight
 
     generator = torch.Generator().manual_seed(1)
-    type_name = str(dtype).removeprefix("torch.")
     calls: dict[tuple[str, int], Call] = {}
     sizes = {}
     for format_name in _FORMATS:
@@ -80,7 +79,7 @@ def rows_of(setting: Setting, dtype: torch.dtype, weight_rows: int, limit: float
     made = []
     for format_name in _FORMATS:
         for n in _COUNTS:
-            name = f"forward_new {format_name} {weight_rows}x{_COLUMNS} {type_name}, class {_CLASS}, {n} rows"
+            name = f"forward_new {format_name} {weight_rows}x{_COLUMNS} {type_name(dtype)}, class {_CLASS}, {n} rows"
             row = partial(Row, name, seconds[format_name, n], bytes=sizes[format_name])
             at_rate = seconds["peer", _FULL] * n / _FULL
             peer_name = f"torch linear float32 at {_FULL} rows' rate"

@@ -106,6 +106,17 @@ def interleaved(
     return {name: median(samples) for name, samples in times.items()}
 
 
+def copy_rate(source: torch.Tensor, runs: int, before: Call) -> float:
+    """Bytes per second that `copy_` reads and writes."""
+    target = torch.empty_like(source)
+    return 2 * source.nbytes / interleaved({"copy": lambda: target.copy_(source)}, runs, before)["copy"]
+
+
+def type_name(dtype: torch.dtype) -> str:
+    """float32, float16, ..."""
+    return str(dtype).removeprefix("torch.")
+
+
 def call_cost(calls: Mapping[str, Call], runs: int, batch: int = 1000) -> dict[str, float]:
     """Median seconds of one call among many in a row: what is left when the work itself is nothing."""
 

@@ -11,6 +11,8 @@ from pathlib import Path
 
 import torch
 
+from .measure import type_name
+
 _ROOT = Path(__file__).resolve().parents[1]
 _LANES = 16
 
@@ -29,7 +31,7 @@ class RoundedOperations:
             options = ["-std=c++20", "-O3", "-march=native", "-ffp-contract=off", "-shared", "-fPIC", *includes]
             source = Path(__file__).with_name("rounding.cpp")
             subprocess.run([os.environ.get("CXX", "c++"), *options, source, "-o", library], check=True)
-            name = f"multiply_and_add_{str(dtype).removeprefix('torch.')}"
+            name = f"multiply_and_add_{type_name(dtype)}"
             self._loop = getattr(ctypes.CDLL(str(library)), name)
         self._loop.argtypes, self._loop.restype = [ctypes.c_uint64], ctypes.c_float
 

@@ -7,7 +7,7 @@ from typing import TYPE_CHECKING
 import torch
 import torch.nn.functional as F
 
-from .measure import interleaved
+from .measure import copy_rate, type_name
 from .report import Bar, Row
 
 if TYPE_CHECKING:
@@ -23,19 +23,16 @@ _NEAR = {torch.float32: 1e-5, torch.float16: 2e-3}
 
 def norms(setting: Setting) -> list[Row]:
     """fused_rms_norm and fused_layer_norm, one row and a prompt; in float the prompt also against a copy."""
-    data = torch.ones(_PROMPT, _SIZE)
-    target = torch.empty_like(data)
-    (copied,) = interleaved({"copy": lambda: target.copy_(data)}, setting.runs(24), setting.flush).values()
-    copy_rate = 2 * data.nbytes / copied
+    rate = copy_rate(torch.ones(_PROMPT, _SIZE), setting.runs(24), setting.flush)
     return [
         row
         for rows in (1, _PROMPT)
         for dtype in _TYPES
-        for row in _norms_of(setting, rows, dtype, copy_rate)
+        for row in _norms_of(setting, rows, dtype, rate)
     ]
 
 
-def _norms_of(setting: Setting, rows: int, dtype: torch.dtype, copy_rate: float) -> list[Row]:
+def _norms_of(setting: Setting, rows: int, dtype: torch.dtype, rate: float) -> list[Row]:
     g = torch.Generator().manual_seed(7)
     x, weight, bias = (torch.randn(shape, generator=g).to(dtype) for shape in ((rows, _SIZE), (_SIZE,), (_SIZE,)))
     x_d, weight_d, bias_d = (setting.on_device(t) for t in (x, weight, bias))
@@ -54,10 +51,10 @@ def _norms_of(setting: Setting, rows: int, dtype: torch.dtype, copy_rate: float)
     }
     made = []
     for kind, (ours, peer) in calls.items():
-        name = f"fused_{kind} {rows}x{_SIZE} {_name(dtype)}"
+        name = f"fused_{kind} {rows}x{_SIZE} {type_name(dtype)}"
         setting.check(name, ours, peer().float(), _NEAR[dtype])
         times = setting.both(ours, peer, 60 if rows == 1 else 24)
-        made.append(Row(name, *times, f"torch {kind}", bytes=2 * x.nbytes, byte_rate=copy_rate, bars=bars))
+        made.append(Row(name, *times, f"torch {kind}", bytes=2 * x.nbytes, byte_rate=rate, bars=bars))
     return made
 
 
@@ -87,12 +84,8 @@ def _rotary_of(setting: Setting, dtype: torch.dtype, transposed: bool) -> Row:
         return x * angles.cos().to(dtype) + torch.cat((-high, low), dim=-1) * angles.sin().to(dtype)
 
     layout = ", transposed" if transposed else ""
-    name = f"rotary 1x{_HEADS}x{_PROMPT}x{_HEAD} {_name(dtype)}{layout}"
+    name = f"rotary 1x{_HEADS}x{_PROMPT}x{_HEAD} {type_name(dtype)}{layout}"
     # The frequencies are powers in float on both sides, and differ in their last bits.
     setting.check(name, ours, peer().float(), max(_NEAR[dtype], 1e-4))
     times = setting.both(ours, peer, 24)
     return Row(name, *times, "torch, eager", bytes=2 * x.nbytes, bars=[Bar("speed", 3.0)])
-
-
-def _name(dtype: torch.dtype) -> str:
-    return str(dtype).removeprefix("torch.")

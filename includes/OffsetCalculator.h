@@ -50,16 +50,6 @@ struct OffsetCalculator {
   using stride_t = std::conditional_t<signed_strides, std::make_signed_t<index_t>, index_t>;
   using offset_type = std::array<stride_t, NARGS>;
 
-  OffsetCalculator() = default;
-  // Strides are in elements, those of tensor a in strides[a].
-  OffsetCalculator(int dimensions, const int64_t* shape, const int64_t* const* element_strides) : dims(dimensions) {
-    TORCH_CHECK(dims <= MAX_DIMS, "tensor has too many (>", MAX_DIMS, ") dims");
-    for (int d = 0; d < dims; ++d) {
-      sizes[d] = IntDivider<index_t>(static_cast<index_t>(std::max<int64_t>(shape[d], 1)));
-      for (int a = 0; a < NARGS; ++a) strides[d][a] = static_cast<stride_t>(element_strides[a][d]);
-    }
-  }
-
   // What is left of the index after the last dimension counts for nothing: beyond the iteration it begins again.
   offset_type offsets(index_t linear_index) const {
     offset_type offset{};
@@ -83,18 +73,18 @@ struct OffsetCalculator {
   stride_t strides[MAX_DIMS][NARGS] = {};
 };
 
+// Of the iterator's first N tensors.
 template <int N, typename index_t = uint32_t, bool signed_strides = false>
 OffsetCalculator<N, index_t, signed_strides> make_element_offset_calculator(const at::TensorIteratorBase& iter) {
+  OffsetCalculator<N, index_t, signed_strides> made;
   TORCH_CHECK(N <= iter.ntensors());
-  constexpr int most = OffsetCalculator<N>::MAX_DIMS;
-  TORCH_CHECK(iter.ndim() <= most, "tensor has too many (>", most, ") dims");
-  int64_t elements[N][most];
-  const int64_t* strides[N];
-  for (int a = 0; a < N; ++a) {
-    strides[a] = elements[a];
-    for (int d = 0; d < iter.ndim(); ++d) elements[a][d] = iter.strides(a)[d] / iter.element_size(a);
+  TORCH_CHECK(iter.ndim() <= made.MAX_DIMS, "tensor has too many (>", made.MAX_DIMS, ") dims");
+  made.dims = iter.ndim();
+  for (int d = 0; d < made.dims; ++d) {
+    made.sizes[d] = IntDivider<index_t>(static_cast<index_t>(std::max<int64_t>(iter.shape()[d], 1)));
+    for (int a = 0; a < N; ++a) made.strides[d][a] = iter.strides(a)[d] / iter.element_size(a);
   }
-  return {iter.ndim(), iter.shape().data(), strides};
+  return made;
 }
 
 }  // namespace orrery

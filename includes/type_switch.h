@@ -72,4 +72,10 @@ auto with_head_dim(int64_t head_dim, F f) {
   }
 }
 
+// Calls f(head size as a constant, value of the type). The size is judged first.
+template <typename F>
+auto with_head_dim_and_type(int64_t head_dim, c10::ScalarType type, F f) {
+  return with_head_dim(head_dim, [&](auto hd) { return with_half_or_float(type, [&](auto t) { return f(hd, t); }); });
+}
+
 }  // namespace orrery

@@ -95,8 +95,8 @@ struct fused_norm_kernel1 : small_groups<1> {
       return all;
     } else {
       using V = simd<scalar_t, M>;
-      const int64_t count = row_length - at;
-      const auto load = [&](const scalar_t* from) ORRERY_INLINE { return V::load_first(from + row + at, count); };
+      const auto live = mask<M>::first(row_length - at);
+      const auto load = [&](const scalar_t* from) ORRERY_INLINE { return V::load(from + row + at, live); };
       if (add1 == nullptr) return convert<A>(load(input));
       if (add2 == nullptr) return convert<A>(load(input) + load(add1));
       return convert<A>(load(input) + (load(add1) + load(add2)));
@@ -106,17 +106,17 @@ struct fused_norm_kernel1 : small_groups<1> {
   template <int M>
   ORRERY_INLINE void store(index_t row, int64_t at, simd<A, M> y, const statistics& s) const {
     using V = simd<A, M>;
-    const int64_t count = row_length - at;
+    const auto live = mask<M>::first(row_length - at);
     if constexpr (!one_moment) y -= V(s.mean);
     y = V(s.r) * y;
-    if (weight != nullptr) y *= convert<A>(simd<weight_t, M>::load_first(weight + at, count));
-    if (bias != nullptr) y += convert<A>(simd<weight_t, M>::load_first(bias + at, count));
-    convert<scalar_t>(y).store_first(output + row + at, count);
+    if (weight != nullptr) y *= convert<A>(simd<weight_t, M>::load(weight + at, live));
+    if (bias != nullptr) y += convert<A>(simd<weight_t, M>::load(bias + at, live));
+    convert<scalar_t>(y).store(output + row + at, live);
   }
 
   static A reciprocal_root(A x) {
     if constexpr (std::is_same_v<A, double>) {
-      return rsqrt(x);
+      return sycl::rsqrt(x);
     } else {
       return native::rsqrt(x);
     }
@@ -148,9 +148,9 @@ struct fused_norm_kernel1 : small_groups<1> {
   sums<N> sum_of_sub_groups(const Item& item, uint64_t lane) const {
     sums<N> all;
     for (uint64_t s = lane; s < sub_groups; s += sub_group_size) {
-      const int64_t left = sub_groups - s;
-      all.sum += simd<A, N>::load_first(&local_sum[s], left);
-      all.squares += simd<A, N>::load_first(&local_squares[s], left);
+      const auto live = mask<N>::first(sub_groups - s);
+      all.sum += simd<A, N>::load(&local_sum[s], live);
+      all.squares += simd<A, N>::load(&local_squares[s], live);
     }
     add_lanes_above(item, all, (sub_groups + 1) / 2);
     return all;
@@ -242,8 +242,9 @@ struct fused_norm_kernel1 : small_groups<1> {
         sum[i] = own.sum;
         squares[i] = own.squares;
       }
-      fold_neighbours_each(sum).store_first(&local_sum[first], left);
-      fold_neighbours_each(squares).store_first(&local_squares[first], left);
+      const auto live = mask<together>::first(left);
+      fold_neighbours_each(sum).store(&local_sum[first], live);
+      fold_neighbours_each(squares).store(&local_squares[first], live);
     }
   }
 

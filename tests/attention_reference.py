@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from collections.abc import Sequence
 from dataclasses import dataclass
 
 import numpy as np
@@ -9,7 +10,7 @@ import torch
 from kernel_reference import fold, random, rows_apart, split
 from linear_reference import float32_of
 
-import orrery_host  # noqa: F401  (the device comes first)
+import orrery_host
 
 FLOAT, HALF = torch.float32, torch.float16
 CPP = {FLOAT: "float", HALF: "c10::Half"}
@@ -17,6 +18,14 @@ HEAD_DIMS = [64, 96, 128]
 LOG2_E = np.uint32(0x3FB8AA3B).view(np.float32)
 UNSUPPORTED_HEAD_DIM = "unsupported head_dim, only 128, 96 and 64 are supported"
 UNSUPPORTED_TYPE = "unsupported dtype, only fp32 and fp16 are supported"
+
+# The assertions of all four operations.
+ROWS = "input_size == context_length"
+SIZES = "query.size(0) == key.size(0) && key.size(0) == value.size(0)"
+ELEMENTS = "query.size(3) == key.size(3) && key.size(3) == value.size(3)"
+HEADS = "query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1)"
+LENGTHS = "key.size(2) == value.size(2)"
+TYPES = "query.scalar_type() == key.scalar_type() && query.scalar_type() == value.scalar_type()"
 
 
 # --- the code ---------------------------------------------------------------------------------------------------------
@@ -205,3 +214,17 @@ def exact_logits(bias: np.float32 = np.float32(0), scale: np.float32 = np.float3
         if len(exact):
             found[n] = float(exact[0])
     return found
+
+
+def check_launch(
+    launch: orrery_host.Launch, name: str, types: Sequence[torch.dtype | None], head_dim: int, group: int,
+    global_size: tuple[int, int, int], local_memory: int,
+) -> None:  # fmt: skip
+    """A launch of the kernel that is recorded as `name`; `types` and the size of its groups are its instance."""
+    instance = [*(CPP[t] for t in types if t is not None), str(group), str(head_dim)]
+    assert (launch.name, launch.kernel) == (name, name.replace(" ", "_") + "_kernel")
+    assert launch.instance == ", ".join(instance)
+    assert (launch.file, launch.function, launch.line, launch.column) == ("utils", "submit_kernel", 12, 29)
+    assert (launch.global_size, launch.local_size) == (global_size, (1, 1, group))
+    assert (launch.sub_group_size, launch.local_memory) == (1, local_memory)
+    assert not launch.waited

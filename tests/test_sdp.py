@@ -9,7 +9,20 @@ import attention_reference
 import numpy as np
 import pytest
 import torch
-from attention_reference import CPP, FLOAT, HALF, UNSUPPORTED_HEAD_DIM, UNSUPPORTED_TYPE, Shape, zeros
+from attention_reference import (
+    ELEMENTS,
+    FLOAT,
+    HALF,
+    HEADS,
+    LENGTHS,
+    SIZES,
+    TYPES,
+    UNSUPPORTED_HEAD_DIM,
+    UNSUPPORTED_TYPE,
+    Shape,
+    check_launch,
+    zeros,
+)
 from attention_reference import sdp as reference
 from guard_page import assert_reads_nothing_behind
 from kernel_reference import (
@@ -152,13 +165,7 @@ def test_launch(dtype, mask_dtype, head_dim):
     with orrery_host.record_launches() as launches:
         orrery_ops.sdp(*args)
     (launch,) = launches
-    types = [CPP[t] for t in (dtype, mask_dtype) if t is not None]
-    assert (launch.name, launch.kernel) == ("sdp", "sdp_kernel")
-    assert launch.instance == ", ".join([*types, "32", str(head_dim)])
-    assert (launch.file, launch.function, launch.line, launch.column) == ("utils", "submit_kernel", 12, 29)
-    assert (launch.global_size, launch.local_size) == ((2, 4, 96), (1, 1, 32))
-    assert (launch.sub_group_size, launch.local_memory) == (1, (head_dim + 1) * 128)
-    assert not launch.waited
+    check_launch(launch, "sdp", [dtype, mask_dtype], head_dim, 32, (2, 4, 96), (head_dim + 1) * 128)
 
 
 @pytest.mark.parametrize("head_dim", [0, 32, 80, 256])
@@ -189,10 +196,6 @@ def test_unsupported_type(dtype, mask_dtype, head_dim):
     assert str(error.value) == UNSUPPORTED_TYPE
 
 
-SIZES = "query.size(0) == key.size(0) && key.size(0) == value.size(0)"
-ELEMENTS = "query.size(3) == key.size(3) && key.size(3) == value.size(3)"
-HEADS = "query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1)"
-TYPES = "query.scalar_type() == key.scalar_type() && query.scalar_type() == value.scalar_type()"
 
 
 @pytest.mark.parametrize(
@@ -206,7 +209,7 @@ TYPES = "query.scalar_type() == key.scalar_type() && query.scalar_type() == valu
         (HEADS, {"query": (1, 5, 2, 64)}),
         (HEADS, {"value": (1, 4, 8, 64)}),
         (HEADS, {"key": (1, 0, 9, 64), "value": (1, 0, 9, 64)}),
-        ("key.size(2) == value.size(2)", {"value": (1, 2, 8, 64)}),
+        (LENGTHS, {"value": (1, 2, 8, 64)}),
         (TYPES, {"key_type": HALF}),
         (TYPES, {"value_type": HALF, "mask": (2, 4, 2, 9)}),
         ("mask->size(0) == bsz", {"mask": (2, 3, 2, 9)}),

@@ -8,7 +8,22 @@ import attention_reference as reference
 import numpy as np
 import pytest
 import torch
-from attention_reference import CPP, FLOAT, HALF, HEAD_DIMS, UNSUPPORTED_HEAD_DIM, UNSUPPORTED_TYPE, Shape, zeros
+from attention_reference import (
+    ELEMENTS,
+    FLOAT,
+    HALF,
+    HEADS,
+    HEAD_DIMS,
+    LENGTHS,
+    ROWS,
+    SIZES,
+    TYPES,
+    UNSUPPORTED_HEAD_DIM,
+    UNSUPPORTED_TYPE,
+    Shape,
+    check_launch,
+    zeros,
+)
 from guard_page import assert_reads_nothing_behind
 from kernel_reference import (
     assert_dies_with,
@@ -188,12 +203,7 @@ def test_launch(dtype, head_dim, rows, padded):
     with orrery_host.record_launches() as launches:
         orrery_ops.sdp_causal(*args)
     (launch,) = launches
-    assert (launch.name, launch.kernel) == ("sdp causal", "sdp_causal_kernel")
-    assert launch.instance == f"{CPP[dtype]}, 16, {head_dim}"
-    assert (launch.file, launch.function, launch.line, launch.column) == ("utils", "submit_kernel", 12, 29)
-    assert (launch.global_size, launch.local_size) == ((2, 4, padded), (1, 1, 16))
-    assert (launch.sub_group_size, launch.local_memory) == (1, 2 * 16 * head_dim * dtype.itemsize)
-    assert not launch.waited
+    check_launch(launch, "sdp causal", [dtype], head_dim, 16, (2, 4, padded), 2 * 16 * head_dim * dtype.itemsize)
 
 
 @pytest.mark.parametrize("head_dim", [0, 32, 80, 256])
@@ -212,11 +222,6 @@ def test_unsupported_type(dtype, head_dim):
     assert str(error.value) == UNSUPPORTED_TYPE
 
 
-ROWS = "input_size == context_length"
-SIZES = "query.size(0) == key.size(0) && key.size(0) == value.size(0)"
-ELEMENTS = "query.size(3) == key.size(3) && key.size(3) == value.size(3)"
-HEADS = "query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1)"
-TYPES = "query.scalar_type() == key.scalar_type() && query.scalar_type() == value.scalar_type()"
 
 
 @pytest.mark.parametrize(
@@ -231,7 +236,7 @@ TYPES = "query.scalar_type() == key.scalar_type() && query.scalar_type() == valu
         (HEADS, {"query": (1, 5, 9, 64), "value": (1, 2, 8, 64)}),
         (HEADS, {"value": (1, 4, 8, 64)}),
         (HEADS, {"key": (1, 0, 9, 64), "value": (1, 0, 9, 64)}),
-        ("key.size(2) == value.size(2)", {"value": (1, 2, 8, 64), "value_type": HALF}),
+        (LENGTHS, {"value": (1, 2, 8, 64), "value_type": HALF}),
         (TYPES, {"key_type": HALF}),
         (TYPES, {"value_type": HALF}),
         (TYPES, {"query": (1, 4, 9, 80), "key": (1, 2, 9, 80), "value": (1, 2, 9, 80), "query_type": torch.float64}),

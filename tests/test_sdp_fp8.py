@@ -10,15 +10,20 @@ import numpy as np
 import pytest
 import torch
 from attention_reference import (
-    CPP,
+    ELEMENTS,
     FLOAT,
     HALF,
+    HEADS,
     HEAD_DIMS,
     KEY,
+    LENGTHS,
+    ROWS,
+    SIZES,
     UNSUPPORTED_HEAD_DIM,
     UNSUPPORTED_TYPE,
     VALUE,
     Shape,
+    check_launch,
     zeros,
 )
 from guard_page import assert_reads_nothing_behind
@@ -337,13 +342,7 @@ def test_launch(dtype, mask_dtype, head_dim):
     with orrery_host.record_launches() as launches:
         orrery_ops.sdp_fp8(*args)
     (launch,) = launches
-    types = [CPP[t] for t in (dtype, mask_dtype) if t is not None]
-    assert (launch.name, launch.kernel) == ("sdp fp8", "sdp_fp8_kernel")
-    assert launch.instance == ", ".join([*types, "32", str(head_dim)])
-    assert (launch.file, launch.function, launch.line, launch.column) == ("utils", "submit_kernel", 12, 29)
-    assert (launch.global_size, launch.local_size) == ((2, 4, 96), (1, 1, 32))
-    assert (launch.sub_group_size, launch.local_memory) == (1, (head_dim + 1) * 128)
-    assert not launch.waited
+    check_launch(launch, "sdp fp8", [dtype, mask_dtype], head_dim, 32, (2, 4, 96), (head_dim + 1) * 128)
 
 
 @EVERY_TYPE
@@ -354,12 +353,7 @@ def test_causal_launch(dtype, head_dim, rows, padded):
     with orrery_host.record_launches() as launches:
         orrery_ops.sdp_fp8_causal(*args)
     (launch,) = launches
-    assert (launch.name, launch.kernel) == ("sdp fp8 causal", "sdp_fp8_causal_kernel")
-    assert launch.instance == f"{CPP[dtype]}, 16, {head_dim}"
-    assert (launch.file, launch.function, launch.line, launch.column) == ("utils", "submit_kernel", 12, 29)
-    assert (launch.global_size, launch.local_size) == ((2, 4, padded), (1, 1, 16))
-    assert (launch.sub_group_size, launch.local_memory) == (1, 2 * 16 * head_dim * dtype.itemsize)
-    assert not launch.waited
+    check_launch(launch, "sdp fp8 causal", [dtype], head_dim, 16, (2, 4, padded), 2 * 16 * head_dim * dtype.itemsize)
 
 
 def arguments(
@@ -414,11 +408,6 @@ def test_cache_of_another_type(operation, dtype, head_dim, place, other):
         assert "scalar type" in failure(operation, head_dim, query=dtype, mask=HALF, **{place: other})
 
 
-ROWS = "input_size == context_length"
-SIZES = "query.size(0) == key.size(0) && key.size(0) == value.size(0)"
-ELEMENTS = "query.size(3) == key.size(3) && key.size(3) == value.size(3)"
-HEADS = "query.size(1) % key.size(1) == 0 && key.size(1) == value.size(1)"
-LENGTHS = "key.size(2) == value.size(2)"
 
 
 @EVERY

@@ -1,6 +1,8 @@
 // Sums over lanes.
 #pragma once
 
+#include <type_traits>
+
 #include "shuffle.h"
 
 namespace orrery {
@@ -23,24 +25,40 @@ inline T fold(const simd<T, N>& a) {
   return fold_to<1>(a)[0];
 }
 
+namespace detail {
+
+// Adds up vectors by twos, H pairs: v[i] becomes the first H lanes of every 2 * H, of v[2 * i] and then of v[2 * i +
+// 1], plus the H lanes behind them. Then the same for H / 2, down to 1. Lanes of 16 bits move in pairs as long as they
+// can: a permutation of words is one operation, one of halves of words three.
+template <typename T, int H, typename S, int N>
+ORRERY_INLINE inline void fold_pairs(vector_t<S, N>* v) {
+  constexpr int unit = sizeof(S) == 2 && H > 1 ? 2 : 1;
+  using W = std::conditional_t<unit == 1, S, int32_t>;
+  using V = vector_t<W, N / unit>;
+  using I = int_like<W>;
+  constexpr I size = H / unit;
+  const auto lane = machine::iota<I, N / unit>();
+  const auto group = lane / size, low = group * I(2 * size) + (lane - group * size);
+  ORRERY_UNROLL for (int i = 0; i < H; ++i) {
+    const V a = bits_as<V>(v[2 * i]), b = bits_as<V>(v[2 * i + 1]);
+    const auto first = machine::permute2<W, N / unit>(a, b, low),
+               second = machine::permute2<W, N / unit>(a, b, low + size);
+    v[i] = rounded<T, N>(bits_as<vector_t<S, N>>(first) + bits_as<vector_t<S, N>>(second));
+  }
+  if constexpr (H > 1) fold_pairs<T, H / 2, S, N>(v);
+}
+
+}  // namespace detail
+
 // Lane r of the result is fold(row[r]). The rows are folded together, two in a vector, then four, ...
 template <typename T, int N>
 inline simd<T, N> fold_each(const simd<T, N> (&row)[N]) {
   using V = simd<T, N>;
-  using S = typename V::S;
   simd<T, N> r;
   if constexpr (V::W == N && N > 1) {
-    using I = detail::int_like<S>;
     typename V::chunk v[N];
     ORRERY_UNROLL for (int i = 0; i < N; ++i) v[i] = row[i].v[0];
-    const auto lane = machine::iota<I, N>();
-    ORRERY_UNROLL for (int h = N / 2; h >= 1; h /= 2) {
-      const auto group = lane / I(h), low = group * I(2 * h) + (lane - group * I(h));
-      ORRERY_UNROLL for (int i = 0; i < h; ++i) {
-        const auto a = v[2 * i], b = v[2 * i + 1];
-        v[i] = detail::rounded<T, N>(machine::permute2<S, N>(a, b, low) + machine::permute2<S, N>(a, b, low + I(h)));
-      }
-    }
+    detail::fold_pairs<T, N / 2, typename V::S, N>(v);
     r.v[0] = v[0];
   } else {
     for (int i = 0; i < N; ++i) r.set(i, fold(row[i]));

@@ -1,4 +1,4 @@
-// Square roots, rounded to T; and the reciprocal one in double.
+// Square roots, rounded to T.
 #pragma once
 
 #include <cmath>
@@ -20,15 +20,6 @@ inline S square_root(S value) {
 }
 
 }  // namespace detail
-
-// 1 / sqrt(x), within one unit in the last place. In float kernels use native::rsqrt.
-inline double rsqrt(double x) {
-#ifdef SYCL_EXT_ORRERY_HOST
-  return 1.0 / std::sqrt(x);
-#else
-  return sycl::rsqrt(x);
-#endif
-}
 
 template <typename T, int N>
 inline simd<T, N> sqrt(const simd<T, N>& a) {

@@ -54,19 +54,6 @@ struct simd {
     if (m.every()) return store(p);
     ORRERY_UNROLL for (int c = 0; c < chunks; ++c) detail::store_some<T, W>(p + c * W, m.bits >> (c * W), v[c]);
   }
-  // The same for the lanes below `count`, for vectors of more lanes than a mask has.
-  ORRERY_INLINE static simd load_first(const T* p, int64_t count) {
-    if (count >= N) return load(p);
-    alignas(64) T lane[N] = {};
-    for (int i = 0; i < count; ++i) lane[i] = p[i];
-    return load(lane);
-  }
-  ORRERY_INLINE void store_first(T* p, int64_t count) const {
-    if (count >= N) return store(p);
-    alignas(64) T lane[N];
-    store(lane);
-    for (int i = 0; i < count; ++i) p[i] = lane[i];
-  }
   // Lane i is p[i * stride].
   static simd load_strided(const T* p, int64_t stride) {
     alignas(64) T lane[N];

@@ -105,17 +105,6 @@ def run(operation, name, width, out, **arguments):
 
 
 @every_case
-def test_first_lanes(name, width):
-    a, b = sample(name, width), sample(name, width, 1)
-    for count in {-1, 0, 1, width // 2 + 1, width - 1, width, width + 5}:
-        on = np.arange(width) < count
-        out = run("load_first", name, width, blank(name, width), a=a[: max(count, 0)].copy() if count < width else a, argument=count, count=1)
-        equal(name, out, np.where(on, a, np.zeros_like(a)), any_nan=True)
-        out = run("store_first", name, width, b.copy(), a=a, argument=count)
-        equal(name, out, np.where(on, a, b), any_nan=True)
-
-
-@every_case
 def test_load_and_store(name, width):
     a = sample(name, 7 * width)
     equal(name, run("copy", name, width, blank(name, a.size), a=a), a, any_nan=True)

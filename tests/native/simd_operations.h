@@ -30,12 +30,12 @@ inline std::map<key, operation> operations;
 
 template <typename T>
 const char* type_name();
-#define ORRERY_TYPES(X)                                                                               \
-  X(c10::Half, "half")                                                                                \
-  X(c10::BFloat16, "bfloat16")                                                                        \
-  X(float, "float")                                                                                   \
-  X(double, "double") X(int8_t, "int8") X(uint8_t, "uint8") X(int32_t, "int32") X(uint32_t, "uint32") \
-      X(int64_t, "int64")
+#define ORRERY_TYPES(X)        \
+  X(c10::Half, "half")         \
+  X(c10::BFloat16, "bfloat16") \
+  X(float, "float")            \
+  X(double, "double")          \
+  X(int8_t, "int8") X(uint8_t, "uint8") X(int32_t, "int32") X(uint32_t, "uint32") X(int64_t, "int64")
 #define X(T, name)                    \
   template <>                         \
   inline const char* type_name<T>() { \
@@ -93,10 +93,6 @@ struct vectors {
     add<T, N>("gather",
               [](const call& c, int64_t k) { V::gather(static_cast<const T*>(c.a) + k, index(c)).store(out(c, k)); });
     add<T, N>("scatter", [](const call& c, int64_t k) { a(c, k).scatter(static_cast<T*>(c.out), index(c)); });
-    add<T, N>("load_first", [](const call& c, int64_t k) {
-      V::load_first(static_cast<const T*>(c.a) + k * N, c.argument).store(out(c, k));
-    });
-    add<T, N>("store_first", [](const call& c, int64_t k) { a(c, k).store_first(out(c, k), c.argument); });
     if constexpr (N <= 64) {
       add<T, N>("load_masked", [](const call& c, int64_t k) {
         V::load(static_cast<const T*>(c.a) + k * N, orrery::mask<N>{c.mask}).store(out(c, k));
@@ -199,7 +195,7 @@ struct vectors {
       add<T, N>("shift_right", [](const call& c, int64_t k) { (a(c, k) >> int(c.argument)).store(out(c, k)); });
     } else {
       unary("sqrt", [](V x) { return orrery::sqrt(x); });
-      if constexpr (std::is_same_v<T, double> && N == 1) unary("rsqrt", [](V x) { return V(orrery::rsqrt(x[0])); });
+      if constexpr (std::is_same_v<T, double> && N == 1) unary("rsqrt", [](V x) { return V(sycl::rsqrt(x[0])); });
       add<T, N>("lookup16", [](const call& c, int64_t k) {
         const auto table = orrery::simd<T, 16>::load(static_cast<const T*>(c.b));
         orrery::lookup16(table, orrery::simd<uint32_t, N>::load(static_cast<const uint32_t*>(c.a) + k * N))

@@ -1,4 +1,4 @@
-// What an attention kernel knows of a tensor.
+// What a kernel over heads and rows knows of a tensor.
 #pragma once
 
 #include <ATen/core/Tensor.h>
