@@ -21,6 +21,7 @@ LINES = vocabularies.mixed_lines()
 PLAIN_LINES = [line for line in LINES if "<" not in line and vocabularies.SPACE not in line and line[:1] != " "]
 BYTES = vocabularies.byte_level("default")
 PIECES = vocabularies.sentence_piece()
+BYTE_TOKENS, PIECE_TOKENS = BYTES["tokenizer.ggml.tokens"], PIECES["tokenizer.ggml.tokens"]
 
 
 @pytest.fixture(scope="module")
@@ -199,6 +200,26 @@ def test_sentence_piece_without_a_space_prefix():
     assert_same(made(entries), of_class(entries, "LlamaTokenizerFast", add_prefix_space=False))
 
 
+def test_sentence_piece_with_scores_all_alike():
+    """Which some converters write."""
+    scores = [-1000.0 if kind == 1 else 0.0 for kind in PIECES["tokenizer.ggml.token_type"]]
+    entries = PIECES | {"tokenizer.ggml.scores": scores}
+    assert_same(made(entries), of_class(entries, "LlamaTokenizerFast"))
+
+
+def test_the_text_of_a_bytes_token_is_text():
+    """Even if there are tokens that could be joined to it."""
+    joined = ["<0x41"[:length] for length in range(1, 6)]
+    entries = PIECES | {
+        "tokenizer.ggml.tokens": PIECE_TOKENS + joined,
+        "tokenizer.ggml.scores": PIECES["tokenizer.ggml.scores"] + [float(length) for length in range(5)],
+        "tokenizer.ggml.token_type": PIECES["tokenizer.ggml.token_type"] + [1] * 5,
+    }
+    ours = made(entries)
+    tokens = ours.encode("<0x41>")
+    assert ours.decode(tokens) == "<0x41>" and len(PIECE_TOKENS) + 4 in tokens
+
+
 def joined_by_score(text, entries):
     """SentencePiece's rule: of all neighbours that make a token, those of the highest score join, leftmost first."""
     tokens = entries["tokenizer.ggml.tokens"]
@@ -245,18 +266,19 @@ def test_unigram_vocabulary():
                             normalizer_spec=SimpleNamespace(precompiled_charsmap=b""))
     scored = list(zip(entries["tokenizer.ggml.tokens"], entries["tokenizer.ggml.scores"]))
     reference = PreTrainedTokenizerFast(tokenizer_object=SpmConverter.build_tokenizer_from_spm_proto(proto, scored))
-    assert_same(made(entries), reference, [line for line in LINES if "<" not in line])
+    assert_same(made(entries), reference, [line for line in LINES if "<" not in line] + ["a ☃ꙮ", "☃"])
     # The text of a byte's token is text.
     assert made(entries).decode(made(entries).encode("<0x41>")) == "<0x41>"
 
 
 def test_extra_spaces_are_removed_if_the_file_says_so():
-    plain, entries = made(vocabularies.sentence_piece()), vocabularies.sentence_piece(remove_extra_whitespaces=True)
-    ours = made(entries)
-    for text, kept in (("  two   words  ", "two words"), ("a\n  b", "a\n b"), ("   ", ""), ("", "")):
-        assert ours.encode(text) == plain.encode(kept)
-        assert ours.decode(ours.encode(text)) == kept
-    assert ours.encode("  after   it ", follows=True) == plain.encode(" after it", follows=True)
+    for prefix in (True, False):
+        plain = made(vocabularies.sentence_piece(add_space_prefix=prefix))
+        ours = made(vocabularies.sentence_piece(add_space_prefix=prefix, remove_extra_whitespaces=True))
+        for text, kept in (("  two   words  ", "two words"), ("a\n  b", "a\n b"), ("   ", ""), ("", "")):
+            assert ours.encode(text) == plain.encode(kept)
+            assert ours.decode(ours.encode(text)) == kept
+        assert ours.encode("  after   it ", follows=True) == plain.encode(" after it", follows=True)
 
 
 @pytest.mark.parametrize("entries", [vocabularies.byte_level("llama-bpe"), PIECES], ids=["llama-bpe", "llama"])
@@ -350,7 +372,6 @@ def test_stop_tokens_by_number_and_by_text():
     assert made(vocabularies.sentence_piece()).stop == {2}
 
 
-BYTE_TOKENS, PIECE_TOKENS = BYTES["tokenizer.ggml.tokens"], PIECES["tokenizer.ggml.tokens"]
 # Nothing is of the type of an unknown token, and nothing is named as one.
 KNOWN = {"unknown_token_id": None, "token_type": [3, *PIECES["tokenizer.ggml.token_type"][1:]]}
 
