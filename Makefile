@@ -15,7 +15,8 @@ PROMPT ?= What is photosynthesis?
 
 CPP := $(shell find . \( -name .git -o -name .venv -o -name build -o -name tests \) -prune -o \
          \( -name '*.cpp' -o -name '*.h' -o -name '*.hpp' \) -print)
-PACKAGE := $(CPP) $(wildcard orrery/*.py orrery/quantizers/*.py orrery/data/* host/orrery_host/*.py) CMakeLists.txt host/CMakeLists.txt pyproject.toml
+PACKAGE := $(CPP) $(wildcard orrery/*.py orrery/quantizers/*.py orrery/data/* host/orrery_host/*.py \
+           */py.typed */*/py.typed orrery_ops-stubs/*) CMakeLists.txt host/CMakeLists.txt pyproject.toml
 NATIVE_TESTS := $(wildcard tests/native/*.cpp tests/native/*.h)
 KERNEL_TESTS = $(addprefix tests/,test_linear_xpu_kernel.py test_row_pairs.py test_super_block.py test_grid.py \
                  test_q8_1.py test_linear_dense.py test_dequantize.py test_batch_forward.py test_dotgrid.py \
