@@ -246,7 +246,7 @@ def _chat(args: argparse.Namespace) -> None:
         # What the cache already holds of the conversation is not computed again. An answer keeps the tokens that it was
         # made of: its text could be divided in another way.
         fits = said and text.startswith(said)
-        tokens = seen + tokenizer.encode(text[len(said) :]) if fits else tokenizer.encode(text)
+        tokens = seen + tokenizer.encode(text[len(said) :], follows=True) if fits else tokenizer.encode(text)
         model.rewind(len(seen) if fits else 0)
         most = room(len(tokens), model.capacity)
         if most < 1:
