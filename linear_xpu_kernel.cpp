@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "batch/batch_forward.h"
+#include "batch/instances.h"
 #include "formats/registry.h"
 #include "includes/type_switch.h"
 #include "linear/checks.h"
@@ -22,16 +23,19 @@ namespace {
 
 const uint32_t device_class = ask_at_load(get_device_class);
 
-linear_request request_of(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t seq_hint) {
+linear_request request_of(const at::Tensor& weight, int32_t qtype, int64_t n, int64_t state_size, at::ScalarType type) {
   linear_request request;
-  request.n = input.size(0);
-  request.state_size = input.size(1);
+  request.n = n;
+  request.state_size = state_size;
   request.output_size = checked_rows(weight, qtype, request.state_size);
   request.format = weight_format{qtype};
-  request.type = input.scalar_type();
-  request.seq_hint = seq_hint;
+  request.type = type;
   request.device_class = device_class;
   return request;
+}
+
+linear_request request_of(const at::Tensor& input, const at::Tensor& weight, int32_t qtype) {
+  return request_of(weight, qtype, input.size(0), input.size(1), input.scalar_type());
 }
 
 at::Tensor empty_result(const at::Tensor& input, const at::Tensor& weight, const linear_request& request) {
@@ -54,7 +58,8 @@ at::Tensor run_rows(const at::Tensor& input, const at::Tensor& weight, const lin
 
 at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t seq_hint) {
   if (find_weight_format(weight_format{qtype}) == nullptr) refuse_code(qtype);  // also codes that have sizes only
-  linear_request request = request_of(input, weight, qtype, seq_hint);
+  linear_request request = request_of(input, weight, qtype);
+  request.seq_hint = seq_hint;
   request.settings = read_settings(request);
   const linear_decision way = decide(request);
   switch (way.family) {
@@ -74,13 +79,22 @@ at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, 
 }
 
 at::Tensor qlinear_forward_xpu(at::Tensor input, at::Tensor weight, int32_t qtype) {
-  const linear_request request = request_of(input, weight, qtype, 0);
+  const linear_request request = request_of(input, weight, qtype);
   using enum weight_format;
   constexpr weight_format served[] = {q4_0, q4_1, q8_0, nf4, fp8_e4m3, fp4, fp8_e5m2, iq2_xxs};
   if (std::find(std::begin(served), std::end(served), request.format) == std::end(served)) {
     return empty_dense(weight, request);
   }
   return dense_weight(weight, request, decide_dense(request));
+}
+
+at::Tensor dequantize_xpu(const at::Tensor& weight, int32_t qtype, int64_t state_size, at::ScalarType type) {
+  linear_request request = request_of(weight, qtype, 0, state_size, type);
+  if (request.format != weight_format::fp6) return dense_weight(weight, request, decide_dense(request));
+  // fp6 has the kernel that products of many rows take, in half and float.
+  if (!is_half_or_float(type)) request.type = at::kFloat;
+  request.n = most_vector_rows + 1;
+  return dense_weight(weight, request, decide(request)).to(type);
 }
 
 }  // namespace orrery

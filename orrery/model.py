@@ -25,7 +25,7 @@ import orrery_ops
 import torch
 
 from orrery import OrreryError, fused, kv_cache
-from orrery.formats import BLOCK, Format
+from orrery.formats import Format
 from orrery.kv_cache import Place
 from orrery.prepare import Prepared
 
@@ -50,7 +50,8 @@ LOGIT_ROWS = 256
 class Weight(NamedTuple):
     """A quantized matrix; `padding` zero elements are to be put behind each input row.
 
-    `together` says whether several input rows may go through it at once.
+    `together` says whether several input rows may go through it at once: the bytes have no padding of rows, which
+    some kernels for several rows need.
     """
 
     data: torch.Tensor
@@ -105,15 +106,17 @@ class Model:
     def _read(self, prepared: Prepared) -> None:
         """The layers, the last norm, the output matrix and the embedding."""
         sizes, dtype, tensors = self.sizes, self._dtype, prepared.tensors
-        pairs = {f: _reads_blocks_in_pairs(f, dtype, self._device) for f in set(prepared.formats.values())}
         query, key = sizes.heads * sizes.head_dim, sizes.kv_heads * sizes.head_dim
         self._qkv_rows, self._gate_up_rows = (query, key, key), (sizes.feed_forward, sizes.feed_forward)
 
         def weight(name: str, cols: int) -> Weight:
-            fmt, data, padding = prepared.formats[name], tensors[name], 0
-            if pairs[fmt] and cols // BLOCK % 2:
-                data, padding = _padded(fmt, data, cols), BLOCK
-            return Weight(data, fmt, padding, _takes_rows_together(fmt, data, cols + padding))
+            fmt, data = prepared.formats[name], tensors[name]
+            rows = data.numel() // fmt.size(1, cols)
+            stored = fmt.stored_size(rows, cols, any_device=False)
+            padding = stored[1] - cols
+            if padding:
+                data = _padded(fmt, data, cols, padding)
+            return Weight(data, fmt, padding, stored[0] == rows)
 
         def weights(layer: int, joined: str, *apart: str) -> tuple[Weight, ...]:
             names = apart if prepared.format.apart else (joined,)
@@ -319,33 +322,6 @@ def _rows_product(x: torch.Tensor, weight: Weight) -> torch.Tensor:
     return torch.cat([orrery_ops.forward_new(row, weight.data, code, 1) for row in x.split(1)])
 
 
-def _takes_rows_together(fmt: Format, data: torch.Tensor, cols: int) -> bool:
-    """Whether all kernels for several input rows are right for this matrix.
-
-    Some take the rows of a matrix in pairs and leave out a last single one. Some expand eight blocks at a time, and end
-    the process where blocks are left over.
-    """
-    blocks = data.numel() // fmt.block_bytes
-    rows = blocks * fmt.elements // cols
-    return rows % 2 == 0 and (blocks % 8 == 0 or fmt.elements != BLOCK)
-
-
-def _padded(fmt: Format, data: torch.Tensor, cols: int) -> torch.Tensor:
-    """A block array with a zero block behind each row."""
-    row_bytes = cols // BLOCK * fmt.block_bytes
-    return torch.nn.functional.pad(data.view(-1, row_bytes), (0, fmt.block_bytes)).view(-1)
-
-
-def _reads_blocks_in_pairs(fmt: Format, dtype: torch.dtype, device: torch.device) -> bool:
-    """Whether this device's kernel of a block-array format takes two blocks of a row at a time, without a tail.
-
-    Such a kernel adds the next row's first block to a row of an odd number of blocks, so those rows need a zero block
-    behind them. Which kernel runs depends on the kind of device, so it is tried: row 0 is zeros, row 1 is not.
-    """
-    if fmt.split or fmt.elements != BLOCK:
-        return False
-    weight = torch.zeros(2, 3, fmt.block_bytes, dtype=torch.uint8)
-    weight[1] = fmt.encode(torch.ones(3, BLOCK))[0]
-    ones = torch.ones(1, 4 * BLOCK, dtype=dtype, device=device)
-    result = orrery_ops.forward_new(ones[:, : 3 * BLOCK], weight.view(-1).to(device), fmt.code, 1)
-    return result.float().cpu()[0, 0].item() != 0
+def _padded(fmt: Format, data: torch.Tensor, cols: int, padding: int) -> torch.Tensor:
+    """A block array with zero blocks behind each row."""
+    return torch.nn.functional.pad(data.view(-1, fmt.size(1, cols)), (0, fmt.size(1, padding))).view(-1)

@@ -271,16 +271,6 @@ def test_matrices_that_several_rows_cannot_share(tmp_path):
         assert (rows - expected).abs().max() < 0.05
 
 
-@pytest.mark.parametrize("name, rows, cols, together", [
-    ("q4_0", 3, 512, False), ("q4_0", 4, 512, True), ("q4_0", 4, 64, False), ("q4_k", 3, 256, False),
-    ("q4_k", 2, 256, True),
-])
-def test_which_matrices_rows_share(name, rows, cols, together):
-    fmt = FORMATS[name]
-    data = torch.zeros(fmt.size(rows, cols), dtype=torch.uint8)
-    assert model_module._takes_rows_together(fmt, data, cols) is together
-
-
 # Both types carry fewer digits than float32 through sums of 576 and 1536 products and 30 layers: half 11 bits, bfloat16
 # 8. The logits' spread is about 3.
 @pytest.mark.parametrize("way", [stepped, passed])

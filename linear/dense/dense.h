@@ -19,4 +19,7 @@ at::Tensor empty_dense(const at::Tensor& weight, const linear_request& request);
 // The dense weight in the request's type, by the ordinary kernel; `way` comes from decide_dense.
 at::Tensor dense_weight(const at::Tensor& weight, const linear_request& request, const linear_decision& way);
 
+// The dense matrix of all rows of a weight, for every format and value type.
+at::Tensor dequantize_xpu(const at::Tensor& weight, int32_t qtype, int64_t state_size, at::ScalarType type);
+
 }  // namespace orrery
