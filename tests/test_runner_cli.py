@@ -31,7 +31,7 @@ class Done(NamedTuple):
 
 
 @pytest.fixture
-def run(monkeypatch, capsys):
+def run(cache, monkeypatch, capsys):
     """Runs a command in this process: to import torch takes longer than most of them."""
     monkeypatch.setenv("XDG_CACHE_HOME", str(cache))
 
@@ -318,7 +318,7 @@ def peak(cache, code):
 
 @functools.cache
 def baseline_of(cache):
-    return peak(cache, "import torch, orrery_ops\ntorch.ones(1000, 1000, device='xpu') @ torch.ones(1000, 8, device='xpu')")
+    return peak(cache, "import torch, orrery_ops\ntorch.ones(999, 999, device='xpu') @ torch.ones(999, 8, device='xpu')")
 
 
 @pytest.mark.skipif(SANITIZED, reason="a sanitizer's own memory counts too")
