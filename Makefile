@@ -3,6 +3,7 @@
 # make bench   every operator against what one would use instead   make sanitize  all tests under ASan and UBSan
 # make format  clang-format on all sources                         make clean     removes builds, keeps .venv
 # make sanitize-threads   tests of launches under ThreadSanitizer   make check    syntax check with the other compiler
+# make wheel   a wheel for any x86-64 with AVX2, in dist/          make levels    the loader of such a wheel, for its tests
 #
 # MARCH=x86-64-v3 builds for that instruction set instead of this machine's; ARGS="..." is passed on to pytest or bench.
 # CXX=clang++ builds with that compiler (make clean first if another one has built here); CHECK_CXX names the
@@ -15,7 +16,9 @@ PROMPT ?= What is photosynthesis?
 
 CPP := $(shell find . \( -name .git -o -name .venv -o -name build -o -name tests \) -prune -o \
          \( -name '*.cpp' -o -name '*.h' -o -name '*.hpp' \) -print)
-PACKAGE := $(CPP) $(wildcard orrery/*.py orrery/quantizers/*.py orrery/data/* host/orrery_host/*.py) CMakeLists.txt host/CMakeLists.txt pyproject.toml
+PACKAGE := $(CPP) $(wildcard orrery/*.py orrery/quantizers/*.py orrery/data/* host/orrery_host/*.py \
+             */py.typed */*/py.typed orrery_ops-stubs/* cmake/* host/levels/*) \
+             CMakeLists.txt host/CMakeLists.txt module/exports.map pyproject.toml LICENSE
 NATIVE_TESTS := $(wildcard tests/native/*.cpp tests/native/*.h)
 KERNEL_TESTS = $(addprefix tests/,test_linear_xpu_kernel.py test_row_pairs.py test_super_block.py test_grid.py \
                  test_q8_1.py test_linear_dense.py test_dequantize.py test_batch_forward.py test_dotgrid.py \
@@ -23,7 +26,7 @@ KERNEL_TESTS = $(addprefix tests/,test_linear_xpu_kernel.py test_row_pairs.py te
                  test_sdp_fp8.py test_kv.py test_norm.py test_rope.py \
                  test_add_norm_fusion.py test_rope_xpu.py test_rwkv.py test_moe.py)
 
-.PHONY: demo test check build bench scalar sanitize sanitize-threads format clean
+.PHONY: demo test check build wheel levels bench scalar sanitize sanitize-threads format clean
 .DELETE_ON_ERROR:
 
 demo: build
@@ -42,9 +45,17 @@ build/installed: .venv/installed tools/install.sh $(PACKAGE)
 # Adds the modules that only the tests import, from the same objects; nothing of the package is compiled twice.
 test: build
 	$(if $(ARGS),,@tools/check.sh)
+	$(if $(ARGS),,@$(MAKE) --no-print-directory levels)
 	@cmake --build build/install
 	PYTHONPATH=$(CURDIR)/build/install/python $(PYTHON) -m pytest $(ARGS)
 	$(if $(ARGS),,@$(MAKE) --no-print-directory scalar)
+
+wheel: .venv/installed
+	@tools/wheel.sh $(ARGS)
+
+levels: .venv/installed
+	@cmake --preset levels
+	@cmake --build --preset levels --target orrery_ops orrery_host_C orrery_host_python
 
 check: .venv/installed
 	@tools/check.sh

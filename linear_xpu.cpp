@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "includes/assertion.h"
+#include "module/bring_device.h"
 #include "module/device_class.h"
 #include "module/interpreter_version.h"
 #include "module/operations.h"
@@ -195,9 +196,7 @@ void register_operations(pybind11::module_& m) {
 }
 
 PyObject* create_module() {
-  if (!load_failure().empty()) {
-    throw std::runtime_error("orrery_ops needs an xpu device: " + load_failure());
-  }
+  if (!load_failure().empty()) throw std::runtime_error(without_device(load_failure()));
   static PyModuleDef definition;
   auto m = pybind11::module_::create_extension_module("orrery_ops", nullptr, &definition);
   register_operations(m);

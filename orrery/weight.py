@@ -3,7 +3,8 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Mapping
+from collections.abc import Callable, Mapping
+from typing import NoReturn
 
 import safetensors
 import safetensors.torch
@@ -31,7 +32,7 @@ class QuantizedWeight:
     """
 
     def __init__(self, data: torch.Tensor, format: str, rows: int, columns: int, requested: str | None = None) -> None:
-        fmt = _find(format)
+        fmt = find_format(format)
         self.stored = fmt.stored_size(rows, columns)
         size = fmt.size(*self.stored)
         if not isinstance(data, torch.Tensor) or data.dtype != torch.uint8:
@@ -41,7 +42,7 @@ class QuantizedWeight:
                              f"not {_shape(data)}")
         self.data = data
         self.format = fmt.name
-        self.requested = _find(requested).name if requested else fmt.name
+        self.requested = find_format(requested).name if requested else fmt.name
         self.rows = rows
         self.columns = columns
         self.code = fmt.code
@@ -72,6 +73,11 @@ class QuantizedWeight:
         if data is self.data:
             return self
         return QuantizedWeight(data, self.format, self.rows, self.columns, self.requested)
+
+    @classmethod
+    def __torch_function__(cls, function: Callable, types: object, given: tuple = (), named: object = None) -> NoReturn:
+        """PyTorch asks here when one of its functions is given a weight, and takes no fused path that would read it."""
+        raise TypeError(f"{function.__name__} of PyTorch takes no quantized weight: use orrery.linear, or dequantize()")
 
     def save(self, path: str | os.PathLike) -> None:
         """Writes a safetensors file with the bytes as `data`, and the format and sizes in its metadata."""
@@ -114,23 +120,35 @@ def quantize(matrix: torch.Tensor, format: str = "q4_0", *, progress: bool = Tru
               where 256 does not divide the columns: `requested` and `format` of the result then differ.
     progress: show a bar if it takes longer than two seconds
 
-    The bytes of the result are on the device of the matrix. Raises TypeError and ValueError for anything else.
+    The bytes of the result are on the device of the matrix; on the meta device it has a size and no bytes. Raises
+    TypeError and ValueError for anything else.
     """
-    fmt = _find(format)
-    if not isinstance(matrix, torch.Tensor) or matrix.dtype not in _TYPES:
-        raise TypeError(f"matrix must be a tensor of {_names(_TYPES)}, not {_kind(matrix)}")
-    if matrix.dim() != 2 or matrix.numel() == 0:
-        raise ValueError(f"matrix must be [rows, columns] with at least one of each, not {_shape(matrix)}")
+    fmt, values = checked_matrix(matrix, format)
     rows, columns = matrix.shape
-    fmt = fmt.for_rows(columns)
-    values = matrix.detach().to("cpu", torch.float32).contiguous()
-    _check_values(fmt, values)
     stored = fmt.stored_size(rows, columns)
+    if matrix.is_meta:
+        data = torch.empty(fmt.size(*stored), dtype=torch.uint8, device="meta")
+        return QuantizedWeight(data, fmt.name, rows, columns, format)
     if stored != (rows, columns):
         values = torch.nn.functional.pad(values, (0, stored[1] - columns, 0, stored[0] - rows))
     data = torch.empty(fmt.size(*stored), dtype=torch.uint8)
     formats.quantize_rows(fmt, values, data, progress=progress)
     return QuantizedWeight(data.to(matrix.device), fmt.name, rows, columns, format)
+
+
+def checked_matrix(matrix: torch.Tensor, format: str) -> tuple[Format, torch.Tensor]:
+    """The format for the rows of a matrix, and the matrix in float32 on the CPU; raises what `quantize` raises."""
+    fmt = find_format(format)
+    if not isinstance(matrix, torch.Tensor) or matrix.dtype not in _TYPES:
+        raise TypeError(f"matrix must be a tensor of {_names(_TYPES)}, not {_kind(matrix)}")
+    if matrix.dim() != 2 or matrix.numel() == 0:
+        raise ValueError(f"matrix must be [rows, columns] with at least one of each, not {_shape(matrix)}")
+    fmt = fmt.for_rows(matrix.shape[1])
+    if matrix.is_meta:
+        return fmt, matrix
+    values = matrix.detach().to("cpu", torch.float32).contiguous()
+    _check_values(fmt, values)
+    return fmt, values
 
 
 def _check_values(fmt: Format, values: torch.Tensor) -> None:
@@ -151,7 +169,7 @@ def _from_fields(data: torch.Tensor, fields: Mapping[str, str]) -> QuantizedWeig
     return QuantizedWeight(data, fields["format"], *sizes, fields["requested"])
 
 
-def _find(name: str) -> Format:
+def find_format(name: str) -> Format:
     try:
         return formats.find(name)
     except OrreryError as error:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from collections.abc import Sequence
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import torch
@@ -24,6 +25,19 @@ def pieces() -> tuple[list[str], list[int], list[str]]:
     return tokens, [3, 3, 3] + [1] * (len(alphabet) + 1), ["h e"]
 
 
+def byte_level_entries(more_tokens: int = 0, pre: str = "smollm") -> dict[str, Any]:
+    """A file's entries about the vocabulary of `pieces`."""
+    tokens, kinds, merges = pieces()
+    return {
+        "tokenizer.ggml.model": "gpt2",
+        "tokenizer.ggml.pre": pre,
+        "tokenizer.ggml.tokens": tokens + [f"more{i}" for i in range(more_tokens)],
+        "tokenizer.ggml.token_type": kinds + [1] * more_tokens,
+        "tokenizer.ggml.merges": merges,
+        "tokenizer.ggml.eos_token_id": 2,
+    }
+
+
 def shapes(vocabulary: int, hidden: int = HIDDEN, feed_forward: int = FEED_FORWARD) -> dict[str, tuple[int, ...]]:
     kv = KV_HEADS * HEAD_DIM
     result: dict[str, tuple[int, ...]] = {"token_embd.weight": (vocabulary, hidden), "output_norm.weight": (hidden,)}
@@ -40,19 +54,20 @@ def shapes(vocabulary: int, hidden: int = HIDDEN, feed_forward: int = FEED_FORWA
 def write_tiny(path: Path, *, architecture: str = "llama", context: int = 64, hidden: int = HIDDEN,
                feed_forward: int = FEED_FORWARD, heads: int = 0, more_tokens: int = 0, leave_out: str = "", extra: str = "",
                pre: str = "smollm", untied: bool = False, silent: Sequence[int] = (),
-               stored: dict[str, str] | None = None) -> dict[str, np.ndarray]:
+               stored: dict[str, str] | None = None,
+               tokenizer: dict[str, Any] | None = None) -> dict[str, np.ndarray]:
     """Writes the file; gives its tensors, as values.
 
     The logits of the tokens `silent` are 0, so a greedy answer never has them.
+
+    `tokenizer` has the file's entries about its vocabulary, in place of those that it has otherwise.
 
     `stored` names the format of ours, of a GGUF type's bytes, in which tensors with such an ending of their name lie.
     """
     from gguf import GGMLQuantizationType, GGUFWriter
 
     rng = np.random.default_rng(11)
-    tokens, kinds, merges = pieces()
-    tokens += [f"more{i}" for i in range(more_tokens)]
-    kinds += [1] * more_tokens
+    entries = tokenizer or byte_level_entries(more_tokens, pre)
     writer = GGUFWriter(path, architecture)
     writer.add_block_count(LAYERS)
     writer.add_context_length(context)
@@ -62,14 +77,11 @@ def write_tiny(path: Path, *, architecture: str = "llama", context: int = 64, hi
     writer.add_head_count_kv(KV_HEADS)
     writer.add_layer_norm_rms_eps(1e-5)
     writer.add_rope_freq_base(10000.0)
-    writer.add_tokenizer_model("gpt2")
-    writer.add_tokenizer_pre(pre)
-    writer.add_token_list(tokens)
-    writer.add_token_types(kinds)
-    writer.add_token_merges(merges)
-    writer.add_eos_token_id(2)
+    for key, entry in entries.items():
+        add = {str: writer.add_string, bool: writer.add_bool, int: writer.add_uint32, list: writer.add_array}
+        add[type(entry)](key, entry)
     tensors = {}
-    wanted = shapes(len(tokens), hidden, feed_forward)
+    wanted = shapes(len(entries["tokenizer.ggml.tokens"]), hidden, feed_forward)
     if untied or silent:
         wanted["output.weight"] = wanted["token_embd.weight"]
     if extra:

@@ -85,10 +85,13 @@ def test_a_warning_fails_and_a_checked_unit_rests(tmp_path: Path, name: str) -> 
 
 # --- Set-up ---------------------------------------------------------------------------------------------------------
 
-SENTENCE = "setup: clang++ is missing, with which make test checks the sources; install it, or name one in CHECK_CXX.\n"
+SENTENCE = (
+    "setup: clang++ is missing, with which make test checks the sources; install it, or name one in CHECK_CXX.\n"
+    "setup: qemu-x86_64 is missing, on which make test runs the operators without AVX-512; install qemu-user.\n"
+)
 
 
-# Runs set-up in a copy, on a machine without Clang and with stand-ins for what it must not touch.
+# Runs set-up in a copy, on a machine without Clang and emulator and with stand-ins for what it must not touch.
 def set_up(folder: Path, user: int) -> subprocess.CompletedProcess:
     def tool(path: Path, text: str) -> None:
         path.parent.mkdir(parents=True, exist_ok=True)
@@ -108,7 +111,9 @@ def set_up(folder: Path, user: int) -> subprocess.CompletedProcess:
 def test_root_is_brought_the_compiler(tmp_path: Path) -> None:
     done = set_up(tmp_path, user=0)
     assert done.stdout.startswith(
-        "setup: installing clang\napt-get install -y clang\napt-get update\napt-get install -y clang\n"
+        "setup: installing clang qemu-user\n"
+        "apt-get install -y clang qemu-user\napt-get update\napt-get install -y clang qemu-user\n"
+        "apt-get install -y clang\napt-get install -y qemu-user\n"
     )
     # The stand-in for apt-get brings nothing; the operators can be built all the same.
     assert done.stderr == SENTENCE

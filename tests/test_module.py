@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import ctypes
 import os
+import pydoc
 import subprocess
 import sys
 import sysconfig
@@ -88,6 +89,14 @@ def test_docstring_and_signature(name: str) -> None:
     listed = ", ".join(f"{word}: {text}" for word, text in zip(words, types))
     default = " = 10000.0" if name == "forward_qkv" else ""
     assert getattr(orrery_ops, name).__doc__ == f"{name}({listed}{default}) -> {result}\n\n{doc}\n"
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_help(name: str) -> None:
+    title, _, headline, *body = pydoc.plain(pydoc.render_doc(getattr(orrery_ops, name))).splitlines()
+    assert title == f"Python Library Documentation: built-in function {name} in module orrery_ops"
+    assert headline.startswith(f"{name}(...)")
+    assert [line.strip() for line in body] == getattr(orrery_ops, name).__doc__.splitlines()
 
 
 def test_module_definition() -> None:

@@ -84,7 +84,8 @@ def test_truncated_file(tmp_path, share):
     ({"extra": "blk.0.attn_q.bias"}, "^the model file has a tensor that this runner does not use: blk.0.attn_q.bias$"),
     ({"extra": "rope_freqs.weight"}, "^the model scales its rotary frequencies, which is not served$"),
     ({"heads": 4}, "^a head size of 32 is not served, only 64, 96 and 128 are$"),
-    ({"pre": "qwen2"}, "^the tokenizer 'gpt2' with pre-tokenizer 'qwen2' is not served, only 'gpt2' with 'smollm'$"),
+    ({"pre": "tekken"}, "^the pre-tokenizer 'tekken' is not served, the runner serves 'default', 'llama-bpe', 'qwen2', "
+     "'smollm'$"),
 ])
 def test_models_that_are_not_served(tmp_path, change, message):
     runner_files.write_tiny(tmp_path / "tiny.gguf", **change)

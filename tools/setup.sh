@@ -9,7 +9,7 @@ fail() {
   exit 1
 }
 
-# --- System packages: a C++20 compiler, another one that checks the sources too, and Boost.Context -------------------
+# --- System packages: a C++20 compiler, another one that checks the sources too, Boost.Context, and an emulator ------
 
 compiles() { echo 'int main() {}' | "$1" -std=c++20 -x c++ -fsyntax-only - 2>/dev/null; }
 has_compiler() { compiles "${CXX:-c++}"; }
@@ -17,22 +17,28 @@ has_boost() {
   echo '#include <boost/context/detail/fcontext.hpp>' | "${CXX:-c++}" -x c++ -fsyntax-only - 2>/dev/null &&
     "${CXX:-c++}" -shared -o /dev/null -x c++ /dev/null -x none -lboost_context 2>/dev/null
 }
+has_emulator() { command -v qemu-x86_64 >/dev/null; }
 other=$(other_compiler "${CXX:-c++}")
 
 missing=()
 has_compiler || missing+=(g++)
 compiles "$other" || missing+=("${other/clang++/clang}")
 has_compiler && has_boost || missing+=(libboost-context-dev)
+has_emulator || missing+=(qemu-user)
 if ((${#missing[@]})); then
   if [[ $(id -u) == 0 ]] && command -v apt-get >/dev/null; then
     echo "setup: installing ${missing[*]}"
-    DEBIAN_FRONTEND=noninteractive apt-get install -y "${missing[@]}" ||
-      { apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y "${missing[@]}"; } || true
+    bring() { DEBIAN_FRONTEND=noninteractive apt-get install -y "$@"; }
+    # One that cannot be had must not keep the others away.
+    bring "${missing[@]}" || { apt-get update && bring "${missing[@]}"; } ||
+      for package in "${missing[@]}"; do bring "$package" || true; done
   fi
   has_compiler || fail "a C++20 compiler is missing; install g++ 11 or later, or name yours in CXX."
   has_boost || fail "Boost.Context is missing; install libboost-context-dev (or your system's name for it)."
   compiles "$other" ||
     echo "setup: $other is missing, with which make test checks the sources; install it, or name one in CHECK_CXX." >&2
+  has_emulator ||
+    echo "setup: qemu-x86_64 is missing, on which make test runs the operators without AVX-512; install qemu-user." >&2
 fi
 
 # --- CPython 3.10 ---------------------------------------------------------------------------------------------------

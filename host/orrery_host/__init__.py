@@ -4,7 +4,7 @@ Importing the package registers the device. Where it is installed, `import torch
 point group `torch.backends`. A PyTorch that has an `xpu` device of its own keeps it.
 
 Raises ImportError for a compiled part that does not fit the CPU or PyTorch, and RuntimeError for a bad value in one of
-the variables `ORRERY_HOST_*`. `import torch` never fails for these: the first use of `xpu` raises the error then.
+the variables `ORRERY_HOST_*` or `ORRERY_ISA`. `import torch` never fails for these: the first use of `xpu` raises the error then.
 """
 
 from __future__ import annotations

@@ -22,7 +22,7 @@ def register() -> None:
     """
     if torch._C._has_xpu:
         return
-    _instructions.check()
+    _instructions.level()
     try:
         from orrery_host import _C
     except ImportError as error:

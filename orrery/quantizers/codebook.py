@@ -85,7 +85,9 @@ _TABLE_ENDS = tuple(s * t for t in (0.88, 0.95, 1.0, 1.06, 1.15) for s in (1, -1
 _FLOAT_ENDS = (1.1, 1.0, 0.93, 0.86, 0.8, 0.74, 0.67, 0.6, 0.53)
 
 
-def _scaled_codes(x: torch.Tensor, book: Codebook, ends: tuple[float, ...], scale_type: torch.dtype):
+def _scaled_codes(
+    x: torch.Tensor, book: Codebook, ends: tuple[float, ...], scale_type: torch.dtype
+) -> tuple[torch.Tensor, torch.Tensor]:
     """Codes and the scale d [blocks, 1], rounded to the type that the format keeps it in."""
     d = best_scale(x, x * x, [book.top * end for end in ends], book.nearest).to(scale_type).float()
     return book.codes(x * inverse(d)), d

@@ -6,13 +6,15 @@ from functools import cache
 
 import torch
 
+from orrery.optional import extras
 from orrery.quantizers.common import half_bytes, halves, inverse
 
 
 @cache
 def _grid(name: str) -> torch.Tensor:
     """Entries [n, 8]; magnitudes 8, 25 and 43 of iq2_xxs, -1, 0 and 1 of iq1_s."""
-    from gguf import quants
+    with extras():
+        from gguf import quants
 
     kind = getattr(quants, name)
     kind.init_grid()

@@ -19,7 +19,9 @@ def _shared(small: torch.Tensor, high: int) -> tuple[torch.Tensor, torch.Tensor]
     return (small * inverse(d)).round_().clamp_(0, high), d
 
 
-def _range_codes(x: torch.Tensor, size: int, high: int, highest_scale: int, trials: tuple[float, ...]):
+def _range_codes(
+    x: torch.Tensor, size: int, high: int, highest_scale: int, trials: tuple[float, ...]
+) -> tuple[torch.Tensor, torch.Tensor, torch.Tensor, torch.Tensor, torch.Tensor]:
     """Codes of sub-blocks of `size` elements, their integer scales and minimums, and the halves d and dmin.
 
     An element is d * scale * code - dmin * minimum.

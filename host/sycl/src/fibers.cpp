@@ -1,5 +1,7 @@
 #include "fibers.hpp"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <boost/context/detail/fcontext.hpp>
 #include <boost/context/protected_fixedsize_stack.hpp>
@@ -22,6 +24,17 @@ namespace {
 
 constexpr size_t stack_bytes = 256 * 1024;
 constexpr const char* no_barriers = "A kernel that declares no barriers met one.";
+
+// What Boost asks of a stack. With its own class for that, its static library does not link into a shared one where it
+// was built without -fPIC, as in Debian.
+struct stack_traits {
+  static bool is_unbounded() { return true; }
+  static size_t page_size() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
+  static size_t default_size() { return stack_bytes; }
+  static size_t minimum_size() { return stack_bytes; }
+  static size_t maximum_size() { return stack_bytes; }
+};
+using stack_pool = boost::context::basic_protected_fixedsize_stack<stack_traits>;
 
 // Thrown at the barrier where a strand waits, to unwind it once its group has failed.
 struct abandoned {};
@@ -98,7 +111,7 @@ struct fibers {
   known_stack scheduler_known;
 
   ~fibers() {
-    boost::context::protected_fixedsize_stack pool(stack_bytes);
+    stack_pool pool(stack_bytes);
     for (auto& f : all) {
       forget(f->known);
       pool.deallocate(f->stack);
@@ -106,7 +119,7 @@ struct fibers {
   }
 
   void grow(int strands) {
-    boost::context::protected_fixedsize_stack pool(stack_bytes);
+    stack_pool pool(stack_bytes);
     while (static_cast<int>(all.size()) < strands) {
       auto f = std::make_unique<fiber>();
       f->stack = pool.allocate();

@@ -1,9 +1,32 @@
-// The checks and the record of every launch.
+// The checks, the profiler's scope and the record of every launch.
+#include <ATen/record_function.h>
+
 #include <chrono>
+#include <optional>
 
 #include "launch.hpp"
 
 namespace sycl {
+
+namespace {
+
+// What PyTorch's profiler shows as an event. Named after the functor: the profiler record has one name for whole
+// families ("gridrun_kernel") or none, and is made after the launch. Without template arguments, so that a table by
+// name adds up the types and sub-group sizes of a kernel. Without a listener it costs one check.
+class launch_scope {
+ public:
+  explicit launch_scope(const std::type_info& kernel) {
+    if (auto listeners = at::getStepCallbacksUnlessEmpty(at::RecordScope::FUNCTION)) {
+      scope_.emplace(std::move(*listeners));
+      scope_->before(detail::kernel_name(kernel));
+    }
+  }
+
+ private:
+  std::optional<at::RecordFunction> scope_;
+};
+
+}  // namespace
 
 void handler::check(std::span<const size_t> global, std::span<const size_t> local) {
   if (detail::inside_kernel()) throw exception(errc::invalid, "A kernel may not launch another kernel.");
@@ -22,6 +45,7 @@ void handler::run(const detail::launch_plan& plan, std::span<const size_t> globa
                   const std::type_info& kernel) {
   using clock = std::chrono::steady_clock;
   check(global, local);
+  const launch_scope scope(kernel);
   const bool recorded = detail::recording();
   const auto start = recorded ? clock::now() : clock::time_point();  // reading the clock is a third of an empty launch
   if (plan.groups > 0) detail::run(plan);

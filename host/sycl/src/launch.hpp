@@ -37,6 +37,9 @@ class kernel_scope {
 };
 inline bool inside_kernel() { return local_memory != nullptr; }
 
+// The functor's name without namespace and template arguments.
+std::string kernel_name(const std::type_info& kernel);
+
 // Whether the calling thread records launches.
 bool recording();
 // The number by which the launch's event finds the record again.

@@ -29,8 +29,13 @@ std::string demangled(const std::type_info& type) {
   return name;
 }
 
+struct kernel_names {
+  std::string kernel, instance;
+};
+
 // "a<b::c>::kernel<c10::Half, 16>" is the kernel "kernel" and the instance "c10::Half, 16".
-void name_kernel(const std::string& type, ext::orrery::launch_record& r) {
+kernel_names names_of(const std::type_info& kernel) {
+  const std::string type = demangled(kernel);
   size_t start = 0;
   int depth = 0;
   for (size_t i = 0; i + 1 < type.size(); ++i) {
@@ -39,8 +44,9 @@ void name_kernel(const std::string& type, ext::orrery::launch_record& r) {
     if (depth == 0 && type[i] == ':' && type[i + 1] == ':') start = i + 2;
   }
   const size_t open = type.find('<', start);
-  r.kernel = type.substr(start, open - start);
-  if (open != std::string::npos) r.instance = type.substr(open + 1, type.rfind('>') - open - 1);
+  kernel_names names{type.substr(start, open - start), ""};
+  if (open != std::string::npos) names.instance = type.substr(open + 1, type.rfind('>') - open - 1);
+  return names;
 }
 
 template <typename F>
@@ -58,8 +64,12 @@ namespace detail {
 
 bool recording() { return !open_lists.empty(); }
 
+std::string kernel_name(const std::type_info& kernel) { return names_of(kernel).kernel; }
+
 uint64_t add_record(ext::orrery::launch_record r, const std::type_info& kernel) {
-  name_kernel(demangled(kernel), r);
+  kernel_names names = names_of(kernel);
+  r.kernel = std::move(names.kernel);
+  r.instance = std::move(names.instance);
   const uint64_t launch = ++last_launch;
   for (auto& list : open_lists) list.push_back({launch, r});
   return launch;

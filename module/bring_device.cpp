@@ -1,5 +1,5 @@
 // Registers the device if this module is imported first.
-#include "module/device_class.h"
+#include "module/bring_device.h"
 
 #include <Python.h>
 #include <c10/core/impl/DeviceGuardImplInterface.h>
