@@ -92,6 +92,17 @@ def test_a_gradient_that_is_missing_is_an_error(xpu, name):
                 run(*args, **kwargs)
 
 
+def test_a_derivative_in_forward_mode_is_an_error_too(xpu):
+    x, norm = torch.randn(2, 64, device=xpu), torch.ones(64, device=xpu)
+    with torch.autograd.forward_ad.dual_level():
+        dual = torch.autograd.forward_ad.make_dual(x, torch.ones_like(x))
+        with pytest.raises(RuntimeError, match="^orrery::rms_norm has no gradient, but x requires one: "):
+            orrery.rms_norm(dual, norm)
+        weight = orrery.quantize(torch.randn(3, 64)).to(xpu)
+        with pytest.raises(RuntimeError, match="jvp is not implemented"):
+            orrery.linear(dual, weight)
+
+
 def test_writing_counts_as_a_change(xpu):
     """So that autograd notices if a tensor was changed that it had kept."""
     (query, key, *rest), _ = samples("rotary_")[0]
