@@ -13,6 +13,8 @@ SHELL := /bin/bash
 PYTHON := .venv/bin/python
 export PATH := $(CURDIR)/.venv/bin:$(PATH)
 PROMPT ?= What is photosynthesis?
+# Two processes whatever the machine: each test runs kernels on two threads, and some need gigabytes.
+ALL_TESTS = -n 2 --dist loadfile
 
 CPP := $(shell find . \( -name .git -o -name .venv -o -name build -o -name tests \) -prune -o \
          \( -name '*.cpp' -o -name '*.h' -o -name '*.hpp' \) -print)
@@ -47,7 +49,7 @@ test: build
 	$(if $(ARGS),,@tools/check.sh)
 	$(if $(ARGS),,@$(MAKE) --no-print-directory levels)
 	@cmake --build build/install
-	PYTHONPATH=$(CURDIR)/build/install/python $(PYTHON) -m pytest $(ARGS)
+	PYTHONPATH=$(CURDIR)/build/install/python $(PYTHON) -m pytest $(or $(ARGS),$(ALL_TESTS))
 	$(if $(ARGS),,@$(MAKE) --no-print-directory scalar)
 
 wheel: .venv/installed
@@ -63,7 +65,7 @@ check: .venv/installed
 scalar: .venv/installed
 	@cmake --preset scalar $(if $(MARCH),-DORRERY_MARCH=$(MARCH))
 	@cmake --build --preset scalar --target orrery_ops orrery_host_C orrery_host_python orrery_dispatch orrery_launch
-	PYTHONPATH=$(CURDIR)/build/scalar/python $(PYTHON) -m pytest $(or $(ARGS),$(KERNEL_TESTS))
+	PYTHONPATH=$(CURDIR)/build/scalar/python $(PYTHON) -m pytest $(or $(ARGS),$(ALL_TESTS) $(KERNEL_TESTS))
 
 sanitize: .venv/installed
 	@tools/sanitize.sh asan $(ARGS)

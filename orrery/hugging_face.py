@@ -7,7 +7,7 @@ from typing import TYPE_CHECKING, Any
 import torch
 from tqdm import tqdm
 
-from orrery import functional
+from orrery import functional, optional
 from orrery.gguf_model import GGUFModel
 
 if TYPE_CHECKING:
@@ -32,8 +32,9 @@ def llama(file: GGUFModel) -> LlamaForCausalLM:
 
     transformers' own `from_pretrained(..., gguf_file=...)` wants the package accelerate.
     """
-    from transformers import LlamaConfig, LlamaForCausalLM
-    from transformers.initialization import no_init_weights
+    with optional.extras():
+        from transformers import LlamaConfig, LlamaForCausalLM
+        from transformers.initialization import no_init_weights
 
     s, tied = file.sizes, "output.weight" not in file.stored
     config = LlamaConfig(
@@ -62,8 +63,9 @@ def register_attention(name: str = "orrery") -> None:
 
     It serves what `orrery.attention` does, so heads of 64, 96 or 128 elements, and has no gradient.
     """
-    from transformers import AttentionInterface, AttentionMaskInterface
-    from transformers.masking_utils import sdpa_mask
+    with optional.extras():
+        from transformers import AttentionInterface, AttentionMaskInterface
+        from transformers.masking_utils import sdpa_mask
 
     AttentionInterface.register(name, _attention)
     AttentionMaskInterface.register(name, sdpa_mask)

@@ -5,7 +5,9 @@ from __future__ import annotations
 import contextlib
 from collections.abc import Iterator
 
-EXTRAS = {"gguf": "runner", "tokenizers": "runner", "jinja2": "runner", "matplotlib": "plot"}  # as in pyproject.toml
+# As in pyproject.toml.
+EXTRAS = {"gguf": "runner", "tokenizers": "runner", "jinja2": "runner", "matplotlib": "plot",
+          "transformers": "transformers"}
 
 
 @contextlib.contextmanager
