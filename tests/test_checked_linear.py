@@ -112,8 +112,8 @@ def test_other_classes_of_devices(number):
     """A process each, since an assertion of a kernel would end it."""
     check_python(
         f"""
-        from orrery.device_class import name_device
-        name_device(["--device-class", "{number}"])
+        from orrery import device_class
+        device_class.choose({number})
         import sys
         sys.path.insert(0, "tests")
         import torch, orrery, test_checked_linear as tests
