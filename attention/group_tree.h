@@ -10,9 +10,9 @@ namespace orrery {
 
 constexpr int tree_group = 32;  // work-items of a group
 
-// The vectors of tree_group work-items, HD elements of T each, in memory. A device has a column for each work-item and
-// folds a few rows in each. The host goes through the work-items in order: the second half of them is added to the
-// first as it comes, then eight vectors to eight, and so on; columns would take 4096 stores of one float.
+// The vectors of tree_group work-items, HD elements of T each, in memory. A GPU keeps a column for each work-item, and
+// each work-item folds a few rows. The host goes through the work-items in order: the second half of them is added to
+// the first as it comes, then eight vectors to eight, and so on; columns would take 4096 stores of one float.
 template <typename T, int HD>
 struct group_tree {
   static constexpr int half = tree_group / 2;

@@ -63,13 +63,13 @@ void check_attention(const Tensor& query, const Tensor& key, const Tensor& value
   if (mask) check_mask(*mask, query, key);
 }
 
-// The kernels read a head's rows of keys and values one behind the other.
+// The kernels read the rows of a head's keys and values as contiguous.
 Tensor packed(const Tensor& x) {
   const bool rows_follow = x.stride(3) == 1 && x.stride(2) == x.size(3);
   return rows_follow ? x : x.contiguous();
 }
 
-// As a sum's term in a type that the kernels take.
+// The mask as a term that is added, in a type that the kernels take.
 Tensor as_term(const Tensor& mask) {
   if (mask.scalar_type() == at::kBool) {
     const auto options = at::TensorOptions().dtype(at::kFloat).device(mask.device());
@@ -79,12 +79,12 @@ Tensor as_term(const Tensor& mask) {
   return taken ? mask : mask.to(at::kFloat);
 }
 
-// The last `rows` of `keys` rows, each with the keys behind it hidden.
+// For queries at the last `rows` of `keys` positions: hides the keys after each query's own.
 Tensor causal_term(int64_t rows, int64_t keys, const Tensor& query) {
   return at::full({rows, keys}, hidden, query.options().dtype(at::kFloat)).triu(keys - rows + 1);
 }
 
-// [batch, heads, rows, keys] with neighbouring keys side by side, or nothing.
+// Mask and causal term together, [batch, heads, rows, keys] with unit stride over keys; nothing if there is neither.
 optional<Tensor> whole_mask(const optional<Tensor>& mask, bool causal, const Tensor& query, int64_t keys) {
   const int64_t rows = query.size(2);
   optional<Tensor> term;

@@ -32,7 +32,7 @@ inline void check_same_type(const at::Tensor& x, const char* name, const at::Ten
                    " is, not ", type_of(x));
 }
 
-// Tensors without data, as fake ones are while a kernel in `meta` runs, are taken as they are.
+// Meta tensors pass: fake tensors are such while a function of `meta` runs.
 inline void check_on_xpu(const at::Tensor& x, const char* name) {
   TORCH_CHECK_VALUE(x.is_xpu() || x.is_meta(), name, " must be on an xpu device, not on ", x.device());
 }

@@ -14,16 +14,16 @@ inline void check_heads(const at::Tensor& x, const char* name) {
   TORCH_CHECK_VALUE(size == 64 || size == 96 || size == 128, name, "'s head size must be 64, 96 or 128, not ", size);
 }
 
-// The kernels read and write a row's elements one behind the other.
+// The kernels read and write a row's elements with unit stride.
 inline bool has_unit_stride(const at::Tensor& x) { return x.stride(3) == 1; }
 inline at::Tensor with_unit_stride(const at::Tensor& x) { return has_unit_stride(x) ? x : x.contiguous(); }
 
-// No two elements of what is written may share memory.
+// No two elements of a tensor that is written may share memory.
 inline void check_written(const at::Tensor& x, const char* name) {
   TORCH_CHECK_VALUE(x.is_meta() || at::has_internal_overlap(x) != at::MemOverlap::Yes, name,
                     " must not be an expanded tensor, since it is written");
 }
-// Of strided views of one tensor, whose elements may lie between each other, only the first elements are compared.
+// Strided views of one tensor may interleave without sharing an element: of those only the first elements are compared.
 inline void check_apart(const at::Tensor& x, const char* name, const at::Tensor& other, const char* other_name) {
   if (x.is_meta() || x.numel() == 0 || other.numel() == 0) return;
   const at::MemOverlapStatus status = at::get_overlap_status(x, other);

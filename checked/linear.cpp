@@ -29,7 +29,7 @@ matrix_size checked_size(int64_t qtype, int64_t rows, int64_t columns, optional<
   TORCH_CHECK_VALUE(row != nullptr, "qtype must be the code of a weight format, not ", qtype);
   TORCH_CHECK_VALUE(rows > 0 && columns > 0, "a weight has at least one row and one column, not [", rows, ", ", columns,
                     "]");
-  // So large that no product of them overflows.
+  // Below this no product of the two overflows.
   constexpr int64_t most = int64_t{1} << 31;
   TORCH_CHECK_VALUE(rows < most && columns < most, "a weight has fewer than 2**31 rows and columns, not [", rows, ", ",
                     columns, "]");
@@ -75,13 +75,14 @@ at::ScalarType check_dequantize(const Tensor& weight, int64_t qtype, int64_t row
   return type;
 }
 
-// Several rows: fp6 has kernels for half and float only, and the matrix engine ends the process for double.
+// Whether several rows have a kernel: fp6 has some for half and float only, the matrix engine ends the process for
+// double.
 bool exists(weight_format format, at::ScalarType type) {
   if (format == weight_format::fp6) return is_half_or_float(type);
   return type != at::kDouble || std::ranges::find(engine_formats, format) == std::end(engine_formats);
 }
 
-// Of at least one row [n, columns].
+// x: [n, columns], at least one row.
 Tensor product(const Tensor& x, const Tensor& weight, int32_t qtype, int64_t columns) {
   const Tensor input = columns == x.size(1) ? x.contiguous() : at::constant_pad_nd(x, {0, columns - x.size(1)});
   if (x.size(0) > 1 && !exists(weight_format{qtype}, x.scalar_type())) {

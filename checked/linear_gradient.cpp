@@ -13,7 +13,7 @@ using std::optional;
 using torch::autograd::AutogradContext;
 using torch::autograd::variable_list;
 
-// The operators as PyTorch dispatches them below the gradient: compilers and fake tensors see them there.
+// The operators through PyTorch's dispatcher, below autograd, so that compilers and fake tensors see them.
 template <auto Function>
 const auto& operator_of(const char* name) {
   using Signature = std::remove_pointer_t<decltype(Function)>;
@@ -51,7 +51,7 @@ struct linear_function : torch::autograd::Function<linear_function> {
                                            context->saved_data["type"].toScalarType());
       result[0] = gradient.matmul(dense);
     }
-    // Tensors are counted here, the arguments of forward there.
+    // needs_input_grad counts forward's tensors only, `result` all its arguments.
     if (context->saved_data["bias"].toBool() && context->needs_input_grad(2))
       result[5] = gradient.reshape({-1, rows}).sum(0);
     return result;

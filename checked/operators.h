@@ -22,7 +22,7 @@ at::Tensor linear_with_gradient(const at::Tensor& x, const at::Tensor& weight, i
 at::Tensor dequantize(const at::Tensor& weight, int64_t qtype, int64_t rows, int64_t columns,
                       std::optional<at::ScalarType> dtype);
 
-// Rows and columns of a matrix with the padding that its kernels need: on any device, or only on the one in use.
+// Rows and columns of a matrix with the padding that its kernels need: those of all devices, or of the one in use.
 std::tuple<int64_t, int64_t> stored_size(int64_t qtype, int64_t rows, int64_t columns, bool any_device);
 
 // x / sqrt(mean(x^2) + eps) * weight, over the last dimension.

@@ -1,5 +1,5 @@
-// torch.ops.orrery: schemas, and which function serves which dispatch key. In the module alone, since other modules of
-// a process may link the same operators.
+// torch.ops.orrery: schemas, and the function of each dispatch key. Linked into the module alone: a name is registered
+// once in a process, and other modules in it may link the same operators.
 #include <ATen/core/LegacyTypeDispatch.h>
 #include <torch/library.h>
 
@@ -8,7 +8,7 @@
 namespace orrery::checked {
 namespace {
 
-// Below the gradient's key, for operators that have none: raises where one is needed, which would be lost silently.
+// The autograd function of operators without a gradient: raises where one is needed, which would be lost silently.
 void without_gradient(const c10::OperatorHandle& op, c10::DispatchKeySet keys, torch::jit::Stack* stack) {
   const auto& arguments = op.schema().arguments();
   const auto given = torch::jit::last(*stack, arguments.size());
@@ -41,7 +41,7 @@ TORCH_LIBRARY(orrery, m) {
   m.def("rotary_(Tensor(a!) query, Tensor(b!) key, Tensor positions, Tensor inv_freq, bool interleaved=False) -> ()");
 }
 
-// For every device: the checks say which one is wanted.
+// For every device: the operators' own checks refuse the wrong ones, with a sentence.
 TORCH_LIBRARY_IMPL(orrery, CompositeExplicitAutograd, m) {
   m.impl("linear", linear);
   m.impl("dequantize", dequantize);

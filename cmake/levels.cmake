@@ -1,7 +1,7 @@
-# Instruction sets. Sets ORRERY_BASE_FLAGS, with which all that is compiled once is compiled; ORRERY_BASE_LINK_FLAGS, by
-# which the loader refuses it to a lesser CPU; and ORRERY_BUILT_FOR, the text of orrery_host/_built_for.py, by which the
-# package compares the CPU with the build before it loads anything: on a CPU that lacks part of an instruction set, even
-# static initialisers may end in SIGILL.
+# Instruction sets. Sets ORRERY_BASE_FLAGS, for all that is compiled once; ORRERY_BASE_LINK_FLAGS, by which the dynamic
+# linker refuses to load it on a CPU below that level; and ORRERY_BUILT_FOR, the text of orrery_host/_built_for.py, by
+# which the package compares the CPU with the build before it loads anything: on a CPU that lacks part of an instruction
+# set, even static initialisers may end in SIGILL.
 
 # The levels are the steps of includes/simd/instruction_set.h, each with the flags for what is tested there and no more,
 # so that a level asks no more of a CPU than it gains from: AVX2; AVX-512 as every CPU with it has it (Skylake servers);
@@ -12,7 +12,7 @@ set(level_x86-64-v4 ${avx512})
 set(level_avx512-vbmi ${avx512} -mavx512vbmi -mavx512vnni)
 set(level_avx512-fp16 ${avx512} -mavx512vbmi -mavx512vnni -mavx512fp16)
 
-# What flags switch on: the compiler's macros without the underscores around them, and a flag for the linker.
+# What compiler flags switch on: the compiler's macros without the underscores around them, and a flag for the linker.
 function(orrery_instructions macros_variable link_variable)
   set(macros)
   if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")

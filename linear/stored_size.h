@@ -1,4 +1,4 @@
-// The size that a weight must be stored in for its kernels to be right.
+// The padded size in which a weight must be stored for its kernels to be right.
 #pragma once
 
 #include <cstdint>

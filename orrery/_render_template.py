@@ -1,7 +1,7 @@
 """Renders a chat template in a process of its own: standard input has the template and its names as JSON.
 
 A template is a program from a foreign file. The sandbox keeps it from the files, the limits from the machine: loops
-within loops, numbers to the power of numbers and texts of gigabytes end with this process.
+within loops, powers of huge numbers and texts of gigabytes end with this process.
 """
 
 import datetime

@@ -12,15 +12,15 @@ from typing import Any
 from orrery import OrreryError
 
 SCRIPT = Path(__file__).with_name("_render_template.py")
-# The process counts its own seconds of CPU; this is for one that gets none.
+# The process limits its own CPU time; this is for one that gets none.
 SECONDS = 120
 
 
 def render(template: str, **names: Any) -> str:
     """The text of the template with these names, which JSON can hold. It has `raise_exception` and `strftime_now` too.
 
-    OrreryError, one sentence, if it does not render, or not within 2 seconds of CPU and half a gigabyte. The process
-    takes 0.08 s, a turn of a conversation some tenths.
+    Raises OrreryError if it does not render, or not within 2 seconds of CPU time and half a gigabyte. The process takes
+    0.08 s, where a turn of a conversation takes some tenths of a second.
     """
     # A sanitizer's runtime, preloaded, would take more memory than the process may have.
     environment = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}

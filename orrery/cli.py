@@ -1,7 +1,7 @@
 """`python -m orrery`: generate, chat, formats, perplexity, compare-caches, cache.
 
-Torch is imported only when the arguments are known to be right, so help comes at once and `--device-class` can name the
-device.
+Torch is imported only after the arguments have been checked, so that help comes at once and `--device-class` can name
+the device.
 """
 
 from __future__ import annotations
@@ -19,11 +19,11 @@ from orrery import OrreryError, device_class, formats, optional, prepared_files
 
 DTYPES = ("float32", "float16", "bfloat16")
 CACHES = ("plain", "byte")
-# Among which the device shares a launch. PyTorch takes any number, and crashes when it starts so many.
+# The most that share a launch. PyTorch takes any number, and crashes when it starts too many.
 MOST_THREADS = 256
 # What PyTorch's generators take.
 LARGEST_SEED = 2**64 - 1
-# Characters of a line of a conversation, bytes of a text file: more is a device, or a mistake.
+# Characters of a line of a conversation, bytes of a text file: more is an endless device, or a mistake.
 MOST_LINE, MOST_TEXT = 1 << 20, 1 << 28
 DEFAULT_PROMPT = "The three primary colors are"
 
@@ -89,7 +89,7 @@ def _penalty(text: str) -> float:
 
 
 def _utf8(text: str) -> str:
-    """The text, whatever the locale took its bytes for. It keeps those that it does not know as surrogates."""
+    """The text decoded as UTF-8, whatever the locale: unknown bytes come as surrogates."""
     try:
         return text.encode("utf-8", "surrogateescape").decode()
     except UnicodeError:
@@ -114,7 +114,7 @@ def _parser() -> argparse.ArgumentParser:
     group.add_argument("--dtype", default="float32", choices=DTYPES, help="type of the activations (default: float32)")
     group.add_argument("--threads", type=_threads, metavar="N", help="CPU threads (default: torch's choice)")
     device_class.add_option(group)
-    group.add_argument("--no-cache", action="store_true", help="neither read nor write the quantized model's cache file")
+    group.add_argument("--no-cache", action="store_true", help="neither read nor write the prepared model on disk")
 
     weights = _Parser(add_help=False)
     group = weights.add_argument_group("weights")
@@ -337,7 +337,7 @@ def _chat(args: argparse.Namespace) -> int:
 
 
 def _answer(args: argparse.Namespace, model, tokenizer, conversation, held: list[int]) -> list[int]:
-    """Answers the last question; Ctrl-C ends the answer where it is. Gives the tokens that the model has then."""
+    """Answers the last question; Ctrl-C ends the answer where it is. Returns the tokens that the model has then."""
     from orrery.conversation import shared
     from orrery.generate import Timing, generate, room
 
@@ -351,7 +351,7 @@ def _answer(args: argparse.Namespace, model, tokenizer, conversation, held: list
                       tokens[: model.position]), tokenizer, answer)
     except KeyboardInterrupt:
         print(flush=True)
-    # A token that was interrupted on its way has no row in the cache.
+    # A token that was interrupted during its step has no row in the cache.
     held = [*tokens, *answer][: model.position]
     if answer or timing.prompt_seconds:
         conversation.answered(answer)
@@ -478,7 +478,7 @@ def _flushed(code: object) -> int:
 
 
 def _failed(error: Exception) -> int:
-    """The status of a failure, after the sentence. Raises what is a mistake of ours."""
+    """The status of a failure, after the sentence. Raises an error that is a bug."""
     if isinstance(error, OSError) and not error.filename:
         _drop_output()
         if isinstance(error, BrokenPipeError):
@@ -500,7 +500,7 @@ def _complain(error: object) -> int:
 
 
 def _make_streams_fit() -> None:
-    """A character that the terminal does not have becomes a question mark; a stream that was closed takes anything."""
+    """A character that the terminal does not have becomes a question mark; one that was closed discards all."""
     for name in ("stdout", "stderr"):
         stream = getattr(sys, name)
         if stream is None:
@@ -510,7 +510,7 @@ def _make_streams_fit() -> None:
 
 
 def _drop_output() -> None:
-    """What is still to be written goes nowhere: the interpreter would try once more at its end, and complain."""
+    """Discards what is still to be written: the interpreter would try once more at its end, and complain."""
     with suppress(OSError, ValueError):
         nowhere = os.open(os.devnull, os.O_WRONLY)
         for stream in (sys.stdout, sys.stderr):

@@ -29,10 +29,10 @@ class Conversation:
         self.tokens: list[int] = []
 
     def ask(self, question: str) -> int:
-        """Takes a question; gives how many of the oldest turns are forgotten, for which there is no room any more.
+        """Adds a question; returns how many of the oldest turns were forgotten because there is no room for them.
 
         They are forgotten until half of the context is free: one by one, nearly every question would have to compute
-        the whole conversation again. OrreryError if the question alone is too long; the conversation is as before then.
+        the whole conversation again. Raises OrreryError if the question alone is too long, and changes nothing then.
         """
         turns = [*self._turns, [{"role": "user", "content": question}]]
         dropped, (text, tokens) = 0, self._encode(turns)
@@ -47,7 +47,7 @@ class Conversation:
         return dropped
 
     def answered(self, answer: Sequence[int]) -> None:
-        """Takes the answer to the last question, whole or not."""
+        """Adds the answer to the last question, complete or not."""
         text = self._tokenizer.decode(answer)
         self._turns = [*self._turns[:-1], [*self._turns[-1], {"role": "assistant", "content": text}]]
         self._said += text

@@ -1,4 +1,4 @@
-"""`--device-class`: which kernels the device in host memory takes. It has to be named before torch brings it."""
+"""`--device-class`: which kernels the device in host memory takes. Its name has to be set before torch registers it."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ def add_option(group: argparse._ActionsContainer) -> None:
 
 
 def choose(device_class: int | None) -> None:
-    """Names the device, if a class is given. OrreryError if torch has brought it under another name already."""
+    """Names the device, if a class is given. OrreryError if torch has been imported already."""
     if device_class is None or os.environ.get(VARIABLE) == NAMES[device_class]:
         return
     if "torch" in sys.modules:

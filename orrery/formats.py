@@ -136,7 +136,7 @@ def quantize_rows(fmt: Format, matrix: torch.Tensor, data: torch.Tensor, first_r
                   progress: bool = False) -> None:
     """Writes the float32 rows of `matrix` into `data`, the bytes of a whole CPU matrix, from row `first_row` on.
 
-    With `progress`, a bar is shown behind the first two seconds.
+    With `progress`, a bar is shown after the first two seconds.
     """
     import torch
     from tqdm import tqdm

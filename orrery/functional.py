@@ -1,7 +1,7 @@
 """The operators of `torch.ops.orrery` under shorter names, with a `QuantizedWeight` where they take bytes and sizes.
 
 All check what they are given: TypeError for a wrong type, ValueError for wrong sizes or devices, one sentence each.
-Nothing has a gradient but `linear`; the others raise RuntimeError where one would be needed.
+Only `linear` has a gradient; the others raise RuntimeError where one would be needed.
 """
 
 from __future__ import annotations
@@ -27,8 +27,8 @@ def linear(x: torch.Tensor, weight: QuantizedWeight, bias: torch.Tensor | None =
     weight: on the same device
     bias:   [rows] in x's type, or None
 
-    Gives [..., rows] in x's type. Sums are made in that type, so with float16 they end at 65504. For several rows some
-    kernels round the dequantized weights to float16 first, whatever the type.
+    Returns [..., rows] in x's type. Sums are made in that type, so with float16 they end at 65504. For several rows
+    some kernels round the dequantized weights to float16 first, whatever the type.
     """
     if not isinstance(weight, QuantizedWeight):
         raise TypeError(f"weight must be a QuantizedWeight, not {type(weight).__name__}")
@@ -52,13 +52,13 @@ def attention(query: torch.Tensor, key: torch.Tensor, value: torch.Tensor, mask:
             float32.
     key, value: [batch, key heads, keys, head size] in query's type, or both uint8 as `quantize_key_value` writes them.
             `heads` is a multiple of `key heads`; neighbouring query heads share one of key and value.
-    mask:   what expands to [batch, heads, rows, keys]: numbers that are added, or bool, True where a key is seen. A row
-            that sees no key is NaN.
+    mask:   a tensor that expands to [batch, heads, rows, keys]: numbers that are added, or bool, True where a key is
+            seen. A row that sees no key is NaN.
     causal: each query sees the keys up to its own position. The queries are at the last positions of the keys: unlike
-            in PyTorch's own function, the last query sees all keys also where there are fewer queries than keys.
+            in PyTorch's own function, the last query sees all keys even if there are fewer queries than keys.
 
-    Gives [batch, heads, rows, head size] in query's type. Exponentials are of the terms as they are, with no maximum
-    taken away first, so terms must stay below 88.
+    Returns [batch, heads, rows, head size] in query's type. No maximum is subtracted before the exponential, so the
+    terms (scaled products plus mask) must stay below 88.
     """
     return _attention(_tensor(query, "query"), _tensor(key, "key"), _tensor(value, "value"), mask, causal)
 
@@ -67,8 +67,8 @@ def rotary_(query: torch.Tensor, key: torch.Tensor, positions: torch.Tensor, inv
             interleaved: bool = False) -> None:
     """Rotary position embedding of query and key, in place.
 
-    query, key:  [batch, heads, rows, head size] on xpu, in one type, head size 64, 96 or 128; heads may differ. Turned
-                 in float32; in float16 only if inv_freq is float16 too.
+    query, key:  [batch, heads, rows, head size] on xpu, in one type, head size 64, 96 or 128; heads may differ. Rotated
+                 in float32; in float16 only if both are float16 and so is inv_freq.
     positions:   int64 or int32 [rows] or [batch, rows]
     inv_freq:    [head size / 2], the angle per position of each pair, in radians
     interleaved: pairs are neighbours, elements 2 i and 2 i + 1; else element i is paired with i + head size / 2

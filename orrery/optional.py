@@ -1,4 +1,4 @@
-"""Packages that only some features need: where one is missing, one sentence names the extra that brings it."""
+"""Packages that only some features need: where one is missing, one sentence names the extra that installs it."""
 
 from __future__ import annotations
 

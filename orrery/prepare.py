@@ -1,7 +1,7 @@
-"""A model's matrices in one of our formats, made from a GGUF file once and kept in a cache file.
+"""Prepared models: a model's matrices in a weight format, made from a GGUF file once and kept in a file.
 
-A tensor that the file has in the very format that is asked for keeps its bytes. A matrix whose rows the format's blocks
-do not divide takes the format's substitute. The layout of the cache file stands in `prepared_files.py`.
+A tensor that the GGUF file has in the very format that is asked for keeps its bytes. A matrix whose rows the format's
+blocks do not divide takes the format's substitute. The layout of the file is in `prepared_files.py`.
 """
 
 from __future__ import annotations
@@ -32,7 +32,7 @@ LARGEST = 32768.0
 LARGEST_OF = {"fp6": 256.0}
 # Where a block that keeps the file's bytes has its scales, which are halves.
 SCALES = {"iq2_xxs": (0,), "q2_k": (80, 82), "iq1_s": (0,), "q6_k": (208,), "q4_k": (0, 2), "q5_k": (0, 2)}
-# Threads that read a cache file.
+# Threads that read a prepared model.
 READERS = 4
 
 
@@ -77,9 +77,9 @@ class Prepared:
 
 
 def load(path: Path, fmt: Format, device: str = "xpu", cache: bool = True, keep: bool = True) -> Prepared:
-    """The model of a GGUF file in format `fmt`, from the cache if it is there; `keep` puts it there if it was not.
+    """The model of a GGUF file in format `fmt`. With `cache`, from its file if there is one; else `keep` writes that.
 
-    Warns of weights that are no numbers, and of a damaged cache file, which is made anew.
+    Warns of weights that are NaN, infinite or too large, and of a damaged file, which is made anew.
     """
     gguf_model.check_magic(path)
     file = cache_file(path, fmt)
@@ -203,7 +203,7 @@ def _has_finite_scales(raw: torch.Tensor, fmt: Format) -> bool:
 
 
 def cache_file(path: Path, fmt: Format) -> Path:
-    """Where the prepared model lies."""
+    """The file of the prepared model."""
     return prepared_files.file_for(path, fmt.name)
 
 

@@ -1,9 +1,9 @@
-"""The files in which prepared models are kept, without their tensors: where they lie, what they say, and their end.
+"""The files of prepared models: paths, headers, listing and removal. `prepare.py` reads the tensors.
 
 A file is MAGIC, the length of its header in 8 bytes, the header's checksum in 4, the header as JSON, then the tensors'
-bytes one after the other. The header has a checksum for each tensor. All of them are CRC-32: it finds every damage of a
-few bytes, and at 2.4 GB a second it is no part of the start (SHA-256 takes twice as long, BLAKE2 three times). It is
-written under another name and moved into place, so a reader never sees half of one.
+bytes one after the other. The header has a checksum for each tensor. All of them are CRC-32: it finds damage of
+a few bytes, and at 2.4 GB a second it hardly delays the start (SHA-256 takes twice as long, BLAKE2 three times). A file
+is written under another name and moved into place, so a reader never sees half of one.
 """
 
 from __future__ import annotations
@@ -28,12 +28,12 @@ NAME = re.compile(r"([0-9a-f]{16})-(\w+)\.(bin|\d+\.tmp)")
 
 
 def folder() -> Path:
-    """Where the files lie."""
+    """The folder of the files."""
     return Path(os.environ.get("XDG_CACHE_HOME") or Path.home() / ".cache") / "orrery"
 
 
 def file_for(model: Path, format_name: str) -> Path:
-    """The file of a model in a format: named by the source file's place, size and time, the format and MAGIC."""
+    """The file of a model in a format: named by the source file's path, size and time, the format and MAGIC."""
     source = _source(model)
     key = f"{source['path']} {source['size']} {source['mtime_ns']} {format_name} {MAGIC.decode()}"
     return folder() / f"{hashlib.sha256(os.fsencode(key)).hexdigest()[:16]}-{format_name}.bin"
@@ -81,7 +81,7 @@ def read_header(file: Path) -> tuple[dict[str, Any], int]:
 
 @dataclass(frozen=True)
 class Entry:
-    """One of the files. `stale` says why nothing will read it again; empty if something will."""
+    """One of the files. `stale` says why nothing will read it again, or is empty."""
 
     file: Path
     name: str
@@ -98,7 +98,7 @@ class Entry:
 
 
 def entries() -> list[Entry]:
-    """All files of ours in the folder, the newest first. Others are left alone."""
+    """The prepared models in the folder, the newest first. Other files are left alone."""
     found = []
     with contextlib.suppress(OSError):  # no folder
         for file in folder().iterdir():
@@ -159,7 +159,7 @@ def chosen(names: Sequence[str], every: bool, stale: bool) -> list[Entry]:
 
 
 def remove(found: Sequence[Entry]) -> str:
-    """Removes the files; gives a sentence on it."""
+    """Removes the files; returns a line on how many there were."""
     for entry in found:
         try:
             entry.file.unlink(missing_ok=True)

@@ -38,7 +38,7 @@ class ByteLevel(NamedTuple):
     digits: bool = False  # Each digit is a word.
     compose: bool = False  # The text is brought to NFC first.
     whole: bool = False  # A word that is a token is that token, even where merges do not lead to it.
-    add_bos: bool = False  # If the file does not say.
+    add_bos: bool = False  # Whether a text begins with `bos` if the file does not say.
 
 
 def _words(number: str) -> str:
@@ -67,7 +67,7 @@ class Vocabulary:
     bos: int | None = None
     eos: int | None = None
     add_bos: bool = False  # A text begins with `bos`.
-    squeeze: bool = False  # Runs of spaces count as one, those at the ends as none.
+    squeeze: bool = False  # A run of spaces becomes one space, at the ends of a text none.
 
     @staticmethod
     def read(entry: Entries, rows: int) -> "Vocabulary":
@@ -237,7 +237,7 @@ def _merges_by_score(scores: list[float], pieces: _Pieces) -> list[tuple[str, st
 
 
 def _add_whole_tokens(tokenizer: Tokenizer, pieces: _Pieces) -> None:
-    """Makes the tokens that are never cut: those with a meaning of their own, which have no text, and the user's."""
+    """Adds the tokens that are never divided: control tokens, which have no text, and the user-defined ones."""
     from tokenizers import AddedToken
 
     special = pieces.of(UNKNOWN, CONTROL)
@@ -273,7 +273,7 @@ class ChatTokenizer:
     def encode(self, text: str, follows: bool = False) -> list[int]:
         """Token numbers; the texts of special tokens become those tokens.
 
-        What the vocabulary has for the beginning of a text, a token or a space, is left out if `text` follows another.
+        The `bos` token or space that begins a text is left out if `text` follows another.
         """
         if self._vocabulary.squeeze:
             text = re.sub(" {2,}", " ", text if follows else text.lstrip(" ")).rstrip(" " + SPACE)

@@ -24,11 +24,10 @@ class QuantizedWeight:
 
     data:      uint8 [bytes], the rows and columns of the matrix and behind them the padding of `stored`
     format:    the name of the format that the bytes are in
-    requested: the name of the format that was asked for; another one than `format` if its blocks do not divide the
-               columns
+    requested: the name of the format that was asked for; not `format` if its blocks do not divide the columns
     rows, columns: of the matrix itself
     stored:    (rows, columns) with the zeros that some kernels need behind the rows and columns
-    code:      the format's number, as the operators take it
+    code:      the format's code, which the operators take as `qtype`
     """
 
     def __init__(self, data: torch.Tensor, format: str, rows: int, columns: int, requested: str | None = None) -> None:
@@ -68,7 +67,7 @@ class QuantizedWeight:
         return dense[: self.rows, : self.columns].to(dtype, memory_format=torch.contiguous_format)
 
     def to(self, device: torch.device | str) -> "QuantizedWeight":
-        """The same weight with its bytes on that device; itself if they are there."""
+        """The same weight with its bytes on that device; itself if they are there already."""
         data = self.data.to(device)
         if data is self.data:
             return self

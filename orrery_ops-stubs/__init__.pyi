@@ -4,7 +4,7 @@ All tensors are on one `xpu` device unless an argument says otherwise. Arguments
 `forward_qkv`. Sizes are in elements and positions count from 0. A weight is a one-dimensional tensor of its bytes, and
 its format is named by a code (`qtype`). Results are new tensors unless a function returns `None`.
 
-Preconditions on sizes are assertions: a call that breaks one ends the process with the expression. Others are not
+Preconditions on sizes are assertions: a call that breaks one ends the process and prints the expression. Others are not
 checked at all. docs/functions.md lists both.
 """
 
@@ -24,8 +24,8 @@ def forward_new(input: Tensor, weight: Tensor, qtype: int, seq_hint: int, /) -> 
         [rows, outputs] of the input's type on the weight's device. The number of outputs follows from the bytes.
 
     Raises:
-        RuntimeError: a tensor that is not on the device or not contiguous, a code or a type without a kernel, a row
-            that no lane can divide, no columns.
+        RuntimeError: a tensor that is not on the device or not contiguous, a code or a type without a kernel, no
+            columns; in most formats columns that are no multiple of 16 (8 bits: of 8; iq2_xxs, q2_k, iq1_s: of 256).
         ValueError, IndexError: a malformed number in TILE_THRESHOLD, TILE_SIZE or KELPIE_LLM_LOW_MEM.
     """
 
@@ -64,8 +64,9 @@ def forward_qkv(
         are written into row `kv_seq_len`.
 
     Raises:
-        RuntimeError: a tensor that is not on the device or not contiguous, a format or a type without a kernel, a row
-            that no lane can divide, a cache that has not 4 dimensions or is of another type, a head size below 2.
+        RuntimeError: a tensor that is not on the device or not contiguous, a format or a type without a kernel, columns
+            that are no multiple of 16 (fp8_e5m2: of 8; iq2_xxs: of 256), a cache that has not 4 dimensions or is of
+            another type, a head size below 2.
     """
 
 def forward_qkv_bias(
@@ -293,14 +294,15 @@ def mlp_forward_xpu(
         batch_size: 1.
         state_size: columns.
         output_size: outputs; a multiple of 2, on device class 5 of 8 for q4_0 and fp6; any number for iq2_xxs.
-        act_type: 0 for SiLU, any other for GELU by its tanh.
+        act_type: 0 for SiLU, any other for GELU in its tanh form.
         qtype: code of both weights' format: q4_0, fp4, fp8_e5m2, fp6, and iq2_xxs on device classes 0 and 5.
 
     Returns:
         [1, output_size] of the input's type on the gate's device.
 
     Raises:
-        RuntimeError: a format or a type without a kernel, a row that no lane can divide.
+        RuntimeError: a format or a type without a kernel, columns that are no multiple of 16 (fp8_e5m2: of 8; iq2_xxs:
+            of 256).
     """
 
 def quantize_key_value(key: Tensor, value: Tensor, key_output: Tensor, value_output: Tensor, /) -> None:
@@ -344,7 +346,7 @@ def query_key_fp8_matmul(query: Tensor, key: Tensor, /) -> Tensor:
     """
 
 def attn_value_fp8_matmul(attn: Tensor, value: Tensor, /) -> Tensor:
-    """One-byte values, weighted and summed. Computed in float16; the weights are taken as they stand.
+    """One-byte values, weighted and summed. Computed in float16; the weights are not normalized.
 
     Args:
         attn: [batch, heads, 1, length], unit stride in a row; float16 or float32.
@@ -503,7 +505,7 @@ def rwkv_linear_attention_v4(
     max_state: Tensor,
     /,
 ) -> Tensor:
-    """The recurrence of RWKV version 4. It starts from the state and leaves its end there.
+    """The recurrence of RWKV version 4. It starts from the state and updates it.
 
     Args:
         time_decay: [channels], added to the maximum at each step, so usually negative; of the key's type.
@@ -524,7 +526,7 @@ def rwkv_linear_attention_v4(
 def rwkv_linear_attention_v5(
     time_decay: Tensor, time_first: Tensor, receptance: Tensor, key: Tensor, value: Tensor, state: Tensor, /
 ) -> Tensor:
-    """The recurrence of RWKV version 5. It starts from the state and leaves its end there. All tensors are float32.
+    """The recurrence of RWKV version 5. It starts from the state and updates it. All tensors are float32.
 
     Args:
         time_decay: [heads, 64], contiguous.
@@ -535,7 +537,7 @@ def rwkv_linear_attention_v5(
         state: [batch, heads, 64, 64], contiguous; updated.
 
     Returns:
-        [batch, steps, heads, 64]: heads and steps change places.
+        [batch, steps, heads, 64]: steps and heads are transposed.
 
     Raises:
         RuntimeError: another type.
@@ -560,7 +562,7 @@ def dequantize_rows(input: Tensor, weight: Tensor, qtype: int, row_size: int, /)
     """Chosen rows of a quantized weight, as of a token embedding.
 
     Args:
-        input: [tokens, choices], int64 numbers of weight rows, contiguous.
+        input: [tokens, choices], int64 indexes of weight rows, contiguous.
         weight: bytes of rows of `row_size` elements, contiguous; q2_k or q4_k.
         qtype: 23 for q2_k, 27 for q4_k.
         row_size: elements per row, a multiple of 256.
@@ -569,7 +571,7 @@ def dequantize_rows(input: Tensor, weight: Tensor, qtype: int, row_size: int, /)
         [tokens, choices, row_size], float32. Without values for all other formats.
 
     Raises:
-        RuntimeError: a tensor that is not on the device or not contiguous, another type of the numbers, a row size
+        RuntimeError: a tensor that is not on the device or not contiguous, another type of the indexes, a row size
             that is no multiple of 64.
     """
 
@@ -581,7 +583,7 @@ def get_moe_indexes(selected_experts: Tensor, num_experts: int, /) -> list[list[
         num_experts: how many experts there are.
 
     Returns:
-        Two lists with a list per expert: in which slots it stands, and for which tokens, token by token.
+        Two lists, each with a list per expert: its positions among the tokens' choices, and those tokens, in order.
 
     Raises:
         RuntimeError: another type.

@@ -29,7 +29,7 @@ if ((${#missing[@]})); then
   if [[ $(id -u) == 0 ]] && command -v apt-get >/dev/null; then
     echo "setup: installing ${missing[*]}"
     bring() { DEBIAN_FRONTEND=noninteractive apt-get install -y "$@"; }
-    # One that cannot be had must not keep the others away.
+    # A package that cannot be installed must not keep the others from it.
     bring "${missing[@]}" || { apt-get update && bring "${missing[@]}"; } ||
       for package in "${missing[@]}"; do bring "$package" || true; done
   fi

@@ -14,8 +14,8 @@ TORCH_DEVICE_BACKEND_AUTOLOAD=0 CMAKE_GENERATOR=Ninja NINJA_STATUS="[%f/%t] " \
   --config-settings=build-dir=build/wheel "--config-settings=cmake.define.ORRERY_LEVELS=${levels// /;}" \
   --config-settings=cmake.define.ORRERY_STATIC_BOOST=ON "$@" .
 
-# PyTorch's libraries come with PyTorch; all else that is not on every system would be put into the wheel here. That they
-# are for more than the least x86-64 is meant: the package looks at the CPU before it loads them.
+# PyTorch's libraries come with PyTorch; auditwheel puts any other that is not on every system into the wheel. That the
+# modules need more than the x86-64 baseline is intended: the package looks at the CPU before it loads them.
 torch=()
 for library in libtorch libtorch_cpu libtorch_python libc10 libgomp; do
   torch+=(--exclude "$library.so*")

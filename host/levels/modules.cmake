@@ -1,4 +1,4 @@
-# The operators once a level, each in a library of its own, and the module that loads one of them.
+# The operators once per level, each time in a library of its own, and the module that loads one of them.
 
 list(GET ORRERY_LEVELS 0 lowest)
 Python_add_library(orrery_ops MODULE WITH_SOABI host/levels/orrery_ops.cpp)

@@ -12,7 +12,7 @@
 namespace orrery::host {
 namespace {
 
-// Takes the reference; empty with a Python error if it is no text.
+// Releases the reference. Empty with a Python error if the object is no text.
 std::string taken_text(PyObject* object) {
   const char* text = object ? PyUnicode_AsUTF8(object) : nullptr;
   const std::string copy = text ? text : "";
@@ -20,7 +20,7 @@ std::string taken_text(PyObject* object) {
   return copy;
 }
 
-// Puts the error of a single library without a device in place of the one that is set.
+// Replaces the error that is set by the one that a build for one instruction set raises without a device.
 void raise_without_device() {
   PyObject *type, *error, *trace;
   PyErr_Fetch(&type, &error, &trace);

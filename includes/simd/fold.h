@@ -27,9 +27,9 @@ inline T fold(const simd<T, N>& a) {
 
 namespace detail {
 
-// Adds up vectors by twos, H pairs: v[i] becomes the first H lanes of every 2 * H, of v[2 * i] and then of v[2 * i +
-// 1], plus the H lanes behind them. Then the same for H / 2, down to 1. Lanes of 16 bits move in pairs as long as they
-// can: a permutation of words is one operation, one of halves of words three.
+// Folds 2 * H vectors into H: v[i] becomes the first H lanes of every 2 * H, of v[2 * i] and then of v[2 * i + 1], plus
+// the H lanes after them. Then the same for H / 2, down to 1. Lanes of 16 bits move in pairs while H > 1: a permutation
+// of 32-bit words is one operation, one of 16-bit halves three.
 template <typename T, int H, typename S, int N>
 ORRERY_INLINE inline void fold_pairs(vector_t<S, N>* v) {
   constexpr int unit = sizeof(S) == 2 && H > 1 ? 2 : 1;

@@ -25,8 +25,8 @@ namespace {
 constexpr size_t stack_bytes = 256 * 1024;
 constexpr const char* no_barriers = "A kernel that declares no barriers met one.";
 
-// What Boost asks of a stack. With its own class for that, its static library does not link into a shared one where it
-// was built without -fPIC, as in Debian.
+// What Boost asks of a stack. Boost's own class for it is in a static library that, where it was built without -fPIC as
+// in Debian, does not link into a shared one.
 struct stack_traits {
   static bool is_unbounded() { return true; }
   static size_t page_size() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }

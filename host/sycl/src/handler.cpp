@@ -10,9 +10,9 @@ namespace sycl {
 
 namespace {
 
-// What PyTorch's profiler shows as an event. Named after the functor: the profiler record has one name for whole
-// families ("gridrun_kernel") or none, and is made after the launch. Without template arguments, so that a table by
-// name adds up the types and sub-group sizes of a kernel. Without a listener it costs one check.
+// A launch as an event of PyTorch's profiler. Its name is the functor's: the profiler record has one name for whole
+// families ("gridrun_kernel") or none, and is made after the launch. The name has no template arguments, so that a
+// table by name adds up the types and sub-group sizes of a kernel. While no profiler listens, it costs one check.
 class launch_scope {
  public:
   explicit launch_scope(const std::type_info& kernel) {
