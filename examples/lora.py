@@ -52,7 +52,7 @@ def add_lora(model: nn.Module, rank: int = 8) -> list[nn.Parameter]:
 
 
 def batch(tokenizer: ChatTokenizer, sentences: tuple[str, ...]) -> tuple[torch.Tensor, torch.Tensor]:
-    """Tokens [sentences, length] and their labels, padded behind; the end of a sentence is to be learned too."""
+    """Tokens [sentences, length] and their labels, padded at the end; the end of a sentence is to be learned too."""
     end = min(tokenizer.stop)
     rows = [torch.tensor([*tokenizer.encode(sentence), end]) for sentence in sentences]
     pad = nn.utils.rnn.pad_sequence
@@ -61,7 +61,7 @@ def batch(tokenizer: ChatTokenizer, sentences: tuple[str, ...]) -> tuple[torch.T
 
 def train(model: nn.Module, tokens: torch.Tensor, labels: torch.Tensor, steps: int = 10,
           rate: float = 5e-3) -> Iterator[float]:
-    """Yields the loss in front of each step, and the one behind the last."""
+    """Yields the loss before each step, and the one after the last."""
     optimizer = torch.optim.AdamW(add_lora(model), lr=rate)
     for _ in range(steps):
         loss = model(tokens, labels=labels, use_cache=False).loss

@@ -374,7 +374,7 @@ def _context(args: argparse.Namespace, sizes) -> int:
 
 
 def _line() -> str | None:
-    """The next line of standard input without its end; None behind the last."""
+    """The next line of standard input without its end; None after the last."""
     if sys.stdin is None:
         return None
     try:

@@ -13,7 +13,7 @@ if TYPE_CHECKING:
 
 
 class Conversation:
-    """Questions and answers behind a system message, if there is one.
+    """Questions and answers after a system message, if there is one.
 
     `tokens` are those of the last question and all before it. An answer keeps the tokens that it was made of: its text
     could be divided in another way.

@@ -1,7 +1,7 @@
 """The 17 weight formats: their table, and matrices to bytes and back.
 
 A matrix is `rows * cols / elements` blocks in row order. In a split format each plane holds its bytes of all blocks,
-one plane behind the other; in a block array each block keeps its own bytes together.
+one plane after the other; in a block array each block keeps its own bytes together.
 """
 
 from __future__ import annotations

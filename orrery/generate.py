@@ -106,7 +106,7 @@ def room(tokens: int, context: int) -> int:
 
 
 def check_fit(prompt: int, answer: int, context: int) -> None:
-    """OrreryError if there is no room for so many tokens of an answer behind those of a prompt."""
+    """OrreryError if there is no room for so many tokens of an answer after those of a prompt."""
     if answer > room(prompt, context):
         raise OrreryError(f"{prompt} tokens of prompt and {answer} of answer do not fit into the context of {context}")
 

@@ -109,7 +109,7 @@ class _Reader:
 
     def _bytes(self, count: int) -> bytes:
         if count > self._limit - self._position:
-            raise _Damaged("its header has no end" if self._limit == MOST_BYTES else "it ends within its header")
+            raise _Damaged("its header is too long" if self._limit == MOST_BYTES else "it ends within its header")
         self._position += count
         return self._file.read(count)
 

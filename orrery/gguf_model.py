@@ -46,16 +46,16 @@ class Sizes:
     eps: float
 
     def check(self) -> None:
-        """Raises if the operators do not serve a model of these sizes."""
+        """Raises if the operators do not support a model of these sizes."""
         if self.head_dim not in HEAD_SIZES:
-            raise OrreryError(f"a head size of {self.head_dim} is not served, only 64, 96 and 128 are")
+            raise OrreryError(f"a head size of {self.head_dim} is not supported, only 64, 96 and 128 are")
         if self.heads % self.kv_heads:
             raise OrreryError(f"{self.heads} query heads do not divide among {self.kv_heads} key/value heads")
         for name, size in (("hidden", self.hidden), ("feed-forward", self.feed_forward)):
             if size % BLOCK:
-                raise OrreryError(f"a {name} size of {size} is not served, it must be a multiple of {BLOCK}")
+                raise OrreryError(f"a {name} size of {size} is not supported, it must be a multiple of {BLOCK}")
         if self.hidden > 8192:
-            raise OrreryError(f"a hidden size of {self.hidden} is not served, at most 8192 is")
+            raise OrreryError(f"a hidden size of {self.hidden} is not supported, at most 8192 is")
 
 
 @dataclass(frozen=True)
@@ -94,7 +94,7 @@ class GGUFModel:
 
 
 def _rows_in_file(rows: np.ndarray, head_dim: int) -> np.ndarray:
-    """Where the file has these rows of a query or key matrix: element i of a head at 2i, element i + half behind it."""
+    """Where the file has these rows of a query or key matrix: element i of a head at 2i, element i + half after it."""
     element = rows % head_dim
     half = head_dim // 2
     return rows - element + element % half * 2 + element // half
@@ -117,7 +117,7 @@ def read(path: Path) -> GGUFModel:
     value, stored = _Fields(header.entries), header.tensors
     architecture = value("general.architecture", "")
     if architecture != "llama":
-        raise OrreryError(f"{path} holds a model of architecture {architecture!r}, only 'llama' is served")
+        raise OrreryError(f"{path} holds a model of architecture {architecture!r}, only 'llama' is supported")
     sizes = _sizes(value, stored)
     sizes.check()
     _check_tensors(sizes, stored)
@@ -165,11 +165,11 @@ def _short(value: Any) -> str:
 def _sizes(value: _Fields, stored: dict[str, Stored]) -> Sizes:
     scaling = value("llama.rope.scaling.type", "none")
     if scaling != "none" or "rope_freqs.weight" in stored:
-        raise OrreryError("the model scales its rotary frequencies, which is not served")
+        raise OrreryError("the model scales its rotary frequencies, which is not supported")
     hidden, heads = value.whole("llama.embedding_length"), value.whole("llama.attention.head_count")
     head_dim = value.whole("llama.attention.key_length", max(hidden // heads, 1))
     if value("llama.rope.dimension_count", head_dim) != head_dim:
-        raise OrreryError("the model turns only a part of each head, which is not served")
+        raise OrreryError("the model rotates only a part of each head, which is not supported")
     if "token_embd.weight" not in stored:
         raise OrreryError("the model file lacks the tensor token_embd.weight")
     return Sizes(
@@ -229,7 +229,7 @@ def _check_tensors(sizes: Sizes, stored: dict[str, Stored]) -> None:
         try:
             _values(np.zeros((1, GGML_QUANT_SIZES[kind][1]), np.uint8), kind)
         except NotImplementedError:
-            raise OrreryError(f"the model file has tensors in the type {kind.name}, which is not served") from None
+            raise OrreryError(f"the model file has tensors in the type {kind.name}, which is not supported") from None
 
 
 def _values(raw: np.ndarray, kind: Any) -> np.ndarray:

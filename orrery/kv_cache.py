@@ -76,7 +76,7 @@ class PlainCache(KeyValueCache):
         return place.keys, place.values
 
     def store(self, layer: int, position: int, key: torch.Tensor, value: torch.Tensor) -> None:
-        """Puts rows [1, heads, rows, head size] behind the first `position` ones."""
+        """Puts rows [1, heads, rows, head size] after the first `position` ones."""
         for to, rows in zip(self.rows(layer, position, key.shape[2]), (key, value)):
             to.copy_(rows)
 
@@ -101,7 +101,7 @@ class ByteCache(KeyValueCache):
         self._staging = staging.narrow(3, 0, 0).unbind(0)
 
     def places(self, position: int, at_once: bool) -> list[Place]:
-        """As in `PlainCache`; whichever way the row is made, it is written behind its making."""
+        """As in `PlainCache`; with and without `forward_qkv`, the row is written after it is made."""
         new = self._rows_of_layers(position, 1)
         return [Place(*pair, row) for pair, row in zip(self._rows_of_layers(0, position + 1), new)]
 

@@ -1,13 +1,13 @@
 """The Llama layers on `orrery_ops`: tokens in, rows of logits out.
 
 Weights stay quantized on the device, once. A token passes a layer in these steps: `rms_norm`; `forward_qkv`, which
-makes query, key and value, turns the first two and puts the last two into the cache; `sdp` over the cache; the output
+makes query, key and value, rotates the first two and puts the last two into the cache; `sdp` over the cache; the output
 product; `rms_norm`; `mlp_forward_xpu`, which makes gate and up and multiplies them; the down product. Torch's own
 operators add to the residual. Where a format or type has no such fused operation, its steps are taken one by one, in
 Torch where there is no operator: `Model.refusals` says which and why.
 
 A prompt takes the single steps with all its tokens as rows. `sdp_causal` attends over the first tokens of a text.
-Tokens behind others go to `sdp` in blocks of rows, each with the keys up to its last row and a mask that hides the
+Tokens after others go to `sdp` in blocks of rows, each with the keys up to its last row and a mask that hides the
 later ones from the rows before it. Attention reads what the cache holds, so with one byte per element steps and prompts
 see the same keys and values.
 
@@ -48,7 +48,7 @@ LOGIT_ROWS = 256
 
 
 class Weight(NamedTuple):
-    """A quantized matrix; `padding` zero elements are to be put behind each input row.
+    """A quantized matrix; `padding` zero elements are to be added after each input row.
 
     `together` says whether several input rows may go through it at once: the bytes have no padding of rows, which
     some kernels for several rows need.
@@ -184,7 +184,7 @@ class Model:
 
     def _project_at_once(self, layer: Layer, x: torch.Tensor, position: torch.Tensor,
                          place: Place) -> tuple[torch.Tensor, torch.Tensor, torch.Tensor]:
-        """The query of one row, turned, and keys and values with their new row."""
+        """The query of one row, rotated, and keys and values with their new row."""
         query, key, value = (weight.data for weight in layer.qkv)
         code, sizes = layer.qkv[0].format.code, self.sizes
         keys, values, rows = self.cache.target(place, self.position)
@@ -224,7 +224,7 @@ class Model:
 
     @torch.inference_mode()
     def logits(self, tokens: Sequence[int]) -> Iterator[torch.Tensor]:
-        """Takes the next tokens of the text together; yields the logits behind each of them, some rows at a time."""
+        """Takes the next tokens of the text together; yields the logits after each of them, some rows at a time."""
         for part in self._pass(tokens).split(LOGIT_ROWS):
             yield _product(orrery_ops.rms_norm(self._norm, part, self.sizes.eps), self._head)
 
@@ -233,7 +233,7 @@ class Model:
             raise OrreryError(f"the context of {self.capacity} tokens is full")
 
     def _pass(self, tokens: Sequence[int], last_only: bool = False) -> torch.Tensor:
-        """The rows behind the last layer, or only the last one.
+        """The rows after the last layer, or only the last one.
 
         Attention takes all tokens together, products PRODUCT_ROWS at a time.
         """
@@ -253,7 +253,7 @@ class Model:
         return x
 
     def _queries(self, index: int, layer: Layer, first: int, x: torch.Tensor) -> torch.Tensor:
-        """The turned queries [1, heads, rows, head size] of a pass's rows from `first` on. Keys and values go into the
+        """The rotated queries [1, heads, rows, head size] of a pass's rows from `first` on. Keys and values go into the
         cache."""
         n, position = len(x), self.position + first
         qkv = _parts(orrery_ops.rms_norm(layer.attention_norm, x, self.sizes.eps), layer.qkv, self._qkv_rows)
@@ -263,7 +263,7 @@ class Model:
         return query.to(self._attention_dtype)
 
     def _attend(self, index: int, query: torch.Tensor) -> torch.Tensor:
-        """Attention [n, heads * head size] of the n tokens behind the cache's first `position`."""
+        """Attention [n, heads * head size] of the n tokens after the cache's first `position`."""
         _, heads, n, size = query.shape
         if self.position == 0:
             result = self.cache.attend_causally(query, *self.cache.rows(index, 0, n))
@@ -289,7 +289,7 @@ class Model:
 
 
 def _in_parts(x: torch.Tensor) -> Iterator[tuple[int, torch.Tensor]]:
-    """The rows in parts of PRODUCT_ROWS, each behind the number of its first one."""
+    """The rows in parts of PRODUCT_ROWS, each with the number of its first one in front."""
     return zip(range(0, len(x), PRODUCT_ROWS), x.split(PRODUCT_ROWS))
 
 
@@ -323,5 +323,5 @@ def _rows_product(x: torch.Tensor, weight: Weight) -> torch.Tensor:
 
 
 def _padded(fmt: Format, data: torch.Tensor, cols: int, padding: int) -> torch.Tensor:
-    """A block array with zero blocks behind each row."""
+    """A block array with zero blocks after each row."""
     return torch.nn.functional.pad(data.view(-1, fmt.size(1, cols)), (0, fmt.size(1, padding))).view(-1)

@@ -122,7 +122,7 @@ class Count:
         return values
 
 
-# Our matrices of a layer and the tensors of the file whose rows they join. Rows are independent, so query, key and
+# A layer's matrices here and the tensors of the file whose rows they join. Rows are independent, so query, key and
 # value are one product, and so are gate and up.
 JOINED = {
     "qkv": ("attn_q", "attn_k", "attn_v"),
@@ -146,7 +146,7 @@ def matrices(sizes: Sizes, tied: bool, fmt: Format) -> dict[str, tuple[str, ...]
 
 
 def norms(sizes: Sizes) -> dict[str, str]:
-    """Our norm weights and the file's."""
+    """The names of the norm weights here and in the file."""
     names = {"norm": "output_norm.weight"}
     for i in range(sizes.layers):
         names[f"{i}.attention_norm"] = f"blk.{i}.attn_norm.weight"
@@ -155,7 +155,7 @@ def norms(sizes: Sizes) -> dict[str, str]:
 
 
 def matrix_formats(model: GGUFModel, fmt: Format) -> dict[str, Format]:
-    """The format of each of our matrices."""
+    """The format of each matrix of `matrices`."""
     made = matrices(model.sizes, "output.weight" not in model.stored, fmt)
     return {name: fmt.for_rows(model.stored[sources[0]].shape[1]) for name, sources in made.items()}
 

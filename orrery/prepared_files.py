@@ -149,7 +149,7 @@ def _age(seconds: float) -> str:
 def chosen(names: Sequence[str], every: bool, stale: bool) -> list[Entry]:
     """The files with one of these names, or of a model with such a path or file name; or all; or the stale ones."""
     if not (names or every or stale):
-        raise OrreryError("name what to clear, or --stale or --all")
+        raise OrreryError("name what to clear, or give --stale or --all")
     found = entries()
 
     for name in names:

@@ -73,12 +73,12 @@ class Vocabulary:
     def read(entry: Entries, rows: int) -> "Vocabulary":
         """From a model file's entries, for a model with `rows` rows of embedding.
 
-        OrreryError if the file's tokenizer is not served or its parts do not fit together.
+        OrreryError if the file's tokenizer is not supported or its parts do not fit together.
         """
         model = entry("tokenizer.ggml.model")
         if model not in ("gpt2", "llama"):
-            raise OrreryError(f"the tokenizer {model!r} is not served, the runner serves 'gpt2' (byte-level BPE) and "
-                              "'llama' (SentencePiece)")
+            raise OrreryError(f"the tokenizer {model!r} is not supported, the runner supports 'gpt2' (byte-level BPE) "
+                              "and 'llama' (SentencePiece)")
         pieces = _Pieces.read(entry, rows)
         tokenizer, add_bos = _byte_level(entry, pieces) if model == "gpt2" else _sentence_piece(entry, pieces)
         _add_whole_tokens(tokenizer, pieces)
@@ -108,7 +108,7 @@ class _Pieces:
     def read(entry: Entries, rows: int) -> "_Pieces":
         tokens, kinds = entry("tokenizer.ggml.tokens"), entry("tokenizer.ggml.token_type")
         if len(kinds) != len(tokens):
-            raise OrreryError(f"the vocabulary has {len(tokens)} tokens and the types of {len(kinds)}")
+            raise OrreryError(f"the vocabulary has {len(tokens)} tokens, but types for {len(kinds)}")
         if len(tokens) > rows:
             raise OrreryError(f"the vocabulary has {len(tokens)} tokens and the embedding {rows} rows")
         numbers: dict[str, int] = {}
@@ -143,9 +143,10 @@ def _byte_level(entry: Entries, pieces: _Pieces) -> tuple[Tokenizer, bool]:
     name = entry("tokenizer.ggml.pre", "default")
     if name not in PRE_TOKENIZERS:
         served = ", ".join(map(repr, PRE_TOKENIZERS))
-        raise OrreryError(f"the pre-tokenizer {name!r} is not served, the runner serves {served}")
+        raise OrreryError(f"the pre-tokenizer {name!r} is not supported, the runner supports {served}")
     if entry("tokenizer.ggml.add_space_prefix", False):
-        raise OrreryError("a space prefix with the tokenizer 'gpt2' is not served, the runner serves it with 'llama'")
+        raise OrreryError("a space prefix with the tokenizer 'gpt2' is not supported, the runner supports it with "
+                          "'llama'")
     pre = PRE_TOKENIZERS[name]
     tokenizer = Tokenizer(models.BPE(pieces.numbers, _merges(entry, pieces), ignore_merges=pre.whole))
     if pre.compose:
@@ -164,8 +165,8 @@ def _sentence_piece(entry: Entries, pieces: _Pieces) -> tuple[Tokenizer, bool]:
     from tokenizers import Tokenizer, pre_tokenizers
 
     if len(entry("tokenizer.ggml.precompiled_charsmap", ())):
-        raise OrreryError("a vocabulary with a precompiled map of characters is not served, the runner serves those "
-                          "without one")
+        raise OrreryError("a vocabulary with a precompiled map of characters is not supported, the runner supports "
+                          "those without one")
     number = pieces.special(entry, "unknown")
     unknown = next(iter(pieces.of(UNKNOWN)), None) if number is None else pieces.tokens[number]
     if unknown is None and not all(f"<0x{byte:02X}>" in pieces.numbers for byte in range(256)):
@@ -202,7 +203,7 @@ def _merges(entry: Entries, pieces: _Pieces) -> list[tuple[str, str]]:
 def _scores(entry: Entries, pieces: _Pieces) -> list[float]:
     scores = entry("tokenizer.ggml.scores")
     if len(scores) != len(pieces.tokens):
-        raise OrreryError(f"the vocabulary has {len(pieces.tokens)} tokens and the scores of {len(scores)}")
+        raise OrreryError(f"the vocabulary has {len(pieces.tokens)} tokens, but scores for {len(scores)}")
     if not all(map(math.isfinite, scores)):
         raise OrreryError("a score of the vocabulary is not a finite number")
     return scores
@@ -213,7 +214,7 @@ def _unigram(scores: list[float], pieces: _Pieces, unknown: str | None) -> Any:
     from tokenizers import models
 
     if unknown is None:
-        raise OrreryError("the vocabulary has no unknown token, which one with probabilities as scores needs")
+        raise OrreryError("the vocabulary has no unknown token, which a unigram model needs")
     parts = set(pieces.of(NORMAL, USER_DEFINED))
     never = 100 * min(scores)
     scored = [(token, score if token in parts else never) for token, score in zip(pieces.tokens, scores)]
@@ -328,7 +329,7 @@ class ChatTokenizer:
         OrreryError if there is no template for it, or if it does not render.
         """
         if not self._template:
-            raise OrreryError("the model file has no chat template and its vocabulary not the token <|im_start|>")
+            raise OrreryError("the model file has no chat template and its vocabulary no token <|im_start|>")
         names = {"bos_token": self._name(self._vocabulary.bos), "eos_token": self._name(self._vocabulary.eos)}
         return chat_template.render(self._template, messages=messages, add_generation_prompt=True, **names)
 

@@ -22,11 +22,11 @@ _KIND = "orrery quantized weight 1"
 class QuantizedWeight:
     """A matrix [rows, columns] in a weight format.
 
-    data:      uint8 [bytes], the rows and columns of the matrix and behind them the padding of `stored`
+    data:      uint8 [bytes], the rows and columns of the matrix and after them the padding of `stored`
     format:    the name of the format that the bytes are in
     requested: the name of the format that was asked for; not `format` if its blocks do not divide the columns
     rows, columns: of the matrix itself
-    stored:    (rows, columns) with the zeros that some kernels need behind the rows and columns
+    stored:    (rows, columns) with the zeros that some kernels need after the rows and columns
     code:      the format's code, which the operators take as `qtype`
     """
 
@@ -164,7 +164,7 @@ def _check_values(fmt: Format, values: torch.Tensor) -> None:
 def _from_fields(data: torch.Tensor, fields: Mapping[str, str]) -> QuantizedWeight:
     sizes = [int(fields[name]) for name in ("rows", "columns")]
     if not all(0 < size < 2**31 for size in sizes):
-        raise ValueError(f"it tells of {sizes[0]} rows and {sizes[1]} columns")
+        raise ValueError(f"it says {sizes[0]} rows and {sizes[1]} columns")
     return QuantizedWeight(data, fields["format"], *sizes, fields["requested"])
 
 

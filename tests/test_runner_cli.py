@@ -86,7 +86,7 @@ def test_truncated_file(run, tmp_path):
 def test_other_architecture(run, tmp_path):
     runner_files.write_tiny(tmp_path / "tiny.gguf", architecture="gpt2")
     message = sentence(run("generate", "--model", tmp_path / "tiny.gguf"))
-    assert message == f"orrery: {tmp_path}/tiny.gguf holds a model of architecture 'gpt2', only 'llama' is served"
+    assert message == f"orrery: {tmp_path}/tiny.gguf holds a model of architecture 'gpt2', only 'llama' is supported"
 
 
 @pytest.mark.parametrize("arguments, message", [
@@ -106,7 +106,7 @@ def test_other_architecture(run, tmp_path):
     (["generate", "\udcff"], "orrery: argument prompt: the text is not UTF-8"),
     (["chat", "--system", "a\udcff"], "orrery: argument --system: the text is not UTF-8"),
     (["perplexity", "/dev/zero"], f"orrery: the text file /dev/zero has more than {2**28} bytes"),
-    (["cache", "clear"], "orrery: name what to clear, or --stale or --all"),
+    (["cache", "clear"], "orrery: name what to clear, or give --stale or --all"),
     (["generate", "--top-p", "1.5"], "orrery: argument --top-p: 1.5 is not above 0 and at most 1"),
     (["generate", "--cache", "half"], "orrery: argument --cache: invalid choice: 'half' (choose from 'plain', 'byte')"),
     (["compare-caches", "--text", "/nonexistent.txt"],

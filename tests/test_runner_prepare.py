@@ -176,7 +176,7 @@ def test_list_and_clear(tmp_path, monkeypatch, capsys):
         out, err = capsys.readouterr()
         return status, out or err
 
-    assert clear() == (2, "orrery: name what to clear, or --stale or --all\n")
+    assert clear() == (2, "orrery: name what to clear, or give --stale or --all\n")
     assert clear("one.gguf", "seven") == (2, "orrery: there is no prepared model 'seven'\n")
     assert len(listed(capsys)) == 9
     status, said = clear("--stale")

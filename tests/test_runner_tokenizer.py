@@ -378,23 +378,23 @@ KNOWN = {"unknown_token_id": None, "token_type": [3, *PIECES["tokenizer.ggml.tok
 
 @pytest.mark.parametrize("entries, changes, message", [
     (BYTES, {"model": "t5"},
-     "the tokenizer 't5' is not served, the runner serves 'gpt2' (byte-level BPE) and 'llama' (SentencePiece)"),
+     "the tokenizer 't5' is not supported, the runner supports 'gpt2' (byte-level BPE) and 'llama' (SentencePiece)"),
     (BYTES, {"pre": "tekken"},
-     "the pre-tokenizer 'tekken' is not served, the runner serves 'default', 'llama-bpe', 'qwen2', 'smollm'"),
+     "the pre-tokenizer 'tekken' is not supported, the runner supports 'default', 'llama-bpe', 'qwen2', 'smollm'"),
     (BYTES, {"add_space_prefix": True},
-     "a space prefix with the tokenizer 'gpt2' is not served, the runner serves it with 'llama'"),
+     "a space prefix with the tokenizer 'gpt2' is not supported, the runner supports it with 'llama'"),
     (PIECES, {"precompiled_charsmap": [1, 2]},
-     "a vocabulary with a precompiled map of characters is not served, the runner serves those without one"),
+     "a vocabulary with a precompiled map of characters is not supported, the runner supports those without one"),
     (BYTES, {"model": None}, "the model file lacks the entry tokenizer.ggml.model"),
     (BYTES, {"token_type": None}, "the model file lacks the entry tokenizer.ggml.token_type"),
     (BYTES, {"merges": None}, "the model file lacks the entry tokenizer.ggml.merges"),
     (PIECES, {"scores": None}, "the model file lacks the entry tokenizer.ggml.scores"),
     (BYTES, {"tokens": [*BYTE_TOKENS[:-1], "a"]}, "the vocabulary has the token 'a' twice"),
-    (BYTES, {"tokens": BYTE_TOKENS[:-1]}, "the vocabulary has 1204 tokens and the types of 1205"),
-    (PIECES, {"scores": [0.0] * 7}, "the vocabulary has 1160 tokens and the scores of 7"),
+    (BYTES, {"tokens": BYTE_TOKENS[:-1]}, "the vocabulary has 1204 tokens, but types for 1205"),
+    (PIECES, {"scores": [0.0] * 7}, "the vocabulary has 1160 tokens, but scores for 7"),
     (PIECES, {"scores": [float("nan")] * 1160}, "a score of the vocabulary is not a finite number"),
     (PIECES, {"scores": [-1.5] * 1160} | KNOWN,
-     "the vocabulary has no unknown token, which one with probabilities as scores needs"),
+     "the vocabulary has no unknown token, which a unigram model needs"),
     (PIECES, {"tokens": [token.replace("<0x61>", "<0x6161>") for token in PIECE_TOKENS]} | KNOWN,
      "the vocabulary has neither a token for each byte nor an unknown token"),
     *((BYTES, {f"{name}_token_id": 1205},
@@ -427,7 +427,7 @@ def test_file_without_a_template():
     assert tokenizer.chat([{"role": "user", "content": "he"}]) == tokenizer.encode(expected)
     assert tokenizer.encode("he")[0] == len(tokens) - 1
     assert tokenizer.stop == {0, 2}
-    with pytest.raises(OrreryError, match="^the model file has no chat template and its vocabulary not the token "
+    with pytest.raises(OrreryError, match="^the model file has no chat template and its vocabulary no token "
                                           r"<\|im_start\|>$"):
         made(PIECES).chat([{"role": "user", "content": "he"}])
 
