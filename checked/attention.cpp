@@ -21,6 +21,9 @@ using std::optional;
 
 constexpr double hidden = -std::numeric_limits<double>::infinity();
 
+// The type in which the kernels serve a value type.
+at::ScalarType kernel_type(at::ScalarType type) { return type == at::kHalf ? at::kHalf : at::kFloat; }
+
 void check_cache(const Tensor& x, const char* name, const Tensor& query) {
   check_heads(x, name);
   check_same_device(x, name, query, "query");
@@ -104,7 +107,7 @@ Tensor attention(const Tensor& query, const Tensor& key, const Tensor& value, co
                  bool causal) {
   check_attention(query, key, value, mask, causal);
   if (query.numel() == 0) return at::empty(query.sizes(), query.options());
-  const at::ScalarType type = query.scalar_type(), inner = type == at::kHalf ? at::kHalf : at::kFloat;
+  const at::ScalarType type = query.scalar_type(), inner = kernel_type(type);
   const bool bytes = key.scalar_type() == at::kByte;
   const Tensor q = with_unit_stride(query.to(inner));
   const Tensor k = packed(bytes ? key : key.to(inner)), v = packed(bytes ? value : value.to(inner));
@@ -159,7 +162,7 @@ void check_dequantize(const Tensor& key, const Tensor& value, const Tensor& key_
 void quantize_key_value(const Tensor& key, const Tensor& value, const Tensor& key_out, const Tensor& value_out) {
   check_quantize(key, value, key_out, value_out);
   if (key.numel() == 0) return;
-  const at::ScalarType inner = key.scalar_type() == at::kHalf ? at::kHalf : at::kFloat;
+  const at::ScalarType inner = kernel_type(key.scalar_type());
   const in_place k(key_out, at::kByte), v(value_out, at::kByte);
   orrery::quantize_key_value(with_unit_stride(key.to(inner)), with_unit_stride(value.to(inner)), k.rows, v.rows);
   k.finish();
@@ -169,7 +172,7 @@ void quantize_key_value(const Tensor& key, const Tensor& value, const Tensor& ke
 void dequantize_key_value(const Tensor& key, const Tensor& value, const Tensor& key_out, const Tensor& value_out) {
   check_dequantize(key, value, key_out, value_out);
   if (key.numel() == 0) return;
-  const at::ScalarType inner = key_out.scalar_type() == at::kHalf ? at::kHalf : at::kFloat;
+  const at::ScalarType inner = kernel_type(key_out.scalar_type());
   const in_place k(key_out, inner), v(value_out, inner);
   orrery::dequantize_key_value(with_unit_stride(key), with_unit_stride(value), k.rows, v.rows);
   k.finish();

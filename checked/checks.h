@@ -2,6 +2,7 @@
 #pragma once
 
 #include <ATen/core/Tensor.h>
+#include <c10/core/GradMode.h>
 #include <c10/core/ScalarType.h>
 #include <c10/util/Exception.h>
 
@@ -44,6 +45,11 @@ inline void check_same_device(const at::Tensor& x, const char* name, const at::T
 
 inline void check_dimensions(const at::Tensor& x, const char* name, int64_t dimensions, const char* meaning) {
   TORCH_CHECK_VALUE(x.dim() == dimensions, name, " must be ", meaning, ", not ", x.sym_sizes());
+}
+
+// Whether a call needs a gradient of x, backward or forward.
+inline bool needs_gradient(const at::Tensor& x) {
+  return at::GradMode::is_enabled() && (x.requires_grad() || x._fw_grad(/*level=*/0).defined());
 }
 
 }  // namespace orrery::checked

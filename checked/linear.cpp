@@ -67,9 +67,7 @@ matrix_size check_linear(const Tensor& x, const Tensor& weight, int64_t qtype, i
   return stored;
 }
 
-at::ScalarType check_dequantize(const Tensor& weight, int64_t qtype, int64_t rows, int64_t columns,
-                                optional<at::ScalarType> dtype) {
-  check_weight(weight, qtype, rows, columns);
+at::ScalarType checked_type(optional<at::ScalarType> dtype) {
   const at::ScalarType type = dtype.value_or(at::kFloat);
   TORCH_CHECK_TYPE(is_value_type(type), "dtype must be float32, float16, bfloat16 or float64, not ", name_of(type));
   return type;
@@ -112,8 +110,8 @@ Tensor linear(const Tensor& x, const Tensor& weight, int64_t qtype, int64_t rows
 }
 
 Tensor dequantize(const Tensor& weight, int64_t qtype, int64_t rows, int64_t columns, optional<at::ScalarType> dtype) {
-  const at::ScalarType type = check_dequantize(weight, qtype, rows, columns, dtype);
-  const matrix_size stored = checked_size(qtype, rows, columns, {});
+  const matrix_size stored = check_weight(weight, qtype, rows, columns);
+  const at::ScalarType type = checked_type(dtype);
   const Tensor dense = dequantize_xpu(weight, static_cast<int32_t>(qtype), stored.columns, type);
   return dense.narrow(0, 0, rows).narrow(1, 0, columns).contiguous();
 }
@@ -133,8 +131,8 @@ Tensor linear(const Tensor& x, const Tensor& weight, int64_t qtype, int64_t rows
 }
 
 Tensor dequantize(const Tensor& weight, int64_t qtype, int64_t rows, int64_t columns, optional<at::ScalarType> dtype) {
-  const at::ScalarType type = check_dequantize(weight, qtype, rows, columns, dtype);
-  return at::empty({rows, columns}, weight.options().dtype(type));
+  check_weight(weight, qtype, rows, columns);
+  return at::empty({rows, columns}, weight.options().dtype(checked_type(dtype)));
 }
 
 }  // namespace meta

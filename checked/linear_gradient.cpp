@@ -3,6 +3,7 @@
 #include <ATen/ops/matmul.h>
 #include <torch/csrc/autograd/custom_function.h>
 
+#include "checked/checks.h"
 #include "checked/operators.h"
 
 namespace orrery::checked {
@@ -58,13 +59,11 @@ struct linear_function : torch::autograd::Function<linear_function> {
   }
 };
 
-bool needs_gradient(const Tensor& x) { return x.requires_grad() || x._fw_grad(/*level=*/0).defined(); }
-
 }  // namespace
 
 Tensor linear_with_gradient(const Tensor& x, const Tensor& weight, int64_t qtype, int64_t rows, int64_t columns,
                             const optional<Tensor>& bias) {
-  const bool needed = at::GradMode::is_enabled() && (needs_gradient(x) || (bias && needs_gradient(*bias)));
+  const bool needed = needs_gradient(x) || (bias && needs_gradient(*bias));
   if (needed) return linear_function::apply(x, weight, qtype, rows, columns, bias);
   return call_linear(x, weight, qtype, rows, columns, bias);
 }

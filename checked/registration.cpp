@@ -3,6 +3,7 @@
 #include <ATen/core/LegacyTypeDispatch.h>
 #include <torch/library.h>
 
+#include "checked/checks.h"
 #include "checked/operators.h"
 
 namespace orrery::checked {
@@ -16,8 +17,7 @@ void without_gradient(const c10::OperatorHandle& op, c10::DispatchKeySet keys, t
   for (size_t i = 0; i < arguments.size(); ++i) {
     if (!given[i].isTensor()) continue;
     const at::Tensor& x = given[i].toTensor();
-    TORCH_CHECK(!at::GradMode::is_enabled() || !(x.requires_grad() || x._fw_grad(/*level=*/0).defined()),
-                op.schema().name(), " has no gradient, but ", arguments[i].name(),
+    TORCH_CHECK(!needs_gradient(x), op.schema().name(), " has no gradient, but ", arguments[i].name(),
                 " requires one: call it under torch.no_grad() or with ", arguments[i].name(), ".detach()");
     if (const auto* alias = arguments[i].alias_info(); alias != nullptr && alias->isWrite()) written.push_back(x);
   }
