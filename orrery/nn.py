@@ -10,7 +10,7 @@ from torch import Tensor, nn
 from tqdm import tqdm
 
 import orrery_ops  # noqa: F401  registers torch.ops.orrery
-from orrery.weight import QuantizedWeight, checked_matrix, find_format, quantize
+from orrery.weight import QuantizedWeight, checked_matrix, find_format, quantize, type_name
 
 _linear = torch.ops.orrery.linear.default
 # What a layer's extra state says of its bytes.
@@ -170,12 +170,14 @@ def quantize_(model: nn.Module, format: str = "q4_0", filter_fn: Callable[[nn.Mo
     if not layers:
         raise ValueError(f"the model has no linear layer{' that filter_fn chooses' if filter_fn else ''}")
     find_format(format)
+    dense: dict[Tensor, str] = {}  # a weight that several layers share is checked and quantized once
     for layer, name in layers.items():
+        dense.setdefault(layer.weight, name)
+    for weight, name in dense.items():
         try:
-            checked_matrix(layer.weight, format)
+            checked_matrix(weight, format)
         except (TypeError, ValueError) as error:
             raise type(error)(f"{name}: {error}") from None
-    dense = dict.fromkeys(layer.weight for layer in layers)  # one that several layers share is quantized once
     weights = {}
     with tqdm(total=sum(weight.numel() for weight in dense), desc=f"quantizing to {format}", unit=" weights",
               unit_scale=True, delay=2, mininterval=0.5, disable=not progress) as bar:
@@ -211,7 +213,7 @@ def summary(model: nn.Module) -> str:
                 continue
             seen.add(tensor)
             quantized = isinstance(module, QuantizedLinear) and tensor is module.data
-            name = module.format if quantized else str(tensor.dtype).removeprefix("torch.")
+            name = module.format if quantized else type_name(tensor.dtype)
             elements = module.in_features * module.out_features if quantized else tensor.numel()
             row = rows.setdefault(name, [0, 0, 0])
             for i, more in enumerate((1, elements, tensor.nbytes)):

@@ -151,7 +151,6 @@ def chosen(names: Sequence[str], every: bool, stale: bool) -> list[Entry]:
     if not (names or every or stale):
         raise OrreryError("name what to clear, or give --stale or --all")
     found = entries()
-
     for name in names:
         if not any(name in entry.names for entry in found):
             raise OrreryError(f"there is no prepared model {name!r}")

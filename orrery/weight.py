@@ -175,13 +175,18 @@ def find_format(name: str) -> Format:
         raise ValueError(str(error)) from None
 
 
+def type_name(dtype: torch.dtype) -> str:
+    """float32, float16, ..."""
+    return str(dtype).removeprefix("torch.")
+
+
 def _names(types: tuple[torch.dtype, ...]) -> str:
-    names = [str(t).removeprefix("torch.") for t in types]
+    names = [type_name(t) for t in types]
     return f"{', '.join(names[:-1])} or {names[-1]}"
 
 
 def _kind(value: object) -> str:
-    return str(value.dtype).removeprefix("torch.") if isinstance(value, torch.Tensor) else type(value).__name__
+    return type_name(value.dtype) if isinstance(value, torch.Tensor) else type(value).__name__
 
 
 def _shape(tensor: torch.Tensor) -> str:
