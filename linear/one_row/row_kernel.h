@@ -101,10 +101,10 @@ struct row_sums {
   static constexpr int groups_at_once = most_rows / R;
 
   template <typename Item>
-  static constexpr bool whole_groups = last_finishes&& K == 1 && Item::lanes > 1;
+  static constexpr bool whole_groups = last_finishes && (K == 1) && (Item::lanes > 1);
 
   // The sums of the rows of neighbouring groups, `count` rows in all, with N lanes per strand. Tails of several rows
-  // share a vector, and all rows are folded together: one group after another takes xx% longer with rows of 576.
+  // share a vector, and all rows are folded together: one group after another takes a fifth longer with rows of 576.
   template <int N>
   [[gnu::noinline]] simd<T, most_rows> of_groups(const register_type<T>* x, const weight_rows& rows,
                                                  uint64_t count) const {
@@ -408,26 +408,21 @@ struct row_sums {
     const int64_t items = static_cast<int64_t>(state_size / run) - (shared_tail ? runs_per_block : 0);
     simd<T, M> acc[2][Vectors];
     for (int v = 0; v < Vectors; v += chains) {
-      simd<T, M> mine[2][chains];
-      const register_type<T>* in = x;
-      uint32_t block = 0;
-      for (int64_t left = items; left > 0; left -= WG, in += inputs * places, block += 2 * strand_blocks) {
-        for_each_constant<2>([&](auto s) ORRERY_INLINE {
-          const auto some = mask<M>::first(beside * (left - s * N));
-          if (!some.any()) return;
+      for (int s = 0; s < 2; ++s) {
+        simd<T, M> mine[chains];
+        const register_type<T>* in = x + s * M;
+        uint32_t block = s * strand_blocks;
+        for (int64_t left = items - s * N; left > 0; left -= WG, in += inputs * places, block += 2 * strand_blocks) {
+          const auto some = mask<M>::first(beside * left);
           runs<N, beside> of[chains];
-          for_each_constant<chains>([&](auto c) ORRERY_INLINE {
-            of[c] = rows.template load<N>((v + c) * beside, block + s * strand_blocks);
+          for_each_constant<chains>([&](auto c)
+                                        ORRERY_INLINE { of[c] = rows.template load<N>((v + c) * beside, block); });
+          sum_runs(of, input(in), [&](auto, auto c, const auto& part) ORRERY_INLINE {
+            mine[c] = select(some, mine[c] + part, mine[c]);
           });
-          sum_runs(of, input(in + s * M), [&](auto, auto c, const auto& part) ORRERY_INLINE {
-            mine[s][c] = select(some, mine[s][c] + part, mine[s][c]);
-          });
-        });
+        }
+        for_each_constant<chains>([&](auto c) ORRERY_INLINE { acc[s][v + c] = mine[c]; });
       }
-      for_each_constant<chains>([&](auto c) ORRERY_INLINE {
-        acc[0][v + c] = mine[0][c];
-        acc[1][v + c] = mine[1][c];
-      });
     }
     if constexpr (has_load_blocks) {
       if (shared_tail) {
