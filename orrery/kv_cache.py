@@ -39,10 +39,12 @@ class KeyValueCache:
     def __init__(self, sizes: Sizes, capacity: int, dtype: torch.dtype, device: torch.device) -> None:
         self.data = torch.empty(2 * sizes.layers, 1, sizes.kv_heads, capacity, sizes.head_dim, dtype=dtype,
                                 device=device)
+        self._keys_and_values = self.data.unbind(0)
 
     def rows(self, layer: int, first: int, count: int) -> Pair:
         """Keys and values of `count` tokens from `first` on."""
-        return self.data[2 * layer].narrow(2, first, count), self.data[2 * layer + 1].narrow(2, first, count)
+        keys, values = self._keys_and_values[2 * layer : 2 * layer + 2]
+        return keys.narrow(2, first, count), values.narrow(2, first, count)
 
     def room_for(self, layer: int, position: int, key: torch.Tensor) -> torch.Tensor:
         """Where `key` can be rotated to before `store`: the rows themselves if they have its type, else its own place."""
