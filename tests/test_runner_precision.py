@@ -103,9 +103,10 @@ def test_logits_stay_close(tiny_file):
     """Inputs and weights carry 8 bits; the logits' spread is 1.6. Steps do without."""
     exact, narrow = (tiny(tiny_file, chosen) for chosen in precision.PRECISIONS)
     expected, found = passed(exact, TOKENS), passed(narrow, TOKENS)
-    assert (found - expected).abs().mean() < 0.02
-    # Other processors make the float32 product.
-    assert torch.equal(found, expected) != torch.cpu._is_amx_tile_supported()
+    distance = (found - expected).abs().mean()
+    assert distance < 0.03
+    # Other processors make a float32 product, with another order of additions.
+    assert (distance > 1e-4) == torch.cpu._is_amx_tile_supported()
     for model in (exact, narrow):
         model.rewind(0)
     assert torch.equal(exact.step(3), narrow.step(3))
