@@ -49,14 +49,15 @@ class Result:
 
 
 def measure(path: Path, fmt: Format, text: str, *, dtype: torch.dtype = torch.float32, window: int = 2048,
-            limit: int | None = None, steps: int = 32, cache: bool = True) -> Iterator[Result]:
+            limit: int | None = None, steps: int = 32, cache: bool = True,
+            prompt_precision: str = "float32") -> Iterator[Result]:
     """Measures both on the model at `path`: the perplexity on the first `limit` tokens of `text`, and the speed of the
     last `steps` tokens of a window."""
     prepared = prepare.load(path, fmt, cache=cache)
     tokens = ChatTokenizer(prepared.vocabulary).encode(text)[:limit]
     window = min(window, len(tokens), prepared.sizes.context)
     for name in kv_cache.KINDS:
-        model = Model(prepared, dtype, window, name)
+        model = Model(prepared, dtype, window, name, prompt_precision)
         value = perplexity(model, tokens, window)
         clamped = clamped_by_bytes(model.cache, model.position) if model.cache.data.is_floating_point() else ()
         yield Result(name, window, model.cache.data.nbytes, value, _speed(model, tokens, steps), clamped)

@@ -15,7 +15,7 @@ from contextlib import suppress
 from pathlib import Path
 from typing import NoReturn
 
-from orrery import OrreryError, device_class, formats, optional, prepared_files
+from orrery import OrreryError, device_class, formats, optional, precision, prepared_files
 
 DTYPES = ("float32", "float16", "bfloat16")
 CACHES = ("plain", "byte")
@@ -112,6 +112,8 @@ def _parser() -> argparse.ArgumentParser:
     group = model.add_argument_group("model")
     group.add_argument("--model", type=Path, metavar="FILE", help="GGUF file, Llama architecture (default: the bundled one)")
     group.add_argument("--dtype", default="float32", choices=DTYPES, help="type of the activations (default: float32)")
+    group.add_argument("--prompt-precision", default="float32", choices=precision.PRECISIONS,
+                       help="precision of a prompt's products: with bfloat16 faster and less exact (default: float32)")
     group.add_argument("--threads", type=_threads, metavar="N", help="CPU threads (default: torch's choice)")
     device_class.add_option(group)
     group.add_argument("--no-cache", action="store_true", help="neither read nor write the prepared model on disk")
@@ -203,6 +205,7 @@ def _parser() -> argparse.ArgumentParser:
 
 def _model_file(args: argparse.Namespace) -> Path:
     """The model file, and torch ready to work on it."""
+    precision.check(args.prompt_precision, args.dtype)
     device_class.choose(args.device_class)
     from orrery import gguf_model
 
@@ -257,7 +260,7 @@ def _model(args: argparse.Namespace, prepared, capacity: int):
     fitting = _fitting(args, prepared.sizes)
     if capacity > fitting:
         raise OrreryError(f"a context of {capacity} tokens does not fit into the free memory, {fitting} tokens do")
-    model = Model(prepared, DTYPES[args.dtype], capacity, args.cache)
+    model = Model(prepared, DTYPES[args.dtype], capacity, args.cache, args.prompt_precision)
     if getattr(args, "verbose", False):
         for operation, refusal in model.refusals.items():
             print(refusal or f"{operation} is used", file=sys.stderr)
@@ -269,14 +272,15 @@ def _fitting(args: argparse.Namespace, sizes) -> int:
     import torch
 
     element = 1 if args.cache == "byte" else 2 if args.dtype == "float16" else 4
-    # Beside its keys and values, a token has its position and a column of the mask.
-    each = 2 * sizes.layers * sizes.kv_heads * sizes.head_dim * element + 256
+    # Beside its keys and values, a token has its position, sines and cosines, and a column of the mask.
+    each = 2 * sizes.layers * sizes.kv_heads * sizes.head_dim * element + 4 * sizes.head_dim + 256
     return torch.xpu.mem_get_info()[0] // each
 
 
 def _types(args: argparse.Namespace) -> str:
-    """The activations' type and the kind of cache, for a measured line."""
-    return f"{args.dtype}, byte cache" if args.cache == "byte" else args.dtype
+    """The activations' type, what differs from it in a prompt, and the kind of cache, for a measured line."""
+    prompts = ["prompts in bfloat16"] if args.prompt_precision == "bfloat16" else []
+    return ", ".join([args.dtype, *prompts, *(["byte cache"] if args.cache == "byte" else [])])
 
 
 def _sampling(args: argparse.Namespace):
@@ -405,7 +409,7 @@ def _formats(args: argparse.Namespace) -> None:
     results = []
     for result in survey.measure(path, args.formats or list(formats.FORMATS.values()), text, dtype=DTYPES[args.dtype],
                                  window=args.window, limit=args.tokens, cache=not args.no_cache,
-                                 kv_cache=args.cache):
+                                 kv_cache=args.cache, prompt_precision=args.prompt_precision):
         results.append(result)
         print(survey.line(result), flush=True)
     title = path.stem.encode(errors="replace").decode()
@@ -422,7 +426,8 @@ def _compare_caches(args: argparse.Namespace) -> None:
     print(cache_survey.HEADER, flush=True)
     remarks: list[str] = []
     for result in cache_survey.measure(path, fmt, text, dtype=DTYPES[args.dtype], window=args.window,
-                                       limit=args.tokens, cache=not args.no_cache):
+                                       limit=args.tokens, cache=not args.no_cache,
+                                       prompt_precision=args.prompt_precision):
         print(cache_survey.line(result), flush=True)
         remarks += map(str, result.clamped)
     print(*remarks, sep="\n")

@@ -73,11 +73,17 @@ def candidates(logits: torch.Tensor, sampling: Sampling, seen: Collection[int] =
     tokens, top-p the likeliest whose probabilities reach `top_p` together, min-p those that have at least `min_p` times
     the probability of the likeliest. A logit that is NaN counts as the smallest.
     """
-    values = logits.view(-1).cpu().double().numpy()
+    narrow = logits.view(-1).cpu().float().numpy()
+    penalized = sampling.repetition_penalty != 1 and seen
+    if sampling.temperature <= 0 and not penalized:
+        # Of 49,152 logits in 20 us, by way of doubles in 110. A NaN would be taken for the largest.
+        best = narrow.argmax(keepdims=True)
+        if not np.isnan(narrow[best]):
+            return best, np.ones(1)
+    values = narrow.astype(np.float64)
     with np.errstate(all="ignore"):
-        if sampling.repetition_penalty != 1 and seen:
+        if penalized:
             index, penalty = list(seen), sampling.repetition_penalty
-            values = values.copy()  # of doubles it is the model's own memory
             values[index] *= np.where(values[index] > 0, 1 / penalty, penalty)
         values = np.nan_to_num(values, nan=-FAR, posinf=FAR, neginf=-FAR)
         if sampling.temperature <= 0:

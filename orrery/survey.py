@@ -66,8 +66,8 @@ class Sample:
 
 
 def measure(path: Path, chosen: Sequence[Format], text: str, *, dtype: torch.dtype = torch.float32, window: int = 512,
-            limit: int | None = None, answer: int = 48, cache: bool = True,
-            kv_cache: str = "plain") -> Iterator[Result]:
+            limit: int | None = None, answer: int = 48, cache: bool = True, kv_cache: str = "plain",
+            prompt_precision: str = "float32") -> Iterator[Result]:
     """Measures one format after the other on the model at `path`: its perplexity on the first `limit` tokens of `text`,
     and its speed over `answer` greedy tokens."""
     source = gguf_model.read(path)
@@ -79,7 +79,7 @@ def measure(path: Path, chosen: Sequence[Format], text: str, *, dtype: torch.dty
     for fmt in chosen:
         # All formats together would take a dozen times the model's own file.
         prepared = prepare.load(path, fmt, cache=cache, keep=False)
-        model = Model(prepared, dtype, capacity, kv_cache)
+        model = Model(prepared, dtype, capacity, kv_cache, prompt_precision)
         mse, relative = sample.error(prepared)
         value = perplexity(model, tokens, window)
         yield Result(fmt.name, 8 * prepared.quantized_bytes / prepared.weights, prepared.quantized_bytes, mse, relative,

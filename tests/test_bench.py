@@ -306,6 +306,50 @@ def test_answers_beside_busy_loops_are_compared(monkeypatch):
     ]
 
 
+def test_answers_and_prompts_are_compared(monkeypatch):
+    """A prompt of n tokens in the runner's type, with the precision of its products."""
+    speeds = {("float32", "float32"): 100.0, ("float32", "bfloat16"): 200.0, ("bfloat16", "float32"): 150.0}
+
+    class Ours:
+        bytes = 7
+
+        def __init__(self, model, capacity, dtype, prompt_precision):
+            assert capacity == 1024
+            self.types = dtype, prompt_precision
+
+        def answer(self, tokens):
+            assert self.types == ("float32", "float32")
+            return 33.0
+
+        def prompt(self, tokens):
+            return speeds[self.types] + tokens
+
+    class Peer(contextlib.nullcontext):
+        def __init__(self, *_):
+            super().__init__(self)
+
+        def run(self, prompt, tokens):
+            return {"answer": 30.0, "prompt": 50.0}
+
+    monkeypatch.setattr(decode, "_Ours", Ours)
+    monkeypatch.setattr(decode, "_long_prompts", lambda _: {"prompt of 2": (2, "ab"), "prompt of 4": (4, "abcd")})
+    monkeypatch.setattr(llama, "Peer", Peer)
+    monkeypatch.setattr(llama, "q4_0_model", lambda source: source)
+    made = decode.rows(True, 2, True, Path("m.gguf"))
+    fast, faster = [Bar("speed", 1.1)], [Bar("speed", 1.5)]
+    assert [(row.name, row.ours, row.peer, row.bars) for row in made] == [
+        ("decode m q4_0", 33.0, 30.0, fast),
+        ("prompt of 2 m q4_0 float32", 102.0, 50.0, fast),
+        ("prompt of 4 m q4_0 float32", 104.0, 50.0, fast),
+        ("prompt of 2 m q4_0 float32, products in bfloat16", 202.0, 50.0, faster),
+        ("prompt of 4 m q4_0 float32, products in bfloat16", 204.0, 50.0, faster),
+        ("prompt of 2 m q4_0 bfloat16", 152.0, 50.0, []),
+        ("prompt of 4 m q4_0 bfloat16", 154.0, 50.0, []),
+    ]
+    assert made[0].bytes == 7
+    assert {row.ours for row in decode.rows(False, 2, True, Path("m.gguf"))} == {None}
+
+
 @pytest.mark.parametrize("dtype", [torch.float16, torch.float32])
 def test_rounded_operations_are_products_and_sums(dtype: torch.dtype) -> None:
     operations = rounding.RoundedOperations(2, dtype)

@@ -100,8 +100,8 @@ def test_fused_steps_say_the_same(tiny_file, name, dtype, bound):
         model.step(7)
 
 
-def counted_step(model, monkeypatch):
-    """How often a step calls each of our operators, and each of Torch's outside of them."""
+def counted(run, monkeypatch):
+    """How often it calls each of our operators, and each of Torch's outside of them."""
     calls, inside = collections.Counter(), []
 
     def counting(name, function):
@@ -124,14 +124,18 @@ def counted_step(model, monkeypatch):
         for name in dir(orrery_ops):
             if not name.startswith("_"):
                 patch.setattr(orrery_ops, name, counting(name, getattr(orrery_ops, name)))
-        model.step(7)
+        run()
     return calls
+
+
+def counted_step(model, monkeypatch):
+    return counted(lambda: model.step(7), monkeypatch)
 
 
 TOGETHER = {"ours.rms_norm": 2, "ours.forward_qkv": 1, "ours.sdp": 1, "ours.forward_new": 2, "ours.mlp_forward_xpu": 1,
             "torch.view": 1, "torch.add_": 2}
 ONE_BY_ONE = {"ours.rms_norm": 2, "ours.forward_new": 4, "ours.rotary_half_inplaced": 1, "ours.sdp": 1,
-              "torch.copy_": 2, "torch.view": 1, "torch.add_": 2, "torch.chunk": 1, "torch.silu": 1, "torch.mul_": 1}
+              "torch.copy_": 2, "torch.view": 1, "torch.add_": 2, "torch.chunk": 1, "torch.silu_": 1, "torch.mul_": 1}
 
 
 def over_bytes(calls):
@@ -150,9 +154,41 @@ def over_bytes(calls):
 def test_calls_of_a_layer(tiny_file, monkeypatch, name, dtype, cache, calls):
     model = tiny(tiny_file, name, dtype, cache=cache)
     model.forward([1, 2, 3])
+    model.step(4)
     two = counted_step(model, monkeypatch)
     model._layers.pop()
     assert two - counted_step(model, monkeypatch) == calls
+
+
+def test_calls_of_steps_behind_each_other(tiny_file, monkeypatch):
+    """The second one takes the keys and values that the first one's `forward_qkv` has returned, and makes no views."""
+    model = tiny(tiny_file, "q4_0")
+    model.forward([1, 2, 3])
+    first, second = counted_step(model, monkeypatch), counted_step(model, monkeypatch)
+    assert first - second == {"torch.narrow": 1, "torch.unbind": 1}
+    layers = {name: n * runner_files.LAYERS for name, n in TOGETHER.items()}
+    rest = second - collections.Counter(layers)
+    # The position's view. All other calls of PyTorch's are those of the embedding's row.
+    assert {name: n for name, n in rest.items() if "ours" in name} == {"ours.rms_norm": 1, "ours.forward_new": 1}
+    assert rest["torch.narrow"] == 1 and "torch.unbind" not in rest
+
+
+def test_calls_of_a_layer_of_a_prompt(tiny_file, monkeypatch):
+    """Of copies there are two: the values into the cache, and attention's result with a token's heads side by side."""
+    model = tiny(tiny_file, "q4_0")
+
+    def prompt():
+        model.rewind(0)
+        model.forward(TOKENS)
+
+    two = counted(prompt, monkeypatch)
+    model._layers.pop()
+    layer = two - counted(prompt, monkeypatch)
+    views = ("torch.view", "torch.narrow", "torch.split", "torch.transpose", "torch.to")
+    assert {name: n for name, n in layer.items() if name not in views} == {
+        "ours.rms_norm": 2, "ours.forward_new": 7, "ours.apply_rotary_embedding_half_q_and_k_cache_freq": 1,
+        "ours.sdp_causal": 1, "torch.empty": 1, "torch.copy_": 1, "torch.reshape": 1, "torch.silu_": 1,
+        "torch.mul_": 1, "torch.add_": 2}
 
 
 RUN = """

@@ -9,6 +9,7 @@ import pytest
 import torch
 
 import orrery_host
+import orrery_ops
 import runner_files
 from orrery import OrreryError, cache_survey, cli, formats, gguf_model, kv_cache, prepare
 from orrery.formats import FORMATS
@@ -144,6 +145,45 @@ def test_the_whole_context_in_one_prompt(tiny_file, cache):
     assert (model.step(tokens[-1]).cpu() - last).abs().mean() < bound
     model.rewind(8000)
     assert (model.forward(tokens[8000:]).cpu() - last).abs().mean() < bound
+
+
+@pytest.mark.parametrize("kind", kv_cache.KINDS)
+def test_steps_from_any_place(tiny_file, kind, monkeypatch):
+    """Places that a step leaves for the next one serve no other: one after a rewind, a prompt, or an interruption."""
+    made = prepare.load(tiny_file, FORMATS["q4_0"], cache=False)
+    steady, model = (Model(made, torch.float32, 64, kind) for _ in range(2))
+
+    def interrupt(*_):
+        raise KeyboardInterrupt
+
+    def interrupted_step():
+        """In the first layer, whose row has been written."""
+        with monkeypatch.context() as patch, pytest.raises(KeyboardInterrupt):
+            patch.setattr(orrery_ops, "mlp_forward_xpu", interrupt)
+            model.step(250)
+
+    expected = [stepped(steady, TOKENS[:10]), steady.forward(TOKENS[10:11]), stepped(steady, TOKENS[11:20])]
+    first = stepped(model, TOKENS[:3] + [250] * 4)[:3]
+    model.rewind(3)
+    found = [torch.cat([first, stepped(model, TOKENS[3:8])])]
+    interrupted_step()
+    assert model.position == 8
+    found[0] = torch.cat([found[0], stepped(model, TOKENS[8:10])])
+    interrupted_step()
+    found += [model.forward(TOKENS[10:11]), stepped(model, TOKENS[11:20])]
+    assert all(map(torch.equal, found, expected))
+
+
+def test_keys_are_rotated_into_the_cache(tiny_file):
+    """Those of float32 without a copy of them, those of other types from a place of their own."""
+    data = torch.zeros(1, 8, 1, 64, device="xpu").transpose(1, 2)  # one head of 8 rows
+    for kind, dtype, direct in (("plain", torch.float32, True), ("plain", torch.float16, False),
+                                ("byte", torch.float32, False), ("plain", torch.bfloat16, True)):
+        cache = tiny(tiny_file, dtype=dtype, cache=kind).cache
+        place = cache.room_for(1, 5, data)
+        assert place.shape == data.shape
+        assert (place.data_ptr() == cache.rows(1, 5, 8)[0].data_ptr()) == direct
+        assert (place.data_ptr() == data.data_ptr()) == (not direct)
 
 
 def test_what_the_code_clamps():
