@@ -130,7 +130,7 @@ struct query_key_fp8_matmul_kernel {
   void operator()(const Item& item) const {
     const uint64_t b = item.global(0), h = item.global(1), first = item.global(2) * Keys;
     const int n = static_cast<int>(std::min<uint64_t>(Keys, kv_length - first));
-    const simd<native_half, HD> q[1] = {to_native(convert<Half>(simd<T, HD>::load(query.at(b, h))))};
+    const simd<Half, HD> q[1] = {convert<Half>(simd<T, HD>::load(query.at(b, h)))};
     simd<Half, Keys> dot[1];
     dot_keys(q, coded_keys<HD>{key.at(b, h / q_per_kv)}, first, n, no_prefetch, dot);
     convert<T>(dot[0]).store(out.at(b, h) + first, mask<Keys>::first(n));
@@ -171,15 +171,15 @@ struct attn_value_fp8_matmul_kernel {
   }
 
  private:
-  using halves = simd<native_half, HD>;
+  using halves = simd<Half, HD>;
 
   static halves weighted_sum(const T* weights, const coded_values<HD>& values, uint64_t first, uint64_t last) {
     constexpr int some = 16;  // weights that are loaded together
     halves sum;
     for (uint64_t t = first; t < last; t += some) {
       const int n = static_cast<int>(std::min<uint64_t>(some, last - t));
-      const auto weight = to_native(convert<Half>(simd<T, some>::load(weights + t, mask<some>::first(n))));
-      for (int k = 0; k < n; ++k) sum += halves(weight[k]) * values.template load<native_half>(t + k);
+      const auto weight = convert<Half>(simd<T, some>::load(weights + t, mask<some>::first(n)));
+      for (int k = 0; k < n; ++k) sum += halves(weight[k]) * values.template load<Half>(t + k);
     }
     return sum;
   }

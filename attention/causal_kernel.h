@@ -46,9 +46,9 @@ struct sdp_causal_body {
     const uint64_t b = item.group(0), h = item.group(1), kvh = h / q_per_kv;
     const uint64_t tile = item.group(2), first = tile * causal_group;
     const uint64_t last = input_size - 1;
-    simd<native_type<T>, HD> q[blocks][Q];
+    simd<T, HD> q[blocks][Q];
     for (int i = begin; i < end; ++i) {
-      q[(i - begin) / Q][(i - begin) % Q] = load_native<HD>(query.at(b, h, std::min(first + i, last)));
+      q[(i - begin) / Q][(i - begin) % Q] = simd<T, HD>::load(query.at(b, h, std::min(first + i, last)));
     }
     T* const tile_keys = &local[0];
     T* const tile_values = tile_keys + causal_group * HD;
@@ -58,8 +58,8 @@ struct sdp_causal_body {
     const auto stage = [&](uint64_t from) {
       for (int i = begin; i < end; ++i) {
         const uint64_t row = std::min(from + i, last);
-        store_native(all_keys.template load<native_type<T>>(row), tile_keys + i * HD);
-        store_native(all_values.template load<native_type<T>>(row), tile_values + i * HD);
+        all_keys.template load<T>(row).store(tile_keys + i * HD);
+        all_values.template load<T>(row).store(tile_values + i * HD);
       }
       meet();
     };

@@ -4,7 +4,6 @@
 #include <cstdint>
 
 #include "includes/item.h"
-#include "includes/simd/native_half.h"
 
 namespace orrery {
 
@@ -19,12 +18,12 @@ struct group_tree {
   static constexpr size_t elements = HD * (last_finishes ? half : tree_group);
 
   // Work-items must come in order on the host.
-  static void put(T* memory, uint64_t item, const simd<native_type<T>, HD>& v) {
+  static void put(T* memory, uint64_t item, const simd<T, HD>& v) {
     if constexpr (last_finishes) {
       T* row = memory + item % half * HD;
-      store_native(item < half ? v : load_native<HD>(row) + v, row);
+      (item < half ? v : simd<T, HD>::load(row) + v).store(row);
     } else {
-      from_native<T>(v).store_strided(memory + item, tree_group);
+      v.store_strided(memory + item, tree_group);
     }
   }
 

@@ -70,8 +70,8 @@ class group_sums {
 
 // Walks over the keys of the work-items [begin, end) of `count` keys; put(item, sums) gets those of each.
 template <typename T, int HD, int Q, typename Keys, typename Values, typename Shift, typename Put>
-void walk_keys(const simd<native_type<T>, HD> (&query)[Q], const Keys& key, const Values& value, uint64_t count,
-               uint64_t begin, uint64_t end, const Shift& shift, Put put) {
+void walk_keys(const simd<T, HD> (&query)[Q], const Keys& key, const Values& value, uint64_t count, uint64_t begin,
+               uint64_t end, const Shift& shift, Put put) {
   const even_split<tree_group> range(count);
   const bool many = count > 512;  // too many to stay in the second-level cache from call to call
   weighted_sums<HD, Q> sums;
@@ -154,10 +154,10 @@ struct sdp_body {
   template <int Q, typename Meet>
   ORRERY_INLINE void rows(row at, int begin, int end, Meet meet) const {
     row of[Q];
-    simd<native_type<P>, HD> q[Q];
+    simd<P, HD> q[Q];
     for (int i = 0; i < Q; ++i) {
       of[i] = at;
-      q[i] = to_native(convert<P>(simd<T, HD>::load(query.at(at.b, at.h, at.r))));
+      q[i] = convert<P>(simd<T, HD>::load(query.at(at.b, at.h, at.r)));
       if (++at.r == input_size) ++at.h, at.r = 0;
     }
     const uint64_t kvh = of[0].h / q_per_kv;

@@ -8,7 +8,6 @@
 #include <cstdint>
 
 #include "includes/item.h"
-#include "includes/simd/native_half.h"
 
 namespace orrery {
 
@@ -30,11 +29,7 @@ struct plain_rows {
   // A row as values of To, which are the same numbers.
   template <typename To>
   simd<To, HD> load(uint64_t row) const {
-    if constexpr (std::is_same_v<To, native_type<T>>) {
-      return load_native<HD>(data + row * HD);
-    } else {
-      return convert<To>(simd<T, HD>::load(data + row * HD));
-    }
+    return convert<To>(simd<T, HD>::load(data + row * HD));
   }
   ORRERY_INLINE void prefetch(uint64_t row) const { prefetch_far<HD * sizeof(T)>(data + row * HD); }
 };
@@ -51,22 +46,22 @@ struct key_weights {
 // The products of Q queries with the n keys from key t on, up to keys_at_once, rounded to T as their sums are.
 // before(k) is called before key k is read.
 template <typename T, int HD, int Q, typename Keys, typename Before>
-ORRERY_INLINE inline void dot_keys(const simd<native_type<T>, HD> (&query)[Q], const Keys& key, uint64_t t, int n,
+ORRERY_INLINE inline void dot_keys(const simd<T, HD> (&query)[Q], const Keys& key, uint64_t t, int n,
                                    const Before& before, simd<T, keys_at_once> (&dot)[Q]) {
-  simd<native_type<T>, keys_at_once> part[Q][keys_at_once];
+  simd<T, keys_at_once> part[Q][keys_at_once];
   for (int k = 0; k < n; ++k) {
     before(t + k);
-    const auto row = key.template load<native_type<T>>(t + k);
+    const auto row = key.template load<T>(t + k);
     ORRERY_UNROLL for (int i = 0; i < Q; ++i) part[i][k] = fold_to<keys_at_once>(query[i] * row);
   }
-  ORRERY_UNROLL for (int i = 0; i < Q; ++i) dot[i] = from_native<T>(fold_each(part[i]));
+  ORRERY_UNROLL for (int i = 0; i < Q; ++i) dot[i] = fold_each(part[i]);
 }
 
 // The weights of these keys: the exponentials of shift(i, t, n, x), where x is their scaled products with query i. No
 // maximum is subtracted.
 template <typename T, int HD, int Q, typename Keys, typename Shift, typename Before>
-ORRERY_INLINE inline key_weights<Q> weigh_keys(const simd<native_type<T>, HD> (&query)[Q], const Keys& key, uint64_t t,
-                                               int n, const Shift& shift, const Before& before) {
+ORRERY_INLINE inline key_weights<Q> weigh_keys(const simd<T, HD> (&query)[Q], const Keys& key, uint64_t t, int n,
+                                               const Shift& shift, const Before& before) {
   using scores = simd<float, keys_at_once>;
   simd<T, keys_at_once> dot[Q];
   dot_keys(query, key, t, n, before, dot);

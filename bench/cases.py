@@ -36,7 +36,7 @@ _NEAR_DENSE = 1e-3
 
 # Targets of one row in float, as fractions of the read bandwidth.
 _BANDWIDTH = {
-    **dict.fromkeys(("q4_0", "q4_1", "q8_0", "nf4", "fp4", "fp8_e4m3", "fp8_e5m2"), 0.4),
+    **dict.fromkeys(("q4_0", "q4_1", "q8_0", "nf4", "fp4", "fp8_e4m3", "fp8_e5m2", "fp6"), 0.65),
     **dict.fromkeys(("q4_k", "q6_k"), 0.35),
     **dict.fromkeys(_CODED, 0.25),
 }
@@ -108,7 +108,7 @@ def _linear_row(
 
 def linear(setting: Setting) -> list[Row]:
     """One input row with q4_0, in the shape of a 7B model's projection."""
-    bars = [Bar("bandwidth", 0.4), Bar("speed", 5.0)]
+    bars = [Bar("bandwidth", _BANDWIDTH["q4_0"]), Bar("speed", 5.0)]
     return [_linear_row(setting, "q4_0", torch.float32, bars, runs=60)]
 
 
@@ -123,11 +123,38 @@ def formats(setting: Setting) -> list[Row]:
 
 def types(setting: Setting) -> list[Row]:
     """A few formats in the other value types, each against PyTorch's product in the same type."""
+    bars = {("q4_0", torch.float16): [Bar("speed", 1.0)], ("q8_0", torch.float16): [Bar("speed", 1.0)]}
     return [
-        _linear_row(setting, name, dtype, [], runs=24)
+        _linear_row(setting, name, dtype, bars.get((name, dtype), []), runs=24)
         for name in ("q4_0", "q8_0", "fp8_e5m2", "q6_k")
         for dtype in (torch.float16, torch.bfloat16)
     ]
+
+
+def halves(setting: Setting) -> list[Row]:
+    """One input row in half against the same in float; a target where the machine computes in half."""
+    if setting.ops is None:
+        return []
+    from orrery_host._built_for import LEVELS
+    from orrery_host._instructions import level
+
+    bars = [Bar("speed", 1.0)] if "AVX512FP16" in LEVELS[level()] else []
+    return [_half_row(setting, name, bars) for name in ("q4_0", "q8_0", "nf4", "fp4", "fp8_e4m3", "fp8_e5m2", "fp6")]
+
+
+def _half_row(setting: Setting, format_name: str, bars: list[Bar]) -> Row:
+    fmt, size = FORMATS[format_name], 4096
+    weight, dense = random_weight(fmt, size, size)
+    x = torch.randn(1, size, generator=torch.Generator().manual_seed(1))
+    device_weight = setting.on_device(weight)
+    calls = {
+        dtype: partial(setting.ops.forward_new, setting.on_device(x.to(dtype)), device_weight, fmt.code, 1)
+        for dtype in (torch.float16, torch.float32)
+    }
+    name = f"forward_new {format_name} {size}x{size} float16"
+    setting.check(name, calls[torch.float16], x @ dense.T, _NEAR[torch.float16])
+    times = interleaved(calls, setting.runs(40), setting.flush)
+    return Row(name, *times.values(), "the same in float32", bytes=weight.numel(), bars=bars)
 
 
 def engine(setting: Setting) -> list[Row]:
@@ -243,7 +270,7 @@ def small(setting: Setting) -> list[Row]:
             "torch linear float32",
             bytes=fmt.size(rows, columns),
             byte_rate=fmt.size(4096, 4096) / large if large else None,
-            bars=[Bar("byte time", 2.5)],
+            bars=[Bar("byte time", 1.8)],
         )
         for rows, columns in shapes[1:]
     ]
@@ -466,6 +493,7 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "linear": linear,
     "formats": formats,
     "types": types,
+    "halves": halves,
     "batches": batches,
     "engine": engine,
     "vectors": vectors,

@@ -15,14 +15,14 @@ constexpr register_type<T> nearest(float x) {
   const uint32_t bits = std::bit_cast<uint32_t>(x);
   if constexpr (dropped == 0) return x;
   const uint32_t rounded = bits + (1u << dropped >> 1) - 1 + (bits >> dropped & 1);
-  return std::bit_cast<float>(rounded >> dropped << dropped);
+  return static_cast<register_type<T>>(std::bit_cast<float>(rounded >> dropped << dropped));
 }
 
 // A table of 16, or one of 8 repeated, so that the bit above a 3-bit code is ignored.
 template <typename T, size_t Codes>
 constexpr nibble_table<T> nearest_values(const float (&table)[Codes]) {
   nibble_table<T> values{};
-  for (size_t code = 0; code < 16; ++code) values[code] = nearest<T>(table[code % Codes]);
+  for (size_t i = 0; i < values.size(); ++i) values[i] = nearest<T>(table[i % Codes]);
   return values;
 }
 
@@ -32,14 +32,23 @@ inline float half_of_bits(uint32_t bits) {
   return simd<c10::Half, 1>::load(reinterpret_cast<const c10::Half*>(&half)).register_value(0);
 }
 
+// The half with the high byte `code`, whose lane has other bits above it, and the low byte 0x80.
+template <int N>
+simd<c10::Half, N> half_by_byte(const simd<uint16_t, N>& code) {
+  return bit_cast<c10::Half>(code << 8 | simd<uint16_t, N>(0x80));
+}
+
 // By 7-bit code, the half with that high byte and the low byte 0x80: 5 exponent bits, 2 mantissa bits and a third that
 // is always 1. The highest exponent is NaN.
-inline constexpr float_table half_by_high_byte = float_table::of([](int code) {
-  const int exponent = code >> 2, mantissa = code % 4 * 2 + 1;
-  if (exponent == 31) return std::bit_cast<float>(0x7FC00000);
-  if (exponent == 0) return mantissa * 0x1p-17f;
-  return std::bit_cast<float>((exponent + 112) << 23 | mantissa << 20);
-});
+struct half_of_high_byte {
+  static constexpr float value(int code) {
+    const int exponent = code >> 2, mantissa = code % 4 * 2 + 1;
+    if (exponent == 31) return std::bit_cast<float>(0x7FC00000);
+    if (exponent == 0) return mantissa * 0x1p-17f;
+    return std::bit_cast<float>((exponent + 112) << 23 | mantissa << 20);
+  }
+};
+inline constexpr float_table half_by_high_byte = float_table::of(half_of_high_byte::value);
 
 // Byte j holds element j in its high nibble and element j + 32 in its low one.
 struct nf4 : nibble_pairs<true>, half_scale {
@@ -58,12 +67,17 @@ struct nf4 : nibble_pairs<true>, half_scale {
 
   template <typename T, int N>
   static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
-    static constexpr nibble_table<T> values = nearest_values<T>(table);
+    alignas(64) static constexpr nibble_table<T> values = nearest_values<T>(table);
     return value_of_nibble<T>(values, code);
   }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
     return unscaled<T>(code(word, k));
+  }
+  template <int N>
+  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
+    alignas(64) static constexpr nibble_table<c10::Half> values = nearest_values<c10::Half>(table);
+    return half_of_nibble(values, code);
   }
 };
 
@@ -107,7 +121,7 @@ struct nf3 : half_scale {
 
   template <typename T, int N>
   static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
-    static constexpr nibble_table<T> values = nearest_values<T>(table);
+    alignas(64) static constexpr nibble_table<T> values = nearest_values<T>(table);
     return value_of_nibble<T>(values, code);
   }
 
@@ -148,13 +162,28 @@ struct nf3 : half_scale {
 
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
-    using U = simd<uint32_t, N>;
-    const U top = k < 2 ? word[1] << (2 - k) : word[1] >> (k - 2);
-    const U low = word[0] >> (k / 4 * 8 + 6 - 2 * (k % 4));
-    return unscaled<T>((low & U(3)) | (top & U(~3u)));
+    return unscaled<T>(code(word, k));
+  }
+  template <int N>
+  static simd<uint16_t, 2 * N> pair_code(const simd<uint32_t, N> (&first)[2], const simd<uint32_t, N> (&second)[2],
+                                         int k) {
+    return lower_halves(code(first, k), code(second, k));
+  }
+  template <int N>
+  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
+    alignas(64) static constexpr nibble_table<c10::Half> values = nearest_values<c10::Half>(table);
+    return half_of_nibble(values, code);
   }
 
  private:
+  // The k-th code; higher bits are unspecified.
+  template <typename U>
+  static U code(const U (&word)[2], int k) {
+    const U top = k < 2 ? word[1] << (2 - k) : word[1] >> (k - 2);
+    const U low = word[0] >> (k / 4 * 8 + 6 - 2 * (k % 4));
+    return (low & U(3)) | (top & U(~3u));
+  }
+
   // Lane i has quarter i % 4 of block i / 4; lane 0 has a first quarter. A block is six words, of which two are shared
   // by two lanes each.
   template <int N>
@@ -228,13 +257,30 @@ struct fp6 : half_scale {
 
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[3], int k) {
-    const int i = k / 4, byte = place_of[element(k) % 4];
-    const auto four = code_bytes(word[i / 2] << (i % 2 * 4), word[2] << (2 * i));
-    return convert_exact<T>(lookup_signed(half_by_high_byte, four, byte));
+    const auto four = four_codes(word, k);
+    return convert_exact<T>(signed_value_of_byte<half_of_high_byte>(four, place_of[element(k) % 4]));
+  }
+  template <int N>
+  static simd<uint16_t, 2 * N> pair_code(const simd<uint32_t, N> (&first)[3], const simd<uint32_t, N> (&second)[3],
+                                         int k) {
+    const int byte = place_of[element(k) % 4];
+    const auto a = four_codes(first, k), b = four_codes(second, k);
+    return (byte < 2 ? lower_halves(a, b) : upper_halves(a, b)) >> byte % 2 * 8;
+  }
+  template <int N>
+  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
+    return half_by_byte(code);
   }
 
  private:
   static constexpr int place_of[4] = {1, 3, 0, 2};
+
+  // The four codes that the k-th one is among, a byte each.
+  template <typename U>
+  static U four_codes(const U (&word)[3], int k) {
+    const int i = k / 4;
+    return code_bytes(word[i / 2] << (i % 2 * 4), word[2] << (2 * i));
+  }
 
   static const uint8_t* top_plane(const uint8_t* weight, uint32_t scale_offset) {
     return weight + scale_offset / quant_bytes * low_bytes;
@@ -258,6 +304,10 @@ struct signed_magnitudes : whole_bytes, float_scale {
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
     return convert_exact<T>(lookup_signed(magnitudes, word[k / 4], k % 4));
   }
+  template <int N>
+  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
+    return Rule::half_of(code);
+  }
 
  private:
   static constexpr float_table magnitudes = float_table::of([](int code) { return Rule::magnitude(code); });
@@ -267,6 +317,12 @@ struct signed_magnitudes : whole_bytes, float_scale {
 struct e4m3 {
   static constexpr float magnitude(int code) {
     return code < 8 ? code * 0x1p-9f : std::bit_cast<float>((code << 20) + (120 << 23));
+  }
+  // A half has the same mantissa and an exponent with a bias of 8 more, also for subnormals.
+  template <int N>
+  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
+    const auto shifted = bit_cast<int16_t>(code << 8) >> 1;
+    return bit_cast<c10::Half>(shifted & simd<int16_t, N>(int16_t(0xBF80))) * simd<c10::Half, N>(c10::Half(256.0f));
   }
 };
 struct fp8_e4m3 : signed_magnitudes<e4m3> {
@@ -298,9 +354,17 @@ struct fp8_e5m2 : whole_bytes, split_defaults {
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
     return convert_exact<T>(lookup_signed(half_by_high_byte, word[k / 4], k % 4));
   }
+  template <int N>
+  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
+    return half_by_byte(code);
+  }
 
   template <typename T, int N, int Share>
   static simd<T, N> scaled(const simd<T, N>& s, const uint8_t*) {
+    return s;
+  }
+  template <typename T, int N, int Share>
+  static simd<T, 2 * N> scaled_pairs(const simd<T, 2 * N>& s, const uint8_t*, const uint8_t*) {
     return s;
   }
 };
@@ -312,6 +376,10 @@ struct e5m2 {
     if (exponent == 31) return std::bit_cast<float>(mantissa == 0 ? 0x7F800000 : 0x7FC00000);
     if (exponent == 0) return mantissa * 0x1p-16f;
     return std::bit_cast<float>((exponent + 112) << 23 | mantissa << 21);
+  }
+  template <int N>
+  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
+    return bit_cast<c10::Half>(code << 8);
   }
 };
 struct fp8_e5m2_scaled : signed_magnitudes<e5m2> {

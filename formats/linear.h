@@ -4,10 +4,14 @@
 //   value<T>(code, d..)      the value rule for one element, from its stored scale
 //   unscaled<T>(code)        the same without the scale, one code per lane; higher bits of a lane are ignored
 //   scaled<T, N, Share>(..)  a sum of unscaled terms times the scale; `Share` neighbouring lanes are in one block
+//   scaled_pairs<T, N, Share>(..)   the same for two rows side by side, of N lanes each
 //   run, words               elements of a work-item per pass, and 32-bit words that hold their codes
 //   load(..)                 loads those words, for the run that starts at element o of a block
+//   load_blocks(..)          loads those of several whole blocks, wherever these are (not every format has it)
 //   prefetch_codes<N>(..)    prefetches the words of N such runs
 //   term<T>(words, k)        the unscaled value of the k-th term of the run's sum
+//   pair_code(words, words, k)   the k-th terms' codes of two rows side by side, in the low bits of 16-bit lanes
+//   half_of(code)            their unscaled values, where the machine computes in half
 //   first_element, element   the run's first element in the block, and its k-th term relative to that
 // members of split_defaults that it overrides, and, if each byte holds whole codes,
 //   codes_per_byte           1 or 2
@@ -53,6 +57,10 @@ struct one_scale : split_defaults {
   static simd<T, N> scaled(const simd<T, N>& s, const uint8_t* scales) {
     return s * load_shared<T, N, Share, S>(scales);
   }
+  template <typename T, int N, int Share>
+  static simd<T, 2 * N> scaled_pairs(const simd<T, 2 * N>& s, const uint8_t* first, const uint8_t* second) {
+    return s * load_shared_pairs<T, N, Share, S>(first, second);
+  }
 };
 using half_scale = one_scale<c10::Half>;
 using float_scale = one_scale<float>;
@@ -70,9 +78,29 @@ struct byte_runs {
                    simd<uint32_t, N> (&word)[2]) {
     load_words(weight + block * quant_bytes + o / Run * 8, word);
   }
+  // The runs of B whole blocks.
+  template <int B, int N>
+  ORRERY_INLINE static void load_blocks(const uint8_t* weight, const uint32_t (&block)[B],
+                                        simd<uint32_t, N> (&word)[2]) {
+    static_assert(B * quant_bytes == N * 8);
+    alignas(64) uint8_t runs[N * 8];
+    ORRERY_UNROLL for (int i = 0; i < B; ++i) {
+      std::memcpy(runs + i * quant_bytes, weight + uint64_t(block[i]) * quant_bytes, quant_bytes);
+    }
+    load_words(runs, word);
+  }
   template <int N>
   ORRERY_INLINE static void prefetch_codes(const uint8_t* weight, uint32_t /*scale_offset*/, uint64_t block, int o) {
     prefetch<N * 8>(weight + block * quant_bytes + o / Run * 8);
+  }
+
+ protected:
+  // The 16-bit lanes that hold bit `at` of each run's 8 bytes, in their low bits from that one on.
+  template <int N>
+  static simd<uint16_t, 2 * N> pair_bits(const simd<uint32_t, N> (&first)[2], const simd<uint32_t, N> (&second)[2],
+                                         int at) {
+    const int w = at / 32;
+    return (at % 32 < 16 ? lower_halves(first[w], second[w]) : upper_halves(first[w], second[w])) >> at % 16;
   }
 };
 
@@ -89,6 +117,11 @@ struct nibble_pairs : byte_runs<16> {
   static simd<uint32_t, N> byte_code(const simd<uint32_t, N>& byte, int p) {
     return byte >> shift(p);
   }
+  template <int N>
+  static simd<uint16_t, 2 * N> pair_code(const simd<uint32_t, N> (&first)[2], const simd<uint32_t, N> (&second)[2],
+                                         int k) {
+    return byte_runs::pair_bits(first, second, k / 2 * 8 + shift(k % 2));
+  }
 
  protected:
   static constexpr int shift(int p) { return p == int(HighFirst) ? 0 : 4; }
@@ -100,7 +133,7 @@ struct nibble_pairs : byte_runs<16> {
 
 // The values of the 16 codes, as kept in registers.
 template <typename T>
-using nibble_table = std::array<register_type<T>, 16>;
+using nibble_table = nibble_values<register_type<T>>;
 
 // values[code & 15].
 template <typename T, int N>
@@ -110,6 +143,10 @@ simd<T, N> value_of_nibble(const nibble_table<T>& values, const simd<uint32_t, N
   } else {
     return lookup16(simd<T, 16>::load_register_values(values.data()), code);
   }
+}
+template <int N>
+simd<c10::Half, N> half_of_nibble(const nibble_table<c10::Half>& values, const simd<uint16_t, N>& code) {
+  return lookup32(simd<c10::Half, 32>::load_register_values(values.data()), code);
 }
 
 // Nibbles with values by Rule, as floats with a zero lower half. Of the eight nibbles of a word, the four in the upper
@@ -126,6 +163,10 @@ struct ruled_nibbles : nibble_pairs<false> {
       if (k % 8 >= 4) return convert_exact<T>(value_of_upper_word<Rule, 4>(nibble_pairs::code(word, k - 4)));
     }
     return unscaled<T>(nibble_pairs::code(word, k));
+  }
+  template <int N>
+  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
+    return half_of_nibble(values_of_nibbles<Rule, register_type<c10::Half>>, code);
   }
 };
 
@@ -164,6 +205,15 @@ struct q4_1 : ruled_nibbles<plain_code>, split_defaults {
       return s * lookup16(pairs, d) + x * lookup16(pairs, d | simd<uint32_t, N>(1));
     }
   }
+  template <typename T, int N, int Share>
+  static simd<T, 2 * N> scaled_pairs(const simd<T, 2 * N>& s, const simd<T, 2 * N>& x, const uint8_t* first,
+                                     const uint8_t* second) {
+    const simd<T, N> one(to<T>(1)), zero;
+    const auto both = [&](const auto& s, const auto& x) {
+      return join_pairs(scaled<T, N, Share>(s, x, first), scaled<T, N, Share>(s, x, second));
+    };
+    return s * both(one, zero) + x * both(zero, one);
+  }
 };
 
 // One 8-bit code per byte.
@@ -177,6 +227,11 @@ struct whole_bytes : byte_runs<8> {
   template <int N>
   static simd<uint32_t, N> byte_code(const simd<uint32_t, N>& byte, int) {
     return byte;
+  }
+  template <int N>
+  static simd<uint16_t, 2 * N> pair_code(const simd<uint32_t, N> (&first)[2], const simd<uint32_t, N> (&second)[2],
+                                         int k) {
+    return byte_runs::pair_bits(first, second, k * 8);
   }
 };
 
@@ -193,6 +248,12 @@ struct q8_0 : whole_bytes, float_scale {
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
     return from_byte<T>(word[k / 4], k % 4);
+  }
+  // As from_byte, with the exponent of 1024.
+  template <int N>
+  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
+    using U = simd<uint16_t, N>;
+    return bit_cast<c10::Half>((code & U(0xFF)) ^ U(0x6480)) - simd<c10::Half, N>(c10::Half(1152.0f));
   }
 
  private:

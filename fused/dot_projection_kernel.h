@@ -42,7 +42,8 @@ struct dot_projection_kernel {
       add_up(acc, item, sums, order.of_others, pair);
     }
     tree_sums<WG, 2>(item, &partial[0], acc, [&](const T(&totals)[2]) {
-      store_pair<false>(to, p, pair, totals, [&] { return rotary_turn::of(to, pair.i); });
+      store_pairs<false>(to, p, pair, 1, simd<T, 1>(totals[0]), simd<T, 1>(totals[1]),
+                         [&] { return rotary_turns<1>::of(to, pair.i); });
     });
   }
 

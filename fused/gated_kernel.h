@@ -13,7 +13,9 @@ struct gated_kernel {
   static constexpr bool has_barriers = lanes_of<gated_kernel> == 1;
   static constexpr int dimensions = 1;
 
-  row_sums<Format, T, WG, R> sums;
+  using sums_type = row_sums<Format, T, WG, R>;
+
+  sums_type sums;
   uint64_t output_size = 0;
   const uint8_t* weight[2] = {};  // gate, up
   uint32_t scale_offset = 0;
@@ -33,14 +35,42 @@ struct gated_kernel {
   }
 
   template <typename Item>
+  static constexpr bool takes_whole_groups = sums_type::template whole_groups<Item>;
+
+  template <typename Item>
   void operator()(const Item& item) const {
-    constexpr int N = Item::lanes;
+    if constexpr (takes_whole_groups<Item>) {
+      item.when_last([&] { take_groups(item, 1); });
+    } else {
+      one_group(item);
+    }
+  }
+
+  template <typename Item>
+  size_t take_groups(const Item& item, size_t most) const requires takes_whole_groups<Item> {
+    const size_t groups = std::min<size_t>(most, sums_type::groups_at_once);
+    const uint64_t first = R * item.group(), rows = std::min<uint64_t>(R * groups, output_size - first);
+    const auto* x = sums.shared_inputs(item);
+    const auto sum = [&](int w) { return sums.template of_groups<Item::lanes>(x, rows_of(w, first), rows); };
+    const auto gate = sum(0), up = sum(1);
+    gated(act_type, gate, up).store(result + first, mask<sums_type::most_rows>::first(rows));
+    return groups;
+  }
+  size_t groups_together() const { return sums_type::groups_at_once; }
+
+ private:
+  weight_rows rows_of(int w, uint64_t first) const {
+    return {.weight = weight[w], .scale_offset = scale_offset, .first = first, .next = R};
+  }
+
+  template <typename Item>
+  void one_group(const Item& item) const {
     const uint64_t first = R * item.group();
     const auto in = sums.input_order(item);
-    simd<T, N> acc[2 * R];
+    simd<T, 1> acc[2 * R];
     for (int w = 0; w < 2; ++w) {
-      simd<T, N> mine[R];
-      sums.add(item, mine, in, {.weight = weight[w], .scale_offset = scale_offset, .first = first, .next = R});
+      simd<T, 1> mine[R];
+      sums.add(item, mine, in, rows_of(w, first));
       ORRERY_UNROLL for (int r = 0; r < R; ++r) acc[w * R + r] = mine[r];
     }
     tree_sums<WG, 2 * R>(item, &partial[0], acc, [&](const T(&totals)[2 * R]) {

@@ -21,51 +21,43 @@ struct rotary_pair {
   uint64_t next(const projections& to) const { return i + 1 < to.half_head ? 1 : to.head_size - i; }
 };
 
-// Cosines and sines of a head's pairs from `i` on, at the first position.
+// Cosines and sines of N of a head's pairs, from the i-th on, at the first position.
 template <int N>
 struct rotary_turns {
   simd<float, N> cs, sn;
 
-  rotary_turns(const projections& to, uint32_t i) {
+  static rotary_turns of(const projections& to, uint32_t i) {
     simd<float, N> angle;
     for (int k = 0; k < N; ++k) {
       angle.set(k, native::pown(simd<float, 1>(to.theta), static_cast<int>(i + k))[0]);
     }
     angle *= simd<float, N>(static_cast<float>(to.position_ids[0]));
-    cs = native::cos(angle);
-    sn = native::sin(angle);
-  }
-};
-struct rotary_turn {
-  float cs, sn;
-
-  static rotary_turn of(const projections& to, uint32_t i) {
-    const rotary_turns<1> one(to, i);
-    return {one.cs[0], one.sn[0]};
+    return {native::cos(angle), native::sin(angle)};
   }
 };
 
-// Adds the bias, turns query and key, and stores. `turn` is called for those alone.
-template <bool HasBias, typename T, typename Turn>
-void store_pair(const projections& to, uint64_t p, const rotary_pair& pair, const T (&sums)[2], Turn turn) {
-  using V = simd<T, 1>;
-  using F = simd<float, 1>;
+// Stores the sums x1 and x2 of `live` neighbouring pairs of a head, with the bias added, and turned if they are of
+// query or key. turns() is called for those alone.
+template <bool HasBias, typename T, int N, typename Turns>
+void store_pairs(const projections& to, uint64_t p, const rotary_pair& pair, uint64_t live, simd<T, N> x1,
+                 simd<T, N> x2, Turns turns) {
+  using F = simd<float, N>;
   const projection& mine = to.of[p];
-  V x1(sums[0]), x2(sums[1]);
+  const auto some = mask<N>::first(static_cast<int64_t>(live));
   if constexpr (HasBias) {
     const T* bias = static_cast<const T*>(mine.bias) + pair.first;
-    x1 += V::load(bias);
-    x2 += V::load(bias + to.half_head);
+    x1 += simd<T, N>::load(bias, some);
+    x2 += simd<T, N>::load(bias + to.half_head, some);
   }
   if (p != projections::value) {
-    const rotary_turn by = turn();
-    const F a = convert<float>(x1), b = convert<float>(x2), cs(by.cs), sn(by.sn);
-    x1 = convert<T>(cs * a - sn * b);
-    x2 = convert<T>(cs * b + sn * a);
+    const rotary_turns<N> by = turns();
+    const F a = convert<float>(x1), b = convert<float>(x2);
+    x1 = convert<T>(by.cs * a - by.sn * b);
+    x2 = convert<T>(by.cs * b + by.sn * a);
   }
   T* y = static_cast<T*>(mine.out) + pair.head * mine.head_stride + mine.seq_offset + pair.i;
-  x1.store(y);
-  x2.store(y + to.half_head);
+  x1.store(y, some);
+  x2.store(y + to.half_head, some);
 }
 
 }  // namespace orrery

@@ -29,11 +29,13 @@ inline constexpr code_values<Rule, Bits> values_of_codes;
 
 }  // namespace detail
 
-// The values of the 16 4-bit codes.
+// Values of the 16 4-bit codes. Halves are there twice, since permutations of 16-bit lanes look at five bits.
+template <typename V>
+using nibble_values = std::array<V, sizeof(V) == 2 ? 32 : 16>;
 template <typename Rule, typename V>
 alignas(64) inline constexpr auto values_of_nibbles = [] {
-  std::array<V, 16> all{};
-  for (int code = 0; code < 16; ++code) all[code] = Rule::value(code);
+  nibble_values<V> all{};
+  for (size_t i = 0; i < all.size(); ++i) all[i] = static_cast<V>(Rule::value(i % 16));
   return all;
 }();
 
@@ -65,6 +67,15 @@ ORRERY_INLINE inline simd<float, N> value_of_code(const simd<uint32_t, N>& word)
   } else {
     return value_of_upper_word<Rule, Bits>(At < 16 ? word << (16 - At) : word >> (At - 16));
   }
+}
+
+// Rule::value of the low five bits of byte k of each lane as a float, negative if that byte's top bit is set.
+template <typename Rule, int N>
+ORRERY_INLINE inline simd<float, N> signed_value_of_byte(const simd<uint32_t, N>& codes, int k) {
+  using U = simd<uint32_t, N>;
+  const U in_upper_word = k < 2 ? codes << (16 - 8 * k) : codes >> (8 * k - 16);
+  const U sign = (k < 3 ? codes << (24 - 8 * k) : codes) & U(0x80000000u);
+  return bit_cast<float>(bit_cast<uint32_t>(value_of_upper_word<Rule, 5>(in_upper_word)) | sign);
 }
 
 // Floats by 7-bit code, of which only the upper 16 bits may be set.

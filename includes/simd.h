@@ -1,7 +1,8 @@
 // simd<T, N>: N values of T, one per work-item (or one per element in explicit-SIMD kernels).
 //
 // Every operation rounds to T. Half and bfloat16 values are kept in registers as rounded floats; a float operation
-// followed by one rounding is correctly rounded for half and is the definition of the operation for bfloat16. Nothing
+// followed by one rounding is correctly rounded for half and is the definition of the operation for bfloat16. Where the
+// machine computes in half, registers keep halves, and the bits are the same. Nothing
 // here contracts or reorders. simd<T, 1> behaves like a scalar, so a kernel written with these types is plain work-item
 // code if the compiler forms the sub-groups.
 #pragma once
@@ -13,6 +14,7 @@
 #include "simd/conversion.h"
 #include "simd/fold.h"
 #include "simd/mask.h"
+#include "simd/pairs.h"
 #include "simd/shuffle.h"
 #include "simd/square_root.h"
 #include "simd/vector.h"

@@ -11,6 +11,10 @@
 
 namespace orrery {
 
+// The type of sums and statistics over values of T.
+template <typename T>
+using sum_type = std::conditional_t<is_narrow_float<T>, float, T>;
+
 // Sum and sum of squares; without the sum if there is one moment.
 template <typename A, int N, bool one_moment>
 struct moments {
@@ -54,7 +58,7 @@ struct fused_norm_kernel1 : small_groups<1> {
   static constexpr bool has_barriers = lanes_of<fused_norm_kernel1> == 1;
   static constexpr int part = 32;
   static constexpr int passes = norm_elements_per_item<scalar_t> / vec_size;
-  using A = register_type<scalar_t>;
+  using A = sum_type<scalar_t>;
 
   uint32_t row_length;
   uint64_t work_group;
@@ -258,7 +262,7 @@ void launch_norm_instance(c10::Device device, const norm_plan& plan, const norm_
   const uint64_t sub_groups = plan.work_group / kernel::sub_group_size;
   launch(device, sycl::nd_range<1>({on.rows * plan.work_group}, {plan.work_group}),
          {"add_norm_fusion", "fused_norm_kernel1"}, [&](sycl::handler& h) {
-           using accessor = sycl::local_accessor<register_type<T>>;
+           using accessor = sycl::local_accessor<sum_type<T>>;
            const accessor sum(sycl::range<1>(one_moment ? 0 : sub_groups), h);
            const accessor squares(sycl::range<1>(one_moment ? 1 : sub_groups), h);
            kernel k{};

@@ -42,7 +42,7 @@ struct avx2 : compiler_vectors {
 
   template <typename T, int W>
   static vector<register_type<T>, W> load(const T* p) {
-    if constexpr (!std::is_same_v<T, c10::Half>) {
+    if constexpr (!std::is_same_v<T, c10::Half> || !is_widened<T>) {
       return compiler_vectors::load<T, W>(p);
     } else if constexpr (W == 8) {
       return (vector<float, 8>)_mm256_cvtph_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
@@ -60,7 +60,7 @@ struct avx2 : compiler_vectors {
   }
   template <typename T, int W>
   static void store(T* p, vector<register_type<T>, W> v) {
-    if constexpr (std::is_same_v<T, c10::Half> && W == 8) {
+    if constexpr (std::is_same_v<T, c10::Half> && is_widened<T> && W == 8) {
       _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm256_cvtps_ph((__m256)v, _MM_FROUND_TO_NEAREST_INT));
     } else {
       compiler_vectors::store<T, W>(p, v);

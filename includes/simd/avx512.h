@@ -15,7 +15,7 @@ struct avx512 : avx2 {
   static constexpr int lanes = lanes_within<S, N>(64);
 
   template <typename S, int W>
-  static constexpr bool permutes = (sizeof(S) == 4 && W > 1) || (sizeof(S) == 2 && W == 32);
+  static constexpr bool permutes = (sizeof(S) == 4 && W > 1) || (sizeof(S) == 2 && W >= 8);
 
   template <int W>
   static vector<float, W> multiply_add(vector<float, W> a, vector<float, W> b, vector<float, W> c) {
@@ -68,7 +68,7 @@ struct avx512 : avx2 {
 
   template <typename T, int W>
   static vector<register_type<T>, W> load(const T* p) {
-    if constexpr (std::is_same_v<T, c10::Half> && W == 16) {
+    if constexpr (std::is_same_v<T, c10::Half> && is_widened<T> && W == 16) {
       return (vector<float, 16>)_mm512_maskz_cvtph_ps(0xFFFF, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
     } else {
       return avx2::load<T, W>(p);
@@ -76,7 +76,7 @@ struct avx512 : avx2 {
   }
   template <typename T, int W>
   static void store(T* p, vector<register_type<T>, W> v) {
-    if constexpr (std::is_same_v<T, c10::Half> && W == 16) {
+    if constexpr (std::is_same_v<T, c10::Half> && is_widened<T> && W == 16) {
       _mm256_storeu_si256(reinterpret_cast<__m256i*>(p),
                           _mm512_maskz_cvtps_ph(0xFFFF, (__m512)v, _MM_FROUND_TO_NEAREST_INT));
     } else {
@@ -89,6 +89,8 @@ struct avx512 : avx2 {
     const auto keep = [&](auto v) { std::memcpy(static_cast<void*>(to), &v, sizeof v); };
     if constexpr (bytes == 64 && size == 1) {
       keep(_mm512_maskz_loadu_epi8(bits, from));
+    } else if constexpr (bytes == 64 && size == 2) {
+      keep(_mm512_maskz_loadu_epi16(bits, from));
     } else if constexpr (bytes == 64 && size == 4) {
       keep(_mm512_maskz_loadu_epi32(bits, from));
     } else if constexpr (bytes == 64 && size == 8) {
@@ -110,6 +112,8 @@ struct avx512 : avx2 {
     constexpr int bytes = W * sizeof(T), size = sizeof(T);
     if constexpr (bytes == 64 && size == 1) {
       _mm512_mask_storeu_epi8(to, bits, _mm512_load_si512(from));
+    } else if constexpr (bytes == 64 && size == 2) {
+      _mm512_mask_storeu_epi16(to, bits, _mm512_load_si512(from));
     } else if constexpr (bytes == 64 && size == 4) {
       _mm512_mask_storeu_epi32(to, bits, _mm512_load_si512(from));
     } else if constexpr (bytes == 64 && size == 8) {
@@ -132,12 +136,16 @@ struct avx512 : avx2 {
     constexpr int bytes = W * sizeof(S), size = sizeof(S);
     if constexpr (bytes == 64 && size == 1) {
       return _mm512_movepi8_mask((__m512i)m);
+    } else if constexpr (bytes == 64 && size == 2) {
+      return _mm512_movepi16_mask((__m512i)m);
     } else if constexpr (bytes == 64 && size == 4) {
       return _mm512_movepi32_mask((__m512i)m);
     } else if constexpr (bytes == 64 && size == 8) {
       return _mm512_movepi64_mask((__m512i)m);
     } else if constexpr (bytes == 32 && size == 1) {
       return static_cast<uint32_t>(_mm256_movepi8_mask((__m256i)m));
+    } else if constexpr (bytes == 32 && size == 2) {
+      return _mm256_movepi16_mask((__m256i)m);
     } else if constexpr (bytes == 32 && size == 4) {
       return _mm256_movepi32_mask((__m256i)m);
     } else if constexpr (bytes == 32 && size == 8) {
@@ -156,10 +164,14 @@ struct avx512 : avx2 {
     constexpr int bytes = sizeof(V), size = sizeof(S);
     if constexpr (bytes == 64 && size == 1) {
       return (V)_mm512_mask_blend_epi8(bits, (__m512i)no, (__m512i)yes);
+    } else if constexpr (bytes == 64 && size == 2) {
+      return (V)_mm512_mask_blend_epi16(bits, (__m512i)no, (__m512i)yes);
     } else if constexpr (bytes == 64 && size == 4) {
       return (V)_mm512_mask_blend_epi32(bits, (__m512i)no, (__m512i)yes);
     } else if constexpr (bytes == 64 && size == 8) {
       return (V)_mm512_mask_blend_epi64(bits, (__m512i)no, (__m512i)yes);
+    } else if constexpr (bytes == 32 && size == 2) {
+      return (V)_mm256_mask_blend_epi16(bits, (__m256i)no, (__m256i)yes);
     } else if constexpr (bytes == 32 && size == 4) {
       return (V)_mm256_mask_blend_epi32(bits, (__m256i)no, (__m256i)yes);
     } else if constexpr (bytes == 16 && size == 4) {
@@ -179,6 +191,8 @@ struct avx512 : avx2 {
       return (V)_mm512_permutexvar_epi64((__m512i)index, (__m512i)a);
     } else if constexpr (sizeof(S) == 2 && W == 32) {
       return (V)_mm512_permutexvar_epi16((__m512i)index, (__m512i)a);
+    } else if constexpr (sizeof(S) == 2 && W == 16) {
+      return (V)_mm256_permutexvar_epi16((__m256i)index, (__m256i)a);
     } else {
       return avx2::permute<S, W>(a, index);
     }
@@ -190,6 +204,10 @@ struct avx512 : avx2 {
       return (V)_mm512_permutex2var_epi32((__m512i)a, (__m512i)index, (__m512i)b);
     } else if constexpr (sizeof(S) == 8 && W == 8) {
       return (V)_mm512_permutex2var_epi64((__m512i)a, (__m512i)index, (__m512i)b);
+    } else if constexpr (sizeof(S) == 2 && W == 32) {
+      return (V)_mm512_permutex2var_epi16((__m512i)a, (__m512i)index, (__m512i)b);
+    } else if constexpr (sizeof(S) == 2 && W == 16) {
+      return (V)_mm256_permutex2var_epi16((__m256i)a, (__m256i)index, (__m256i)b);
     } else if constexpr (sizeof(S) == 4 && W == 8) {
       return (V)_mm256_permutex2var_epi32((__m256i)a, (__m256i)index, (__m256i)b);
     } else if constexpr (sizeof(S) == 4 && W == 4) {

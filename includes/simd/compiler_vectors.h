@@ -96,7 +96,7 @@ struct compiler_vectors {
 
   template <typename T, int W>
   static vector<register_type<T>, W> load(const T* p) {
-    if constexpr (std::is_same_v<T, c10::Half>) {
+    if constexpr (std::is_same_v<T, c10::Half> && is_widened<T>) {
       vector<float, W> v{};
       for (int i = 0; i < W; ++i) {
         c10::Half half;
@@ -105,21 +105,21 @@ struct compiler_vectors {
       }
       return v;
     } else {
-      static_assert(!is_narrow_float<T>, "bfloat16 is widened from integers");
-      vector<T, W> v;
+      static_assert(!is_widened<T>, "bfloat16 is widened from integers");
+      vector<register_type<T>, W> v;
       std::memcpy(&v, p, sizeof v);
       return v;
     }
   }
   template <typename T, int W>
   static void store(T* p, vector<register_type<T>, W> v) {
-    if constexpr (std::is_same_v<T, c10::Half>) {
+    if constexpr (std::is_same_v<T, c10::Half> && is_widened<T>) {
       for (int i = 0; i < W; ++i) {
         const c10::Half half(get<float, W>(v, i));
         std::memcpy(reinterpret_cast<char*>(p) + 2 * i, &half, sizeof half);
       }
     } else {
-      static_assert(!is_narrow_float<T>, "bfloat16 is narrowed to integers");
+      static_assert(!is_widened<T>, "bfloat16 is narrowed to integers");
       std::memcpy(p, &v, sizeof v);
     }
   }

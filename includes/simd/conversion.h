@@ -30,7 +30,7 @@ inline simd<To, N> convert(const simd<From, N>& a) {
 // Converts floats that are each exactly a T, without rounding.
 template <typename T, int N>
 inline simd<T, N> convert_exact(const simd<float, N>& a) {
-  if constexpr (is_narrow_float<T>) {
+  if constexpr (std::is_same_v<register_type<T>, float>) {
     simd<T, N> r;
     ORRERY_UNROLL for (int c = 0; c < r.chunks; ++c) r.v[c] = a.v[c];
     return r;
@@ -48,7 +48,7 @@ inline T to(From value) {
 // The same bits in lanes of another type; a shorter type has more lanes.
 template <typename To, typename From, int N>
 inline auto bit_cast(const simd<From, N>& a) {
-  static_assert(!is_narrow_float<To> && !is_narrow_float<From>);
+  static_assert(!is_widened<To> && !is_widened<From>);
   simd<To, N* int(sizeof(From)) / int(sizeof(To))> r;
   static_assert(sizeof r.v == sizeof a.v);
   std::memcpy(&r.v, &a.v, sizeof r.v);

@@ -2,9 +2,9 @@
 //
 // On the host it follows the compiler's target machine (ORRERY_MARCH), in steps that pay off: F16C rounds to half in
 // one instruction; AVX-512 has masks for tails, and conversions and permutations for every element size; byte
-// permutations and products halve the time of the grid formats. In other builds, and with ORRERY_PORTABLE_VECTORS,
-// vectors are plain arrays: a device compiler has neither the instructions nor the vector types, and ordinary kernels
-// use only simd<T, 1> there.
+// permutations and products halve the time of the grid formats; arithmetic in half rounds by itself. In other builds,
+// and with ORRERY_PORTABLE_VECTORS, vectors are plain arrays: a device compiler has neither the instructions nor the
+// vector types, and ordinary kernels use only simd<T, 1> there.
 #pragma once
 
 #include <sycl/sycl.hpp>
@@ -13,7 +13,11 @@
 #define ORRERY_VECTORS portable
 #include "portable.h"
 #elif defined(__AVX512F__) && defined(__AVX512BW__) && defined(__AVX512DQ__) && defined(__AVX512VL__)
-#if defined(__AVX512VBMI__) && defined(__AVX512VNNI__)
+#if defined(__AVX512VBMI__) && defined(__AVX512VNNI__) && defined(__AVX512FP16__)
+#define ORRERY_VECTORS avx512_half
+#define ORRERY_BYTE_VECTORS avx512_half
+#include "avx512_half.h"
+#elif defined(__AVX512VBMI__) && defined(__AVX512VNNI__)
 #define ORRERY_VECTORS avx512_bytes
 #define ORRERY_BYTE_VECTORS avx512_bytes
 #include "avx512_bytes.h"

@@ -7,6 +7,11 @@
 #include <cstdint>
 #include <type_traits>
 
+// Whether the machine computes in half, which rounds once as the emulation does: the bits are the same.
+#if defined(SYCL_EXT_ORRERY_HOST) && !defined(ORRERY_PORTABLE_VECTORS) && defined(__AVX512FP16__)
+#define ORRERY_HALF_ARITHMETIC
+#endif
+
 namespace orrery {
 
 namespace detail {
@@ -17,7 +22,11 @@ struct register_type_of {
 };
 template <>
 struct register_type_of<c10::Half> {
+#ifdef ORRERY_HALF_ARITHMETIC
+  using type = _Float16;
+#else
   using type = float;
+#endif
 };
 template <>
 struct register_type_of<c10::BFloat16> {
@@ -32,11 +41,16 @@ using int_like = std::conditional_t<
 
 }  // namespace detail
 
-// The type in which registers keep values of T, and in which they are computed: float for half and bfloat16.
+// The type in which registers keep values of T, and in which they are computed: float for bfloat16, and for half where
+// the machine does not compute in half.
 template <typename T>
 using register_type = typename detail::register_type_of<T>::type;
 
 template <typename T>
-constexpr bool is_narrow_float = !std::is_same_v<register_type<T>, T>;
+constexpr bool is_narrow_float = std::is_same_v<T, c10::Half> || std::is_same_v<T, c10::BFloat16>;
+
+// Whether every result has to be rounded to T, as registers keep it in a wider type.
+template <typename T>
+constexpr bool is_widened = sizeof(register_type<T>) > sizeof(T);
 
 }  // namespace orrery

@@ -42,12 +42,12 @@ inline vector_t<float, W> round_bfloat16(const vector_t<float, W>& v) {
 // Any register value rounded to T.
 template <typename T, int W>
 inline vector_t<register_type<T>, W> rounded(const vector_t<register_type<T>, W>& v) {
-  if constexpr (std::is_same_v<T, c10::Half>) {
-    return machine::round_half<W>(v);
-  } else if constexpr (std::is_same_v<T, c10::BFloat16>) {
-    return round_bfloat16<W>(v);
-  } else {
+  if constexpr (!is_widened<T>) {
     return v;
+  } else if constexpr (std::is_same_v<T, c10::Half>) {
+    return machine::round_half<W>(v);
+  } else {
+    return round_bfloat16<W>(v);
   }
 }
 
@@ -68,8 +68,10 @@ inline vector_t<register_type<T>, W> load_vector(const T* p) {
     const auto raw = machine::load<uint16_t, W>(reinterpret_cast<const uint16_t*>(p));
     const vector_t<uint32_t, W> wide = machine::convert<uint32_t, uint16_t, W>(raw);
     return bits_as<vector_t<float, W>>(vector_t<uint32_t, W>(wide << 16u));
-  } else {
+  } else if constexpr (is_widened<T>) {
     return machine::load<T, W>(p);
+  } else {
+    return machine::load<register_type<T>, W>(reinterpret_cast<const register_type<T>*>(p));
   }
 }
 template <typename T, int W>
@@ -79,8 +81,10 @@ inline void store_vector(T* p, const vector_t<register_type<T>, W>& v) {
     const U upper = bits_as<U>(v) >> 16u;
     const U bits = machine::choose<uint32_t, W>(v != v, machine::broadcast<uint32_t, W>(0x7FC0u), upper);
     machine::store<uint16_t, W>(reinterpret_cast<uint16_t*>(p), machine::convert<uint16_t, uint32_t, W>(bits));
-  } else {
+  } else if constexpr (is_widened<T>) {
     machine::store<T, W>(p, v);
+  } else {
+    machine::store<register_type<T>, W>(reinterpret_cast<register_type<T>*>(p), v);
   }
 }
 

@@ -87,6 +87,12 @@ ORRERY_INLINE inline std::pair<simd<T, N / 2>, simd<T, N / 2>> split_pairs(const
       r.first.v[c] = machine::permute2<S, V::W>(a.v[2 * c], a.v[2 * c + 1], even);
       r.second.v[c] = machine::permute2<S, V::W>(a.v[2 * c], a.v[2 * c + 1], even + I(1));
     }
+  } else if constexpr (V::W == N && H::W == N / 2 && machine::permutes<S, N>) {
+    using I = detail::int_like<S>;
+    const auto lane = machine::iota<I, N>();
+    const auto apart = machine::permute<S, N>(a.v[0], lane * I(2) - lane / I(N / 2) * I(N - 1));
+    r.first.v[0] = machine::part<S, N, 0, N / 2>(apart);
+    r.second.v[0] = machine::part<S, N, N / 2, N / 2>(apart);
   } else {
     for (int i = 0; i < N / 2; ++i) {
       r.first.set(i, a[2 * i]);
@@ -110,6 +116,12 @@ ORRERY_INLINE inline simd<T, 2 * N> join_pairs(const simd<T, N>& even, const sim
       r.v[2 * c] = machine::permute2<S, W>(even.v[c], odd.v[c], low);
       r.v[2 * c + 1] = machine::permute2<S, W>(even.v[c], odd.v[c], low + I(W / 2));
     }
+  } else if constexpr (simd<T, 2 * N>::W == 2 * N && V::W == N && machine::permutes<S, 2 * N>) {
+    constexpr int W = 2 * N;
+    using I = detail::int_like<S>;
+    const auto i = machine::iota<I, W>();
+    r.v[0] = machine::permute2<S, W>(machine::widen<S, N, W>(even.v[0]), machine::widen<S, N, W>(odd.v[0]),
+                                     i / I(2) + (i & I(1)) * I(W));
   } else {
     for (int i = 0; i < N; ++i) {
       r.set(2 * i, even[i]);
@@ -127,7 +139,13 @@ inline simd<T, N> lookup16(const simd<T, 16>& table, const simd<uint32_t, N>& co
   using I = detail::int_like<S>;
   constexpr int table_width = simd<T, 16>::W;
   simd<T, N> r;
-  if constexpr (machine::permutes<S, 16> && table_width == 16 && V::W == 16) {
+  if constexpr (sizeof(S) == 2 && machine::permutes<S, 16> && N % 16 == 0) {
+    ORRERY_UNROLL for (int i = 0; i < N / 16; ++i) {
+      const auto at = machine::convert<uint16_t, uint32_t, 16>(code.v[i]);
+      const auto values = machine::permute<S, 16>(table.v[0], detail::bits_as<machine::vector<I, 16>>(at));
+      std::memcpy(reinterpret_cast<char*>(&r.v) + i * sizeof values, &values, sizeof values);
+    }
+  } else if constexpr (machine::permutes<S, 16> && table_width == 16 && V::W == 16) {
     ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
       r.v[c] = machine::permute<S, 16>(table.v[0], detail::bits_as<machine::vector<I, 16>>(code.v[c]));
     }
@@ -138,6 +156,20 @@ inline simd<T, N> lookup16(const simd<T, 16>& table, const simd<uint32_t, N>& co
     }
   } else {
     ORRERY_UNROLL for (int i = 0; i < N; ++i) r.set(i, table[code[i] & 15]);
+  }
+  return r;
+}
+
+// table[code & 31], for values of 16 bits.
+template <typename T, int N>
+inline simd<T, N> lookup32(const simd<T, 32>& table, const simd<uint16_t, N>& code) {
+  using V = simd<T, N>;
+  using S = typename V::S;
+  using I = detail::int_like<S>;
+  static_assert(sizeof(S) == 2 && V::W == 32);
+  simd<T, N> r;
+  ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
+    r.v[c] = machine::permute<S, 32>(table.v[0], detail::bits_as<machine::vector<I, 32>>(code.v[c]));
   }
   return r;
 }

@@ -23,8 +23,12 @@ inline S square_root(S value) {
 
 template <typename T, int N>
 inline simd<T, N> sqrt(const simd<T, N>& a) {
+  // The root of a half as a float is rounded twice, which gives the nearest half too.
+  using wide = std::conditional_t<is_narrow_float<T>, float, T>;
   simd<T, N> r;
-  ORRERY_UNROLL for (int i = 0; i < N; ++i) r.set(i, T(detail::square_root(a.register_value(i))));
+  ORRERY_UNROLL for (int i = 0; i < N; ++i) {
+    r.set(i, T(detail::square_root(static_cast<wide>(a.register_value(i)))));
+  }
   return r;
 }
 

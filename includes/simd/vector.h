@@ -192,6 +192,16 @@ struct simd {
   }
 };
 
+// One value in every lane. It stays a register's value: through a T the compiler would narrow and widen it once more.
+template <int N, typename T>
+inline simd<T, N> broadcast(const simd<T, 1>& a) {
+  simd<T, N> r;
+  ORRERY_UNROLL for (int c = 0; c < r.chunks; ++c) {
+    r.v[c] = machine::broadcast<typename simd<T, N>::S, simd<T, N>::W>(a.register_value(0));
+  }
+  return r;
+}
+
 // Lane i shifted right by shift[i].
 template <int N>
 inline simd<uint32_t, N> operator>>(const simd<uint32_t, N>& a, const simd<uint32_t, N>& shift) {

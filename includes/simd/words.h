@@ -69,19 +69,19 @@ ORRERY_INLINE inline void transpose_words(const uint8_t* const (&row)[16], uint6
 template <typename T, int N, int Share, typename P>
 inline simd<T, N> load_shared(const void* p) {
   if constexpr (N <= Share) {
-    // A register value, because through a P the compiler would narrow and widen it once more.
-    return convert<T>(convert_exact<P>(simd<float, N>(simd<P, 1>::load(static_cast<const P*>(p)).register_value(0))));
+    return broadcast<N>(convert<T>(simd<P, 1>::load(static_cast<const P*>(p))));
   } else {
     constexpr int M = N / Share;
     const auto few = convert<T>(simd<P, M>::load(static_cast<const P*>(p)));
     using V = simd<T, N>;
     using S = typename V::S;
+    using I = detail::int_like<S>;
     constexpr int W = V::W;
     simd<T, N> r;
     if constexpr (M <= W && machine::permutes<S, W>) {
       const auto wide = machine::widen<S, M, W>(few.v[0]);
       ORRERY_UNROLL for (int c = 0; c < V::chunks; ++c) {
-        r.v[c] = machine::permute<S, W>(wide, (machine::iota<int32_t, W>() + c * W) / Share);
+        r.v[c] = machine::permute<S, W>(wide, (machine::iota<I, W>() + I(c * W)) / I(Share));
       }
     } else {
       ORRERY_UNROLL for (int i = 0; i < N; ++i) r.set(i, few[i / Share]);

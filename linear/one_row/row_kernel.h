@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <tuple>
+#include <type_traits>
 
 #include "includes/codes.h"
 #include "includes/item.h"
@@ -34,13 +36,17 @@ struct weight_rows {
 };
 
 // Dot products of R rows of a weight with K input rows, by the WG work-items of a group: in a pass, a work-item takes
-// Format::run elements of each row. All arithmetic is in T. The kernel chooses the rows and uses the sums.
+// Format::run elements of each row, and the sums of the work-items are added by the halving tree. All arithmetic is in
+// T. The kernel chooses the rows and uses the sums.
 template <typename Format, typename T, int WG, int R, int K = 1>
 struct row_sums {
   static constexpr int run = Format::run;
   static constexpr int runs_per_block = 64 / run;
   static constexpr int chunk = WG * run;
   static constexpr int inputs = run + (Format::has_offset ? 1 : 0);  // vectors per pass: the inputs, then their sum
+  // Rows of the weight that share a vector, side by side: two where the machine computes in half, so that the codes of
+  // both fill its 16-bit lanes. Only the vector form, which has a machine, is ever a pair.
+  static constexpr int beside = sizeof(register_type<T>) == 2 && R % 2 == 0 ? 2 : 1;
 
   uint64_t state_size = 0;
   const T* x = nullptr;
@@ -66,10 +72,13 @@ struct row_sums {
     if constexpr (N == 1) {
       return own_inputs{x + first_row * state_size, state_size, run * l};
     } else {
-      const register_type<T>* all = item.template shared_by_launch<register_type<T>>(
-          input_count(), [&](register_type<T>* to) { arrange_inputs(to); });
-      return input_order(item, all, first_row);
+      return input_order(item, shared_inputs(item), first_row);
     }
+  }
+  template <typename Item>
+  const register_type<T>* shared_inputs(const Item& item) const {
+    return item.template shared_by_launch<register_type<T>>(input_count(),
+                                                            [&](register_type<T>* to) { arrange_inputs(to); });
   }
   // The same in parts, for a kernel that shares more than the inputs: a kernel may call shared_by_launch in one place
   // only.
@@ -77,41 +86,90 @@ struct row_sums {
   void arrange_inputs(register_type<T>* to) const {
     for (uint64_t row = 0; row < n; row += K) {
       for (uint64_t t = 0; t < passes(); ++t) {
-        for (uint64_t k = 0; k < K; ++k, to += inputs * WG) arrange(to, row + k, t);
+        for (uint64_t k = 0; k < K; ++k, to += inputs * places) arrange(to, row + k, t);
       }
     }
   }
   template <typename Item>
   auto input_order(const Item& item, const register_type<T>* all, uint64_t first_row = 0) const {
-    return arranged_inputs<Item::lanes>{all + first_row / K * pair_inputs() + item.local_linear()};
+    return arranged_inputs{all + first_row / K * pair_inputs() + beside * item.local_linear()};
+  }
+
+  // ---- Whole groups, on the host ----
+
+  static constexpr int most_rows = 16;
+  static constexpr int groups_at_once = most_rows / R;
+
+  template <typename Item>
+  static constexpr bool whole_groups = last_finishes&& K == 1 && Item::lanes > 1;
+
+  // The sums of the rows of neighbouring groups, `count` rows in all, with N lanes per strand. Tails of several rows
+  // share a vector, and all rows are folded together: one group after another takes xx% longer with rows of 576.
+  template <int N>
+  [[gnu::noinline]] simd<T, most_rows> of_groups(const register_type<T>* x, const weight_rows& rows,
+                                                 uint64_t count) const {
+    static_assert(K == 1 && WG == 2 * N);
+    constexpr int vectors = tail_vectors<N>;
+    simd<T, most_rows> sums[most_rows];
+    if (state_size % 64 != 0) {
+      add_scattered_rows<N>(sums, x, rows, count);
+      return fold_each(sums);
+    }
+    for (uint64_t q = 0; q < count; q += beside * vectors) {
+      simd<T, beside * N> sum[vectors];
+      add_rows<N>(sum, x, block_rows<beside * vectors>(*this, rows, q, count));
+      ORRERY_UNROLL for (int v = 0; v < vectors; ++v) {
+        simd<T, N> apart[beside];
+        take_apart(sum[v], apart);
+        ORRERY_UNROLL for (int b = 0; b < beside; ++b) sums[q + v * beside + b] = fold_to<most_rows>(apart[b]);
+      }
+    }
+    return fold_each(sums);
   }
 
  private:
   uint64_t passes() const { return (state_size + chunk - 1) / chunk; }
-  uint64_t pair_inputs() const { return passes() * K * inputs * WG; }
+  uint64_t pair_inputs() const { return passes() * K * inputs * places; }
+  static constexpr int places = WG * beside;  // of an input's vector in memory: the same for each row beside another
+
+  // The sums of the rows beside each other, as one vector.
+  template <int N>
+  static auto side_by_side(const simd<T, N>* acc) {
+    if constexpr (beside == 2) {
+      return join_pairs(acc[0], acc[1]);
+    } else {
+      return acc[0];
+    }
+  }
+  template <int N>
+  static void take_apart(const simd<T, beside * N>& sum, simd<T, N>* acc) {
+    if constexpr (beside == 2) {
+      std::tie(acc[0], acc[1]) = split_pairs(sum);
+    } else {
+      acc[0] = sum;
+    }
+  }
 
   // Here and below, only constants index the sums. If loop variables do, even in unrolled loops, GCC keeps the sums in
   // memory, which costs a q4_0 product 5% for pairs and 10% for one row.
   template <int N, typename Inputs, typename Place>
   ORRERY_INLINE void add_row(simd<T, N> (&acc)[K * R], Inputs x, const Place& at, size_t l) const {
-    simd<T, N> sum[K * R];
-    for_each_constant<K * R>([&](auto i) ORRERY_INLINE { sum[i] = acc[i]; });
+    constexpr int sums = K * R / beside, M = beside * N;
+    simd<T, M> sum[sums];
+    for_each_constant<sums>([&](auto i) ORRERY_INLINE { sum[i] = side_by_side(acc + i * beside); });
     const uint64_t full = state_size / chunk;
-    for (uint64_t t = 0; t < full; ++t, x.next_pass()) add_pass(sum, x, at, t);
-    if (const auto some = tail_lanes<N>(l); some.any()) {
-      simd<T, N> more[K * R];
-      for_each_constant<K * R>([&](auto i) ORRERY_INLINE { more[i] = sum[i]; });
-      add_pass(more, x, at, full);
-      for_each_constant<K * R>([&](auto i) ORRERY_INLINE { sum[i] = select(some, more[i], sum[i]); });
+    for (uint64_t t = 0; t < full; ++t, x.next_pass()) add_pass<N>(sum, x, at, t);
+    if (const auto some = mask<M>::first(beside * tail_items(l)); some.any()) {
+      simd<T, M> more[sums];
+      for_each_constant<sums>([&](auto i) ORRERY_INLINE { more[i] = sum[i]; });
+      add_pass<N>(more, x, at, full);
+      for_each_constant<sums>([&](auto i) ORRERY_INLINE { sum[i] = select(some, more[i], sum[i]); });
     }
-    for_each_constant<K * R>([&](auto i) ORRERY_INLINE { acc[i] = sum[i]; });
+    for_each_constant<sums>([&](auto i) ORRERY_INLINE { take_apart(sum[i], acc + i * beside); });
   }
 
-  // Work-items that have a run in the last, partial pass.
-  template <int N>
-  mask<N> tail_lanes(size_t l) const {
-    return mask<N>::first(static_cast<int64_t>((state_size / run) % WG) - static_cast<int64_t>(l));
-  }
+  // Work-items from the l-th on that have a run in the last, partial pass; not positive if there are none.
+  int64_t tail_items(size_t l) const { return static_cast<int64_t>((state_size / run) % WG) - static_cast<int64_t>(l); }
 
   static constexpr uint64_t input_index(uint64_t c, int k) {
     const uint64_t o = c % 64;
@@ -126,28 +184,29 @@ struct row_sums {
     return sum;
   }
 
-  // The inputs as the host arranges them, [pass][input row][term][work-item], from the first lane's on.
-  template <int N>
+  // The inputs as the host arranges them, [pass][input row][term][work-item][row beside], from the first lane's on.
   struct arranged_inputs {
     const register_type<T>* at;
-    simd<T, N> operator()(int row, int k) const {
-      return simd<T, N>::load_register_values(at + (row * inputs + k) * WG);
+    template <int M>
+    simd<T, M> get(int row, int k) const {
+      return simd<T, M>::load_register_values(at + (row * inputs + k) * places);
     }
     simd<T, 1> of_lane(int row, int k, int lane) const {
-      return simd<T, 1>::load_register_values(at + (row * inputs + k) * WG + lane);
+      return simd<T, 1>::load_register_values(at + (row * inputs + k) * places + beside * lane);
     }
-    void next_pass() { at += K * inputs * WG; }
+    void next_pass() { at += K * inputs * places; }
   };
   // The inputs of one work-item, read from x.
   struct own_inputs {
     const T* x;
     uint64_t state_size, c;
-    simd<T, 1> operator()(int row, int k) const {
+    template <int M>
+    simd<T, M> get(int row, int k) const {
       const T* p = x + row * state_size;
-      const auto get = [&](int i) { return simd<T, 1>::load(p + input_index(c, i)); };
-      return k < run ? get(k) : sum_of_inputs<simd<T, 1>>(get);
+      const auto input = [&](int i) { return simd<T, M>::load(p + input_index(c, i)); };
+      return k < run ? input(k) : sum_of_inputs<simd<T, M>>(input);
     }
-    simd<T, 1> of_lane(int row, int k, int) const { return (*this)(row, k); }
+    simd<T, 1> of_lane(int row, int k, int) const { return get<1>(row, k); }
     void next_pass() { c += chunk; }
   };
 
@@ -156,16 +215,20 @@ struct row_sums {
     const int items = static_cast<int>(std::min<uint64_t>(left, WG));
     const T* from = x + row * state_size;
     for (int k = 0; k < run; ++k) {
-      for (int l = 0; l < items; ++l) {
-        to[k * WG + l] = static_cast<register_type<T>>(from[input_index(t * chunk + run * l, k)]);
+      register_type<T>* place = to + k * places;
+      for (int l = 0; l < items; ++l, place += beside) {
+        const auto value = simd<T, 1>::load(from + input_index(t * chunk + run * l, k)).register_value(0);
+        ORRERY_UNROLL for (int b = 0; b < beside; ++b) place[b] = value;
       }
-      for (int l = items; l < WG; ++l) to[k * WG + l] = 0;
+      // Where several rows' tails share a vector, each has the same inputs.
+      const bool repeats = items == runs_per_block;
+      for (; place < to + (k + 1) * places; ++place) *place = repeats ? place[-beside * items] : register_type<T>(0);
     }
     if constexpr (Format::has_offset) {
       using V = simd<T, 16>;
-      for (int l = 0; l < WG; l += V::lanes) {
-        const V sum = sum_of_inputs<V>([&](int k) { return V::load_register_values(to + k * WG + l); });
-        sum.store_register_values(to + run * WG + l);
+      for (int l = 0; l < places; l += V::lanes) {
+        const V sum = sum_of_inputs<V>([&](int k) { return V::load_register_values(to + k * places + l); });
+        sum.store_register_values(to + run * places + l);
       }
     }
   }
@@ -207,61 +270,214 @@ struct row_sums {
     }
   };
 
-  // Adds a run's products to the sums of rows First to First + Rows - 1 of W. Each sum is a chain of dependent
-  // additions, so the chains are interleaved: 10% faster in float and 25% in half than one after another.
-  template <int First, int N, int Rows, int Sums, typename Input>
-  ORRERY_INLINE static void add_runs(simd<T, N> (&acc)[Sums], const Input& in,
-                                     const simd<uint32_t, N> (&word)[Rows][Format::words],
-                                     const uint8_t* const (&scales)[Rows]) {
-    constexpr int stride = Sums / K;  // from one input row to the next
-    simd<T, N> s[K][Rows];
+  // The runs of `Rows` rows of W: the codes' words and the scales. One row, or two beside each other.
+  template <int N, int Rows>
+  struct runs {
+    static constexpr int lanes = N * Rows;
+    simd<uint32_t, N> word[Rows][Format::words];
+    const uint8_t* scales[Rows];
+
+    // The unscaled values of the k-th terms.
+    simd<T, lanes> term(int k) const {
+      if constexpr (Rows == 2) {
+        return Format::half_of(Format::pair_code(word[0], word[1], k));
+      } else {
+        return Format::template term<T>(word[0], k);
+      }
+    }
+    template <typename... Sums>
+    simd<T, lanes> scaled(const Sums&... s) const {
+      if constexpr (Rows == 2) {
+        return Format::template scaled_pairs<T, N, runs_per_block>(s..., scales[0], scales[1]);
+      } else {
+        return Format::template scaled<T, N, runs_per_block>(s..., scales[0]);
+      }
+    }
+  };
+
+  // Calls use(k, c, sum) with the scaled sum of run c's products with input row k. Each sum is a chain of dependent
+  // additions, so the chains are interleaved: 10% faster in float and 25% in emulated half than one after another.
+  template <int Chains, typename Runs, typename Input, typename Use>
+  ORRERY_INLINE static void sum_runs(const Runs (&of)[Chains], const Input& in, Use use) {
+    using V = simd<T, Runs::lanes>;
+    V s[K][Chains];
     ORRERY_UNROLL for (int i = 0; i < run; ++i) {
-      simd<T, N> x[K];
+      V x[K];
       ORRERY_UNROLL for (int k = 0; k < K; ++k) x[k] = in(k, i);
-      ORRERY_UNROLL for (int r = 0; r < Rows; ++r) {
-        const auto value = Format::template term<T>(word[r], i);
+      ORRERY_UNROLL for (int c = 0; c < Chains; ++c) {
+        const auto value = of[c].term(i);
         ORRERY_UNROLL for (int k = 0; k < K; ++k) {
           const auto product = x[k] * value;
-          s[k][r] = i == 0 ? product : s[k][r] + product;
+          s[k][c] = i == 0 ? product : s[k][c] + product;
         }
       }
     }
-    for_each_constant<K * Rows>([&](auto i) ORRERY_INLINE {
-      constexpr int k = i / Rows, r = i % Rows;
+    for_each_constant<K * Chains>([&](auto i) ORRERY_INLINE {
+      constexpr auto k = std::integral_constant<int, i / Chains>();
+      constexpr auto c = std::integral_constant<int, i % Chains>();
       if constexpr (Format::has_offset) {
-        acc[k * stride + First + r] += Format::template scaled<T, N, runs_per_block>(s[k][r], in(k, run), scales[r]);
+        use(k, c, of[c].scaled(s[k][c], in(k, run)));
       } else {
-        acc[k * stride + First + r] += Format::template scaled<T, N, runs_per_block>(s[k][r], scales[r]);
+        use(k, c, of[c].scaled(s[k][c]));
       }
     });
   }
 
-  template <int N, typename Inputs>
-  ORRERY_INLINE void add_pass(simd<T, N> (&acc)[K * R], const Inputs& x, const place<true>& at, uint64_t t) const {
-    constexpr int together = R % 2 == 0 ? 2 : 1;
-    for_each_constant<R / together>([&](auto i) ORRERY_INLINE {
-      constexpr int r = i * together;
-      simd<uint32_t, N> word[together][Format::words];
-      const uint8_t* scales[together];
-      ORRERY_UNROLL for (int i = 0; i < together; ++i) {
-        at.template prefetch_next<N>(t, r + i);
-        at.load(t, r + i, word[i]);
-        scales[i] = at.scale(t, r + i);
+  template <int N, int M, typename Inputs>
+  ORRERY_INLINE void add_pass(simd<T, M> (&acc)[K * R / beside], const Inputs& x, const place<true>& at,
+                              uint64_t t) const {
+    constexpr int vectors = R / beside, together = vectors % 2 == 0 ? 2 : 1;
+    for_each_constant<vectors / together>([&](auto i) ORRERY_INLINE {
+      constexpr int first = i * together;
+      runs<N, beside> of[together];
+      ORRERY_UNROLL for (int c = 0; c < together; ++c) {
+        ORRERY_UNROLL for (int b = 0; b < beside; ++b) {
+          const int r = (first + c) * beside + b;
+          at.template prefetch_next<N>(t, r);
+          at.load(t, r, of[c].word[b]);
+          of[c].scales[b] = at.scale(t, r);
+        }
       }
-      add_runs<r>(acc, x, word, scales);
+      sum_runs(
+          of, [&](int k, int i) ORRERY_INLINE { return x.template get<M>(k, i); },
+          [&](auto k, auto c, const auto& sum) ORRERY_INLINE { acc[k * vectors + first + c] += sum; });
     });
   }
+
+  // Neighbouring rows of whole groups whose tails share a vector: their number of vectors.
+  template <int N>
+  static constexpr int tail_vectors = N / runs_per_block;
+
+  // The first blocks of the rows from the q-th on, and of those whose data are prefetched. From row `count` on it is
+  // the last one again.
+  template <int Rows>
+  struct block_rows {
+    static constexpr int ahead = 2 * beside;
+    const uint8_t *weight, *scales;
+    uint32_t scale_offset;
+    uint32_t first[Rows + ahead];
+
+    block_rows(const row_sums& sums, const weight_rows& rows, uint64_t q, uint64_t count)
+        : weight(rows.weight), scales(rows.weight + rows.scale_offset), scale_offset(rows.scale_offset) {
+      for (uint64_t i = 0; i < Rows + ahead; ++i) {
+        const uint64_t row = i < Rows ? std::min(q + i, count - 1) : q + i;
+        first[i] =
+            static_cast<uint32_t>((rows.first + row / R * rows.next + row % R * rows.step) * (sums.state_size / 64));
+      }
+    }
+    const uint8_t* scale(uint32_t block) const { return scales + uint64_t(block) * Format::scale_bytes; }
+
+    // Runs of N work-items from block `at` of a row on, or of two rows.
+    template <int N>
+    ORRERY_INLINE runs<N, beside> load(int row, uint32_t at) const {
+      runs<N, beside> of;
+      ORRERY_UNROLL for (int b = 0; b < beside; ++b) {
+        Format::template prefetch_codes<N>(weight, scale_offset, first[row + ahead + b] + at, 0);
+        Format::load(weight, scale_offset, first[row + b] + at, 0, of.word[b]);
+        of.scales[b] = scale(first[row + b] + at);
+      }
+      return of;
+    }
+    // Runs of block `at` of every row; of every other row, if two are beside each other.
+    template <int N>
+    ORRERY_INLINE runs<N, beside> load_tails(uint32_t at, uint8_t (&kept)[beside][64]) const {
+      constexpr int some = Rows / beside;
+      runs<N, beside> of;
+      ORRERY_UNROLL for (int b = 0; b < beside; ++b) {
+        uint32_t block[some];
+        ORRERY_UNROLL for (int i = 0; i < some; ++i) {
+          block[i] = first[i * beside + b] + at;
+          std::memcpy(kept[b] + i * Format::scale_bytes, scale(block[i]), Format::scale_bytes);
+        }
+        Format::load_blocks(weight, block, of.word[b]);
+        of.scales[b] = kept[b];
+      }
+      return of;
+    }
+  };
+
+  // The sums of rows that begin on block boundaries, those of both strands of a group added.
+  template <int N, int Vectors>
+  ORRERY_INLINE void add_rows(simd<T, beside * N> (&sum)[Vectors], const register_type<T>* x,
+                              const block_rows<beside * Vectors>& rows) const {
+    constexpr int M = beside * N, chains = Vectors % 2 == 0 ? 2 : 1, strand_blocks = N / runs_per_block;
+    const auto input = [](const register_type<T>* x) {
+      return [x](int, int i) ORRERY_INLINE { return simd<T, M>::load_register_values(x + i * places); };
+    };
+    const bool shared_tail = has_load_blocks && tail_items(0) == runs_per_block;
+    const int64_t items = static_cast<int64_t>(state_size / run) - (shared_tail ? runs_per_block : 0);
+    simd<T, M> acc[2][Vectors];
+    for (int v = 0; v < Vectors; v += chains) {
+      simd<T, M> mine[2][chains];
+      const register_type<T>* in = x;
+      uint32_t block = 0;
+      for (int64_t left = items; left > 0; left -= WG, in += inputs * places, block += 2 * strand_blocks) {
+        for_each_constant<2>([&](auto s) ORRERY_INLINE {
+          const auto some = mask<M>::first(beside * (left - s * N));
+          if (!some.any()) return;
+          runs<N, beside> of[chains];
+          for_each_constant<chains>([&](auto c) ORRERY_INLINE {
+            of[c] = rows.template load<N>((v + c) * beside, block + s * strand_blocks);
+          });
+          sum_runs(of, input(in + s * M), [&](auto, auto c, const auto& part) ORRERY_INLINE {
+            mine[s][c] = select(some, mine[s][c] + part, mine[s][c]);
+          });
+        });
+      }
+      for_each_constant<chains>([&](auto c) ORRERY_INLINE {
+        acc[0][v + c] = mine[0][c];
+        acc[1][v + c] = mine[1][c];
+      });
+    }
+    if constexpr (has_load_blocks) {
+      if (shared_tail) {
+        constexpr int items = beside * runs_per_block;
+        alignas(64) uint8_t scales[beside][64];
+        const uint32_t pass = static_cast<uint32_t>(state_size / chunk);
+        const runs<N, beside> of[1] = {rows.template load_tails<N>(pass * (chunk / 64), scales)};
+        sum_runs(of, input(x + pass * (inputs * places)), [&](auto, auto, const auto& part) ORRERY_INLINE {
+          for_each_constant<Vectors>([&](auto v) ORRERY_INLINE {
+            acc[0][v] = select(mask<M>::first(items), acc[0][v] + shift_lanes(part, v * items), acc[0][v]);
+          });
+        });
+      }
+    }
+    for_each_constant<Vectors>([&](auto v) ORRERY_INLINE { sum[v] = acc[0][v] + acc[1][v]; });
+  }
+  static constexpr bool has_load_blocks = requires(const uint8_t* weight, const uint32_t (&block)[4],
+                                                   simd<uint32_t, 4 * runs_per_block> (&word)[Format::words]) {
+    Format::load_blocks(weight, block, word);
+  };
+
+  // The same for rows that begin anywhere, one group after another; without the rest of the tree.
+  template <int N>
+  void add_scattered_rows(simd<T, most_rows> (&sums)[most_rows], const register_type<T>* x, weight_rows rows,
+                          uint64_t count) const {
+    for (uint64_t g = 0; g * R < count; ++g, rows.first += rows.next) {
+      simd<T, N> acc[2][R];
+      for (size_t s = 0; s < 2; ++s) {
+        add_row<N>(acc[s], arranged_inputs{x + beside * s * N}, place<false>(*this, rows, s * N), s * N);
+      }
+      for (int r = 0; r < R; ++r) sums[g * R + r] = fold_to<most_rows>(acc[0][r] + acc[1][r]);
+    }
+  }
+
   // Rare, so it is not vectorized: one lane after another.
-  template <int N, typename Inputs>
-  void add_pass(simd<T, N> (&acc)[K * R], const Inputs& x, const place<false>& at, uint64_t t) const {
+  template <int N, int M, typename Inputs>
+  void add_pass(simd<T, M> (&acc)[K * R / beside], const Inputs& x, const place<false>& at, uint64_t t) const {
     for (int lane = 0; lane < N; ++lane) {
       for (int r = 0; r < R; ++r) {
-        simd<uint32_t, 1> word[1][Format::words];
-        at.load(t, r, word[0], lane);
-        simd<T, 1> sum[K];
-        for (int k = 0; k < K; ++k) sum[k].set(0, acc[k * R + r][lane]);
-        add_runs<0>(sum, [&](int row, int k) { return x.of_lane(row, k, lane); }, word, {at.scale(t, r, lane)});
-        for (int k = 0; k < K; ++k) acc[k * R + r].set(lane, sum[k][0]);
+        const auto of_row = [&](int k) -> simd<T, M>& { return acc[(k * R + r) / beside]; };
+        const int place = beside * lane + r % beside;
+        runs<1, 1> of[1];
+        at.load(t, r, of[0].word[0], lane);
+        of[0].scales[0] = at.scale(t, r, lane);
+        sum_runs(
+            of, [&](int row, int k) { return x.of_lane(row, k, lane); },
+            [&](auto k, auto, const auto& sum) {
+              auto& total = of_row(k);
+              total.set(place, (simd<T, 1>(total[place]) + sum)[0]);
+            });
       }
     }
   }
@@ -283,13 +499,41 @@ struct row_kernel : row_arguments<T> {
     partial = sycl::local_accessor<T, K>(range_of<K>(sizes), h);
   }
 
+  using sums_type = row_sums<Format, T, WG, R, K>;
+  template <typename Item>
+  static constexpr bool takes_whole_groups = sums_type::template whole_groups<Item>;
+
   template <typename Item>
   void operator()(const Item& item) const {
+    if constexpr (takes_whole_groups<Item>) {
+      item.when_last([&] { take_groups(item, 1); });
+    } else {
+      one_group(item);
+    }
+  }
+
+  template <typename Item>
+  size_t take_groups(const Item& item, size_t most) const requires takes_whole_groups<Item> {
+    const size_t groups = std::min<size_t>(most, sums_type::groups_at_once);
+    const uint64_t first = R * item.group(), rows = std::min<uint64_t>(R * groups, this->output_size - first);
+    const sums_type sums{this->state_size, this->x, this->n};
+    sums.template of_groups<Item::lanes>(sums.shared_inputs(item), weight_rows(first), rows)
+        .store(this->y + first, mask<sums_type::most_rows>::first(rows));
+    return groups;
+  }
+  size_t groups_together() const { return K == 1 ? sums_type::groups_at_once : 1; }
+
+ private:
+  orrery::weight_rows weight_rows(uint64_t first) const {
+    return {.weight = this->weight, .scale_offset = this->scale_offset, .first = first, .next = R};
+  }
+
+  template <typename Item>
+  void one_group(const Item& item) const {
     const uint64_t first = R * item.group(), first_input = K == 1 ? 0 : K * item.group(1);
-    const row_sums<Format, T, WG, R, K> sums{this->state_size, this->x, this->n};
+    const sums_type sums{this->state_size, this->x, this->n};
     simd<T, Item::lanes> acc[K * R];
-    sums.add(item, acc, sums.input_order(item, first_input),
-             {.weight = this->weight, .scale_offset = this->scale_offset, .first = first, .next = R});
+    sums.add(item, acc, sums.input_order(item, first_input), weight_rows(first));
     const uint64_t live = std::min<uint64_t>(K, this->n - first_input);
     tree_sum<WG, K * R>(item, &partial[sycl::id<K>()], acc, [&](int i, T total) {
       const uint64_t k = i / R, row = first + i % R;

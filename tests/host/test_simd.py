@@ -387,7 +387,8 @@ def test_fold_of_neighbours_of_each_row(name, width):
 @pytest.mark.parametrize("name, width", [c for c in FLOAT_CASES if c[1] <= 32])
 def test_load_as_registers_hold_it(name, width):
     a = sample(name, 5 * width)
-    values = np.ascontiguousarray(values_of(name, a).astype(np.float64 if name == "double" else np.float32))
+    held = {"double": np.float64, "half": native.register_type_of_half}.get(name, np.float32)
+    values = np.ascontiguousarray(values_of(name, a).astype(held))
     out = run("load_register_values", name, width, blank(name, a.size), a=values, count=5)
     equal(name, out, a, any_nan=True)
     registers = np.zeros_like(values)

@@ -9,7 +9,6 @@
 #include <utility>
 #include <vector>
 
-#include "includes/simd/native_half.h"
 #include "native_test.h"
 
 namespace py = pybind11;
@@ -58,7 +57,6 @@ py::bytes decode(const std::string& code, const std::string& type, int width, co
   return with_code(code, [&](auto c) {
     return with_width(width, [&](auto n) {
       if (type == "float16") return decoded<decltype(c), c10::Half, n()>(bytes);
-      if (type == "float16 as the machine has it") return decoded<decltype(c), native_half, n()>(bytes);
       if (type == "float32") return decoded<decltype(c), float, n()>(bytes);
       throw std::invalid_argument("no such type: " + type);
     });

@@ -25,6 +25,10 @@
 #include "includes/simd/avx512_bytes.h"
 #define HAS_AVX512_BYTES 1
 #endif
+#if defined(HAS_AVX512_BYTES) && defined(__AVX512FP16__)
+#include "includes/simd/avx512_half.h"
+#define HAS_AVX512_HALF 1
+#endif
 
 namespace py = pybind11;
 
@@ -59,6 +63,10 @@ template <>
 constexpr const char* type_name<int64_t> = "int64";
 template <>
 constexpr const char* type_name<uint64_t> = "uint64";
+#ifdef HAS_AVX512_HALF
+template <>
+constexpr const char* type_name<_Float16> = "half";
+#endif
 
 // Operand k of a verb: any bits.
 template <typename Set, typename S, int W>
@@ -95,8 +103,8 @@ void result(char* out, int k, const V& v) {
   static_assert(sizeof v == W * sizeof(S));
   S lane[W];
   std::memcpy(lane, &v, sizeof lane);
-  if constexpr (std::is_floating_point_v<S>) {
-    for (S& x : lane) x = std::isnan(x) ? std::numeric_limits<S>::quiet_NaN() : x;
+  if constexpr (!std::is_integral_v<S>) {
+    for (S& x : lane) x = x == x ? x : static_cast<S>(std::numeric_limits<float>::quiet_NaN());
   }
   std::memcpy(out + k * 512, lane, sizeof lane);
 }
@@ -165,7 +173,7 @@ void add_memory(const std::string& suffix) {
     result<register_type<T>, W>(out, 0, v);
     alignas(64) char stored[W * sizeof(T)] = {}, some[W * sizeof(T)] = {}, others[W * sizeof(T)] = {};
     Set::template store<T, W>(reinterpret_cast<T*>(stored), v);
-    if constexpr (std::is_same_v<T, c10::Half>) {
+    if constexpr (std::is_same_v<T, c10::Half> && orrery::is_widened<T>) {
       const auto whole = Set::template round_half<W>(operand<Set, float, W>(in, 2));
       result<float, W>(out, 1, whole);
       Set::template store<T, W>(reinterpret_cast<T*>(stored), whole);
@@ -258,6 +266,9 @@ void add_width() {
     add_conversion<Set, S, int32_t, W>(lanes);
     add_conversion<Set, S, uint32_t, W>(lanes);
     add_conversion<Set, S, int64_t, W>(lanes);
+#ifdef HAS_AVX512_HALF
+    add_conversion<Set, S, _Float16, W>(lanes);
+#endif
     if constexpr (std::is_same_v<S, float>) add_memory<Set, c10::Half, W>(" half x " + std::to_string(W));
     if constexpr (std::is_same_v<S, uint32_t>) add_look_ups<Set, W>(suffix);
   }
@@ -365,12 +376,19 @@ void bind_simd_verbs(py::module_& m) {
   add_set<orrery::avx512_bytes>();
   add_bytes<orrery::avx512_bytes>();
 #endif
+#ifdef HAS_AVX512_HALF
+  add_set<orrery::avx512_half>();
+  add_bytes<orrery::avx512_half>();
+  add_widths<orrery::avx512_half, _Float16>();
+  add_widths<portable, _Float16>();
+#endif
   m.def("verbs", [] {
     std::map<std::string, std::vector<std::string>> sets;
     for (const auto& [key, run] : bodies) sets[std::get<0>(key)].push_back(std::get<1>(key));
     return sets;
   });
   m.attr("verbs_machine") = machine::name;
+  m.attr("register_type_of_half") = orrery::is_widened<c10::Half> ? "float32" : "float16";
   m.def("verbs_run", [](const std::string& verb, const std::string& set, const py::bytes& in) {
     const auto found = bodies.find({verb, set});
     if (found == bodies.end()) throw std::invalid_argument("no such verb: " + verb);
