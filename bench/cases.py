@@ -20,7 +20,7 @@ from . import attention as attention_kernels
 from . import decode
 from . import engine as matrix_engine
 from . import overhead as checked_overhead
-from . import recurrence, sequence
+from . import recurrence, sequence, token_parts
 from .measure import Call, Flush, call_cost, copy_rate, interleaved, type_name
 from .report import Bar, Row
 from .rounding import RoundedOperations
@@ -327,8 +327,8 @@ def _beside_one_product(setting: Setting, name: str, ours: Call, rows: int, x: t
         return setting.ops.forward_new(device_x, weight, fmt.code, 0)
 
     calls, peer_name = {"ours": ours, "peer": peer}, f"forward_new {rows}x{state}, kernel"
-    cold = interleaved(calls, setting.runs(60), setting.flush, _kernel_seconds)
-    warm = interleaved(calls, setting.runs(2000), seconds=_kernel_seconds)
+    cold = interleaved(calls, setting.runs(60), setting.flush, kernel_seconds)
+    warm = interleaved(calls, setting.runs(2000), seconds=kernel_seconds)
     size, bars = fmt.size(rows, state), [Bar("peer time", 1.15)]
     return [
         Row(name, cold["ours"], cold["peer"], peer_name, bytes=size, bars=bars),
@@ -336,7 +336,7 @@ def _beside_one_product(setting: Setting, name: str, ours: Call, rows: int, x: t
     ]
 
 
-def _kernel_seconds(call: Call) -> float:
+def kernel_seconds(call: Call) -> float:
     """Those of the launches of a call."""
     import orrery_host
 
@@ -460,6 +460,13 @@ def model(setting: Setting) -> list[Row]:
     return decode.rows(setting.ops is not None, setting.threads, setting.quick, setting.model)
 
 
+def token(setting: Setting) -> list[Row]:
+    """The parts of a token of the real model, with all threads and with one."""
+    if setting.ops is None:
+        return []
+    return token_parts.rows(setting.ops, setting.threads, setting.runs(200), setting.model)
+
+
 def threads(setting: Setting) -> list[Row]:
     """The gain from a second thread, alone on the machine and beside busy loops that compete for processors."""
     if setting.ops is None:
@@ -503,6 +510,7 @@ CASES: dict[str, Callable[[Setting], list[Row]]] = {
     "rwkv": recurrence.rwkv,
     "experts": recurrence.experts,
     "model": model,
+    "token": token,
     "threads": threads,
 }
 # Cases that start and stop the busy loops themselves, since they also measure without.

@@ -1,11 +1,13 @@
 """The benchmarks' arithmetic, table and files. Timings themselves are never asserted."""
 
+import collections
 import contextlib
 import dataclasses
 import json
 import os
 import subprocess
 import time
+import types
 from pathlib import Path
 
 import gguf
@@ -15,7 +17,7 @@ import torch
 from gguf.constants import GGMLQuantizationType as Type
 
 import bench.__main__
-from bench import cases, decode, engine, llama, measure, report, rounding
+from bench import cases, decode, engine, llama, measure, report, rounding, token_parts
 from bench.report import Bar, Row
 from orrery.formats import FORMATS, dequantize
 
@@ -356,3 +358,37 @@ def test_rounded_operations_are_products_and_sums(dtype: torch.dtype) -> None:
     assert operations._loop(64) == 8 * 16 * 8 * 0.5 * 0.25  # eight sums of 16 lanes, eight products each
     assert operations._loop(0) == 0
     operations(1 << 20)
+
+
+def test_calls_of_a_token_are_timed_by_kind():
+    ops = types.SimpleNamespace(**{name: lambda *_: torch.zeros(1, 8) for name in token_parts._OPERATIONS})
+    before = dict(vars(ops))
+    samples = collections.defaultdict(list)
+
+    def timer(call):
+        call()
+        return 2.0
+
+    with token_parts._timed(ops, timer, samples):
+        for _ in range(3):
+            assert ops.sdp(1).shape == (1, 8)
+        ops.forward_new(torch.zeros(1, 64))
+        ops.forward_new(torch.zeros(1, 16))
+    assert samples == {"sdp": [2.0] * 3, "forward_new 8x64": [2.0], "forward_new 8x16": [2.0]}
+    assert vars(ops) == before
+
+
+def test_parts_of_a_token_add_up():
+    whole = {"token": 20.0, "choice of the next token": 3.0}
+    parts = token_parts._parts({"sdp": 2, "rms_norm": 5}, whole, {"sdp": 9.0, "rms_norm": 4.0}, {"sdp": 7.0, "rms_norm": 1.0})
+    assert parts == {
+        "token": 20.0,
+        "token: 2 x sdp, kernels": 7.0,
+        "token: 5 x rms_norm, kernels": 1.0,
+        "token: 2 x sdp, around the kernels": 2.0,
+        "token: 5 x rms_norm, around the kernels": 3.0,
+        "token: all kernels": 8.0,
+        "token: around all kernels": 5.0,
+        "token: between the calls": 7.0,
+        "choice of the next token": 3.0,
+    }

@@ -17,14 +17,14 @@ pool& memory() {
   return shared;
 }
 
-void free_block(void* data) { memory().give_back(data); }
+void free_block(void* taken) { memory().give_back(static_cast<block*>(taken)); }
+void free_data(void* data) { memory().give_back(memory().find(data)); }
 
-c10::DataPtr allocate(size_t bytes, c10::DeviceIndex on, c10::Device seen_as) {
-  if (bytes == 0) return {nullptr, seen_as};
-  void* taken = memory().take(bytes, on);
+block* take(size_t bytes, c10::DeviceIndex on) {
+  block* taken = memory().take(bytes, on);
   TORCH_CHECK_WITH(OutOfMemoryError, taken, "xpu:", int(on), " is out of host memory: ", bytes,
                    " bytes were asked for, ", memory().room().first, " are available.");
-  return {taken, taken, &free_block, seen_as};
+  return taken;
 }
 
 // Serves one device, or with index -1 the current one.
@@ -34,8 +34,12 @@ class xpu_allocator final : public c10::DeviceAllocator {
 
   c10::DataPtr allocate(size_t bytes) override {
     const c10::DeviceIndex on = device_ < 0 ? current_device() : device_;
-    return host::allocate(bytes, on, {c10::DeviceType::XPU, on});
+    const c10::Device seen_as(c10::DeviceType::XPU, on);
+    if (bytes == 0) return {nullptr, seen_as};
+    block* taken = take(bytes, on);
+    return {taken->data, taken, &free_block, seen_as};  // the block, so that it need not be looked up
   }
+  bool is_simple_data_ptr(const c10::DataPtr& data) const override { return data.get_deleter() == &free_block; }
   void copy_data(void* to, const void* from, size_t count) const override { default_copy_data(to, from, count); }
 
   bool initialized() override { return true; }
@@ -59,14 +63,21 @@ c10::Allocator* cpu_own = nullptr;  // PyTorch's own
 
 // Raw memory allocated during a call of the device may be freed outside of one.
 void free_raw(void* data) {
-  if (data && !memory().give_back(data)) cpu_own->raw_deallocate(data);
+  if (!data) return;
+  if (block* taken = memory().find(data)) {
+    memory().give_back(taken);
+  } else {
+    cpu_own->raw_deallocate(data);
+  }
 }
 
 class cpu_front final : public c10::Allocator {
  public:
   c10::DataPtr allocate(size_t bytes) override {
     if (cpu_memory_device < 0) return cpu_own->allocate(bytes);
-    return host::allocate(bytes, cpu_memory_device, c10::DeviceType::CPU);
+    if (bytes == 0) return {nullptr, c10::DeviceType::CPU};
+    void* data = take(bytes, cpu_memory_device)->data;
+    return {data, data, &free_data, c10::DeviceType::CPU};  // raw_allocate takes no other context
   }
   c10::DeleterFnPtr raw_deleter() const override { return &free_raw; }
   void copy_data(void* to, const void* from, size_t count) const override { cpu_own->copy_data(to, from, count); }
@@ -90,7 +101,9 @@ void register_allocators() {
   c10::SetAllocator(c10::DeviceType::CPU, new cpu_front, std::numeric_limits<uint8_t>::max());
 }
 
-bool has_slack(const c10::DataPtr& data) { return !data || data.get_deleter() == &free_block; }
+bool has_slack(const c10::DataPtr& data) {
+  return !data || data.get_deleter() == &free_block || data.get_deleter() == &free_data;
+}
 
 cpu_memory_on::cpu_memory_on(c10::DeviceIndex device) : previous_(cpu_memory_device) { cpu_memory_device = device; }
 cpu_memory_on::~cpu_memory_on() { cpu_memory_device = previous_; }

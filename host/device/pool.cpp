@@ -28,6 +28,12 @@ size_t capacity_for(size_t bytes) {
   return round_up(bytes, step < page ? page : step);
 }
 
+// A number of its own for each capacity.
+size_t class_of(size_t capacity) {
+  const size_t exponent = std::bit_width(capacity) - 1;
+  return 4 * exponent + capacity / (size_t(1) << (exponent - 2)) % 4;
+}
+
 block* map_block(size_t capacity, c10::DeviceIndex device) {
   const size_t alignment = capacity >= huge_page ? huge_page : page;
   const size_t mapped = capacity + slack_bytes + alignment - page;
@@ -72,7 +78,7 @@ void for_each_stat(c10::CachingDeviceAllocator::DeviceStats& stats, Function app
 
 pool::pool() { free_after_fork(mutex_); }
 
-void* pool::take(size_t bytes, c10::DeviceIndex device) {
+block* pool::take(size_t bytes, c10::DeviceIndex device) {
   const size_t capacity = capacity_for(bytes);
   const size_t of_pool = stat_pool(capacity);
   std::lock_guard lock(mutex_);
@@ -85,18 +91,15 @@ void* pool::take(size_t bytes, c10::DeviceIndex device) {
   }
   taken->requested = bytes;
   add(stats.allocation, of_pool, 1);
-  add(stats.active, of_pool, 1);
   add(stats.allocated_bytes, of_pool, bytes);
-  add(stats.active_bytes, of_pool, bytes);
-  add(stats.requested_bytes, of_pool, bytes);
-  return taken->data;
+  return taken;
 }
 
 block* pool::take_free(size_t capacity, c10::DeviceIndex device) {
-  const auto found = free_.find(capacity);
-  if (found == free_.end() || found->second.empty()) return nullptr;
-  block* taken = found->second.back();
-  found->second.pop_back();
+  block*& first = free_[class_of(capacity)];
+  if (!first) return nullptr;
+  block* taken = first;
+  first = taken->next_free;
   free_bytes_ -= capacity;
   if (taken->device != device) {
     count_out(*taken);
@@ -151,23 +154,24 @@ void pool::count_out(const block& b) {
   subtract(stats_of(b.device).segment, stat_pool(b.capacity), 1);
 }
 
-bool pool::give_back(void* data) noexcept {
+void pool::give_back(block* used) noexcept {
   std::lock_guard lock(mutex_);
-  const auto found = blocks_.find(data);
-  if (found == blocks_.end()) return false;
-  block* used = found->second;
   const size_t of_pool = stat_pool(used->capacity);
   auto& stats = stats_of(used->device);
   subtract(stats.allocation, of_pool, 1);
-  subtract(stats.active, of_pool, 1);
   subtract(stats.allocated_bytes, of_pool, used->requested);
-  subtract(stats.active_bytes, of_pool, used->requested);
-  subtract(stats.requested_bytes, of_pool, used->requested);
-  free_[used->capacity].push_back(used);
+  block*& first = free_[class_of(used->capacity)];
+  used->next_free = first;
+  first = used;
   free_bytes_ += used->capacity;
   // All of them: otherwise sizes that are no longer used would keep the room of those that are.
   if (free_bytes_ > most_free_bytes) release_free_locked();
-  return true;
+}
+
+block* pool::find(void* data) {
+  std::lock_guard lock(mutex_);
+  const auto found = blocks_.find(data);
+  return found == blocks_.end() ? nullptr : found->second;
 }
 
 void pool::release_free() {
@@ -176,15 +180,15 @@ void pool::release_free() {
 }
 
 void pool::release_free_locked() {
-  for (auto& [capacity, blocks] : free_) {
-    for (block* unused : blocks) {
+  for (block*& first : free_) {
+    while (block* unused = first) {
+      first = unused->next_free;
       ++stats_of(unused->device).num_device_free;
       count_out(*unused);
       held_bytes_ -= unused->capacity;
       blocks_.erase(unused->data);
       unmap(unused);
     }
-    blocks.clear();
   }
   free_bytes_ = 0;
 }
@@ -196,7 +200,10 @@ pool::device_stats& pool::stats_of(c10::DeviceIndex device) {
 
 pool::device_stats pool::stats(c10::DeviceIndex device) {
   std::lock_guard lock(mutex_);
-  return stats_of(device);
+  device_stats all = stats_of(device);
+  all.active = all.allocation;
+  all.active_bytes = all.requested_bytes = all.allocated_bytes;
+  return all;
 }
 
 void pool::reset_peak(c10::DeviceIndex device) {

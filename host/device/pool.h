@@ -3,6 +3,7 @@
 
 #include <c10/core/CachingDeviceAllocator.h>
 
+#include <array>
 #include <mutex>
 #include <unordered_map>
 #include <utility>
@@ -17,6 +18,7 @@ struct block {
   void* mapping;
   size_t mapped;
   c10::DeviceIndex device;
+  block* next_free = nullptr;
 };
 
 // All devices share one pool: their memory is the same, only the statistics differ.
@@ -25,9 +27,10 @@ class pool {
   pool();
 
   // Memory of at least that size, or nullptr if the host has no more.
-  void* take(size_t bytes, c10::DeviceIndex device);
-  // False for memory that did not come from here.
-  bool give_back(void* data) noexcept;
+  block* take(size_t bytes, c10::DeviceIndex device);
+  void give_back(block* used) noexcept;
+  // The block that starts there, or nullptr for memory that did not come from here.
+  block* find(void* data);
   void release_free();
   // Bytes that can still be mapped besides the free blocks, and the total.
   std::pair<size_t, size_t> room();
@@ -50,12 +53,12 @@ class pool {
   void count_out(const block& b);
 
   std::mutex mutex_;
-  std::unordered_map<void*, block*> blocks_;              // all, by address
-  std::unordered_map<size_t, std::vector<block*>> free_;  // by capacity
+  std::unordered_map<void*, block*> blocks_;  // all, by address
+  std::array<block*, 256> free_{};            // lists, by class_of their capacity
   size_t free_bytes_ = 0;
-  size_t held_bytes_ = 0;        // of all blocks
-  size_t unmeasured_bytes_ = 0;  // mapped since the host's memory was last measured
-  std::vector<device_stats> stats_;
+  size_t held_bytes_ = 0;            // of all blocks
+  size_t unmeasured_bytes_ = 0;      // mapped since the host's memory was last measured
+  std::vector<device_stats> stats_;  // without the numbers that stats() fills in
 };
 
 }  // namespace orrery::host

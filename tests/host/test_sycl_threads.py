@@ -48,10 +48,10 @@ def test_one_thread_is_the_caller():
 @pytest.mark.parametrize("share", ["first", "last"])
 @pytest.mark.parametrize("count", [2, 3, 7])
 def test_others_take_what_a_thread_in_a_long_piece_has_left(count, share):
-    # One group ends only when all groups but the eight of its own piece have run, those of the same share too.
-    groups = 64 * count
+    # One group ends only when all groups but those of its own piece, the first third of a share, have run.
+    groups, piece = 64 * count, 22
     with threads(count):
-        assert native.one_group_waits(groups=groups, at=0 if share == "first" else groups - 64, others=groups - 8)
+        assert native.one_group_waits(groups=groups, at=0 if share == "first" else groups - 64, others=groups - piece)
 
 
 def test_a_second_launch_does_not_wait_for_the_first():
