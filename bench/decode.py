@@ -151,7 +151,7 @@ def crowded_rows(threads: int, loads: Sequence[int], quick: bool, model: Path | 
         return Row(name, middle["all", load], middle[peer], peer_name, per_second="tokens", bars=bars)
 
     made = [
-        row(f"decode, {threads} threads", 0, ("one", 0), "1 thread", 1.75),
+        row(f"decode, {threads} threads", 0, ("one", 0), "1 thread", 1.85),
         row("decode", 0, ("peer", 0), _PEER),
     ]
     for load in loads:
