@@ -123,12 +123,14 @@ struct nibble_pairs : byte_runs<16> {
     return byte_runs::pair_bits(first, second, k / 2 * 8 + shift(k % 2));
   }
 
- protected:
-  static constexpr int shift(int p) { return p == int(HighFirst) ? 0 : 4; }
+  // The k-th code; higher bits are unspecified.
   template <int N>
   static simd<uint32_t, N> code(const simd<uint32_t, N> (&word)[2], int k) {
     return word[k / 8] >> (k % 8 / 2 * 8 + shift(k % 2));
   }
+
+ protected:
+  static constexpr int shift(int p) { return p == int(HighFirst) ? 0 : 4; }
 };
 
 // The values of the 16 codes, as kept in registers.
