@@ -308,12 +308,10 @@ struct row_sums {
     using V = simd<T, Runs::lanes>;
     V s[K][Chains];
     ORRERY_UNROLL for (int i = 0; i < run; ++i) {
-      V x[K];
-      ORRERY_UNROLL for (int k = 0; k < K; ++k) x[k] = in(k, i);
       ORRERY_UNROLL for (int c = 0; c < Chains; ++c) {
         const auto value = of[c].term(i);
         ORRERY_UNROLL for (int k = 0; k < K; ++k) {
-          const auto product = x[k] * value;
+          const auto product = in(k, i, c) * value;
           s[k][c] = i == 0 ? product : s[k][c] + product;
         }
       }
@@ -322,7 +320,7 @@ struct row_sums {
       constexpr auto k = std::integral_constant<int, i / Chains>();
       constexpr auto c = std::integral_constant<int, i % Chains>();
       if constexpr (Format::has_offset) {
-        use(k, c, of[c].scaled(s[k][c], in(k, run)));
+        use(k, c, of[c].scaled(s[k][c], in(k, run, c)));
       } else {
         use(k, c, of[c].scaled(s[k][c]));
       }
@@ -345,7 +343,7 @@ struct row_sums {
         }
       }
       sum_runs(
-          of, [&](int k, int i) ORRERY_INLINE { return x.template get<M>(k, i); },
+          of, [&](int k, int i, int) ORRERY_INLINE { return x.template get<M>(k, i); },
           [&](auto k, auto c, const auto& sum) ORRERY_INLINE { acc[k * vectors + first + c] += sum; });
     });
   }
@@ -402,32 +400,45 @@ struct row_sums {
     }
   };
 
-  // The sums of rows that begin on block boundaries, those of both strands of a group added.
+  // The sums of rows that begin on block boundaries, those of both strands of a group added. Two chains of sums at a
+  // time: both strands of a row or, if two rows are beside each other, a strand of two pairs.
   template <int N, int Vectors>
   ORRERY_INLINE void add_rows(simd<T, beside * N> (&sum)[Vectors], const register_type<T>* x,
                               const block_rows<beside * Vectors>& rows) const {
-    constexpr int M = beside * N, chains = Vectors % 2 == 0 ? 2 : 1, strand_blocks = N / runs_per_block;
+    constexpr int M = beside * N, strand_blocks = N / runs_per_block, strands = beside == 1 ? 2 : 1;
+    static_assert(Vectors % 2 == 0);
     const auto input = [](const register_type<T>* x) {
-      return [x](int, int i) ORRERY_INLINE { return simd<T, M>::load_register_values(x + i * places); };
+      return [x](int, int i, int) ORRERY_INLINE { return simd<T, M>::load_register_values(x + i * places); };
     };
     const bool shared_tail = has_load_blocks && tail_items(0) == runs_per_block;
     const int64_t items = static_cast<int64_t>(state_size / run) - (shared_tail ? runs_per_block : 0);
     simd<T, M> acc[2][Vectors];
-    for (int v = 0; v < Vectors; v += chains) {
-      for (int s = 0; s < 2; ++s) {
-        simd<T, M> mine[chains];
-        const register_type<T>* in = x + s * M;
-        uint32_t block = s * strand_blocks;
-        for (int64_t left = items - s * N; left > 0; left -= WG, in += inputs * places, block += 2 * strand_blocks) {
-          const auto some = mask<M>::first(beside * left);
-          runs<N, beside> of[chains];
-          for_each_constant<chains>([&](auto c)
-                                        ORRERY_INLINE { of[c] = rows.template load<N>((v + c) * beside, block); });
-          sum_runs(of, input(in), [&](auto, auto c, const auto& part) ORRERY_INLINE {
-            mine[c] = select(some, mine[c] + part, mine[c]);
+    for (int v = 0; v < Vectors; v += 2 / strands) {
+      for (int first = 0; first < 2; first += strands) {
+        simd<T, M> mine[2];
+        const register_type<T>* in = x + first * M;
+        uint32_t block = first * strand_blocks;
+        int64_t left = items - first * N;
+        for (; left > (strands - 1) * N; left -= WG, in += inputs * places, block += 2 * strand_blocks) {
+          runs<N, beside> of[2];
+          for_each_constant<2>([&](auto c) ORRERY_INLINE {
+            of[c] = rows.template load<N>((v + c / strands) * beside, block + c % strands * strand_blocks);
+          });
+          sum_runs(
+              of,
+              [&](int, int i, int c)
+                  ORRERY_INLINE { return simd<T, M>::load_register_values(in + i * places + c % strands * M); },
+              [&](auto, auto c, const auto& part) ORRERY_INLINE {
+                mine[c] = select(mask<M>::first(beside * (left - c % strands * N)), mine[c] + part, mine[c]);
+              });
+        }
+        if (strands == 2 && left > 0) {
+          const runs<N, beside> of[1] = {rows.template load<N>(v * beside, block)};
+          sum_runs(of, input(in), [&](auto, auto, const auto& part) ORRERY_INLINE {
+            mine[0] = select(mask<M>::first(beside * left), mine[0] + part, mine[0]);
           });
         }
-        for_each_constant<chains>([&](auto c) ORRERY_INLINE { acc[s][v + c] = mine[c]; });
+        for_each_constant<2>([&](auto c) ORRERY_INLINE { acc[first + c % strands][v + c / strands] = mine[c]; });
       }
     }
     if constexpr (has_load_blocks) {
@@ -533,7 +544,7 @@ struct row_sums {
         at.load(t, r, of[0].word[0], lane);
         of[0].scales[0] = at.scale(t, r, lane);
         sum_runs(
-            of, [&](int row, int k) { return x.of_lane(row, k, lane); },
+            of, [&](int row, int k, int) { return x.of_lane(row, k, lane); },
             [&](auto k, auto, const auto& sum) {
               auto& total = of_row(k);
               total.set(place, (simd<T, 1>(total[place]) + sum)[0]);
