@@ -3,11 +3,11 @@
 
 namespace {
 
-// Multiplies and adds 16 lanes at a time, `count` times each, into eight sums, so that no operation waits for the one
-// before.
+// Multiplies and adds 32 lanes, a register of halves, at a time, `count` times each, into eight sums, so that no
+// operation waits for the one before.
 template <typename T>
 float multiply_and_add(uint64_t count) {
-  using vector = orrery::simd<T, 16>;
+  using vector = orrery::simd<T, 32>;
   constexpr int sums = 8;
   vector sum[sums];
   const vector a(T(0.5f)), b(T(0.25f));

@@ -14,7 +14,7 @@ import torch
 from .measure import type_name
 
 _ROOT = Path(__file__).resolve().parents[1]
-_LANES = 16
+_LANES = 32
 
 
 class RoundedOperations:

@@ -34,10 +34,14 @@ def products_in(precision: str) -> Iterator[None]:
 
     setting = torch.backends.mkldnn.matmul
     before = setting.fp32_precision
-    setting.fp32_precision = _BFLOAT16
+    # As PyTorch's own context managers of settings do: a program may have forbidden lasting changes.
+    bracketed = getattr(torch.backends, "__allow_nonbracketed_mutation")
+    with bracketed():
+        setting.fp32_precision = _BFLOAT16
     try:
         yield
     finally:
-        setting.fp32_precision = _INHERITED
-        if setting.fp32_precision != before:
-            setting.fp32_precision = before
+        with bracketed():
+            setting.fp32_precision = _INHERITED
+            if setting.fp32_precision != before:
+                setting.fp32_precision = before

@@ -10,6 +10,8 @@ from orrery.formats import FORMATS
 from orrery.model import Model
 
 SETTING = torch.backends.mkldnn.matmul
+# Where PyTorch keeps whether settings may be changed for good.
+FLAGS, CHANGEABLE = torch.backends.disable_global_flags.__globals__, "__allow_nonbracketed_mutation_flag"
 TOKENS = [(31 * i + 5) % 256 for i in range(40)]
 
 
@@ -21,7 +23,9 @@ def tiny_file(tmp_path_factory):
 
 
 @pytest.fixture(autouse=True)
-def settings_are_restored():
+def settings_may_change(monkeypatch):
+    """PyTorch's own test tools, which other tests use, forbid lasting changes of settings in the process."""
+    monkeypatch.setitem(FLAGS, CHANGEABLE, True)
     yield
     torch.backends.fp32_precision = "none"
     SETTING.fp32_precision = "none"
@@ -46,6 +50,14 @@ def tiny(file, chosen, name="q8_0", dtype=torch.float32):
 
 def passed(model, tokens):
     return torch.cat([rows.float().cpu() for rows in model.logits(tokens)])
+
+
+def test_where_lasting_changes_are_forbidden(tiny_file, products, monkeypatch):
+    model = tiny(tiny_file, "bfloat16")
+    monkeypatch.setitem(FLAGS, CHANGEABLE, False)
+    model.forward(TOKENS)
+    assert ("bf16" in {setting for rows, setting in products if rows > 1}) and SETTING.fp32_precision == "none"
+    monkeypatch.setitem(FLAGS, CHANGEABLE, True)
 
 
 @pytest.mark.parametrize("name", ["q4_0", "q8_0"])

@@ -5,6 +5,7 @@
 #include <c10/util/Half.h>
 
 #include <cstdint>
+#include <sycl/sycl.hpp>
 #include <type_traits>
 
 // Whether the machine computes in half, which rounds once as the emulation does: the bits are the same.
