@@ -355,7 +355,7 @@ def test_answers_and_prompts_are_compared(monkeypatch):
 @pytest.mark.parametrize("dtype", [torch.float16, torch.float32])
 def test_rounded_operations_are_products_and_sums(dtype: torch.dtype) -> None:
     operations = rounding.RoundedOperations(2, dtype)
-    assert operations._loop(64) == 8 * 16 * 8 * 0.5 * 0.25  # eight sums of 16 lanes, eight products each
+    assert operations._loop(64) == 8 * 32 * 8 * 0.5 * 0.25  # eight sums of 32 lanes, eight products each
     assert operations._loop(0) == 0
     operations(1 << 20)
 
