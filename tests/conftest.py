@@ -24,3 +24,13 @@ def prepared_models(tmp_path_factory):
     folder = (base.parent if "PYTEST_XDIST_WORKER" in os.environ else base) / "prepared"
     folder.mkdir(exist_ok=True)
     return folder
+
+
+@pytest.fixture(scope="session")
+def wide_file(tmp_path_factory):
+    """A tiny model whose rows are whole blocks of every format."""
+    import runner_files
+
+    file = tmp_path_factory.mktemp("tiny") / "tiny.gguf"
+    runner_files.write_tiny(file, hidden=256, feed_forward=512)
+    return file

@@ -23,13 +23,6 @@ SINGLE = {"forward_qkv": "asked for", "mlp_forward_xpu": "asked for"}
 TOKENS = [(31 * i + 5) % 256 for i in range(40)]
 
 
-@pytest.fixture(scope="module")
-def tiny_file(tmp_path_factory):
-    file = tmp_path_factory.mktemp("tiny") / "tiny.gguf"
-    runner_files.write_tiny(file, hidden=256, feed_forward=512)
-    return file
-
-
 def stepped(model, tokens):
     return torch.cat([model.step(token).float().cpu() for token in tokens])
 
@@ -46,8 +39,8 @@ def kernels_of_a_step(model):
 
 @pytest.mark.parametrize("dtype", TYPES)
 @pytest.mark.parametrize("name", FORMATS)
-def test_which_way_a_step_takes(tiny_file, name, dtype):
-    model = tiny(tiny_file, name, dtype)
+def test_which_way_a_step_takes(wide_file, name, dtype):
+    model = tiny(wide_file, name, dtype)
     expected = {operation: f"{operation} has no kernel for {name}" for operation in model.refusals}
     if name == "iq2_xxs":
         expected["forward_qkv"] = "forward_qkv takes the value's weight in q2_k if the others are in iq2_xxs"
@@ -69,12 +62,12 @@ def test_which_way_a_step_takes(tiny_file, name, dtype):
 
 
 @pytest.mark.parametrize("name", FORMATS)
-def test_matrices_of_formats_with_fused_kernels_stay_apart(tiny_file, name):
+def test_matrices_of_formats_with_fused_kernels_stay_apart(wide_file, name):
     """A joined matrix of several planes could not be given to them."""
     fmt = FORMATS[name]
     has_kernel = not fused.mlp_refusal(fmt, torch.float32, torch.device("xpu"))
     assert fmt.apart == (fmt.split and has_kernel)
-    made = prepare.load(tiny_file, fmt, cache=False)
+    made = prepare.load(wide_file, fmt, cache=False)
     assert ("0.query" in made.formats, "0.qkv" in made.formats) == (fmt.apart, not fmt.apart)
     assert ("1.up" in made.formats, "1.gate_up" in made.formats) == (fmt.apart, not fmt.apart)
 
@@ -83,8 +76,8 @@ def test_matrices_of_formats_with_fused_kernels_stay_apart(tiny_file, name):
 # types round the product of gate and up once instead of twice.
 @pytest.mark.parametrize("dtype, bound", [(torch.float32, 2e-6), (torch.float16, 0.01), (torch.bfloat16, 0.07)])
 @pytest.mark.parametrize("name", FUSED)
-def test_fused_steps_say_the_same(tiny_file, name, dtype, bound):
-    model = tiny(tiny_file, name, dtype)
+def test_fused_steps_say_the_same(wide_file, name, dtype, bound):
+    model = tiny(wide_file, name, dtype)
     together = stepped(model, TOKENS)
     model.refusals = SINGLE
     model.rewind(0)
@@ -92,7 +85,7 @@ def test_fused_steps_say_the_same(tiny_file, name, dtype, bound):
     assert together.isfinite().all()
     assert (together - single).abs().mean() < bound
     # Behind a prompt, whose keys were turned by the other operation, and up to the last place of the cache.
-    model = tiny(tiny_file, name, dtype, capacity=len(TOKENS))
+    model = tiny(wide_file, name, dtype, capacity=len(TOKENS))
     model.forward(TOKENS[:19])
     # The prompt's weights may have been rounded to half, 2^-12 each.
     assert (stepped(model, TOKENS[19:]) - single[19:]).abs().mean() < max(bound, 4e-3)
@@ -151,8 +144,8 @@ def over_bytes(calls):
     ("q4_0", torch.float32, "byte", over_bytes(TOGETHER)),
     ("nf4", torch.float32, "byte", over_bytes({**ONE_BY_ONE, "torch.copy_": 1, "torch.chunk": 2})),
 ])
-def test_calls_of_a_layer(tiny_file, monkeypatch, name, dtype, cache, calls):
-    model = tiny(tiny_file, name, dtype, cache=cache)
+def test_calls_of_a_layer(wide_file, monkeypatch, name, dtype, cache, calls):
+    model = tiny(wide_file, name, dtype, cache=cache)
     model.forward([1, 2, 3])
     model.step(4)
     two = counted_step(model, monkeypatch)
@@ -160,9 +153,9 @@ def test_calls_of_a_layer(tiny_file, monkeypatch, name, dtype, cache, calls):
     assert two - counted_step(model, monkeypatch) == calls
 
 
-def test_calls_of_steps_behind_each_other(tiny_file, monkeypatch):
+def test_calls_of_steps_behind_each_other(wide_file, monkeypatch):
     """The second one takes the keys and values that the first one's `forward_qkv` has returned, and makes no views."""
-    model = tiny(tiny_file, "q4_0")
+    model = tiny(wide_file, "q4_0")
     model.forward([1, 2, 3])
     first, second = counted_step(model, monkeypatch), counted_step(model, monkeypatch)
     assert first - second == {"torch.narrow": 1, "torch.unbind": 1}
@@ -173,9 +166,9 @@ def test_calls_of_steps_behind_each_other(tiny_file, monkeypatch):
     assert rest["torch.narrow"] == 1 and "torch.unbind" not in rest
 
 
-def test_calls_of_a_layer_of_a_prompt(tiny_file, monkeypatch):
+def test_calls_of_a_layer_of_a_prompt(wide_file, monkeypatch):
     """Of copies there are two: the values into the cache, and attention's result with a token's heads side by side."""
-    model = tiny(tiny_file, "q4_0")
+    model = tiny(wide_file, "q4_0")
 
     def prompt():
         model.rewind(0)
@@ -216,8 +209,8 @@ print(json.dumps(results))
 
 
 @pytest.mark.parametrize("number", device_class.NAMES)
-def test_on_each_kind_of_device(tiny_file, number):
-    done = subprocess.run([sys.executable, "-c", RUN, str(number), str(tiny_file)], capture_output=True,
+def test_on_each_kind_of_device(wide_file, number):
+    done = subprocess.run([sys.executable, "-c", RUN, str(number), str(wide_file)], capture_output=True,
                           text=True, timeout=300)
     assert done.returncode == 0, done.stderr
     for name, refusals, kernels, difference in json.loads(done.stdout):
@@ -229,11 +222,11 @@ def test_on_each_kind_of_device(tiny_file, number):
         assert difference < (0.01 if number in (1, 2) and name in ("fp4", "fp6") else 1e-5), name
 
 
-def test_verbose_tells_the_way(tiny_file, tmp_path, monkeypatch, capsys):
+def test_verbose_tells_the_way(wide_file, tmp_path, monkeypatch, capsys):
     monkeypatch.setenv("XDG_CACHE_HOME", str(tmp_path))
     said = {}
     for name, dtype in (("q4_0", "float32"), ("q4_0", "bfloat16"), ("nf4", "float32")):
-        assert cli.main(["generate", "--model", str(tiny_file), "ab", "--tokens", "3", "--format", name, "--verbose",
+        assert cli.main(["generate", "--model", str(wide_file), "ab", "--tokens", "3", "--format", name, "--verbose",
                          "--dtype", dtype]) == 0
         said[name, dtype] = capsys.readouterr().err
     assert said == {

@@ -4,7 +4,6 @@ import pytest
 import torch
 
 import orrery_ops
-import runner_files
 from orrery import OrreryError, cli, precision, prepare
 from orrery.formats import FORMATS
 from orrery.model import Model
@@ -13,13 +12,6 @@ SETTING = torch.backends.mkldnn.matmul
 # Where PyTorch keeps whether settings may be changed for good.
 FLAGS, CHANGEABLE = torch.backends.disable_global_flags.__globals__, "__allow_nonbracketed_mutation_flag"
 TOKENS = [(31 * i + 5) % 256 for i in range(40)]
-
-
-@pytest.fixture(scope="module")
-def tiny_file(tmp_path_factory):
-    file = tmp_path_factory.mktemp("tiny") / "tiny.gguf"
-    runner_files.write_tiny(file, hidden=256, feed_forward=512)
-    return file
 
 
 @pytest.fixture(autouse=True)
@@ -52,8 +44,8 @@ def passed(model, tokens):
     return torch.cat([rows.float().cpu() for rows in model.logits(tokens)])
 
 
-def test_where_lasting_changes_are_forbidden(tiny_file, products, monkeypatch):
-    model = tiny(tiny_file, "bfloat16")
+def test_where_lasting_changes_are_forbidden(wide_file, products, monkeypatch):
+    model = tiny(wide_file, "bfloat16")
     monkeypatch.setitem(FLAGS, CHANGEABLE, False)
     model.forward(TOKENS)
     assert ("bf16" in {setting for rows, setting in products if rows > 1}) and SETTING.fp32_precision == "none"
@@ -61,8 +53,8 @@ def test_where_lasting_changes_are_forbidden(tiny_file, products, monkeypatch):
 
 
 @pytest.mark.parametrize("name", ["q4_0", "q8_0"])
-def test_only_products_of_several_rows_are_narrow(tiny_file, products, name):
-    model = tiny(tiny_file, "bfloat16", name)
+def test_only_products_of_several_rows_are_narrow(wide_file, products, name):
+    model = tiny(wide_file, "bfloat16", name)
     for run in (lambda: model.forward(TOKENS[:30]), lambda: model.forward([7]), lambda: model.step(8),
                 lambda: passed(model, TOKENS[:10])):
         run()
@@ -71,9 +63,9 @@ def test_only_products_of_several_rows_are_narrow(tiny_file, products, name):
     assert all(setting == ("none" if rows == 1 else "bf16") for rows, setting in products)
 
 
-def test_between_two_parts_of_the_logits_the_setting_is_as_before(tiny_file, products, monkeypatch):
+def test_between_two_parts_of_the_logits_the_setting_is_as_before(wide_file, products, monkeypatch):
     monkeypatch.setattr("orrery.model.LOGIT_ROWS", 4)
-    for rows in tiny(tiny_file, "bfloat16").logits(TOKENS[:12]):
+    for rows in tiny(wide_file, "bfloat16").logits(TOKENS[:12]):
         assert len(rows) == 4 and SETTING.fp32_precision == "none"
     assert products[-3:] == [(4, "bf16")] * 3
 
@@ -99,8 +91,8 @@ def test_an_inherited_setting_stays_inherited():
     assert SETTING.fp32_precision == "ieee"
 
 
-def test_a_product_that_fails(tiny_file, monkeypatch):
-    model = tiny(tiny_file, "bfloat16")
+def test_a_product_that_fails(wide_file, monkeypatch):
+    model = tiny(wide_file, "bfloat16")
 
     def fail(*_):
         raise RuntimeError(SETTING.fp32_precision)
@@ -111,9 +103,9 @@ def test_a_product_that_fails(tiny_file, monkeypatch):
     assert SETTING.fp32_precision == "none"
 
 
-def test_logits_stay_close(tiny_file):
+def test_logits_stay_close(wide_file):
     """Inputs and weights carry 8 bits; the logits' spread is 1.6. Steps do without."""
-    exact, narrow = (tiny(tiny_file, chosen) for chosen in precision.PRECISIONS)
+    exact, narrow = (tiny(wide_file, chosen) for chosen in precision.PRECISIONS)
     expected, found = passed(exact, TOKENS), passed(narrow, TOKENS)
     distance = (found - expected).abs().mean()
     assert distance < 0.03
@@ -124,17 +116,17 @@ def test_logits_stay_close(tiny_file):
     assert torch.equal(exact.step(3), narrow.step(3))
 
 
-def test_refusals(tiny_file):
+def test_refusals(wide_file):
     for name in ("float16", "bfloat16"):
         message = f"^a prompt precision of bfloat16 is for activations in float32, not in {name}$"
         with pytest.raises(OrreryError, match=message):
-            tiny(tiny_file, "bfloat16", dtype=getattr(torch, name))
+            tiny(wide_file, "bfloat16", dtype=getattr(torch, name))
     with pytest.raises(OrreryError, match="^unknown precision 'half' of prompts, there are float32 and bfloat16$"):
-        tiny(tiny_file, "half")
+        tiny(wide_file, "half")
 
 
-def test_commands_take_it(tiny_file, products, capsys, tmp_path):
-    model = ["--model", str(tiny_file), "--no-cache", "--prompt-precision", "bfloat16"]
+def test_commands_take_it(wide_file, products, capsys, tmp_path):
+    model = ["--model", str(wide_file), "--no-cache", "--prompt-precision", "bfloat16"]
     for command in (["generate", "a" * 30, "--tokens", "2", "--format", "q8_0"], ["perplexity", "--tokens", "40"],
                     ["formats", "--formats", "q8_0", "--tokens", "40", "--output", str(tmp_path / "plot.png")],
                     ["compare-caches", "--tokens", "40", "--window", "40"]):

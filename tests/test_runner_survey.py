@@ -10,20 +10,13 @@ from orrery import cli, formats, survey
 from orrery.formats import FORMATS
 
 
-@pytest.fixture(scope="module")
-def tiny_file(tmp_path_factory):
-    file = tmp_path_factory.mktemp("tiny") / "tiny.gguf"
-    runner_files.write_tiny(file, hidden=256, feed_forward=512)
-    return file
-
-
 def result(name, bits, perplexity):
     return survey.Result(name, bits, 1000, 0.1, 0.1, perplexity, 10.0, "")
 
 
-def test_table_of_all_formats(tiny_file, tmp_path, capsys):
+def test_table_of_all_formats(wide_file, tmp_path, capsys):
     picture = tmp_path / "plot.png"
-    command = ["formats", "--model", tiny_file, "--output", picture, "--tokens", "60", "--window", "30", "--no-cache"]
+    command = ["formats", "--model", wide_file, "--output", picture, "--tokens", "60", "--window", "30", "--no-cache"]
     assert cli.main(list(map(str, command))) == 0
     header, *lines, last = capsys.readouterr().out.splitlines()
     assert header.split()[:2] == ["format", "bits"] and last == f"saved {picture}"
