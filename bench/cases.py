@@ -34,6 +34,8 @@ _NEAR_CODED = 2e-2
 # With several rows the dense weight may be rounded to half.
 _NEAR_DENSE = 1e-3
 
+_SIZE = 4096  # rows and columns of a large weight
+
 # Targets of one row in float, as fractions of the read bandwidth.
 _BANDWIDTH = {
     **dict.fromkeys(("q4_0", "q4_1", "q8_0", "nf4", "fp4", "fp8_e4m3", "fp8_e5m2", "fp6"), 0.65),
@@ -85,13 +87,18 @@ def random_weight(fmt: Format, rows: int, columns: int) -> tuple[torch.Tensor, t
     return data, weight_formats.dequantize(fmt, part, columns).repeat(rows // some, 1)
 
 
+def _square(format_name: str, n: int = 1) -> tuple[Format, torch.Tensor, torch.Tensor, torch.Tensor]:
+    """A format, a weight in it of _SIZE rows and columns, the same as floats, and n input rows."""
+    fmt = FORMATS[format_name]
+    return fmt, *random_weight(fmt, _SIZE, _SIZE), torch.randn(n, _SIZE, generator=torch.Generator().manual_seed(1))
+
+
 def _linear_row(
     setting: Setting, format_name: str, dtype: torch.dtype, bars: list[Bar], n: int = 1, runs: int = 40
 ) -> Row:
-    fmt, size = FORMATS[format_name], 4096
-    weight, dense = random_weight(fmt, size, size)
-    x = torch.randn(n, size, generator=torch.Generator().manual_seed(1)).to(dtype)
-    name = f"forward_new {format_name} {size}x{size} {type_name(dtype)}" + (f", {n} rows" if n > 1 else "")
+    fmt, weight, dense, x = _square(format_name, n)
+    x = x.to(dtype)
+    name = f"forward_new {format_name} {_SIZE}x{_SIZE} {type_name(dtype)}" + (f", {n} rows" if n > 1 else "")
     device_x, device_weight = setting.on_device(x), setting.on_device(weight)
 
     def ours() -> torch.Tensor:
@@ -143,15 +150,13 @@ def halves(setting: Setting) -> list[Row]:
 
 
 def _half_row(setting: Setting, format_name: str, bars: list[Bar]) -> Row:
-    fmt, size = FORMATS[format_name], 4096
-    weight, dense = random_weight(fmt, size, size)
-    x = torch.randn(1, size, generator=torch.Generator().manual_seed(1))
+    fmt, weight, dense, x = _square(format_name)
     device_weight = setting.on_device(weight)
     calls = {
         dtype: partial(setting.ops.forward_new, setting.on_device(x.to(dtype)), device_weight, fmt.code, 1)
         for dtype in (torch.float16, torch.float32)
     }
-    name = f"forward_new {format_name} {size}x{size} float16"
+    name = f"forward_new {format_name} {_SIZE}x{_SIZE} float16"
     setting.check(name, calls[torch.float16], x @ dense.T, _NEAR[torch.float16])
     times = interleaved(calls, setting.runs(40), setting.flush)
     return Row(name, *times.values(), "the same in float32", bytes=weight.numel(), bars=bars)
@@ -178,9 +183,9 @@ def batches(setting: Setting) -> list[Row]:
 def vectors(setting: Setting) -> list[Row]:
     """A few input rows with the explicit-SIMD kernels of q4_0, against as many rounded operations and nothing else: one
     product and one sum for each weight and row."""
-    operations, size = RoundedOperations(setting.threads), 4096
+    operations = RoundedOperations(setting.threads)
     return [
-        _vector_row(setting, operations, size, n, dtype, device_class)
+        _vector_row(setting, operations, n, dtype, device_class)
         for device_class, counts in ((1, (2, 8, 32)), (4, (2, 8)))
         for n in counts
         for dtype in (torch.float32, torch.float16)
@@ -188,37 +193,33 @@ def vectors(setting: Setting) -> list[Row]:
 
 
 def _vector_row(
-    setting: Setting, operations: RoundedOperations, size: int, n: int, dtype: torch.dtype, device_class: int
+    setting: Setting, operations: RoundedOperations, n: int, dtype: torch.dtype, device_class: int
 ) -> Row:
-    fmt = FORMATS["q4_0"]
-    weight, dense = random_weight(fmt, size, size)
-    x = torch.randn(n, size, generator=torch.Generator().manual_seed(1)).to(dtype)
+    fmt, weight, dense, x = _square("q4_0", n)
+    x = x.to(dtype)
     device_x, device_weight = setting.on_device(x), setting.on_device(weight)
 
     def ours() -> torch.Tensor:
-        return setting.ops.batch_forward(device_x, device_weight, n, size, size, fmt.code, device_class)
+        return setting.ops.batch_forward(device_x, device_weight, n, _SIZE, _SIZE, fmt.code, device_class)
 
-    name = f"batch_forward q4_0 {size}x{size} {type_name(dtype)}, {n} rows, class {device_class}"
+    name = f"batch_forward q4_0 {_SIZE}x{_SIZE} {type_name(dtype)}, {n} rows, class {device_class}"
     setting.check(name, ours, x.float() @ dense.T, _NEAR[torch.float16])
-    times = setting.both(ours, partial(operations, n * size * size), 16)
+    times = setting.both(ours, partial(operations, n * _SIZE * _SIZE), 16)
     return Row(name, *times, "its rounded operations", bytes=weight.numel(), bars=[Bar("speed", 0.6)])
 
 
 def dequantize(setting: Setting) -> list[Row]:
     """A weight to floats: the kernel in a product of several rows, and the operation, against a copy of equal size."""
-    size = 4096
-    rate = copy_rate(torch.ones(size, size), setting.runs(24), setting.flush)
+    rate = copy_rate(torch.ones(_SIZE, _SIZE), setting.runs(24), setting.flush)
     rows = []
     for name in FORMATS:
-        fmt = FORMATS[name]
-        weight, dense = random_weight(fmt, size, size)
-        seconds = _dequantizing_kernel(setting, name, weight, size) if setting.ops is not None else None
+        _, weight, dense, _ = _square(name)
+        seconds = _dequantizing_kernel(setting, name, weight) if setting.ops is not None else None
         total = weight.numel() + dense.nbytes
         rows.append(Row(f"dequantize {name} 4096x4096 float32", seconds, total / rate, "copy of as many bytes",
                         bytes=total, byte_rate=rate, bars=[Bar("copy", 0.3)]))
-    fmt = FORMATS["q4_0"]
-    weight, dense = random_weight(fmt, size, size)
-    x_d, weight_d = setting.on_device(torch.empty(1, size)), setting.on_device(weight)
+    fmt, weight, dense, _ = _square("q4_0")
+    x_d, weight_d = setting.on_device(torch.empty(1, _SIZE)), setting.on_device(weight)
 
     def ours() -> torch.Tensor:
         return setting.ops.dequant(x_d, weight_d, fmt.code)
@@ -231,11 +232,11 @@ def dequantize(setting: Setting) -> list[Row]:
     return rows
 
 
-def _dequantizing_kernel(setting: Setting, name: str, weight: torch.Tensor, size: int) -> float:
+def _dequantizing_kernel(setting: Setting, name: str, weight: torch.Tensor) -> float:
     """Median seconds of the dequantizing kernel inside a product with 32 input rows."""
     import orrery_host
 
-    x, weight = setting.on_device(torch.zeros(32, size)), setting.on_device(weight)
+    x, weight = setting.on_device(torch.zeros(32, _SIZE)), setting.on_device(weight)
     seconds = []
     for _ in range(setting.runs(16) + 1):
         setting.flush()

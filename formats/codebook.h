@@ -26,6 +26,13 @@ constexpr nibble_table<T> nearest_values(const float (&table)[Codes]) {
   return values;
 }
 
+// Table[code], for codes of as many bits as the table needs.
+template <typename T, const auto& Table, typename Code, int N>
+simd<T, N> value_in(const simd<Code, N>& code) {
+  alignas(64) static constexpr nibble_table<T> values = nearest_values<T>(Table);
+  return value_of_nibble<T>(values, code);
+}
+
 // The half with these bits, widened to float.
 inline float half_of_bits(uint32_t bits) {
   const uint16_t half = static_cast<uint16_t>(bits);
@@ -48,7 +55,7 @@ struct half_of_high_byte {
     return std::bit_cast<float>((exponent + 112) << 23 | mantissa << 20);
   }
 };
-inline constexpr float_table half_by_high_byte = float_table::of(half_of_high_byte::value);
+inline constexpr auto half_by_high_byte = float_table<7>::of(half_of_high_byte::value);
 
 // Byte j holds element j in its high nibble and element j + 32 in its low one.
 struct nf4 : nibble_pairs<true>, half_scale {
@@ -65,19 +72,13 @@ struct nf4 : nibble_pairs<true>, half_scale {
     return times(to<T>(d), to<T>(table[code]));
   }
 
-  template <typename T, int N>
-  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
-    alignas(64) static constexpr nibble_table<T> values = nearest_values<T>(table);
-    return value_of_nibble<T>(values, code);
+  template <typename T, typename Code, int N>
+  static simd<T, N> unscaled(const simd<Code, N>& code) {
+    return value_in<T, table>(code);
   }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
     return unscaled<T>(code(word, k));
-  }
-  template <int N>
-  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
-    alignas(64) static constexpr nibble_table<c10::Half> values = nearest_values<c10::Half>(table);
-    return half_of_nibble(values, code);
   }
 };
 
@@ -119,10 +120,9 @@ struct nf3 : half_scale {
     return (block[e / 8] >> e % 8 & 1) * 4 + (block[low_at + e / 4] >> (6 - 2 * (e % 4)) & 3);
   }
 
-  template <typename T, int N>
-  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
-    alignas(64) static constexpr nibble_table<T> values = nearest_values<T>(table);
-    return value_of_nibble<T>(values, code);
+  template <typename T, typename Code, int N>
+  static simd<T, N> unscaled(const simd<Code, N>& code) {
+    return value_in<T, table>(code);
   }
 
   // Codes of the 16 elements from `e` on of one block; higher bits are unspecified.
@@ -168,11 +168,6 @@ struct nf3 : half_scale {
   static simd<uint16_t, 2 * N> pair_code(const simd<uint32_t, N> (&first)[2], const simd<uint32_t, N> (&second)[2],
                                          int k) {
     return lower_halves(code(first, k), code(second, k));
-  }
-  template <int N>
-  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
-    alignas(64) static constexpr nibble_table<c10::Half> values = nearest_values<c10::Half>(table);
-    return half_of_nibble(values, code);
   }
 
  private:
@@ -221,6 +216,10 @@ struct fp6 : half_scale {
   static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
     return convert<T>(lookup_signed(half_by_high_byte, code, 0));
   }
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint16_t, N>& code) {
+    return half_by_byte(code);
+  }
 
   // All codes of one block in order, from its bytes in the two planes.
   static simd<uint8_t, 64> codes_of_block(const uint8_t* low, const uint8_t* top) {
@@ -257,8 +256,7 @@ struct fp6 : half_scale {
 
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[3], int k) {
-    const auto four = four_codes(word, k);
-    return convert_exact<T>(signed_value_of_byte<half_of_high_byte>(four, place_of[element(k) % 4]));
+    return convert_exact<T>(value_of_byte<six_bits>(four_indexes(word, k), place_of[element(k) % 4]));
   }
   template <int N>
   static simd<uint16_t, 2 * N> pair_code(const simd<uint32_t, N> (&first)[3], const simd<uint32_t, N> (&second)[3],
@@ -266,10 +264,6 @@ struct fp6 : half_scale {
     const int byte = place_of[element(k) % 4];
     const auto a = four_codes(first, k), b = four_codes(second, k);
     return (byte < 2 ? lower_halves(a, b) : upper_halves(a, b)) >> byte % 2 * 8;
-  }
-  template <int N>
-  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
-    return half_by_byte(code);
   }
 
  private:
@@ -281,6 +275,19 @@ struct fp6 : half_scale {
     const int i = k / 4;
     return code_bytes(word[i / 2] << (i % 2 * 4), word[2] << (2 * i));
   }
+  // The same codes, each in the low six bits of its byte: sign and magnitude.
+  template <typename U>
+  static U four_indexes(const U (&word)[3], int k) {
+    const int i = k / 4;
+    const U low = i % 2 == 0 ? word[i / 2] >> 4 : word[i / 2], top = i == 0 ? word[2] >> 2 : word[2] << (2 * i - 2);
+    return (low & U(0x0F0F0F0F)) | (top & U(0x30303030));
+  }
+  struct six_bits {
+    static constexpr float value(int index) {
+      const float magnitude = half_of_high_byte::value(index & 31);
+      return index & 32 ? -magnitude : magnitude;
+    }
+  };
 
   static const uint8_t* top_plane(const uint8_t* weight, uint32_t scale_offset) {
     return weight + scale_offset / quant_bytes * low_bytes;
@@ -301,16 +308,16 @@ struct signed_magnitudes : whole_bytes, float_scale {
     return convert_exact<T>(lookup_signed(magnitudes, code, 0));
   }
   template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint16_t, N>& code) {
+    return Rule::half_of(code);
+  }
+  template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
     return convert_exact<T>(lookup_signed(magnitudes, word[k / 4], k % 4));
   }
-  template <int N>
-  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
-    return Rule::half_of(code);
-  }
 
  private:
-  static constexpr float_table magnitudes = float_table::of([](int code) { return Rule::magnitude(code); });
+  static constexpr auto magnitudes = float_table<7>::of([](int code) { return Rule::magnitude(code); });
 };
 
 // Sign, 4 exponent bits of bias 7, 3 mantissa bits; no infinity and no NaN.
@@ -351,12 +358,12 @@ struct fp8_e5m2 : whole_bytes, split_defaults {
     return convert<T>(lookup_signed(half_by_high_byte, code, 0));
   }
   template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint16_t, N>& code) {
+    return half_by_byte(code);
+  }
+  template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
     return convert_exact<T>(lookup_signed(half_by_high_byte, word[k / 4], k % 4));
-  }
-  template <int N>
-  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
-    return half_by_byte(code);
   }
 
   template <typename T, int N, int Share>

@@ -27,13 +27,14 @@ struct byte_reader {
 
   template <typename T, int C>
   static void read(const block_planes& at, uint64_t block, int place, simd<T, C> (&out)[per_place]) {
-    const auto byte = bytes<C>(at, block, place);
+    using Code = code_lane<T, C>;
+    const auto byte = bytes<Code, C>(at, block, place);
     // A code that is a half has no scale, and the plane may be null.
     const uint8_t* scales = Format::codes_are_halves ? nullptr : at.scales + block * scale_bytes;
     if constexpr (per_place == 2 && C >= 16) {
-      // 16 products, then look-ups, instead of a product per element.
-      const auto values = dequantized<Format, T, any_lanes>(simd<uint32_t, 16>::iota(), scales);
-      ORRERY_UNROLL for (int p = 0; p < 2; ++p) out[p] = lookup16(values, Format::byte_code(byte, p));
+      // One product per code, then look-ups, instead of a product per element.
+      const auto values = dequantized<Format, T, any_lanes>(simd<Code, table_size<Code>>::iota(), scales);
+      ORRERY_UNROLL for (int p = 0; p < 2; ++p) out[p] = lookup(values, Format::byte_code(byte, p));
     } else {
       ORRERY_UNROLL for (int p = 0; p < per_place; ++p) {
         out[p] = dequantized<Format, T, any_lanes>(Format::byte_code(byte, p), scales);
@@ -44,13 +45,14 @@ struct byte_reader {
   static constexpr bool reads_half_bits = Format::codes_are_halves;
   template <int C>
   static simd<uint16_t, C> half_bits(const block_planes& at, uint64_t block, int place) {
-    return convert<uint16_t>((bytes<C>(at, block, place) << 8) | simd<uint32_t, C>(uint32_t(Format::half_bits(0))));
+    using U = simd<uint16_t, C>;
+    return bytes<uint16_t, C>(at, block, place) << 8 | U(Format::half_bits(0));
   }
 
  private:
-  template <int C>
-  static simd<uint32_t, C> bytes(const block_planes& at, uint64_t block, int place) {
-    return convert<uint32_t>(simd<uint8_t, C>::load(at.quants + block * quant_bytes + place));
+  template <typename Lane, int C>
+  static simd<Lane, C> bytes(const block_planes& at, uint64_t block, int place) {
+    return convert<Lane>(simd<uint8_t, C>::load(at.quants + block * quant_bytes + place));
   }
 };
 
@@ -91,7 +93,7 @@ struct fp6_reader {
   static void read(const block_planes& at, uint64_t block, int, simd<T, C> (&out)[1]) {
     static_assert(C == places);
     const auto code = fp6::codes_of_block(at.quants + block * fp6::low_bytes, at.top_bits + block * fp6::top_bytes);
-    out[0] = dequantized<fp6, T, any_lanes>(convert<uint32_t>(code), at.scales + block * scale_bytes);
+    out[0] = dequantized<fp6, T, any_lanes>(convert<code_lane<T, C>>(code), at.scales + block * scale_bytes);
   }
 };
 

@@ -312,8 +312,8 @@ struct iq1_s : grid_block {
       static constexpr detail::sub_block_tables tables;
       const auto total = convert<float>(sum[0] + (sum[1] >> 2));
       const auto top = words >> 12;
-      const F dl = detail::halves(d[0], d[1]) * lookup16(F::load(tables.odd), top);
-      return (dl * F::load(in.d)) * total + (dl * F::load(in.sum)) * lookup16(F::load(tables.delta), top);
+      const F dl = detail::halves(d[0], d[1]) * lookup(F::load(tables.odd), top);
+      return (dl * F::load(in.d)) * total + (dl * F::load(in.sum)) * lookup(F::load(tables.delta), top);
     }
   };
 

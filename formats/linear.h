@@ -2,7 +2,7 @@
 //
 // A split format, in this header or codebook.h, has
 //   value<T>(code, d..)      the value rule for one element, from its stored scale
-//   unscaled<T>(code)        the same without the scale, one code per lane; higher bits of a lane are ignored
+//   unscaled<T>(code)        the same without the scale, one code per lane of code_lane; higher bits are ignored
 //   scaled<T, N, Share>(..)  a sum of unscaled terms times the scale; `Share` neighbouring lanes are in one block
 //   scaled_pairs<T, N, Share>(..)   the same for two rows side by side, of N lanes each
 //   run, words               elements of a work-item per pass, and 32-bit words that hold their codes
@@ -11,7 +11,6 @@
 //   prefetch_codes<N>(..)    prefetches the words of N such runs
 //   term<T>(words, k)        the unscaled value of the k-th term of the run's sum
 //   pair_code(words, words, k)   the k-th terms' codes of two rows side by side, in the low bits of 16-bit lanes
-//   half_of(code)            their unscaled values, where the machine computes in half
 //   first_element, element   the run's first element in the block, and its k-th term relative to that
 // members of split_defaults that it overrides, and, if each byte holds whole codes,
 //   codes_per_byte           1 or 2
@@ -37,6 +36,10 @@ template <typename T>
 T times(T a, T b) {
   return (simd<T, 1>(a) * simd<T, 1>(b))[0];
 }
+
+// Lanes for N codes with values of type T: 16 bits, if the values are halves and fill vectors.
+template <typename T, int N>
+using code_lane = std::conditional_t<sizeof(register_type<T>) == 2 && N % 32 == 0, uint16_t, uint32_t>;
 
 // Defaults of a split format.
 struct split_defaults {
@@ -113,8 +116,8 @@ struct nibble_pairs : byte_runs<16> {
   static constexpr int first_element(int o) { return o / 2; }
 
   static constexpr int byte_element(int j, int p) { return j + 32 * p; }
-  template <int N>
-  static simd<uint32_t, N> byte_code(const simd<uint32_t, N>& byte, int p) {
+  template <typename Lanes>
+  static Lanes byte_code(const Lanes& byte, int p) {
     return byte >> shift(p);
   }
   template <int N>
@@ -138,25 +141,21 @@ template <typename T>
 using nibble_table = nibble_values<register_type<T>>;
 
 // values[code & 15].
-template <typename T, int N>
-simd<T, N> value_of_nibble(const nibble_table<T>& values, const simd<uint32_t, N>& code) {
+template <typename T, typename Code, int N>
+simd<T, N> value_of_nibble(const nibble_table<T>& values, const simd<Code, N>& code) {
   if constexpr (N == 1) {
     return simd<T, 1>(T(values[code[0] & 15]));
   } else {
-    return lookup16(simd<T, 16>::load_register_values(values.data()), code);
+    return lookup(simd<T, table_size<Code>>::load_register_values(values.data()), code);
   }
-}
-template <int N>
-simd<c10::Half, N> half_of_nibble(const nibble_table<c10::Half>& values, const simd<uint16_t, N>& code) {
-  return lookup32(simd<c10::Half, 32>::load_register_values(values.data()), code);
 }
 
 // Nibbles with values by Rule, as floats with a zero lower half. Of the eight nibbles of a word, the four in the upper
 // half are looked up in place, which saves their shifts (7% of a product).
 template <typename Rule>
 struct ruled_nibbles : nibble_pairs<false> {
-  template <typename T, int N>
-  static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
+  template <typename T, typename Code, int N>
+  static simd<T, N> unscaled(const simd<Code, N>& code) {
     return value_of_nibble<T>(values_of_nibbles<Rule, register_type<T>>, code);
   }
   template <typename T, int N>
@@ -165,10 +164,6 @@ struct ruled_nibbles : nibble_pairs<false> {
       if (k % 8 >= 4) return convert_exact<T>(value_of_upper_word<Rule, 4>(nibble_pairs::code(word, k - 4)));
     }
     return unscaled<T>(nibble_pairs::code(word, k));
-  }
-  template <int N>
-  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
-    return half_of_nibble(values_of_nibbles<Rule, register_type<c10::Half>>, code);
   }
 };
 
@@ -204,7 +199,7 @@ struct q4_1 : ruled_nibbles<plain_code>, split_defaults {
       static_assert(N / Share <= 8);
       const auto pairs = convert<T>(simd<c10::Half, 16>::load(p));
       const auto d = simd<uint32_t, N>::iota() >> std::countr_zero(unsigned(Share)) << 1;
-      return s * lookup16(pairs, d) + x * lookup16(pairs, d | simd<uint32_t, N>(1));
+      return s * lookup(pairs, d) + x * lookup(pairs, d | simd<uint32_t, N>(1));
     }
   }
   template <typename T, int N, int Share>
@@ -226,8 +221,8 @@ struct whole_bytes : byte_runs<8> {
   static constexpr int first_element(int o) { return o; }
 
   static constexpr int byte_element(int j, int) { return j; }
-  template <int N>
-  static simd<uint32_t, N> byte_code(const simd<uint32_t, N>& byte, int) {
+  template <typename Lanes>
+  static Lanes byte_code(const Lanes& byte, int) {
     return byte;
   }
   template <int N>
@@ -247,15 +242,15 @@ struct q8_0 : whole_bytes, float_scale {
   static simd<T, N> unscaled(const simd<uint32_t, N>& code) {
     return from_top_byte<T>(code << 24);
   }
+  // As from_byte, with the exponent of 1024.
+  template <typename T, int N>
+  static simd<T, N> unscaled(const simd<uint16_t, N>& code) {
+    using U = simd<uint16_t, N>;
+    return bit_cast<T>((code & U(0xFF)) ^ U(0x6480)) - simd<T, N>(T(1152.0f));
+  }
   template <typename T, int N>
   static simd<T, N> term(const simd<uint32_t, N> (&word)[2], int k) {
     return from_byte<T>(word[k / 4], k % 4);
-  }
-  // As from_byte, with the exponent of 1024.
-  template <int N>
-  static simd<c10::Half, N> half_of(const simd<uint16_t, N>& code) {
-    using U = simd<uint16_t, N>;
-    return bit_cast<c10::Half>((code & U(0xFF)) ^ U(0x6480)) - simd<c10::Half, N>(c10::Half(1152.0f));
   }
 
  private:
@@ -279,8 +274,8 @@ struct q8_0 : whole_bytes, float_scale {
 
 // Dequantizes one code per lane. `Share` neighbouring lanes are in one block; the scale of the first block is at
 // `scales`.
-template <typename Format, typename T, int Share, int N>
-simd<T, N> dequantized(const simd<uint32_t, N>& code, const uint8_t* scales) {
+template <typename Format, typename T, int Share, typename Code, int N>
+simd<T, N> dequantized(const simd<Code, N>& code, const uint8_t* scales) {
   if constexpr (Format::rounds_last) {
     return convert<T>(Format::template scaled<float, N, Share>(Format::template unscaled<float>(code), scales));
   } else if constexpr (Format::has_offset) {

@@ -39,29 +39,19 @@ struct gated_kernel {
 
   template <typename Item>
   void operator()(const Item& item) const {
-    if constexpr (takes_whole_groups<Item>) {
-      item.when_last([&] { take_groups(item, 1); });
-    } else {
-      one_group(item);
-    }
+    compute_group(*this, item);
   }
 
   template <typename Item>
   size_t take_groups(const Item& item, size_t most) const requires takes_whole_groups<Item> {
-    const size_t groups = std::min<size_t>(most, sums_type::groups_at_once);
-    const uint64_t first = R * item.group(), rows = std::min<uint64_t>(R * groups, output_size - first);
+    const auto rows = sums_type::take_rows(item, most, output_size);
     const auto* x = sums.shared_inputs(item);
-    const auto sum = [&](int w) { return sums.template of_groups<Item::lanes>(x, rows_of(w, first), rows); };
+    const auto sum = [&](int w) { return sums.template of_groups<Item::lanes>(x, rows_of(w, rows.first), rows.count); };
     const auto gate = sum(0), up = sum(1);
-    gated(act_type, gate, up).store(result + first, mask<sums_type::most_rows>::first(rows));
-    return groups;
+    gated(act_type, gate, up).store(result + rows.first, mask<sums_type::most_rows>::first(rows.count));
+    return rows.groups;
   }
   size_t groups_together() const { return sums_type::groups_at_once; }
-
- private:
-  weight_rows rows_of(int w, uint64_t first) const {
-    return {.weight = weight[w], .scale_offset = scale_offset, .first = first, .next = R};
-  }
 
   template <typename Item>
   void one_group(const Item& item) const {
@@ -76,6 +66,11 @@ struct gated_kernel {
     tree_sums<WG, 2 * R>(item, &partial[0], acc, [&](const T(&totals)[2 * R]) {
       store_gated<R>(act_type, totals, result + first, static_cast<int64_t>(output_size - first));
     });
+  }
+
+ private:
+  weight_rows rows_of(int w, uint64_t first) const {
+    return {.weight = weight[w], .scale_offset = scale_offset, .first = first, .next = R};
   }
 };
 

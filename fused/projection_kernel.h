@@ -32,11 +32,7 @@ struct projection_kernel {
 
   template <typename Item>
   void operator()(const Item& item) const {
-    if constexpr (takes_whole_groups<Item>) {
-      item.when_last([&] { take_groups(item, 1); });
-    } else {
-      one_pair(item);
-    }
+    compute_group(*this, item);
   }
 
   // On the host: neighbouring pairs of a head, of one projection after another.
@@ -48,6 +44,21 @@ struct projection_kernel {
     return all ? pairs * count : 1;
   }
   size_t groups_together() const { return sums_type::groups_at_once * count; }
+
+  template <typename Item>
+  void one_group(const Item& item) const {
+    // The same for the whole group: the range is that of the projection with most rows.
+    const uint64_t p = item.group(1);
+    if (to.is_beyond(p, item.group(0))) return;
+    const rotary_pair pair(to, item.group(0));
+    if (pair.first + to.half_head >= to.of[p].output_size) return;
+    simd<T, 1> acc[2];
+    sums.add(item, acc, sums.input_order(item), rows_of(p, pair, pair.next(to)));
+    tree_sums<WG, 2>(item, &partial[0], acc, [&](const T(&totals)[2]) {
+      store_pairs<HasBias>(to, p, pair, 1, simd<T, 1>(totals[0]), simd<T, 1>(totals[1]),
+                           [&] { return rotary_turns<1>::of(to, pair.i); });
+    });
+  }
 
  private:
   static constexpr int pairs_at_once = sums_type::groups_at_once;
@@ -88,21 +99,6 @@ struct projection_kernel {
       const auto* cs = reinterpret_cast<const float*>(shared + inputs) + pair.i;
       using F = simd<float, pairs_at_once>;
       return rotary_turns<pairs_at_once>{F::load(cs), F::load(cs + turns)};
-    });
-  }
-
-  template <typename Item>
-  void one_pair(const Item& item) const {
-    // The same for the whole group: the range is that of the projection with most rows.
-    const uint64_t p = item.group(1);
-    if (to.is_beyond(p, item.group(0))) return;
-    const rotary_pair pair(to, item.group(0));
-    if (pair.first + to.half_head >= to.of[p].output_size) return;
-    simd<T, 1> acc[2];
-    sums.add(item, acc, sums.input_order(item), rows_of(p, pair, pair.next(to)));
-    tree_sums<WG, 2>(item, &partial[0], acc, [&](const T(&totals)[2]) {
-      store_pairs<HasBias>(to, p, pair, 1, simd<T, 1>(totals[0]), simd<T, 1>(totals[1]),
-                           [&] { return rotary_turns<1>::of(to, pair.i); });
     });
   }
 };

@@ -63,30 +63,23 @@ template <typename Rule, int Bits, int At, int N>
 ORRERY_INLINE inline simd<float, N> value_of_code(const simd<uint32_t, N>& word) {
   static_assert(Bits <= 6);
   if constexpr (has_upper_word_lookup<N> && N == 16 && Bits == 4 && At < 16) {
-    return lookup16(simd<float, 16>::load(values_of_nibbles<Rule, float>.data()), word >> At);
+    return lookup(simd<float, 16>::load(values_of_nibbles<Rule, float>.data()), word >> At);
   } else {
     return value_of_upper_word<Rule, Bits>(At < 16 ? word << (16 - At) : word >> (At - 16));
   }
 }
 
-// Rule::value of the low five bits of byte k of each lane as a float, negative if that byte's top bit is set.
-template <typename Rule, int N>
-ORRERY_INLINE inline simd<float, N> signed_value_of_byte(const simd<uint32_t, N>& codes, int k) {
-  using U = simd<uint32_t, N>;
-  const U in_upper_word = k < 2 ? codes << (16 - 8 * k) : codes >> (8 * k - 16);
-  const U sign = (k < 3 ? codes << (24 - 8 * k) : codes) & U(0x80000000u);
-  return bit_cast<float>(bit_cast<uint32_t>(value_of_upper_word<Rule, 5>(in_upper_word)) | sign);
-}
-
-// Floats by 7-bit code, of which only the upper 16 bits may be set.
+// Floats by code, of which only the upper 16 bits may be set.
+template <int Bits>
 struct float_table {
-  alignas(64) uint8_t top[128];
-  alignas(64) uint8_t second[128];
+  static constexpr int size = 1 << Bits;
+  alignas(64) uint8_t top[size];
+  alignas(64) uint8_t second[size];
 
   template <typename F>
   static constexpr float_table of(F value) {
     float_table t{};
-    for (int code = 0; code < 128; ++code) {
+    for (int code = 0; code < size; ++code) {
       const uint32_t bits = std::bit_cast<uint32_t>(static_cast<float>(value(code)));
       t.top[code] = static_cast<uint8_t>(bits >> 24);
       t.second[code] = static_cast<uint8_t>(bits >> 16);
@@ -97,8 +90,19 @@ struct float_table {
 
 // Lane i is the table's float for the low seven bits of byte k of codes[i], negative if the byte's top bit is set.
 template <int N>
-inline simd<float, N> lookup_signed(const float_table& table, const simd<uint32_t, N>& codes, int k) {
+inline simd<float, N> lookup_signed(const float_table<7>& table, const simd<uint32_t, N>& codes, int k) {
   return lookup_signed(table.top, table.second, codes, k);
+}
+
+// Rule::value of the low six bits of byte k of each lane, as a float whose lower half must be zero.
+template <typename Rule, int N>
+ORRERY_INLINE inline simd<float, N> value_of_byte(const simd<uint32_t, N>& codes, int k) {
+  if constexpr (has_byte_lookup<N>) {
+    static constexpr auto table = float_table<6>::of(Rule::value);
+    return lookup_bytes(table.top, table.second, codes, k);
+  } else {
+    return value_of_upper_word<Rule, 6>(k < 2 ? codes << (16 - 8 * k) : codes >> (8 * k - 16));
+  }
 }
 
 // Calls f with the integers 0 to Count - 1 as constants.

@@ -12,16 +12,24 @@ struct avx512_bytes : avx512 {
   static vector<float, W> lookup_signed(const uint8_t* top, const uint8_t* second, vector<uint32_t, W> words, int k) {
     if constexpr (W == 16) {
       const __m512i code = (__m512i)words;
-      const __m512i upper = lookup(top, code), lower = lookup(second, code);
-      const __m512i with_sign =
-          _mm512_ternarylogic_epi32(upper, code, _mm512_set1_epi8(-128), 0xF8);  // | (code & sign)
-      // Bytes 2 and 3 of a lane are byte k of the two results; index 64 is the second result's first byte.
-      const __m512i lane = (__m512i)(iota<uint32_t, 16>() * 4u + static_cast<uint32_t>(k));
-      const __m512i low = _mm512_maskz_slli_epi32(0xFFFF, lane, 16), high = _mm512_maskz_slli_epi32(0xFFFF, lane, 24);
-      const __m512i at = _mm512_or_si512(low, _mm512_or_si512(high, _mm512_set1_epi32(0x40000000)));
-      return (vector<float, 16>)_mm512_maskz_permutex2var_epi8(0xCCCCCCCCCCCCCCCC, lower, at, with_sign);
+      const __m512i sign = _mm512_set1_epi8(-128);
+      return float_of_bytes(_mm512_ternarylogic_epi32(lookup(top, code), code, sign, 0xF8),  // | (code & sign)
+                            lookup(second, code), k);
     } else {
       return avx512::lookup_signed<W>(top, second, words, k);
+    }
+  }
+  template <int W>
+  static constexpr bool looks_up_bytes = W == 16;
+  template <int W>
+  static vector<float, W> lookup_bytes(const uint8_t* top, const uint8_t* second, vector<uint32_t, W> words, int k) {
+    if constexpr (W == 16) {
+      const auto look_up = [&](const uint8_t* table) {
+        return (__m512i)lookup_64((bytes)_mm512_load_si512(table), (bytes)words);
+      };
+      return float_of_bytes(look_up(top), look_up(second), k);
+    } else {
+      return avx512::lookup_bytes<W>(top, second, words, k);
     }
   }
 
@@ -73,6 +81,15 @@ struct avx512_bytes : avx512 {
   }
 
  private:
+  // The floats whose upper bytes are byte k of the lanes of the two vectors. The compiler makes the pairs of bytes once
+  // for all k, so that with them a float takes two operations of one micro-operation each; a permutation of bytes from
+  // two registers takes three.
+  ORRERY_INLINE static vector<float, 16> float_of_bytes(__m512i upper, __m512i lower, int k) {
+    const auto high = (vector<uint16_t, 32>)upper, low = (vector<uint16_t, 32>)lower;
+    const auto pairs = (vector<uint32_t, 16>)(k % 2 == 0 ? high << 8u | (low & uint16_t(0xFF))
+                                                         : (high & uint16_t(0xFF00)) | low >> 8u);
+    return (vector<float, 16>)(k < 2 ? pairs << 16u : pairs & 0xFFFF0000u);
+  }
   // table[index & 127]
   ORRERY_INLINE static __m512i lookup(const uint8_t* table, __m512i index) {
     return _mm512_permutex2var_epi8(_mm512_load_si512(table), index, _mm512_load_si512(table + 64));

@@ -198,6 +198,16 @@ struct compiler_vectors {
       (std::make_integer_sequence<int, M>());
     }
   }
+  // In lanes of 64 bits: with shorter ones GCC takes a permutation of two registers.
+  template <typename S, int M>
+  static vector<S, 2 * M> join(vector<S, M> a, vector<S, M> b) {
+    constexpr int words = M * sizeof(S) / 8;
+    const auto low = (vector<uint64_t, words>)a, high = (vector<uint64_t, words>)b;
+    return [&]<int... I>(std::integer_sequence<int, I...>) {
+      return (vector<S, 2 * M>)__builtin_shufflevector(low, high, I...);
+    }
+    (std::make_integer_sequence<int, 2 * words>());
+  }
   template <typename S, int M, int W>
   static vector<S, W> widen(vector<S, M> few) {
     vector<S, W> wide{};
@@ -212,6 +222,12 @@ struct compiler_vectors {
   template <int Bits, int W>
   static vector<float, W> lookup_upper_words(const uint16_t* table, vector<uint32_t, W> words) {
     return through_portable<W>(words, [&](const auto& w) { return portable::lookup_upper_words<Bits, W>(table, w); });
+  }
+  template <int W>
+  static constexpr bool looks_up_bytes = false;
+  template <int W>
+  static vector<float, W> lookup_bytes(const uint8_t* top, const uint8_t* second, vector<uint32_t, W> words, int k) {
+    return through_portable<W>(words, [&](const auto& w) { return portable::lookup_bytes<W>(top, second, w, k); });
   }
   template <int W>
   static vector<float, W> lookup_signed(const uint8_t* top, const uint8_t* second, vector<uint32_t, W> words, int k) {

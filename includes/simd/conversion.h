@@ -17,11 +17,21 @@ inline simd<To, N> convert(const simd<From, N>& a) {
     constexpr int W = A::W < R::W ? A::W : R::W;
     using SA = typename A::S;
     using SR = typename R::S;
-    ORRERY_UNROLL for (int i = 0; i < N; i += W) {
+    const auto lanes_from = [&](int i) -> machine::vector<SR, W> {
       machine::vector<SA, W> x;
       std::memcpy(&x, reinterpret_cast<const char*>(&a.v) + i * sizeof(SA), sizeof x);
-      const machine::vector<SR, W> y = detail::rounded<To, W>(machine::convert<SR, SA, W>(x));
-      std::memcpy(reinterpret_cast<char*>(&r.v) + i * sizeof(SR), &y, sizeof y);
+      return detail::rounded<To, W>(machine::convert<SR, SA, W>(x));
+    };
+    if constexpr (R::W == 2 * W && W * sizeof(SR) >= 16) {
+      // In a register: through memory, a load of the whole vector would wait for both stores.
+      ORRERY_UNROLL for (int c = 0; c < R::chunks; ++c) {
+        r.v[c] = machine::join<SR, W>(lanes_from(2 * c * W), lanes_from((2 * c + 1) * W));
+      }
+    } else {
+      ORRERY_UNROLL for (int i = 0; i < N; i += W) {
+        const auto y = lanes_from(i);
+        std::memcpy(reinterpret_cast<char*>(&r.v) + i * sizeof(SR), &y, sizeof y);
+      }
     }
     return r;
   }

@@ -9,11 +9,13 @@
 
 #include <sycl/sycl.hpp>
 
+#include "register_type.h"
+
 #if !defined(SYCL_EXT_ORRERY_HOST) || defined(ORRERY_PORTABLE_VECTORS)
 #define ORRERY_VECTORS portable
 #include "portable.h"
 #elif defined(__AVX512F__) && defined(__AVX512BW__) && defined(__AVX512DQ__) && defined(__AVX512VL__)
-#if defined(__AVX512VBMI__) && defined(__AVX512VNNI__) && defined(__AVX512FP16__)
+#ifdef ORRERY_HALF_ARITHMETIC
 #define ORRERY_VECTORS avx512_half
 #define ORRERY_BYTE_VECTORS avx512_half
 #include "avx512_half.h"

@@ -255,6 +255,16 @@ struct portable {
     for (int i = 0; i < M; ++i) r.lane[i] = v.lane[First + i];
     return r;
   }
+  // The lanes of `a` followed by those of `b`, of 16 bytes or more each.
+  template <typename S, int M>
+  static vector<S, 2 * M> join(const vector<S, M>& a, const vector<S, M>& b) {
+    vector<S, 2 * M> r;
+    for (int i = 0; i < M; ++i) {
+      r.lane[i] = a.lane[i];
+      r.lane[M + i] = b.lane[i];
+    }
+    return r;
+  }
   // A short vector in the low lanes of one of W; the other lanes are unspecified.
   template <typename S, int M, int W>
   static vector<S, W> widen(const vector<S, M>& few) {
@@ -275,6 +285,21 @@ struct portable {
   static vector<float, W> lookup_upper_words(const uint16_t* table, const vector<uint32_t, W>& words) {
     vector<float, W> r;
     for (int i = 0; i < W; ++i) r.lane[i] = float_of(table[words.lane[i] >> 16 & ((1 << Bits) - 1)], 0);
+    return r;
+  }
+  // Whether lookup_bytes is a few instructions.
+  template <int W>
+  static constexpr bool looks_up_bytes = false;
+  // The float whose upper bytes are top[code] and second[code], for the low six bits of byte k of each word. Both
+  // tables have 64 entries at multiples of 64 bytes.
+  template <int W>
+  static vector<float, W> lookup_bytes(const uint8_t* top, const uint8_t* second, const vector<uint32_t, W>& words,
+                                       int k) {
+    vector<float, W> r;
+    for (int i = 0; i < W; ++i) {
+      const uint32_t code = words.lane[i] >> (8 * k) & 63;
+      r.lane[i] = float_of(top[code] << 8 | second[code], 0);
+    }
     return r;
   }
   // The float whose upper bytes are top[code] and second[code], for the low seven bits of byte k of each word, negative

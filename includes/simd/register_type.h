@@ -9,7 +9,8 @@
 #include <type_traits>
 
 // Whether the machine computes in half, which rounds once as the emulation does: the bits are the same.
-#if defined(SYCL_EXT_ORRERY_HOST) && !defined(ORRERY_PORTABLE_VECTORS) && defined(__AVX512FP16__)
+#if defined(SYCL_EXT_ORRERY_HOST) && !defined(ORRERY_PORTABLE_VECTORS) && defined(__AVX512FP16__) && \
+    defined(__AVX512VBMI__) && defined(__AVX512VNNI__)
 #define ORRERY_HALF_ARITHMETIC
 #endif
 

@@ -131,9 +131,13 @@ ORRERY_INLINE inline simd<T, 2 * N> join_pairs(const simd<T, N>& even, const sim
   return r;
 }
 
+// Entries of a table in a register, by the type of the codes that look it up.
+template <typename Code>
+constexpr int table_size = sizeof(Code) == 2 ? 32 : 16;
+
 // table[code & 15]. Register permutations ignore the upper bits of an index, so no mask is needed.
 template <typename T, int N>
-inline simd<T, N> lookup16(const simd<T, 16>& table, const simd<uint32_t, N>& code) {
+inline simd<T, N> lookup(const simd<T, 16>& table, const simd<uint32_t, N>& code) {
   using V = simd<T, N>;
   using S = typename V::S;
   using I = detail::int_like<S>;
@@ -162,7 +166,7 @@ inline simd<T, N> lookup16(const simd<T, 16>& table, const simd<uint32_t, N>& co
 
 // table[code & 31], for values of 16 bits.
 template <typename T, int N>
-inline simd<T, N> lookup32(const simd<T, 32>& table, const simd<uint16_t, N>& code) {
+inline simd<T, N> lookup(const simd<T, 32>& table, const simd<uint16_t, N>& code) {
   using V = simd<T, N>;
   using S = typename V::S;
   using I = detail::int_like<S>;
@@ -187,6 +191,23 @@ ORRERY_INLINE inline simd<float, N> lookup_upper_words(const uint16_t* table, co
   simd<float, N> r;
   ORRERY_UNROLL for (int c = 0; c < U::chunks; ++c) {
     r.v[c] = machine::lookup_upper_words<Bits, U::W>(table, words.v[c]);
+  }
+  return r;
+}
+
+// Whether lookup_bytes is a few instructions.
+template <int N>
+constexpr bool has_byte_lookup = machine::looks_up_bytes<simd<uint32_t, N>::W>;
+
+// The float whose upper bytes are top[code] and second[code], for the low six bits of byte k of each lane. Both tables
+// have 64 entries at multiples of 64 bytes.
+template <int N>
+ORRERY_INLINE inline simd<float, N> lookup_bytes(const uint8_t* top, const uint8_t* second,
+                                                 const simd<uint32_t, N>& words, int k) {
+  using U = simd<uint32_t, N>;
+  simd<float, N> r;
+  ORRERY_UNROLL for (int c = 0; c < U::chunks; ++c) {
+    r.v[c] = machine::lookup_bytes<U::W>(top, second, words.v[c], k);
   }
   return r;
 }

@@ -408,7 +408,7 @@ def test_table_of_16_ignores_upper_bits(name, width):
     table = sample(name, 16, 9)
     code = rng.integers(0, 2**32, 5 * width, np.uint32)
     code[:width] = np.arange(width) % 16
-    out = run("lookup16", name, width, blank(name, 5 * width), a=code, b=table)
+    out = run("lookup", name, width, blank(name, 5 * width), a=code, b=table)
     equal(name, out, table[code & 15], any_nan=True)
 
 

@@ -61,7 +61,9 @@ template <typename Format, typename T, int N>
 std::vector<double> read(const std::vector<uint32_t>& codes, const uint8_t* scales) {
   std::vector<double> values;
   for (size_t i = 0; i < codes.size(); i += N) {
-    const auto some = formats::dequantized<Format, T, 4>(simd<uint32_t, N>::load(codes.data() + i), scales);
+    using Lane = formats::code_lane<std::conditional_t<Format::rounds_last, float, T>, N>;
+    const auto lanes = convert<Lane>(simd<uint32_t, N>::load(codes.data() + i));
+    const auto some = formats::dequantized<Format, T, 4>(lanes, scales);
     for (int lane = 0; lane < N; ++lane) values.push_back(some[lane]);
   }
   return values;

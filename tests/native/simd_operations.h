@@ -196,9 +196,9 @@ struct vectors {
     } else {
       unary("sqrt", [](V x) { return orrery::sqrt(x); });
       if constexpr (std::is_same_v<T, double> && N == 1) unary("rsqrt", [](V x) { return V(sycl::rsqrt(x[0])); });
-      add<T, N>("lookup16", [](const call& c, int64_t k) {
+      add<T, N>("lookup", [](const call& c, int64_t k) {
         const auto table = orrery::simd<T, 16>::load(static_cast<const T*>(c.b));
-        orrery::lookup16(table, orrery::simd<uint32_t, N>::load(static_cast<const uint32_t*>(c.a) + k * N))
+        orrery::lookup(table, orrery::simd<uint32_t, N>::load(static_cast<const uint32_t*>(c.a) + k * N))
             .store(out(c, k));
       });
     }

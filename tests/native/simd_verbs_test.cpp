@@ -212,6 +212,12 @@ void add_moves(const std::string& suffix) {
       const auto wide = Set::template widen<S, H, W>(Set::template part<S, W, 0, H>(a));
       result<S, H>(out, 2, Set::template part<S, W, 0, H>(wide));
     });
+    if constexpr (W * sizeof(S) >= 32) {
+      add<Set>("join" + suffix, [](const char* in, char* out) {
+        const auto first = operand<Set, S, W / 2>(in, 0), second = operand<Set, S, W / 2>(in, 1);
+        result<S, W>(out, 0, Set::template join<S, W / 2>(first, second));
+      });
+    }
   }
 }
 
@@ -240,6 +246,13 @@ void add_look_ups(const std::string& suffix) {
     result<uint32_t, W>(out, 1, Set::template lookup_upper_words<6, W>(table, words));
     for (int i = 16; i < 32; ++i) table[i] = table[i - 16];
     result<uint32_t, W>(out, 2, Set::template lookup_upper_words<4, W>(table, words));
+  });
+  add<Set>("lookup_bytes" + suffix, [](const char* in, char* out) {
+    alignas(64) uint8_t top[64], second[64];
+    std::memcpy(top, in, sizeof top);
+    std::memcpy(second, in + 64, sizeof second);
+    const auto words = operand<Set, uint32_t, W>(in, 1);
+    for (int k = 0; k < 4; ++k) result<uint32_t, W>(out, k, Set::template lookup_bytes<W>(top, second, words, k));
   });
   add<Set>("lookup_signed" + suffix, [](const char* in, char* out) {
     alignas(64) uint8_t top[128], second[128];
