@@ -150,7 +150,7 @@ def lines_until(stream, pattern):
     return text
 
 
-# The tiny model makes 1,500 tokens while a busy machine delivers a signal.
+# The tiny model makes a thousand tokens while a busy machine delivers a signal.
 SLOWLY = """
 import sys, time
 from orrery import cli
@@ -167,8 +167,10 @@ sys.exit(cli.main())
 def test_interrupt_ends_the_answer_only(environment, tiny):
     """The next question goes on from what the model has; the interrupted answer is part of the conversation."""
     arguments = [sys.executable, "-c", SLOWLY, "chat", "--model", str(tiny), "--tokens", "200"]
+    # A shell starts what runs in its background with the signal ignored, and processes inherit that.
     with subprocess.Popen(arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                          bufsize=0, env=environment) as chat:
+                          bufsize=0, env=environment,
+                          preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL)) as chat:
         try:
             chat.stdin.write("ab\n")
             chat.stdin.flush()
