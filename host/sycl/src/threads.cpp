@@ -198,7 +198,7 @@ class pool {
     const size_t shares = shares_.load(std::memory_order_relaxed);
     for (size_t k = 0; k < shares; ++k) {
       auto& left = slots_[(self + k) % shares].left;
-      share_left seen = left.load(std::memory_order_acquire);
+      share_left seen = dealt(left, number);
       while (seen.launch == number && seen.next < seen.end) {
         const share_left rest{number, seen.piece_end(), seen.end};
         // Succeeds only while the launch is running, and it cannot end before this piece is counted in done_.
@@ -210,6 +210,21 @@ class pool {
       }
     }
     return taken;
+  }
+
+  // A share of launch `number`, or of a later one. A worker may have run its own share before the caller has dealt this
+  // one; if it passed by, it would not come back, and the caller would be left alone with it.
+  static share_left dealt(const std::atomic<share_left>& left, uint32_t number) {
+    share_left seen = left.load(std::memory_order_acquire);
+    for (unsigned polls = 1; static_cast<int32_t>(seen.launch - number) < 0; ++polls) {
+      if (polls % 32 != 0) {
+        relax();
+      } else {
+        sched_yield();
+      }
+      seen = left.load(std::memory_order_acquire);
+    }
+    return seen;
   }
 
   void wait_for(size_t grains) {
