@@ -35,7 +35,7 @@ void check(bool holds, uint32_t line, const char* text) {
 
 }  // namespace
 
-at::Tensor bmm_xpu(at::Tensor A, at::Tensor B, at::Tensor C) {
+at::Tensor bmm_xpu(const at::Tensor& A, const at::Tensor& B, const at::Tensor& C) {
   check(A.dim() == 3 && B.dim() == 3, 10, "Input tensors must have 3 dimensions");
   check(A.size(0) == B.size(0) && A.size(2) == B.size(1), 11,
         "Input tensors dimensions do not match for batch multiplication");

@@ -107,11 +107,12 @@ std::vector<at::Tensor> project(const projection_plan& plan, const at::Tensor& i
 
 }  // namespace
 
-std::vector<at::Tensor> linear_xpu_fused_qkv(at::Tensor input, at::Tensor weight_q, at::Tensor weight_k,
-                                             at::Tensor weight_v, std::vector<at::Tensor> biases,
-                                             at::Tensor position_ids, at::Tensor cache_k, at::Tensor cache_v,
-                                             int32_t src_0_qtype, int32_t src_0_vtype, int64_t kv_seq_len,
-                                             int64_t head_size, float rope_base) {
+std::vector<at::Tensor> linear_xpu_fused_qkv(const at::Tensor& input, const at::Tensor& weight_q,
+                                             const at::Tensor& weight_k, const at::Tensor& weight_v,
+                                             std::vector<at::Tensor> biases, const at::Tensor& position_ids,
+                                             const at::Tensor& cache_k, const at::Tensor& cache_v, int32_t src_0_qtype,
+                                             int32_t src_0_vtype, int64_t kv_seq_len, int64_t head_size,
+                                             float rope_base) {
   const int64_t batch_size = input.size(0);
   const auto state_size = static_cast<uint64_t>(input.size(1));
   biases.resize(3);
@@ -125,9 +126,10 @@ std::vector<at::Tensor> linear_xpu_fused_qkv(at::Tensor input, at::Tensor weight
   return project(plan, input, all, position_ids, {cache_k, cache_v}, kv_seq_len, head_size, rope_base);
 }
 
-std::vector<at::Tensor> linear_xpu_fused_qk(at::Tensor input, at::Tensor weight_q, at::Tensor weight_k,
-                                            at::Tensor position_ids, at::Tensor cache_k, int32_t src_0_qtype,
-                                            int64_t kv_seq_len, int64_t head_size, float rope_base) {
+std::vector<at::Tensor> linear_xpu_fused_qk(const at::Tensor& input, const at::Tensor& weight_q,
+                                            const at::Tensor& weight_k, const at::Tensor& position_ids,
+                                            const at::Tensor& cache_k, int32_t src_0_qtype, int64_t kv_seq_len,
+                                            int64_t head_size, float rope_base) {
   const int64_t batch_size = input.size(0);
   const auto state_size = static_cast<uint64_t>(input.size(1));
   const std::vector<projected> all{{weight_q, {}, checked_rows(weight_q, src_0_qtype, state_size)},

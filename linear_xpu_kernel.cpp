@@ -56,7 +56,7 @@ at::Tensor run_rows(const at::Tensor& input, const at::Tensor& weight, const lin
 
 }  // namespace
 
-at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t seq_hint) {
+at::Tensor qlinear_dispatch(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t seq_hint) {
   if (find_weight_format(weight_format{qtype}) == nullptr) refuse_code(qtype);  // also codes that have sizes only
   linear_request request = request_of(input, weight, qtype);
   request.seq_hint = seq_hint;
@@ -78,7 +78,7 @@ at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, 
   return linear_by_tiles(input, weight, request, way);
 }
 
-at::Tensor qlinear_forward_xpu(at::Tensor input, at::Tensor weight, int32_t qtype) {
+at::Tensor qlinear_forward_xpu(const at::Tensor& input, const at::Tensor& weight, int32_t qtype) {
   const linear_request request = request_of(input, weight, qtype);
   using enum weight_format;
   constexpr weight_format served[] = {q4_0, q4_1, q8_0, nf4, fp8_e4m3, fp4, fp8_e5m2, iq2_xxs};

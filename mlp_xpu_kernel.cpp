@@ -28,8 +28,9 @@ linear_decision decide(const gated_plan& plan, uint64_t output_size, uint64_t st
 
 }  // namespace
 
-at::Tensor mlp_forward_xpu(at::Tensor input, at::Tensor weight_gate, at::Tensor weight_up, int64_t batch_size,
-                           int64_t state_size, int64_t output_size, int32_t act_type, int32_t qtype) {
+at::Tensor mlp_forward_xpu(const at::Tensor& input, const at::Tensor& weight_gate, const at::Tensor& weight_up,
+                           int64_t batch_size, int64_t state_size, int64_t output_size, int32_t act_type,
+                           int32_t qtype) {
   const gated_plan& plan = plan_of(gated_plans, weight_format{qtype}, device_class, "mlp_forward_xpu");
   ORRERY_ASSERT(batch_size == 1);
   const linear_decision way = decide(plan, static_cast<uint64_t>(output_size), static_cast<uint64_t>(state_size));

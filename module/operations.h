@@ -10,30 +10,33 @@
 namespace orrery {
 
 // linear_xpu_kernel
-at::Tensor qlinear_dispatch(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t seq_hint);
-at::Tensor qlinear_forward_xpu(at::Tensor input, at::Tensor weight, int32_t qtype);
-at::Tensor dequantize_rows_xpu(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t row_size);
+at::Tensor qlinear_dispatch(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t seq_hint);
+at::Tensor qlinear_forward_xpu(const at::Tensor& input, const at::Tensor& weight, int32_t qtype);
+at::Tensor dequantize_rows_xpu(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t row_size);
 
 // linear_xpu_fused_qkv_kernel
-std::vector<at::Tensor> linear_xpu_fused_qkv(at::Tensor input, at::Tensor weight_q, at::Tensor weight_k,
-                                             at::Tensor weight_v, std::vector<at::Tensor> biases,
-                                             at::Tensor position_ids, at::Tensor cache_k, at::Tensor cache_v,
-                                             int32_t src_0_qtype, int32_t src_0_vtype, int64_t kv_seq_len,
-                                             int64_t head_size, float rope_base);
-std::vector<at::Tensor> linear_xpu_fused_qk(at::Tensor input, at::Tensor weight_q, at::Tensor weight_k,
-                                            at::Tensor position_ids, at::Tensor cache_k, int32_t src_0_qtype,
-                                            int64_t kv_seq_len, int64_t head_size, float rope_base);
+std::vector<at::Tensor> linear_xpu_fused_qkv(const at::Tensor& input, const at::Tensor& weight_q,
+                                             const at::Tensor& weight_k, const at::Tensor& weight_v,
+                                             std::vector<at::Tensor> biases, const at::Tensor& position_ids,
+                                             const at::Tensor& cache_k, const at::Tensor& cache_v, int32_t src_0_qtype,
+                                             int32_t src_0_vtype, int64_t kv_seq_len, int64_t head_size,
+                                             float rope_base);
+std::vector<at::Tensor> linear_xpu_fused_qk(const at::Tensor& input, const at::Tensor& weight_q,
+                                            const at::Tensor& weight_k, const at::Tensor& position_ids,
+                                            const at::Tensor& cache_k, int32_t src_0_qtype, int64_t kv_seq_len,
+                                            int64_t head_size, float rope_base);
 
 // mlp_xpu_kernel
-at::Tensor mlp_forward_xpu(at::Tensor input, at::Tensor weight_gate, at::Tensor weight_up, int64_t batch_size,
-                           int64_t state_size, int64_t output_size, int32_t act_type, int32_t qtype);
+at::Tensor mlp_forward_xpu(const at::Tensor& input, const at::Tensor& weight_gate, const at::Tensor& weight_up,
+                           int64_t batch_size, int64_t state_size, int64_t output_size, int32_t act_type,
+                           int32_t qtype);
 
 // batch/batch_forward
 at::Tensor batch_forward(const at::Tensor& input, const at::Tensor& weight, int64_t input_size, int64_t state_size,
                          int64_t output_size, int32_t qtype, int32_t device_class);
 
 // bmm_xpu_kernel
-at::Tensor bmm_xpu(at::Tensor A, at::Tensor B, at::Tensor C);
+at::Tensor bmm_xpu(const at::Tensor& A, const at::Tensor& B, const at::Tensor& C);
 
 // sdp
 at::Tensor sdp(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,

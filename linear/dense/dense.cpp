@@ -67,7 +67,7 @@ at::Tensor linear_by_tiles(const at::Tensor& input, const at::Tensor& weight, co
   return result;
 }
 
-at::Tensor dequantize_rows_xpu(at::Tensor input, at::Tensor weight, int32_t qtype, int64_t row_size) {
+at::Tensor dequantize_rows_xpu(const at::Tensor& input, const at::Tensor& weight, int32_t qtype, int64_t row_size) {
   const at::Tensor rows = at::empty({input.size(0), input.size(1), row_size},
                                     at::TensorOptions().dtype(at::kFloat).device(weight.device()));
   const weight_format format{qtype};
